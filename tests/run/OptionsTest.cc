@@ -1,0 +1,58 @@
+#include "run/Options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+using namespace Job;
+
+Options parse(std::vector<char const*> arguments) {
+   arguments.insert(arguments.begin(), "run");
+   return parseOptions(static_cast<int>(arguments.size()), arguments.data());
+}
+
+TEST(Options, WhatIsGivenArrivesAndTheRestHasItsDefault) {
+   Options const all = parse(
+      {"--ports", "50", "--steps=7", "--seed", "18446744073709551615", "--trace", "a b.csv", "--socket", "/tmp/x"});
+   EXPECT_EQ(all.ports, 50u);
+   EXPECT_EQ(all.steps, 7u);
+   EXPECT_EQ(all.seed, 18446744073709551615u);
+   EXPECT_EQ(all.trace, "a b.csv");
+   EXPECT_EQ(all.socket, "/tmp/x");
+   Options const none = parse({});
+   EXPECT_TRUE(none.trace.empty() && none.socket.empty() && none.help.empty() && !none.driver);
+   EXPECT_EQ(none.seed, 1u);
+   EXPECT_NE(parse({"--help"}).help.find("--trace FILE"), std::string::npos);
+}
+
+TEST(Options, WrongUseIsOneClearLine) {
+   struct {
+      std::vector<char const*> arguments;
+      char const* message;
+   } const table[] = {
+      {{"--ports", "0"}, "--ports: expected a number from 1 to 10000, got '0'"},
+      {{"--ports", "10001"}, "--ports: expected a number from 1 to 10000, got '10001'"},
+      {{"--steps", "ten"}, "--steps: expected a number from 1 to 1000000, got 'ten'"},
+      {{"--steps", "1.5"}, "--steps: expected a number from 1 to 1000000, got '1.5'"},
+      {{"--seed", "18446744073709551616"},
+       "--seed: expected a number from 0 to 18446744073709551615, got '18446744073709551616'"},
+      {{"--seed", "-1"}, "--seed: expected a number from 0 to 18446744073709551615, got '-1'"},
+      {{"--port", "3"}, "The following arguments were not expected: 3 --port"},
+      {{"trace.csv"}, "The following argument was not expected: trace.csv"},
+      {{"--trace", ""}, "--trace: expected a path, got an empty text"},
+   };
+   for (auto const& c : table) {
+      SCOPED_TRACE(c.message);
+      try {
+         parse(c.arguments);
+         ADD_FAILURE() << "not refused";
+      } catch (UsageError const& e) {
+         EXPECT_EQ(std::string(e.what()), c.message);
+      }
+   }
+   EXPECT_THROW(parse({"--socket"}), UsageError);
+}
+
+} // namespace
