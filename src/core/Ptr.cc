@@ -1,0 +1,7 @@
+#include "core/Ptr.h"
+
+namespace Mox {
+
+bool VFPtrInterface::threadSafe_ = false;
+
+} // namespace Mox
