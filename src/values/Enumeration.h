@@ -1,0 +1,83 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <span>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace Mox {
+
+struct EnumRow {
+   std::int32_t number;
+   std::string_view name;
+};
+
+/// Qualified name and enumerators of one enumeration.
+template <std::size_t count> struct EnumTable {
+   std::string_view type;
+   std::array<EnumRow, count> rows;
+};
+
+template <class E, std::size_t count>
+constexpr EnumTable<count> enumeration(std::string_view type, std::pair<E, std::string_view> const (&enumerators)[count]) {
+   EnumTable<count> table{type, {}};
+   for (std::size_t i = 0; i < count; ++i)
+      table.rows[i] = {static_cast<std::int32_t>(enumerators[i].first), enumerators[i].second};
+   return table;
+}
+
+/// An enumeration that the library knows by its enumerators. It is declared with a function that argument-dependent look-up
+/// finds, and with the name that the attribute log calls:
+///
+///     enum class Fan : std::int32_t { off = 0, on = 1 };
+///     constexpr auto moxEnum(Fan) { return Mox::enumeration<Fan>("Rack::Fan", {{Fan::off, "off"}, {Fan::on, "on"}}); }
+///     constexpr Fan FanInstance(std::uint32_t number) { return Mox::enumInstance<Fan>(number); }
+///     using Mox::EnumText::operator<<;
+template <class E>
+concept Enumeration = std::is_enum_v<E> && requires { moxEnum(E{}); };
+
+template <Enumeration E> inline constexpr auto enumTable = moxEnum(E{});
+
+/// \throws EnumException naming the type, the number and the numbers known
+[[noreturn]] void throwEnumException(std::string_view type, std::uint32_t number, std::span<EnumRow const> known);
+
+/// The enumerator of that number. \throws EnumException when there is none
+template <Enumeration E> constexpr E enumInstance(std::uint32_t number) {
+   for (EnumRow const& row : enumTable<E>.rows)
+      if (row.number == static_cast<std::int32_t>(number))
+         return static_cast<E>(row.number);
+   throwEnumException(enumTable<E>.type, number, enumTable<E>.rows);
+}
+
+/// The enumerator's name; empty for a value that is no enumerator.
+template <Enumeration E> constexpr std::string_view enumName(E e) noexcept {
+   for (EnumRow const& row : enumTable<E>.rows)
+      if (row.number == static_cast<std::int32_t>(e))
+         return row.name;
+   return {};
+}
+
+template <Enumeration E> constexpr std::optional<E> enumOfName(std::string_view name) noexcept {
+   for (EnumRow const& row : enumTable<E>.rows)
+      if (row.name == name)
+         return static_cast<E>(row.number);
+   return std::nullopt;
+}
+
+/// Of its own, so that the namespaces of enumerations can take it in without the rest.
+namespace EnumText {
+
+/// Prints the name, or the number of what is no enumerator.
+template <Enumeration E> std::ostream& operator<<(std::ostream& out, E e) {
+   std::string_view const name = enumName(e);
+   return name.empty() ? out << static_cast<std::int32_t>(e) : out << name;
+}
+
+} // namespace EnumText
+
+} // namespace Mox
