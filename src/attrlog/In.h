@@ -1,0 +1,228 @@
+#pragma once
+
+#include "attrlog/Frames.h"
+#include "attrlog/MsgHeader.h"
+#include "core/Ptr.h"
+#include "core/String8.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Mox {
+
+/// Picks a value type's constructor from a stream: `T(NboAttrLog::In*, StreamBogon)`.
+struct StreamBogon {};
+
+namespace NboAttrLog {
+
+class Demuxer;
+
+/// One direction of a stream, the reading end: takes bytes as they arrive, cut anywhere, and shows one whole frame at a time.
+///
+///    in->consume(bytes, [&](NboAttrLog::In& frame) {
+///       if (frame.isControl())
+///          frame.dispatchControl(handler);     // handler(Hello const&), handler(Retire const&), …
+///       else
+///          port->refClockIs(frame.nextU32());
+///    });
+///
+/// A frame is read where it lies in the caller's bytes; only one that breaks off is kept, until the rest comes. Whatever
+/// frame was not read to its end is stepped over. The tokens around a body are checked and taken off before the frame is
+/// shown, so what the typed readers see is the body's values and nothing else.
+///
+/// *Exceptions*: ProtocolException from `next` and `consume` is the end of the connection: the bytes aren't a stream of frames.
+/// AttrLogRecordException from a typed reader is the end of that record only. Both name stream and offset.
+/// *Lifetime*: views and spans into a frame live until the next one.
+/// *Re-entrancy*: bytes that arrive while a frame is being handled wait in a queue.
+class In : public PtrInterface {
+public:
+   /// \param name of the stream or its peer, for messages
+   /// \param maximumFrame longest frame taken, in bytes after the length word: what this side's hello states
+   explicit In(std::string name = {}, std::uint32_t maximumFrame = frame::defaultMaximum)
+      : name_(std::move(name)), maximumFrame_(maximumFrame) {}
+
+   std::string const& name() const noexcept { return name_; }
+   void nameIs(std::string name) { name_ = std::move(name); }
+   std::uint32_t maximumFrame() const noexcept { return maximumFrame_; }
+
+   /// Who resolves this stream's identifiers; it outlives its use here.
+   Demuxer* demuxer() const noexcept { return demuxer_; }
+   void demuxerIs(Demuxer* demuxer) noexcept { demuxer_ = demuxer; }
+
+   // Bytes and frames ----------------------------------------------------------------------------------------------
+
+   /// Hands bytes over and calls `onFrame(*this)` for each frame that they complete. Called from within `onFrame`, it only
+   /// queues the bytes, for the outer call to go on with. An exception from `onFrame` passes through; the frame counts as
+   /// taken, and the next call goes on behind it.
+   template <class F> void consume(std::span<std::uint8_t const> bytes, F&& onFrame) {
+      feed(bytes);
+      if (consuming_)
+         return;
+      consuming_ = true;
+      try {
+         while (next())
+            onFrame(*this);
+      } catch (...) {
+         consuming_ = false;
+         keep();
+         throw;
+      }
+      consuming_ = false;
+   }
+
+   /// The two halves of `consume`, for callers with a loop of their own: after `feed`, the bytes must stay where they are
+   /// until `next` has returned false, or `keep` was called.
+   void feed(std::span<std::uint8_t const> bytes);
+   /// Steps to the next whole frame. False when there is none yet, and for good once the stream has been found broken.
+   bool next();
+   /// Copies what has not been stepped over; a later `feed` goes on from there. Where memory for bytes of the stream runs
+   /// out, here or elsewhere, the stream is broken from then on: it never goes on behind a gap.
+   void keep();
+
+   /// A new connection: forgets everything but name, limit and demultiplexer; expects a hello.
+   void reset() noexcept;
+
+   /// Frames that aren't control, the one in hand included.
+   U64 recordsRead() const noexcept { return recordsRead_; }
+   /// Control frames of unknown kind that were skipped.
+   U64 unknownControls() const noexcept { return unknownControls_; }
+   /// Bytes kept here: those of a frame that broke off, and those that wait in the queue.
+   std::size_t keptBytes() const noexcept;
+   bool isBroken() const noexcept { return broken_; }
+
+   // The frame in hand ---------------------------------------------------------------------------------------------
+
+   /// Stream offset of the frame's first byte.
+   U64 offset() const noexcept { return offset_; }
+   bool isControl() const noexcept { return (word_ & frame::controlBit) != 0; }
+   /// A record that asks to change the reader's own truth.
+   bool isWrite() const noexcept { return (word_ & frame::writeBit) != 0; }
+   /// A write's base: digest of the value that it was made over. 0 for other records.
+   U64 base() const noexcept { return base_; }
+   MsgHeader const& header() const noexcept { return header_; }
+   bool isMarker() const noexcept { return header_.kind == kind::marker && !isControl(); }
+
+   ControlKind controlKind() const noexcept { return controlKind_; }
+   /// Decodes the control frame in hand. \throws ProtocolException when it is too short for C's fields
+   template <ControlFrame C> C control() const { return decode<C>(body_, where()); }
+   /// Decodes the control frame in hand and calls `handler(frame)` with the struct of its kind.
+   template <class H> void dispatchControl(H&& handler) const {
+      withControlKind(controlKind_, [&]<class C>() { handler(control<C>()); });
+   }
+
+   /// The record's body, tokens left out; of a control frame the fields.
+   std::span<std::uint8_t const> body() const noexcept { return body_; }
+   /// Bytes of the body read so far.
+   std::size_t column() const noexcept { return static_cast<std::size_t>(at_ - body_.data()); }
+   /// What was read since the column stood there: the bytes that a digest is taken over.
+   std::span<std::uint8_t const> bytesSince(std::size_t column) const noexcept { return {body_.data() + column, at_}; }
+   /// Bytes left to read, of the open section if there is one.
+   std::size_t remaining() const noexcept { return static_cast<std::size_t>(limit_ - at_); }
+
+   // Typed readers -------------------------------------------------------------------------------------------------
+   //
+   // All throw AttrLogRecordException when the body, or its open section, ends before the value does.
+
+   template <WireScalar T> T nextScalar() {
+      std::uint8_t const* const p = take(sizeof(T));
+      if constexpr (std::same_as<T, bool>) {
+         if (*p > 1) [[unlikely]]
+            throwBadBool(*p);
+         return *p != 0;
+      } else {
+         return loadBigEndian<T>(p);
+      }
+   }
+   /// \throws AttrLogRecordException also for a byte other than 0 and 1
+   bool nextbool() { return nextScalar<bool>(); }
+   std::uint8_t nextU8() { return nextScalar<unsigned char>(); }
+   std::uint16_t nextU16() { return nextScalar<unsigned short>(); }
+   std::uint32_t nextU32() { return nextScalar<unsigned int>(); }
+   U64 nextU64() { return nextScalar<U64>(); }
+   int nextint() { return nextScalar<int>(); }
+   std::int32_t nextS32() { return nextScalar<int>(); }
+   S64 nextS64() { return nextScalar<S64>(); }
+   float nextF32() { return nextScalar<float>(); }
+   double nextF64() { return nextScalar<double>(); }
+   /// Seconds, as a double.
+   double nextSeconds() { return nextScalar<double>(); }
+   EntityId nextEntityId() { return EntityId::ofNumber(nextU64()); }
+   std::string_view nextStringView() {
+      std::size_t const size = nextU32();
+      return {reinterpret_cast<char const*>(take(size)), size};
+   }
+   String8 nextString() { return String8(nextStringView()); }
+   TypeId nextTypeId() {
+      std::size_t const size = nextU16();
+      return {{reinterpret_cast<char const*>(take(size)), size}};
+   }
+   /// Skips, and returns what was skipped.
+   std::span<std::uint8_t const> nextBytes(std::size_t n) { return {take(n), n}; }
+
+   /// Steps over the rest of the section before, and enters the next, which bounds the readers until another call.
+   /// Sections that come before it and that the caller doesn't ask for are stepped over.
+   /// \throws AttrLogRecordException when the body has no section `n` ahead
+   void nextSection(unsigned n);
+
+   /// "stream "x", offset 64": the frame in hand, for messages.
+   std::string where() const;
+
+private:
+   static constexpr std::size_t keptCapacity = 64 * 1024; ///< more than that is given back when it isn't needed any more
+
+   std::uint8_t const* take(std::size_t n) {
+      if (remaining() < n) [[unlikely]]
+         throwShort(n);
+      std::uint8_t const* const p = at_;
+      at_ += n;
+      return p;
+   }
+
+   bool step(std::uint8_t const*& frame);
+   bool stepCarried(std::uint8_t const*& frame);
+   void checkLength(std::uint32_t word);
+   bool accept(std::uint8_t const* frame, std::size_t size);
+   bool acceptControl(std::uint8_t const* at, std::uint8_t const* end);
+   void acceptFirst();
+   std::string whoseRecord() const;
+   [[noreturn]] void throwShort(std::size_t wanted) const;
+   [[noreturn]] void throwBadBool(std::uint8_t byte) const;
+   void insert(std::vector<std::uint8_t>& to, std::size_t at, std::span<std::uint8_t const> bytes);
+   void markBroken() noexcept;
+   [[noreturn]] void throwBroken(std::string const& text);
+
+   std::uint8_t const* at_ = nullptr;    ///< next byte of the body
+   std::uint8_t const* limit_ = nullptr; ///< end of the readable bytes: the open section's, or the body's
+   std::span<std::uint8_t const> body_;
+   MsgHeader header_;
+   U64 base_ = 0;
+   std::uint32_t word_ = 0;
+   ControlKind controlKind_{};
+   bool inSection_ = false;
+   bool helloSeen_ = false;
+   bool broken_ = false;
+   bool consuming_ = false;
+   bool carriedInHand_ = false; ///< the frame in hand lies in `carried_`
+   U64 offset_ = 0;
+   U64 nextOffset_ = 0;
+   U64 recordsRead_ = 0;
+   U64 unknownControls_ = 0;
+
+   std::span<std::uint8_t const> arrived_; ///< not stepped over yet: the caller's bytes, or `queue_`'s
+   std::vector<std::uint8_t> carried_;     ///< the start of a frame that broke off
+   std::vector<std::uint8_t> waiting_;     ///< behind `arrived_`
+   std::vector<std::uint8_t> queue_;       ///< what waited before, now being read
+   bool reading_ = false;                  ///< between `feed` and the `next` that returns false
+
+   std::string name_;
+   std::uint32_t maximumFrame_;
+   Demuxer* demuxer_ = nullptr;
+};
+
+} // namespace NboAttrLog
+} // namespace Mox
