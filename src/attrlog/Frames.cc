@@ -2,6 +2,7 @@
 
 #include "core/Text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
@@ -41,8 +42,8 @@ public:
       while (at_ < bytes_.size()) {
          limit_ = bytes_.size();
          if (char const* const why = frame()) {
-            line(limit_ - at_, why, "");
-            at_ = bytes_.size();
+            limit_ = bytes_.size();
+            line(left(), why, "", 1);
          }
       }
       return std::move(out_);
@@ -66,8 +67,8 @@ private:
    std::size_t left() const noexcept { return limit_ - at_; }
 
    /// Prints `n` bytes, which may take several lines; field and value stand on the first.
-   void line(std::size_t n, std::string_view field, std::string_view value) {
-      std::size_t const lines = n == 0 ? 0 : (n - 1) / bytesPerLine + 1;
+   void line(std::size_t n, std::string_view field, std::string_view value, std::size_t least = 0) {
+      std::size_t const lines = std::max(least, (n + bytesPerLine - 1) / bytesPerLine);
       for (std::size_t i = 0; i != lines; ++i) {
          char text[24];
          std::snprintf(text, sizeof text, "%6llu ", offset_ + at_);

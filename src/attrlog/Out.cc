@@ -88,17 +88,14 @@ void Out::rollback() noexcept {
 
 void Out::currentPayloadSectionIs(unsigned n) {
    std::uint8_t* const at = room(1 + 4);
-   if (section_ != 0) {
-      tail_ -= 5;
-      endSection();
-      tail_ += 5;
-   }
+   if (section_ != 0)
+      endSection(at);
    *at = static_cast<std::uint8_t>(n);
    section_ = static_cast<std::size_t>(at + 1 - record_);
 }
 
-void Out::endSection() noexcept {
-   storeBigEndian(record_ + section_, static_cast<std::uint32_t>(tail_ - (record_ + section_ + 4)));
+void Out::endSection(std::uint8_t const* end) noexcept {
+   storeBigEndian(record_ + section_, static_cast<std::uint32_t>(end - (record_ + section_ + 4)));
    section_ = 0;
 }
 

@@ -191,7 +191,7 @@ private:
          throwTooLong(size);
       storeBigEndian(record_, loadBigEndian<std::uint32_t>(record_) | static_cast<std::uint32_t>(size));
       if (section_ != 0) [[unlikely]]
-         endSection();
+         endSection(tail_ - 1); // the token is no part of it
       ++recordsWritten_;
       settle();
    }
@@ -210,7 +210,7 @@ private:
    void makeBodyRoom(std::size_t n);
    void moveTo(std::unique_ptr<std::uint8_t[]> bigger, std::size_t capacity) noexcept;
    void shrink() noexcept;
-   void endSection() noexcept;
+   void endSection(std::uint8_t const* end) noexcept;
    std::uint8_t* controlRoom(ControlKind kind, std::size_t size);
    std::string openRecordText() const;
    [[noreturn]] void throwRecordOpen() const;
