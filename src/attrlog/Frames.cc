@@ -147,7 +147,8 @@ private:
          return false;
       if (isWrite)
          number<U64>("base");
-      MsgHeader header = MsgHeader::load(bytes_.data() + at_);
+      MsgHeader header;
+      header.load(bytes_.data() + at_);
       MsgHeader::fields(header, [this](char const* name, auto const& v) { line(sizeof v, name, std::to_string(v)); });
       line(1, "token", bytes_[at_] == 1 ? "begin" : "(expected 1)");
       --limit_;

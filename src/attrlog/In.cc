@@ -196,7 +196,7 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
       base_ = loadBigEndian<U64>(at);
       at += frame::baseSize;
    }
-   header_ = MsgHeader::load(at);
+   header_.load(at);
    at += frame::headerSize;
    using Token = Connection::Out::TransactToken;
    if (*at != static_cast<std::uint8_t>(Token::begin) || end[-1] != static_cast<std::uint8_t>(Token::end))

@@ -99,13 +99,12 @@ struct MsgHeader {
          at += sizeof v;
       });
    }
-   static MsgHeader load(std::uint8_t const* at) noexcept {
-      MsgHeader h;
-      fields(h, [&at](char const*, auto& v) {
+   /// In place: a copy right behind the narrow stores would wait for every one of them.
+   void load(std::uint8_t const* at) noexcept {
+      fields(*this, [&at](char const*, auto& v) {
          v = loadBigEndian<std::remove_reference_t<decltype(v)>>(at);
          at += sizeof v;
       });
-      return h;
    }
 };
 

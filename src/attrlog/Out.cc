@@ -10,7 +10,8 @@ namespace Mox::NboAttrLog {
 
 std::string Out::openRecordText() const {
    bool const isWrite = (loadBigEndian<std::uint32_t>(record_) & frame::writeBit) != 0;
-   MsgHeader const h = MsgHeader::load(record_ + frame::lengthSize + (isWrite ? frame::baseSize : 0));
+   MsgHeader h;
+   h.load(record_ + frame::lengthSize + (isWrite ? frame::baseSize : 0));
    return "attribute " + std::to_string(h.attribute) + " of entity " + std::to_string(h.entity.number());
 }
 
