@@ -1,0 +1,103 @@
+#include "net/Carrier.h"
+
+#include "attrlog/LinkEnd.h"
+
+#include <asio/buffer.hpp>
+#include <asio/error.hpp>
+#include <asio/post.hpp>
+
+#include <span>
+#include <utility>
+
+namespace Mox {
+
+Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), end_(&end) {
+   socket_.non_blocking(true);
+}
+
+void Carrier::start() {
+   end_->connected();
+   awaitBytes();
+   flush();
+}
+
+void Carrier::awaitBytes() {
+   socket_.async_read_some(asio::buffer(arrived_),
+                           [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
+                              if (!self->isOpen())
+                                 return;
+                              if (error) {
+                                 self->close(error == asio::error::eof ? "the peer closed the connection"
+                                                                       : "reading failed: " + error.message());
+                                 return;
+                              }
+                              self->end_->bytesArrived(std::span(self->arrived_.data(), size));
+                              self->closeAtFailure();
+                              if (self->isOpen()) {
+                                 self->awaitBytes();
+                                 self->flush();
+                              }
+                           });
+}
+
+void Carrier::flush() {
+   // Asking for bytes drains flows, and what that runs may come back here through a poll of its own.
+   if (!isOpen() || awaitsRoom_ || flushing_)
+      return;
+   flushing_ = true;
+   asio::error_code error;
+   while (isOpen() && !error) {
+      std::span<std::uint8_t const> const bytes = end_->bytesToSend();
+      if (bytes.empty())
+         break;
+      // Written at once rather than by an asynchronous operation: the span lasts only until the next change.
+      std::size_t const written = socket_.write_some(asio::buffer(bytes.data(), bytes.size()), error);
+      if (!error)
+         end_->bytesSent(written);
+   }
+   flushing_ = false;
+   if (error == asio::error::would_block || error == asio::error::try_again)
+      awaitRoom();
+   else if (error)
+      // Bytes of the peer, its reason for leaving among them, may still wait to be read: the reader finds the end.
+      awaitsRoom_ = true;
+   else
+      closeAtFailure();
+}
+
+void Carrier::awaitRoom() {
+   awaitsRoom_ = true;
+   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](asio::error_code const& error) {
+      if (error || !self->isOpen())
+         return;
+      self->awaitsRoom_ = false;
+      self->flush();
+   });
+}
+
+void Carrier::closeAtFailure() {
+   if (isOpen() && !end_->failure().empty())
+      close(std::string(end_->failure()));
+}
+
+void Carrier::close(std::string_view reason) {
+   if (!isOpen())
+      return;
+   LinkEnd& end = *std::exchange(end_, nullptr);
+   asio::error_code ignored;
+   socket_.close(ignored);
+   // The owner drops link end and carrier when it is told: not before the calls that led here have returned.
+   asio::post(socket_.get_executor(), [self = shared_from_this(), text = std::string(reason)] {
+      if (self->lost_)
+         self->lost_(text);
+   });
+   end.peerGone(reason);
+}
+
+void Carrier::abandon() {
+   end_ = nullptr;
+   asio::error_code ignored;
+   socket_.close(ignored);
+}
+
+} // namespace Mox

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace Mox {
+
+class LinkEnd;
+
+/// Moves the bytes of one link end through one connected socket; internal to this folder.
+///
+/// *Lifetime*: pending operations hold the carrier, not the link end: whoever destroys the end closes the carrier first.
+class Carrier : public std::enable_shared_from_this<Carrier> {
+public:
+   using Socket = asio::local::stream_protocol::socket;
+   /// Called from the event loop, once, after the link end was told that its peer has gone.
+   using Lost = std::function<void(std::string const& reason)>;
+
+   Carrier(Socket socket, LinkEnd& end);
+
+   void onLost(Lost lost) { lost_ = std::move(lost); }
+
+   void start();
+   /// Writes what the link end has to send, as much as the socket takes.
+   void flush();
+   /// Ends the connection and tells the link end, if that has not happened yet.
+   void close(std::string_view reason);
+   /// Ends the connection and tells nobody: the link end is going.
+   void abandon();
+   bool isOpen() const noexcept { return end_ != nullptr; }
+
+private:
+   void awaitBytes();
+   void awaitRoom();
+   void closeAtFailure();
+
+   static constexpr std::size_t readSize = 65536;
+
+   Socket socket_;
+   LinkEnd* end_; ///< null once closed
+   Lost lost_;
+   bool awaitsRoom_ = false;
+   bool flushing_ = false;
+   std::array<std::uint8_t, readSize> arrived_;
+};
+
+} // namespace Mox

@@ -1,0 +1,54 @@
+#include "net/SocketLoop.h"
+
+#include "core/Exceptions.h"
+
+#include <asio/io_context.hpp>
+
+namespace Mox {
+
+SocketLoop::SocketLoop() : context_(std::make_unique<asio::io_context>(1)) {}
+
+SocketLoop::~SocketLoop() = default;
+
+bool SocketLoop::pollOnce(Milliseconds timeout) {
+   if (polling_)
+      throwInternalException("pollOnce called from inside a poll");
+   struct Polling {
+      bool& flag;
+      explicit Polling(bool& f) : flag(f) { flag = true; }
+      ~Polling() { flag = false; }
+   } const polling(polling_);
+
+   flush();
+   context_->restart();
+   // A peer that sends without pause must not keep this call from returning.
+   constexpr unsigned most = 64;
+   unsigned handled = 0;
+   while (handled < most && context_->poll_one() > 0)
+      ++handled;
+   if (handled == 0 && !context_->stopped() && timeout > Milliseconds(0))
+      while (handled < most && (handled == 0 ? context_->run_one_for(timeout) : context_->poll_one()) > 0)
+         ++handled;
+   flush();
+   return handled > 0;
+}
+
+bool SocketLoop::waitUntil(std::function<bool()> const& done, Milliseconds timeout) {
+   using Clock = std::chrono::steady_clock;
+   auto const end = Clock::now() + timeout;
+   while (!done()) {
+      auto const left = std::chrono::ceil<Milliseconds>(end - Clock::now());
+      if (left <= Milliseconds(0))
+         return false;
+      if (!pollOnce(left) && context_->stopped())
+         return done();
+   }
+   return true;
+}
+
+void SocketLoop::tell(PeerEvent const& event) const {
+   if (told_)
+      told_(event);
+}
+
+} // namespace Mox

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace asio {
+class io_context;
+}
+
+namespace Mox {
+
+/// Something that happened to a connection.
+struct PeerEvent {
+   enum class Kind {
+      joined,
+      lost,    ///< the connection has ended; mirrors stay as they were
+      refused, ///< its credentials, or the lack of them, kept it out
+   };
+   Kind kind;
+   unsigned peer;         ///< number of the connection, ascending from 1
+   unsigned long process; ///< of the peer, as the kernel told at connect
+   unsigned long user;
+   std::string reason; ///< ready to print; empty for `joined`
+};
+
+/// The event loop of a server or client: everything happens inside these calls, in the thread that makes them.
+///
+/// *Re-entrancy*: a reactor or callback that runs inside a poll may change, export and mount, but neither poll nor destroy
+/// the loop. *Exceptions*: what a callback throws leaves the poll; the connections stay usable.
+class SocketLoop {
+public:
+   using Milliseconds = std::chrono::milliseconds;
+
+   SocketLoop(SocketLoop const&) = delete;
+   SocketLoop& operator=(SocketLoop const&) = delete;
+
+   /// Sends what is owed, waits at most `timeout` until something arrives, handles what has arrived, and sends what that
+   /// brought about. Returns whether something happened. Without a connection to wait for it returns at once.
+   bool pollOnce(Milliseconds timeout);
+   /// Polls until `done()` holds or the time is over, and returns whether it holds. Returns early where nothing is left
+   /// to wait for.
+   bool waitUntil(std::function<bool()> const& done, Milliseconds timeout);
+
+   /// \param told called for every connection that comes, goes, or is kept out
+   void onPeer(std::function<void(PeerEvent const&)> told) { told_ = std::move(told); }
+
+protected:
+   SocketLoop();
+   virtual ~SocketLoop();
+
+   virtual void flush() = 0;
+   asio::io_context& context() noexcept { return *context_; }
+   void tell(PeerEvent const& event) const;
+
+private:
+   std::unique_ptr<asio::io_context> context_;
+   std::function<void(PeerEvent const&)> told_;
+   bool polling_ = false;
+};
+
+} // namespace Mox

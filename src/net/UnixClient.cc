@@ -1,0 +1,48 @@
+#include "net/UnixClient.h"
+
+#include "net/Carrier.h"
+#include "net/UnixPath.h"
+
+#include <utility>
+
+namespace Mox {
+
+UnixClient::UnixClient(std::string_view name) : end_(name) {}
+
+UnixClient::~UnixClient() {
+   if (carrier_)
+      carrier_->abandon();
+}
+
+void UnixClient::connect(std::string const& path) {
+   if (isConnected())
+      throwInternalException("connect to '" + path + "': the client is connected already");
+   int const descriptor = connectedSocket(path);
+   Carrier::Socket socket(context(), asio::local::stream_protocol(), descriptor);
+   PeerCredentials const peer = PeerCredentials::of(descriptor);
+   PeerEvent event{PeerEvent::Kind::joined, ++connections_, peer.process, peer.user, {}};
+   carrier_ = std::make_shared<Carrier>(std::move(socket), end_);
+   carrier_->onLost([this, event](std::string const& reason) mutable {
+      event.kind = PeerEvent::Kind::lost;
+      event.reason = reason;
+      tell(event);
+   });
+   carrier_->start();
+   tell(event);
+}
+
+bool UnixClient::isConnected() const noexcept {
+   return carrier_ && carrier_->isOpen();
+}
+
+void UnixClient::disconnect() {
+   if (isConnected())
+      carrier_->close("closed by this side");
+}
+
+void UnixClient::flush() {
+   if (isConnected())
+      carrier_->flush();
+}
+
+} // namespace Mox

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "attrlog/LinkEnd.h"
+#include "net/SocketLoop.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace Mox {
+
+class Carrier;
+
+/// The client's end of a link over a unix-domain socket.
+///
+/// ```cpp
+/// Mox::UnixClient client("driver");
+/// client.exportRoot(status);
+/// auto config = client.mount<Cl10010ConfigDir>("config");    // exists at once, empty
+/// client.connect("/run/phy/config");
+/// while (client.pollOnce(100ms) || client.isConnected()) { … }
+/// ```
+///
+/// Exports, mounts and mirrors outlive a lost connection; `connect` may be called again.
+class UnixClient final : public SocketLoop {
+public:
+   /// \param name of this end in messages
+   explicit UnixClient(std::string_view name = "client");
+   ~UnixClient() override;
+
+   /// \throws SocketException where nobody listens, or somebody of another user who is not root does
+   void connect(std::string const& path);
+   bool isConnected() const noexcept;
+   /// Ends the connection; the peer is told by the end of the stream.
+   void disconnect();
+
+   void exportRoot(Ptr<Entity> const& root) { end_.exportRoot(root); }
+   void exportDel(Ptr<Entity> const& root) { end_.exportDel(root); }
+   template <class T> Ptr<T> mount(Name const& name) { return end_.template mount<T>(name); }
+   void unmount(Name const& name) { end_.unmount(name); }
+   void onState(std::function<void(Name const& root, LinkEnd::State state)> told) { end_.onState(std::move(told)); }
+   LinkEnd::State state(Name const& root) const { return end_.state(root); }
+   /// Whether the server has everything, and said so; also true where nobody is connected.
+   bool quiet() const { return !isConnected() || end_.quiet(); }
+
+private:
+   void flush() override;
+
+   LinkEnd end_;
+   std::shared_ptr<Carrier> carrier_;
+   unsigned connections_ = 0;
+};
+
+} // namespace Mox
