@@ -10,7 +10,8 @@ namespace Mox::NboAttrLog {
 /// What a digest says of a value that is not there.
 inline constexpr U64 absentDigest = 0;
 
-/// FNV-1a, 64 bits, over a value's bytes as they travel; never `absentDigest`. One of its kind in a hello's `digestKind`.
+/// FNV-1a, 64 bits, over a value's bytes as they travel; never `absentDigest`. One of its kind in a hello's
+/// `digestKind`.
 ///
 /// It tells apart what was told from what is; it guards against nobody who wants two values to look alike.
 constexpr U64 digest(std::span<std::uint8_t const> bytes) noexcept {

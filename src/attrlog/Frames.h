@@ -66,7 +66,7 @@ struct Hello {
    std::uint32_t magic = helloMagic;
    std::uint16_t major = majorVersion;
    std::uint16_t minor = minorVersion;
-   U64 incarnation = 0;                                  ///< random per process: "the same process again" or "a new one"
+   U64 incarnation = 0;                                  ///< random per process: tells "again" from "a new one"
    std::uint32_t attempt = 0;                            ///< of one incarnation the higher replaces the lower
    std::uint32_t maximumFrame = frame::defaultMaximum;   ///< longest frame taken, in bytes after the length word
    std::uint32_t highestSlot = 0;                        ///< highest slot of an entity identifier
@@ -334,8 +334,8 @@ template <ControlFrame C> void encode(C const& c, std::uint8_t* at, std::size_t 
 /// \throws ProtocolException when the bytes end before the fields do
 template <ControlFrame C> C decode(std::span<std::uint8_t const> bytes, std::string_view where = {});
 
-/// An annotated dump of a stream's bytes, one line per field: offset, bytes, field, value. Ends with a line that says why
-/// when the bytes break off or break the framing. Record bodies are told apart as far as the frame alone lets it.
+/// An annotated dump of a stream's bytes, one line per field: offset, bytes, field, value. Ends with a line that says
+/// why when the bytes break off or break the framing. Record bodies are told apart as far as the frame alone lets it.
 /// \param offset the stream's offset of the first byte, for the first column
 std::string describe(std::span<std::uint8_t const> bytes, U64 offset = 0);
 

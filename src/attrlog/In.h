@@ -22,7 +22,8 @@ namespace NboAttrLog {
 
 class Demuxer;
 
-/// One direction of a stream, the reading end: takes bytes as they arrive, cut anywhere, and shows one whole frame at a time.
+/// One direction of a stream, the reading end: takes bytes as they arrive, cut anywhere, and shows one whole frame at a
+/// time.
 ///
 ///    in->consume(bytes, [&](NboAttrLog::In& frame) {
 ///       if (frame.isControl())
@@ -31,12 +32,12 @@ class Demuxer;
 ///          port->refClockIs(frame.nextU32());
 ///    });
 ///
-/// A frame is read where it lies in the caller's bytes; only one that breaks off is kept, until the rest comes. Whatever
-/// frame was not read to its end is stepped over. The tokens around a body are checked and taken off before the frame is
-/// shown, so what the typed readers see is the body's values and nothing else.
+/// A frame is read where it lies in the caller's bytes; only one that breaks off is kept, until the rest comes.
+/// Whatever frame was not read to its end is stepped over. The tokens around a body are checked and taken off before
+/// the frame is shown, so what the typed readers see is the body's values and nothing else.
 ///
-/// *Exceptions*: ProtocolException from `next` and `consume` is the end of the connection: the bytes aren't a stream of frames.
-/// AttrLogRecordException from a typed reader is the end of that record only. Both name stream and offset.
+/// *Exceptions*: ProtocolException from `next` and `consume` is the end of the connection: the bytes aren't a stream of
+/// frames. AttrLogRecordException from a typed reader is the end of that record only. Both name stream and offset.
 /// *Lifetime*: views and spans into a frame live until the next one.
 /// *Re-entrancy*: bytes that arrive while a frame is being handled wait in a queue.
 class In : public PtrInterface {
@@ -56,9 +57,9 @@ public:
 
    // Bytes and frames ----------------------------------------------------------------------------------------------
 
-   /// Hands bytes over and calls `onFrame(*this)` for each frame that they complete. Called from within `onFrame`, it only
-   /// queues the bytes, for the outer call to go on with. An exception from `onFrame` passes through; the frame counts as
-   /// taken, and the next call goes on behind it.
+   /// Hands bytes over and calls `onFrame(*this)` for each frame that they complete. Called from within `onFrame`, it
+   /// only queues the bytes, for the outer call to go on with. An exception from `onFrame` passes through; the frame
+   /// counts as taken, and the next call goes on behind it.
    template <class F> void consume(std::span<std::uint8_t const> bytes, F&& onFrame) {
       feed(bytes);
       if (consuming_)
@@ -75,13 +76,13 @@ public:
       consuming_ = false;
    }
 
-   /// The two halves of `consume`, for callers with a loop of their own: after `feed`, the bytes must stay where they are
-   /// until `next` has returned false, or `keep` was called.
+   /// The two halves of `consume`, for callers with a loop of their own: after `feed`, the bytes must stay where they
+   /// are until `next` has returned false, or `keep` was called.
    void feed(std::span<std::uint8_t const> bytes);
    /// Steps to the next whole frame. False when there is none yet, and for good once the stream has been found broken.
    bool next();
-   /// Copies what has not been stepped over; a later `feed` goes on from there. Where memory for bytes of the stream runs
-   /// out, here or elsewhere, the stream is broken from then on: it never goes on behind a gap.
+   /// Copies what has not been stepped over; a later `feed` goes on from there. Where memory for bytes of the stream
+   /// runs out, here or elsewhere, the stream is broken from then on: it never goes on behind a gap.
    void keep();
 
    /// A new connection: forgets everything but name, limit and demultiplexer; expects a hello.
@@ -169,11 +170,28 @@ public:
    /// \throws AttrLogRecordException when the body has no section `n` ahead
    void nextSection(unsigned n);
 
+   /// A place in the body to come back to.
+   struct Position {
+      std::uint8_t const* at;
+      std::uint8_t const* limit;
+   };
+   Position position() const noexcept { return {at_, limit_}; }
+   void positionIs(Position p) noexcept {
+      at_ = p.at;
+      limit_ = p.limit;
+   }
+   /// Lets the typed readers read `bytes` of the frame in hand, a control frame's key for one.
+   void readBytes(std::string_view bytes) noexcept {
+      at_ = reinterpret_cast<std::uint8_t const*>(bytes.data());
+      limit_ = at_ + bytes.size();
+   }
+
    /// "stream "x", offset 64": the frame in hand, for messages.
    std::string where() const;
 
 private:
-   static constexpr std::size_t keptCapacity = 64 * 1024; ///< more than that is given back when it isn't needed any more
+   /// A buffer above that is given back when it isn't needed any more.
+   static constexpr std::size_t keptCapacity = 64 * 1024;
 
    std::uint8_t const* take(std::size_t n) {
       if (remaining() < n) [[unlikely]]

@@ -28,8 +28,8 @@ struct TypeId {
 
 namespace NboAttrLog {
 
-/// The numbers of a value that a stream writes at its natural width. 64-bit integers are `U64` and `S64` alone: one spelling
-/// keeps a body's width plain from the type of what is written.
+/// The numbers of a value that a stream writes at its natural width. 64-bit integers are `U64` and `S64` alone: one
+/// spelling keeps a body's width plain from the type of what is written.
 template <class T>
 concept WireScalar = std::same_as<T, bool> || std::same_as<T, unsigned char> || std::same_as<T, unsigned short> ||
                      std::same_as<T, unsigned int> || std::same_as<T, int> || std::same_as<T, U64> ||
@@ -81,7 +81,8 @@ struct MsgHeader {
 
    friend bool operator==(MsgHeader const&, MsgHeader const&) noexcept = default;
 
-   /// The header's only list of fields: writer, reader and dump go through it. Calls `field(name, integer)` in wire order.
+   /// The header's only list of fields: writer, reader and dump go through it. Calls `field(name, integer)` in wire
+   /// order.
    template <class Self, class Field> static void fields(Self& self, Field&& field) {
       field("entity low", self.entity.low);
       field("entity high", self.entity.high);

@@ -28,12 +28,12 @@ namespace Mox::NboAttrLog {
 ///    for (auto bytes = out->pending(); !bytes.empty(); bytes = out->pending())
 ///       out->sent(socket.write(bytes));
 ///
-/// What is written goes into one buffer, once. The buffer has a mark, past which `hasSufficientBuffer` says no; a record is
-/// never declined, so what bounds the buffer is the writer who asks. Control frames aren't declined either, and keep their
-/// place among the records; only a ping and a pong overtake, at the next boundary between frames.
+/// What is written goes into one buffer, once. The buffer has a mark, past which `hasSufficientBuffer` says no; a
+/// record is never declined, so what bounds the buffer is the writer who asks. Control frames aren't declined either,
+/// and keep their place among the records; only a ping and a pong overtake, at the next boundary between frames.
 ///
-/// *Threads*: one at a time. *Cost*: a record of a scalar is a few stores; a long-lived stream allocates nothing once the
-/// buffer has found its size, and gives memory back after a burst.
+/// *Threads*: one at a time. *Cost*: a record of a scalar is a few stores; a long-lived stream allocates nothing once
+/// the buffer has found its size, and gives memory back after a burst.
 class Out : public PtrInterface {
 public:
    static constexpr std::size_t defaultMark = 64 * 1024;
@@ -54,7 +54,8 @@ public:
 
    // Records -------------------------------------------------------------------------------------------------------
 
-   /// Opens a record, whose body follows: token `begin`, values, token `end`. Prefer `Record`, which does not leave it open.
+   /// Opens a record, whose body follows: token `begin`, values, token `end`. Prefer `Record`, which does not leave it
+   /// open.
    /// \throws AttrLogRecordException while another record is open, which stays as it is
    void nextHeaderIs(MsgHeader const& header) { header.store(beginRecord(0, frame::headerSize)); }
    /// Opens a record that is a write to the peer's truth.
@@ -137,8 +138,8 @@ public:
 
    // The way out ---------------------------------------------------------------------------------------------------
 
-   /// The next bytes to carry off; not always all of them, so ask again after `sent` until it is empty. An open record is
-   /// not among them. Valid until something is written.
+   /// The next bytes to carry off; not always all of them, so ask again after `sent` until it is empty. An open record
+   /// is not among them. Valid until something is written.
    std::span<std::uint8_t const> pending() noexcept;
    /// The first `n` of the bytes that `pending()` returned last have been carried off.
    void sent(std::size_t n);
@@ -170,8 +171,9 @@ private:
       if (record_ != nullptr) [[unlikely]]
          throwRecordOpen();
       std::size_t const all = frame::lengthSize + size;
-      if (static_cast<std::size_t>(end_ - tail_) < all) [[unlikely]]
-         makeRoom(all);
+      // Room for the first token too: once a record is open, a guard stands, and nothing between may throw.
+      if (static_cast<std::size_t>(end_ - tail_) <= all) [[unlikely]]
+         makeRoom(all + 1);
       record_ = tail_;
       limit_ = end_;
       storeBigEndian(tail_, bits);
@@ -245,8 +247,8 @@ private:
    Ptr<In> reverse_;
 };
 
-/// One record in the making: the header and token `begin` on construction, token `end` on `close()`. Left by an exception
-/// before that, it takes the record back, and the stream stands as it stood before.
+/// One record in the making: the header and token `begin` on construction, token `end` on `close()`. Left by an
+/// exception before that, it takes the record back, and the stream stands as it stood before.
 class Record {
 public:
    Record(Out& out, MsgHeader const& header) : out_(&out) {
