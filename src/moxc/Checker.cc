@@ -1,0 +1,547 @@
+#include "moxc/Checker.h"
+
+#include "moxc/Names.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+
+namespace moxc {
+
+namespace {
+
+/// The value types that every schema may use without declaring them.
+std::vector<ValueType> builtins() {
+   struct Row {
+      char const* name;
+      char const* cppType;
+      char const* header;
+      unsigned alignment;
+      unsigned width;
+      bool isKey;
+      bool isNumber;
+      char const* zero;
+      char const* doc;
+   };
+   static constexpr Row rows[] = {
+      {"Bool", "bool", "", 1, 0, false, false, "false", "true or false"},
+      {"U8", "std::uint8_t", "<cstdint>", 1, 0, true, true, "0", "unsigned 8-bit number"},
+      {"U16", "std::uint16_t", "<cstdint>", 2, 2, true, true, "0", "unsigned 16-bit number"},
+      {"U32", "std::uint32_t", "<cstdint>", 4, 4, true, true, "0", "unsigned 32-bit number"},
+      {"U64", "Mox::U64", "core/Identifiers.h", 8, 8, true, true, "0", "unsigned 64-bit number"},
+      {"S32", "std::int32_t", "<cstdint>", 4, 4, true, true, "0", "signed 32-bit number"},
+      {"S64", "Mox::S64", "core/Identifiers.h", 8, 8, true, true, "0", "signed 64-bit number"},
+      {"F32", "float", "", 4, 0, false, false, "0.0", "32-bit floating-point number"},
+      {"F64", "double", "", 8, 0, false, false, "0.0", "64-bit floating-point number"},
+      {"Seconds", "double", "", 8, 0, false, false, "0.0", "a time, or a span of time, in seconds"},
+      {"String8", "Mox::String8", "core/String8.h", 8, 0, false, false, "\"\"", "text of 8-bit characters"},
+      {"Name", "Mox::Name", "core/String8.h", 8, 0, true, false, "\"\"", "name of an entity or of a key"},
+   };
+   std::vector<ValueType> types;
+   for (Row const& row : rows) {
+      ValueType type;
+      type.name = row.name;
+      type.cppType = row.cppType;
+      type.header = row.header;
+      type.pass = row.alignment == 8 ? Pass::byReference : Pass::byValue;
+      type.alignment = row.alignment;
+      type.isLarge = type.header == "core/String8.h";
+      type.width = row.width;
+      type.isKey = row.isKey;
+      type.isNumber = row.isNumber;
+      type.zero = row.zero;
+      type.doc = row.doc;
+      types.push_back(std::move(type));
+   }
+   return types;
+}
+
+class Checker {
+public:
+   explicit Checker(Diagnostics& diagnostics) : diagnostics_(diagnostics) {}
+
+   Model check(std::vector<SchemaFile> const& files) {
+      for (ValueType const& type : builtins())
+         valueIs(type, {});
+      for (SchemaFile const& file : files)
+         for (ValueDecl const& decl : file.values)
+            declareValue(decl);
+      for (SchemaFile const& file : files)
+         if (file.entity && !file.entity->name.value.empty())
+            declareEntity(file, *file.entity);
+      for (auto const& type : model_.entities)
+         define(*type);
+      for (auto const& type : model_.entities)
+         if (!seen_.contains(type.get()))
+            checkCircles(*type);
+      return std::move(model_);
+   }
+
+private:
+   struct Declared {
+      EntityType* type;
+      EntityDecl const* decl;
+      enum class Progress { declared, underWay, done } progress = Progress::declared;
+   };
+
+   // Names
+
+   void error(Position const& at, std::string text) { diagnostics_.error(at, std::move(text)); }
+   void earlier(Position const& at, std::string const& what) {
+      if (!at.file.empty())
+         diagnostics_.note(at, "the earlier definition of " + what + " is here");
+   }
+
+   void valueIs(ValueType const& type, Position const& at) {
+      auto owned = std::make_unique<ValueType>(type);
+      values_.emplace(owned->name, std::pair(owned.get(), at));
+      model_.values.push_back(std::move(owned));
+   }
+
+   template <class Map> static std::vector<std::string_view> keysOf(Map const& map) {
+      std::vector<std::string_view> keys;
+      for (auto const& [key, value] : map)
+         keys.push_back(key);
+      return keys;
+   }
+
+   bool isNewTypeName(Text const& name) {
+      Position before;
+      if (auto const value = values_.find(name.value); value != values_.end())
+         before = value->second.second;
+      else if (auto const entity = entities_.find(name.value); entity != entities_.end())
+         before = entity->second.decl->name.at;
+      else
+         return true;
+      error(name.at, "the type name " + inQuotes(name.value) + " is taken" + (before.file.empty() ? " by a built-in" : ""));
+      earlier(before, inQuotes(name.value));
+      return false;
+   }
+
+   bool isTypeName(Text const& name) {
+      if (!qualifiedParts(name.value).empty())
+         return true;
+      error(name.at, inQuotes(name.value) + " is no C++ type name; expected identifiers joined by \"::\", none a keyword");
+      return false;
+   }
+
+   void declareValue(ValueDecl const& decl) {
+      if (decl.name.value.empty() || !isTypeName(decl.name) || !isNewTypeName(decl.name))
+         return;
+      static std::map<std::string_view, Pass> const passes{
+         {"value", Pass::byValue}, {"reference", Pass::byReference}, {"counted", Pass::counted}};
+      auto const pass = passes.find(decl.pass.value);
+      if (pass == passes.end())
+         error(decl.pass.at, "unknown \"pass\" " + inQuotes(decl.pass.value) + "; expected one of " + listed(keysOf(passes)));
+      long long const width = decl.width.value;
+      if (width != 0 && width != 2 && width != 4 && width != 8)
+         error(decl.width.at, "\"width\" must be 2, 4 or 8 bytes, or absent for values without a fixed width, but is " +
+                                 std::to_string(width));
+      ValueType type;
+      type.name = decl.name.value;
+      type.cppType = decl.type;
+      type.header = decl.header;
+      type.pass = pass == passes.end() ? Pass::byValue : pass->second;
+      long long const alignment = decl.alignment.value;
+      if (alignment != 1 && alignment != 2 && alignment != 4 && alignment != 8)
+         error(decl.alignment.at, "\"align\" must be 1, 2, 4 or 8 bytes, but is " + std::to_string(alignment));
+      type.width = static_cast<unsigned>(width);
+      type.alignment = static_cast<unsigned>(alignment);
+      type.isLarge = type.pass == Pass::byReference;
+      type.isKey = decl.key;
+      type.zero = decl.zero;
+      type.doc = decl.doc;
+      valueIs(type, decl.name.at);
+   }
+
+   void declareEntity(SchemaFile const& file, EntityDecl const& decl) {
+      if (!isTypeName(decl.name) || !isNewTypeName(decl.name))
+         return;
+      auto type = std::make_unique<EntityType>();
+      type->name = decl.name.value;
+      auto const parts = qualifiedParts(type->name);
+      type->namespaces.assign(parts.begin(), parts.end() - 1);
+      type->shortName = parts.back();
+      type->imported = decl.imported;
+      type->log = decl.log;
+      type->virtualMutators = decl.virtualMutators;
+      type->doc = decl.doc;
+      type->note = decl.note;
+      type->isAbstract = decl.isAbstract;
+      std::filesystem::path const path = std::filesystem::path(file.prefix) / std::filesystem::path(file.path).filename();
+      type->schemaName = path.generic_string();
+      type->stem = std::filesystem::path(path).replace_extension().generic_string();
+      if (auto const [before, isNew] = stems_.emplace(type->stem, decl.at); !isNew) {
+         error(decl.at, "this schema would write the same files as another one: " + inQuotes(type->stem + ".h"));
+         diagnostics_.note(before->second, "the other schema is here");
+      }
+      if (decl.member) {
+         type->hashMember = decl.member->value == "hash";
+         if (!type->hashMember)
+            error(decl.member->at, "unknown \"member\" " + inQuotes(decl.member->value) + "; expected \"hash\"");
+      }
+      entities_.emplace(type->name, Declared{type.get(), &decl});
+      model_.entities.push_back(std::move(type));
+   }
+
+   // Entities
+
+   /// Checks a type, its bases first. False when the type stands in a circle of bases.
+   bool define(EntityType& type) {
+      Declared& declared = entities_.at(type.name);
+      if (declared.progress != Declared::Progress::declared)
+         return declared.progress == Declared::Progress::done;
+      declared.progress = Declared::Progress::underWay;
+      EntityDecl const& decl = *declared.decl;
+      bool const hasBase = resolveBase(type, decl);
+      declared.progress = Declared::Progress::done;
+
+      checkBaseArguments(type, decl, hasBase);
+      for (AttributeDecl const& row : decl.parameters)
+         define(type, row, true, hasBase);
+      for (AttributeDecl const& row : decl.attributes)
+         define(type, row, false, hasBase);
+      for (ConstructDecl const& row : decl.construct)
+         define(type, row, hasBase);
+      return true;
+   }
+
+   bool resolveBase(EntityType& type, EntityDecl const& decl) {
+      if (decl.base.value == "Mox::Entity")
+         return true;
+      auto const base = entities_.find(decl.base.value);
+      if (base == entities_.end()) {
+         auto known = keysOf(entities_);
+         known.push_back("Mox::Entity");
+         std::string const hint = suggestion(decl.base.value, known);
+         error(decl.base.at, "unknown base " + inQuotes(decl.base.value) +
+                                (hint.empty() ? "; expected \"Mox::Entity\" or an entity of these schemas or of an --import"
+                                              : hint));
+         return false;
+      }
+      if (base->second.progress == Declared::Progress::underWay || !define(*base->second.type)) {
+         error(decl.base.at, "the base " + inQuotes(decl.base.value) + " derives from " + inQuotes(type.name) + " itself");
+         return false;
+      }
+      type.base = base->second.type;
+      type.level = type.base->level + 1;
+      if (type.log && !type.base->log)
+         error(decl.at, "a type with a log needs a base with one, but " + inQuotes(type.base->name) + " has log = false");
+      return true;
+   }
+
+   void checkBaseArguments(EntityType& type, EntityDecl const& decl, bool hasBase) {
+      type.baseArguments = decl.baseArguments ? decl.baseArguments->value : std::vector<std::string>{"name"};
+      std::vector<std::string_view> expected{"name"};
+      if (type.base != nullptr)
+         for (Attribute const* parameter : type.base->parameters)
+            expected.push_back(parameter->name);
+      if (hasBase && type.baseArguments.size() != expected.size())
+         error(decl.baseArguments ? decl.baseArguments->at : decl.base.at,
+               "the base " + inQuotes(type.baseName()) + " is constructed from " + std::to_string(expected.size()) +
+                  " (" + listed(expected) + "), but \"baseArguments\" has " + std::to_string(type.baseArguments.size()));
+   }
+
+   // Attributes
+
+   void define(EntityType& type, AttributeDecl const& decl, bool isParameter, bool hasBase) {
+      if (decl.inherited && decl.inherited->value) {
+         inherit(type, decl, hasBase);
+         return;
+      }
+      auto owned = std::make_unique<Attribute>();
+      Attribute& attribute = *owned;
+      attribute.name = decl.name.value;
+      attribute.constant = decl.constant;
+      attribute.doc = decl.doc;
+      attribute.note = decl.note;
+      attribute.isParameter = isParameter;
+      attribute.owner = &type;
+      if (decl.defaultValue)
+         attribute.defaultValue = decl.defaultValue->value;
+      attribute.kind = findKind(decl.kind.value);
+      if (attribute.kind == nullptr)
+         unknownKind(decl);
+      else
+         checkKind(attribute, decl, isParameter);
+      if (hasBase)
+         checkIdentifier(type, attribute, decl);
+      if (!attribute.name.empty())
+         checkName(type, attribute, decl);
+
+      places_.emplace(&attribute, decl.name.at);
+      if (attribute.id)
+         type.attributes.push_back(&attribute);
+      if (isParameter)
+         type.parameters.push_back(&attribute);
+      type.owned.push_back(std::move(owned));
+   }
+
+   void inherit(EntityType& type, AttributeDecl const& decl, bool hasBase) {
+      std::vector<std::string_view> known;
+      if (type.base != nullptr)
+         for (Attribute const* parameter : type.base->parameters) {
+            if (parameter->name == decl.name.value && parameter->id) {
+               auto owned = std::make_unique<Attribute>(*parameter);
+               owned->isInherited = true;
+               type.parameters.push_back(owned.get());
+               type.owned.push_back(std::move(owned));
+               return;
+            }
+            if (parameter->id)
+               known.push_back(parameter->name);
+         }
+      if (hasBase)
+         error(decl.name.at, "the base " + inQuotes(type.baseName()) + " has no readable parameter " +
+                                inQuotes(decl.name.value) + " to inherit" +
+                                (known.empty() ? std::string() : "; expected one of " + listed(known)));
+   }
+
+   void unknownKind(AttributeDecl const& decl) {
+      std::vector<std::string_view> words;
+      for (AttributeKind const* kind : allKinds())
+         words.push_back(kind->word());
+      std::string const hint = suggestion(decl.kind.value, words);
+      error(decl.kind.at, "unknown kind " + inQuotes(decl.kind.value) +
+                             (hint.empty() ? "; expected one of " + listed(words) : hint));
+   }
+
+   static std::string phrase(Attribute const& attribute) {
+      return "the " + std::string(attribute.kind->word()) + " " + inQuotes(attribute.name);
+   }
+
+   void checkKind(Attribute& attribute, AttributeDecl const& decl, bool isParameter) {
+      AttributeKind const& kind = *attribute.kind;
+      if (isParameter && !kind.mayBeParameter())
+         error(decl.kind.at, "a constructor parameter is a \"scalar\" or a \"reference\", but " +
+                                inQuotes(decl.name.value) + " is of kind " + inQuotes(kind.word()));
+      if (decl.value && !decl.value->value.empty())
+         kind.holds() == Holds::value ? resolveValue(attribute, *decl.value)
+                                      : resolveEntity(attribute, *decl.value, isParameter && !decl.id);
+      if (kind.hasKeyType() && !decl.key)
+         error(decl.at, phrase(attribute) + " has no \"key\"; it is required");
+      else if (!kind.hasKeyType() && decl.key)
+         error(decl.key->at, phrase(attribute) + " takes no \"key\"" +
+                                (kind.holds() == Holds::member ? "; its members are keyed by their names" : ""));
+      else if (decl.key)
+         resolveKey(attribute, *decl.key);
+      else if (kind.holds() == Holds::member)
+         attribute.key = values_.find("Name")->second.first;
+      if (decl.defaultValue && (!kind.mayHaveDefault() || isParameter))
+         error(decl.defaultValue->at, isParameter ? "the parameter " + inQuotes(attribute.name) + " takes no \"default\""
+                                                  : phrase(attribute) + " takes no \"default\"");
+      if (isParameter && decl.id && kind.holds() == Holds::value)
+         error(decl.id->at, "a parameter with an identifier must be a \"reference\"; without one, " +
+                               inQuotes(attribute.name) + " may hold a value");
+      if (attribute.constant && kind.holds() != Holds::reference)
+         error(decl.at, phrase(attribute) + " takes no \"constant\"; only references have it");
+      if (kind.word() == "counter" && attribute.value != nullptr && !attribute.value->isNumber)
+         error(decl.value->at, "a counter counts in whole numbers, but " + inQuotes(attribute.value->name) + " is none");
+   }
+
+   void resolveValue(Attribute& attribute, Text const& name) {
+      if (auto const value = values_.find(name.value); value != values_.end()) {
+         attribute.value = value->second.first;
+         if (attribute.value->pass == Pass::counted)
+            error(name.at, inQuotes(name.value) + " is a counted object; only a parameter of kind \"reference\" and without " +
+                              "an identifier holds one");
+      } else if (entities_.contains(name.value)) {
+         error(name.at, inQuotes(name.value) + " is an entity type, but " + phrase(attribute) +
+                           " holds values; expected a value type, or kind = \"reference\"");
+      } else {
+         error(name.at, "unknown value type " + inQuotes(name.value) + suggestion(name.value, keysOf(values_)));
+      }
+   }
+
+   void resolveEntity(Attribute& attribute, Text const& name, bool mayBeCounted) {
+      if (auto const entity = entities_.find(name.value); entity != entities_.end()) {
+         attribute.entity = entity->second.type;
+         if (attribute.kind->holds() == Holds::member && !attribute.entity->hashMember) {
+            error(name.at, inQuotes(name.value) + " cannot be a member of " + phrase(attribute) +
+                              ": its schema has no member = \"hash\"");
+            diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
+         }
+      } else if (auto const value = values_.find(name.value); value != values_.end()) {
+         attribute.value = value->second.first;
+         if (attribute.value->pass != Pass::counted || !mayBeCounted)
+            error(name.at, inQuotes(name.value) + " is a value type, but " + phrase(attribute) +
+                              " holds entities; expected an entity type");
+      } else {
+         error(name.at, "unknown entity type " + inQuotes(name.value) +
+                           (suggestion(name.value, keysOf(entities_)).empty()
+                               ? "; expected an entity of these schemas or of an --import"
+                               : suggestion(name.value, keysOf(entities_))));
+      }
+   }
+
+   void resolveKey(Attribute& attribute, Text const& name) {
+      auto const value = values_.find(name.value);
+      if (value == values_.end()) {
+         error(name.at, "unknown key type " + inQuotes(name.value) + suggestion(name.value, keysOf(values_)));
+         return;
+      }
+      attribute.key = value->second.first;
+      if (!attribute.key->isKey) {
+         error(name.at, inQuotes(name.value) + " cannot be a key: the value type is not declared with key = true");
+         earlier(value->second.second, inQuotes(name.value));
+      }
+   }
+
+   // Identifiers and names of attributes
+
+   void checkIdentifier(EntityType const& type, Attribute& attribute, AttributeDecl const& decl) {
+      if (!decl.id)
+         return;
+      long long const id = decl.id->value;
+      unsigned const first = firstId(type.level);
+      unsigned const last = lastId(type.level);
+      attribute.id = static_cast<unsigned>(id);
+      if (auto const use = reservedIdentifier(id)) {
+         error(decl.id->at, "identifier " + std::to_string(id) + " is the framework's own (" + std::string(*use) +
+                               "); " + inQuotes(type.name) + " numbers from " + std::to_string(first) + " to " +
+                               std::to_string(last));
+         return;
+      }
+      if (id < first || id > last) {
+         error(decl.id->at, "identifier " + std::to_string(id) + " is outside the range of " + inQuotes(type.name) +
+                               ", a type at level " + std::to_string(type.level) + ": expected " +
+                               std::to_string(first) + " to " + std::to_string(last));
+         return;
+      }
+      for (Attribute const* other : type.attributes)
+         if (other->id == attribute.id) {
+            error(decl.id->at, "identifier " + std::to_string(id) + " is taken by " + inQuotes(other->name));
+            earlier(places_.at(other), inQuotes(other->name));
+            return;
+         }
+      if (!type.attributes.empty() && *type.attributes.back()->id > *attribute.id) {
+         Attribute const& before = *type.attributes.back();
+         error(decl.id->at, "identifiers must ascend, but " + std::to_string(id) + " follows " +
+                               std::to_string(*before.id));
+         diagnostics_.note(places_.at(&before), inQuotes(before.name) + " is here");
+      }
+   }
+
+   void checkName(EntityType const& type, Attribute const& attribute, AttributeDecl const& decl) {
+      std::string const& name = attribute.name;
+      if (!isIdentifier(name) || name[0] == '_') {
+         error(decl.name.at, inQuotes(name) + " is no attribute name; expected a letter, then letters and digits");
+      } else if (isCppKeyword(name)) {
+         error(decl.name.at, inQuotes(name) + " is a C++ keyword and cannot name an attribute");
+      } else if (name[0] >= 'A' && name[0] <= 'Z') {
+         // With a small letter first, no two attributes can share a notification on + capitalised name.
+         std::string lower = name;
+         lower[0] = static_cast<char>(lower[0] - 'A' + 'a');
+         error(decl.name.at, "attribute names begin with a small letter; expected " + inQuotes(lower) + ", found " +
+                                inQuotes(name));
+      } else if (name == type.shortName) {
+         error(decl.name.at, inQuotes(name) + " is the name of the class itself");
+      } else {
+         checkCollisions(type, attribute, decl);
+      }
+   }
+
+   void checkCollisions(EntityType const& type, Attribute const& attribute, AttributeDecl const& decl) {
+      for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
+         for (auto const& other : owner->owned)
+            if (other->name == attribute.name && !other->isInherited) {
+               error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " is defined twice" +
+                                      (owner == &type ? std::string() : "; the base " + inQuotes(owner->name) + " has it"));
+               earlier(places_.at(other.get()), inQuotes(attribute.name));
+               return;
+            }
+      if (attribute.kind == nullptr)
+         return;
+      std::string const notification = "on" + capitalised(attribute.name);
+      if (isReactorOperation(notification)) {
+         error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " would be announced with " + notification +
+                                "(), which every reactor has for another purpose");
+         return;
+      }
+      if (attribute.kind->isKeyed() && isNestedName("Mox" + capitalised(attribute.name))) {
+         error(decl.name.at, "the entries of " + inQuotes(attribute.name) + " would be called Mox" +
+                                capitalised(attribute.name) + ", a class that every entity has for another purpose");
+         return;
+      }
+      for (std::string const& operation : attribute.kind->operations(attribute.name)) {
+         if (isEntityOperation(operation)) {
+            error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " would hide the entity operation " +
+                                   operation + "()");
+            return;
+         }
+         for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
+            for (auto const& other : owner->owned) {
+               if (other->isInherited || other->kind == nullptr)
+                  continue;
+               auto const operations = other->kind->operations(other->name);
+               if (std::find(operations.begin(), operations.end(), operation) != operations.end()) {
+                  error(decl.name.at, "the operation " + operation + "() of the attribute " + inQuotes(attribute.name) +
+                                         " is also one of " + inQuotes(other->name));
+                  earlier(places_.at(other.get()), inQuotes(other->name));
+                  return;
+               }
+            }
+      }
+   }
+
+   /// Headers include those of the base and of the entities that attributes refer to; a circle would not compile.
+   void checkCircles(EntityType const& type) {
+      seen_.insert(&type);
+      path_.push_back(&type);
+      auto const visit = [&](EntityType const* other, Position const& at) {
+         if (other == nullptr || other == &type)
+            return;
+         auto const start = std::find(path_.begin(), path_.end(), other);
+         if (start == path_.end()) {
+            if (!seen_.contains(other))
+               checkCircles(*other);
+            return;
+         }
+         std::vector<std::string_view> names;
+         for (auto step = start; step != path_.end(); ++step)
+            names.push_back((*step)->name);
+         error(at, "the headers of " + listed(names) + " would include each other; break the circle, for instance with a " +
+                      "reference to a common base");
+      };
+      visit(type.base, entities_.at(type.name).decl->base.at);
+      for (auto const& attribute : type.owned)
+         if (!attribute->isInherited)
+            visit(attribute->entity, places_.at(attribute.get()));
+      path_.pop_back();
+   }
+
+   void define(EntityType& type, ConstructDecl const& decl, bool hasBase) {
+      std::vector<std::string_view> known;
+      for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
+         for (Attribute const* attribute : owner->attributes) {
+            if (attribute->isParameter || attribute->kind == nullptr || attribute->kind->isKeyed())
+               continue;
+            if (attribute->name == decl.name.value) {
+               type.construct.push_back({attribute, decl.expression});
+               return;
+            }
+            known.push_back(attribute->name);
+         }
+      if (hasBase)
+         error(decl.name.at, inQuotes(decl.name.value) + " cannot be set at construction: " + inQuotes(type.name) +
+                                " has no such changeable attribute with one value" + suggestion(decl.name.value, known));
+   }
+
+   Diagnostics& diagnostics_;
+   Model model_;
+   std::map<std::string, std::pair<ValueType const*, Position>, std::less<>> values_;
+   std::map<std::string, Declared, std::less<>> entities_;
+   std::map<std::string, Position> stems_;
+   std::map<Attribute const*, Position> places_;
+   std::set<EntityType const*> seen_;
+   std::vector<EntityType const*> path_;
+};
+
+} // namespace
+
+Model checkSchemas(std::vector<SchemaFile> const& files, Diagnostics& diagnostics) {
+   return Checker(diagnostics).check(files);
+}
+
+} // namespace moxc

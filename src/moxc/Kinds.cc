@@ -1,0 +1,389 @@
+#include "moxc/Kinds.h"
+
+#include "moxc/CppText.h"
+#include "moxc/Model.h"
+
+namespace moxc {
+
+namespace {
+
+std::string joined(std::string_view a, std::string_view b) {
+   return std::string(a) += b;
+}
+
+std::string entitySpelling(Attribute const& a) {
+   return (a.entity != nullptr ? a.entity->name : a.value->cppType) + (a.constant ? " const" : "");
+}
+
+std::string virtually(Attribute const& a) {
+   return a.owner->virtualMutators ? "virtual " : "";
+}
+
+std::string quotedName(Attribute const& a) {
+   return '`' + a.name + '`';
+}
+
+/// Kinds whose notification has no key: one cell, one value.
+class Single : public AttributeKind {
+public:
+   std::string notifications(Attribute const& a) const override {
+      return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "");
+   }
+   std::string forwarding(Attribute const& a) const override {
+      return inlineFunction(3, "void on" + capitalised(a.name) + "() override",
+                            "this->self().forward(Attr::" + a.name + ");");
+   }
+   std::string adapterHandlers(Attribute const& a) const override {
+      return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "changed(Attr::" + a.name + ");");
+   }
+   std::string flowOperations(Attribute const& a) const override {
+      return inlineFunction(3, "void moxIs" + capitalised(a.name) + "DirtyIs(bool dirty)",
+                            "dirtyBitIs(Attr::" + a.name + ", dirty);");
+   }
+   std::string announcement(Attribute const& a) const override {
+      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", a.owner->name}, {"x", a.name}});
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const v = a.name + "_";
+      std::string text = inlineFunction(3, result(a) + ' ' + a.name + "() const noexcept", "return " + v + ';');
+      if (!a.isParameter)
+         text += mutator(a, "void", "Is", argument(a) + " v", "scalarIs", ", v");
+      return text;
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      if (a.isParameter)
+         return {};
+      return fill(R"(         static void put(auto& e, auto const& v) { e.$x$Is(v); }
+         static void fire(auto& to) { to.on$X$(); }
+)",
+                  {{"x", a.name}, {"X", capitalised(a.name)}});
+   }
+
+   /// How the accessor hands out the value, and how a mutator takes it.
+   virtual std::string result(Attribute const& a) const = 0;
+   virtual std::string argument(Attribute const& a) const = 0;
+
+protected:
+   static std::string mutator(Attribute const& a, std::string const& result, std::string const& suffix,
+                              std::string const& parameters, std::string const& operation,
+                              std::string const& arguments) {
+      return inlineFunction(3, virtually(a) + result + ' ' + a.name + suffix + '(' + parameters + ')',
+                            (result == "void" ? "Mox::" : "return Mox::") + operation + "<Attr::" + a.name + "_t>(*this" +
+                               arguments + ");");
+   }
+};
+
+class Scalar : public Single {
+public:
+   std::string_view word() const noexcept override { return "scalar"; }
+   std::string_view meaning() const noexcept override { return "one value, read with `x()` and set with `xIs(v)`"; }
+   Holds holds() const noexcept override { return Holds::value; }
+   bool mayHaveDefault() const noexcept override { return true; }
+   bool mayBeParameter() const noexcept override { return true; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name), joined(name, "Is")};
+   }
+
+   Storage storage(Attribute const& a) const override {
+      return {a.value->cppType, '{' + a.defaultValue + '}', a.value->alignment};
+   }
+   std::string valueSpelling(Attribute const& a) const override { return a.value->cppType; }
+   std::string result(Attribute const& a) const override {
+      return a.value->isLarge ? a.value->cppType + " const&" : a.value->cppType;
+   }
+   std::string argument(Attribute const& a) const override { return a.value->argument(); }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::$Kind$Attribute<$X$, $id$, $T$>", {{"Kind", capitalised(word())},
+                                                           {"X", a.owner->shortName},
+                                                           {"id", std::to_string(a.id.value_or(0))},
+                                                           {"T", a.value->cppType}});
+   }
+};
+
+class Optional final : public Scalar {
+public:
+   std::string_view word() const noexcept override { return "optional"; }
+   std::string_view meaning() const noexcept override {
+      return "a scalar that `xDel()` puts back to its default, returning the value it had";
+   }
+   bool mayHaveDefault() const noexcept override { return false; }
+   bool mayBeParameter() const noexcept override { return false; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name), joined(name, "Is"), joined(name, "Del")};
+   }
+
+   std::string memberFunctions(Attribute const& a) const override {
+      return Scalar::memberFunctions(a) + mutator(a, a.value->cppType, "Del", "", "optionalDel", "");
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      return Scalar::descriptorCalls(a) + "         static void drop(auto& e) { e." + a.name + "Del(); }\n";
+   }
+};
+
+class Counter final : public Scalar {
+public:
+   std::string_view word() const noexcept override { return "counter"; }
+   std::string_view meaning() const noexcept override {
+      return "a scalar number that `xInc(delta)` moves, returning the new value; it wraps silently";
+   }
+   bool mayBeParameter() const noexcept override { return false; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name), joined(name, "Is"), joined(name, "Inc")};
+   }
+
+   std::string memberFunctions(Attribute const& a) const override {
+      return Scalar::memberFunctions(a) +
+             mutator(a, a.value->cppType, "Inc", argument(a) + " delta", "counterInc", ", delta");
+   }
+};
+
+class Reference final : public Single {
+public:
+   std::string_view word() const noexcept override { return "reference"; }
+   std::string_view meaning() const noexcept override {
+      return "a counted reference to an entity that lives elsewhere; null is a value";
+   }
+   Holds holds() const noexcept override { return Holds::reference; }
+   bool mayBeParameter() const noexcept override { return true; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name), joined(name, "Is")};
+   }
+
+   Storage storage(Attribute const& a) const override { return {valueSpelling(a), "", 8}; }
+   std::vector<std::string> headers(Attribute const&) const override { return {"core/Ptr.h"}; }
+   std::string valueSpelling(Attribute const& a) const override { return "Mox::Ptr<" + entitySpelling(a) + '>'; }
+   std::string result(Attribute const& a) const override { return valueSpelling(a) + " const&"; }
+   std::string argument(Attribute const& a) const override { return valueSpelling(a) + " const&"; }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::$Kind$Attribute<$X$, $id$, $T$>", {{"Kind", a.isParameter ? "Parameter" : "Reference"},
+                                                           {"X", a.owner->shortName},
+                                                           {"id", std::to_string(a.id.value_or(0))},
+                                                           {"T", entitySpelling(a)}});
+   }
+};
+
+/// Kinds whose notification carries a key.
+class Keyed : public AttributeKind {
+public:
+   bool isKeyed() const noexcept override { return true; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name),      joined(name, "Is"),     joined(name, "Del"), joined(name, "DelAll"),
+              joined(name, "Notify"), "new" + capitalised(name)};
+   }
+
+   std::string notifications(Attribute const& a) const override {
+      std::string const on = "virtual void on" + capitalised(a.name);
+      return inlineFunction(3, on + '(' + key(a) + ')', "") + inlineFunction(3, on + "moxImmediate()", "") +
+             inlineFunction(3, on + "()", "");
+   }
+   std::string forwarding(Attribute const& a) const override {
+      // The overload without a key stays visible beside the override.
+      return "   using Interface::on" + capitalised(a.name) + ";\n" +
+             inlineFunction(3, "void on" + capitalised(a.name) + '(' + key(a) + " key) override",
+                            "this->self().forward(Attr::" + a.name + ", key);");
+   }
+   std::string adapterHandlers(Attribute const& a) const override {
+      return inlineFunction(3, "virtual void on" + capitalised(a.name) + '(' + key(a) + " key)",
+                            "changed(Attr::" + a.name + ", key);");
+   }
+   std::string flowOperations(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const X = capitalised(x);
+      std::string const k = keyArgument(a);
+      return "   using MoxMoxIs" + X + "Dirty = Mox::NboAttrLog::DirtyKey<Attr::" + x + "_t>;\n" +
+             inlineFunction(3, "void mox" + X + "HasSyncedIs(bool synced)", "hasSyncedIs(Attr::" + x + ", synced);") +
+             inlineFunction(3, "void newMoxIs" + X + "Dirty(" + k + " key, bool dirty)",
+                            "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
+             inlineFunction(3, "void moxIs" + X + "DirtyIs(" + k + " key, bool dirty)",
+                            "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
+             inlineFunction(3, "void moxIs" + X + "DirtyDel(" + k + " key)", "dirtyKeyDel(Attr::" + x + ", key);");
+   }
+   std::string announcement(Attribute const& a) const override {
+      return fill("template void Mox::announceKey<$X$::Attr::$x$_t>($X$ const&, $Key$ const&);",
+                  {{"X", a.owner->name}, {"x", a.name}, {"Key", key(a)}});
+   }
+
+protected:
+   /// The key's type: reactors and handlers take it by value.
+   static std::string key(Attribute const& a) { return a.key->cppType; }
+   /// The key as an argument of mutators.
+   static std::string keyArgument(Attribute const& a) { return a.key->argument(); }
+   static std::string entry(Attribute const& a) { return "Mox" + capitalised(a.name); }
+   static std::string map(Attribute const& a) { return entry(a) + "Map"; }
+
+   /// Operations that every keyed kind has with the same text: deleting and re-announcing.
+   static std::string commonFunctions(Attribute const& a, std::string const& prefix, std::string const& removed) {
+      std::string const x = a.name;
+      std::string const descriptor = "<Attr::" + x + "_t>(*this";
+      std::string const k = keyArgument(a);
+      return inlineFunction(3, removed + ' ' + x + "Del(" + k + " key)",
+                            "return Mox::" + prefix + "Del" + descriptor + ", key);") +
+             inlineFunction(3, removed + ' ' + x + "Del(" + map(a) + "::Iterator& it)",
+                            "return Mox::" + prefix + "Del" + descriptor + ", it);") +
+             inlineFunction(3, "void " + x + "DelAll()", "Mox::" + prefix + "DelAll" + descriptor + ");") +
+             inlineFunction(3, "void " + x + "Notify(" + k + " key) const", "Mox::keyNotify" + descriptor + ", key);");
+   }
+   static std::string containerAccess(Attribute const& a) {
+      return inlineFunction(3, map(a) + " const& " + a.name + "() const noexcept", "return " + a.name + "_;") +
+             inlineFunction(3, map(a) + "& " + a.name + "() noexcept", "return " + a.name + "_;");
+   }
+};
+
+/// Values under keys.
+class ValueMap : public Keyed {
+public:
+   Holds holds() const noexcept override { return Holds::value; }
+   bool hasKeyType() const noexcept override { return true; }
+
+   /// The container template, "RbTreeMap" or "HashMap".
+   virtual std::string container() const = 0;
+
+   std::vector<std::string> headers(Attribute const&) const override {
+      return {"containers/" + container() + ".h", "containers/MapEntries.h"};
+   }
+   std::string valueSpelling(Attribute const& a) const override { return a.value->cppType; }
+   std::string nestedTypes(Attribute const& a) const override {
+      std::string const types = '<' + entry(a) + ", " + key(a) + ", " + a.value->cppType + '>';
+      return docComment(3, "Entry of " + quotedName(a) + '.') +
+             derivedClass(3, "class " + entry(a) + " final", "public Mox::" + container() + "Entry" + types) +
+             "   public:\n      using " + container() + "Entry::" + container() + "Entry;\n   };\n" +
+             wrapped(3, "using " + map(a) + " = Mox::" + container() + types + ';');
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const t = a.value->cppType;
+      std::string const both = keyArgument(a) + " key, " + a.value->argument() + " v";
+      std::string const call = "<Attr::" + x + "_t>(*this, key";
+      return containerAccess(a) +
+             inlineFunction(3, t + ' ' + x + '(' + keyArgument(a) + " key) const", "return Mox::mapValue" + call + ");") +
+             inlineFunction(3, "void " + x + "Is(" + both + ')', "Mox::mapIs" + call + ", v);") +
+             inlineFunction(3, "Mox::Ptr<" + entry(a) + "> new" + capitalised(x) + '(' + both + ')',
+                            "return Mox::newMapEntry" + call + ", v);") +
+             commonFunctions(a, "map", t);
+   }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $T$, $Entry$, $Map$>",
+                  {{"kind", word()},
+                   {"X", a.owner->shortName},
+                   {"id", std::to_string(a.id.value_or(0))},
+                   {"Key", key(a)},
+                   {"T", a.value->cppType},
+                   {"Entry", entry(a)},
+                   {"Map", map(a)}});
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      return fill(R"(         static void put(auto& e, auto const& key, auto const& v) { e.$x$Is(key, v); }
+         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
+         static void fire(auto& to, auto const& key) { to.on$X$(key); }
+)",
+                  {{"x", a.name}, {"X", capitalised(a.name)}});
+   }
+};
+
+class Map final : public ValueMap {
+public:
+   std::string_view word() const noexcept override { return "map"; }
+   std::string_view meaning() const noexcept override { return "values by key, in ascending order of the keys"; }
+   std::string container() const override { return "RbTreeMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "", 8}; }
+};
+
+class HashMap final : public ValueMap {
+public:
+   std::string_view word() const noexcept override { return "hashMap"; }
+   std::string_view meaning() const noexcept override { return "values by key, in the order of the keys' hashes"; }
+   std::string container() const override { return "HashMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+};
+
+class HashCollection final : public Keyed {
+public:
+   std::string_view word() const noexcept override { return "hashCollection"; }
+   std::string_view meaning() const noexcept override {
+      return "entities that the attribute creates by name and owns, in the order of the names' hashes";
+   }
+   Holds holds() const noexcept override { return Holds::member; }
+
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+   std::vector<std::string> headers(Attribute const&) const override { return {"containers/HashMap.h"}; }
+   std::string valueSpelling(Attribute const& a) const override { return a.entity->name; }
+   std::string nestedTypes(Attribute const& a) const override {
+      return wrapped(3, "using " + map(a) + " = Mox::HashMap<" + a.entity->name + ", " + key(a) + ", " + a.entity->name + ">;");
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const pointer = "Mox::Ptr<" + a.entity->name + '>';
+      std::string declared = keyArgument(a) + " key";
+      std::string passed = "<Attr::" + x + "_t>(*this, key";
+      for (Attribute const* parameter : a.entity->parameters) {
+         declared += ", " + parameter->kind->valueSpelling(*parameter) + " const& " + parameter->name;
+         passed += ", " + parameter->name;
+      }
+      return containerAccess(a) +
+             inlineFunction(3, pointer + ' ' + x + '(' + keyArgument(a) + " key) const",
+                            "return Mox::memberFind<Attr::" + x + "_t>(*this, key);") +
+             inlineFunction(3, pointer + ' ' + x + "Is(" + declared + ')', "return Mox::memberIs" + passed + ");") +
+             inlineFunction(3, pointer + " new" + capitalised(x) + '(' + declared + ')',
+                            "return Mox::newMember" + passed + ");") +
+             commonFunctions(a, "member", pointer);
+   }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::KeyedAttribute<Mox::Kind::hashCollection, $X$, $id$, $Key$, $M$, $M$, $Map$>",
+                  {{"X", a.owner->shortName},
+                   {"id", std::to_string(a.id.value_or(0))},
+                   {"Key", key(a)},
+                   {"M", a.entity->name},
+                   {"Map", map(a)}});
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      return fill(
+         R"(         static auto put(auto& e, auto const& key, auto const&... more) { return e.$x$Is(key, more...); }
+         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
+         static void fire(auto& to, auto const& key) { to.on$X$(key); }
+)",
+         {{"x", a.name}, {"X", capitalised(a.name)}});
+   }
+   std::string adapterHandlers(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const member = "Mox::Ptr<" + a.entity->name + "> const& child";
+      return Keyed::adapterHandlers(a) +
+             inlineFunction(3,
+                            "Mox::Ptr<" + a.entity->name + "::MoxNboAttrLogSa> " + x +
+                               "NboAttrLogAdapterIs(Mox::Mox_BitSet flags, " + member +
+                               ", unsigned sequence, Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent)",
+                            "return childAdapterIs(Attr::" + x + ", flags, child, sequence, out, parent);") +
+             inlineFunction(3, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + x + "NboAttrLogAdapterDel(" + member + ')',
+                            "return childAdapterDel(child);");
+   }
+};
+
+} // namespace
+
+std::vector<AttributeKind const*> const& allKinds() {
+   static Scalar const scalar;
+   static Optional const optional;
+   static Counter const counter;
+   static Reference const reference;
+   static Map const map;
+   static HashMap const hashMap;
+   static HashCollection const hashCollection;
+   static std::vector<AttributeKind const*> const kinds{&scalar, &optional, &counter,       &reference,
+                                                        &map,    &hashMap,  &hashCollection};
+   return kinds;
+}
+
+AttributeKind const* findKind(std::string_view word) {
+   for (AttributeKind const* kind : allKinds())
+      if (kind->word() == word)
+         return kind;
+   return nullptr;
+}
+
+std::string capitalised(std::string_view name) {
+   std::string result(name);
+   if (!result.empty() && result[0] >= 'a' && result[0] <= 'z')
+      result[0] = static_cast<char>(result[0] - 'a' + 'A');
+   return result;
+}
+
+} // namespace moxc
