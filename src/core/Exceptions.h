@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace Mox {
+
+/// Base of everything the library throws. `what()` is ready to print.
+///
+/// Each class carries the framework's identifier of its kind, which a `Mox::Expect` scope names when the throw is part of
+/// the plan.
+class Exception : public std::exception {
+public:
+   explicit Exception(std::string text, unsigned id = 0) : text_(std::move(text)), id_(id) {}
+   char const* what() const noexcept override { return text_.c_str(); }
+   /// The framework's number of this kind of failure; 0 where nobody expects it.
+   unsigned id() const noexcept { return id_; }
+
+private:
+   std::string text_;
+   unsigned id_;
+};
+
+/// A value outside the range of its type. Nothing has been stored.
+class RangeException : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// A number that is no enumerator of its enumeration.
+class EnumException final : public RangeException {
+public:
+   using RangeException::RangeException;
+};
+
+/// A member of that name exists with other constructor parameters.
+class NameInUseException final : public Exception {
+public:
+   static constexpr unsigned kind = 16;
+   explicit NameInUseException(std::string text) : Exception(std::move(text), kind) {}
+};
+
+/// A broken promise between the library's own pieces: never the fault of data.
+class InternalException : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// A write to a mirror whose owner is another process.
+class ReadOnlyException final : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// A type asked for that the object is not, or that nobody registered.
+class TypeException final : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// A reference whose target has no identifier on the stream yet.
+class NoEntityIdException final : public Exception {
+public:
+   static constexpr unsigned kind = 48;
+   explicit NoEntityIdException(std::string text) : Exception(std::move(text), kind) {}
+};
+
+/// A record names an entity that does not fit the attribute.
+class AttrLogEntityException final : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// A record that can't be written or read as it is; the record alone is at fault, not the stream.
+class AttrLogRecordException : public Exception {
+public:
+   using Exception::Exception;
+};
+
+/// Bytes that break the framing or the handshake: the connection ends, with this text as its reason.
+class ProtocolException final : public Exception {
+public:
+   using Exception::Exception;
+};
+
+[[noreturn]] void throwRangeException(std::string_view text);
+[[noreturn]] void throwNameInUseException(std::string_view text);
+[[noreturn]] void throwInternalException(std::string_view text);
+
+/// Says that an exception of kind `id` is part of the plan until the scope ends, so that nobody reports it as a surprise.
+/// Identifier 0 expects nothing and costs nothing, which is what the delivery pass opens for each reactor.
+class Expect {
+public:
+   explicit Expect(unsigned id) noexcept : id_(id) {
+      if (id != 0)
+         enter();
+   }
+   ~Expect() {
+      if (id_ != 0)
+         leave();
+   }
+   Expect(Expect const&) = delete;
+   Expect& operator=(Expect const&) = delete;
+
+   /// Whether an open scope of this thread names `id`.
+   static bool isExpected(unsigned id) noexcept;
+
+private:
+   void enter() noexcept;
+   void leave() noexcept;
+
+   unsigned id_;
+   Expect const* outer_ = nullptr;
+};
+
+} // namespace Mox

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "core/Ptr.h"
+
+namespace Mox {
+
+/// A unit of deferred work that a reactor may belong to. Reactors that run synchronously have none.
+class Activity : public PtrInterface {};
+
+} // namespace Mox

@@ -1,0 +1,139 @@
+#pragma once
+
+#include "core/Identifiers.h"
+#include "core/Ptr.h"
+#include "core/String8.h"
+
+#include <array>
+#include <cstddef>
+#include <functional>
+
+namespace Mox {
+
+class ActivityConfig;
+class Activity;
+class Entity;
+
+/// Flags of a reactor as the framework passes them around.
+struct Mox_BitSet {
+   /// The flags that say how a reactor is notified; the others belong to the adapter that carries them.
+   static constexpr std::uint32_t notificationBitMask = 0x0000007f;
+   std::uint32_t bits = 0;
+   friend constexpr bool operator==(Mox_BitSet, Mox_BitSet) noexcept = default;
+};
+
+/// Identity of a reactor interface: one object per interface, and the chain of its bases.
+///
+/// A reactor that is only the base's interface and one that derives from another type of the same base have the same
+/// depth; only the identity at a level tells them apart.
+class ReactorClass {
+public:
+   static constexpr unsigned maximumLevels = 8;
+
+   explicit constexpr ReactorClass(ReactorClass const* base) noexcept : level_(base == nullptr ? 0 : base->level_ + 1) {
+      if (base != nullptr)
+         chain_ = base->chain_;
+      chain_[level_] = this;
+   }
+   /// Whether this is `other` or derives from it: one comparison.
+   constexpr bool derivesFrom(ReactorClass const& other) const noexcept { return chain_[other.level_] == &other; }
+
+   /// Exceptions of reactors of this class that the default `onNotificationException` has swallowed.
+   std::uint64_t swallowedExceptions() const noexcept { return swallowed_.load(std::memory_order_relaxed); }
+   void swallowedExceptionsInc() const noexcept { swallowed_.fetch_add(1, std::memory_order_relaxed); }
+
+private:
+   unsigned level_;
+   std::array<ReactorClass const*, maximumLevels> chain_{};
+   mutable std::atomic<std::uint64_t> swallowed_{0};
+};
+
+/// Base of all reactors: the link to the notifier, registration, and the slots through which the framework reaches a
+/// reactor without knowing its type.
+///
+/// *Lifetime*: registration adds no reference. An ordinary reactor holds its notifier; a weak one does not, and sees
+/// `onZeroReferences` when the notifier goes, after which it has no notifier.
+/// *Threads*: one thread at a time, the notifier's.
+class PtrInterface::NotifieeConst : public PtrInterface {
+public:
+   static constexpr ReactorClass reactorClass{nullptr};
+
+   void hasNotificationActiveIs(bool active) override;
+   ~NotifieeConst() override;
+
+   /// The object that reacts: this, or for a forwarding adapter its owner.
+   virtual Ptr<PtrInterface> moxReactor() const;
+   virtual PtrInterface* moxRawReactor() const;
+   /// True for the reactors of attribute-log adapters, which stand at the head of a notifier's list.
+   virtual bool isStreamAdapter() const;
+   /// Puts the reactor on its notifier's list or takes it off. Without a notifier only the flag is set.
+   virtual void isRegisteredNotifieeIs(bool registered) const;
+   virtual void mox_bitSetIs(Mox_BitSet flags);
+   /// The notifier's name; empty without a notifier.
+   virtual Name name() const;
+   /// Attaches to `notifier`, or detaches with null. An entity that this reactor can't watch counts as null.
+   virtual void notifierIs(Ptr<PtrInterface const> const& notifier);
+   virtual void handleNotification(ActivityConfig*);
+   virtual void handleDefault(ActivityConfig*, AttributeId, bool);
+   virtual void onAttribute(AttributeId);
+   virtual void onNotification();
+   virtual void onCollectionNotification(String8);
+   virtual void onNotificationException();
+   /// One of this reactor's notifications threw; the exception is current. The default swallows it, counts it (per
+   /// process and per reactor class) and calls the process-wide hook. What it throws itself leaves the mutator.
+   virtual void onNotificationException(AttributeId);
+   virtual void handleNotificationException(AttributeId);
+   virtual void handleNotificationException();
+   virtual void onZeroReferences();
+   virtual Ptr<Activity> activityPtr() const;
+   virtual Activity* moxFwkActivity();
+   virtual Activity const* moxFwkActivity() const;
+   virtual Activity* actsm();
+
+   bool isRegisteredNotifiee() const noexcept { return registered_; }
+   bool hasNotificationActive() const noexcept { return flag(activeFlag); }
+   bool isWeakReference() const noexcept { return weak_; }
+   /// A weak reactor does not keep its notifier alive. Allowed at any time.
+   void isWeakReferenceIs(bool weak);
+
+   ReactorClass const& moxClass() const noexcept { return *class_; }
+   template <class Interface> bool isOfClass() const noexcept {
+      return class_->derivesFrom(Interface::reactorClass);
+   }
+
+   // The list of the notifier.
+   NotifieeConst* moxNextInList() const noexcept { return next_; }
+   void moxNextInListIs(NotifieeConst* next) const noexcept { next_ = next; }
+
+   /// Called with the exceptions that the default `onNotificationException` swallows, while they are current.
+   using ExceptionHook = std::function<void(NotifieeConst const&, AttributeId)>;
+   static void exceptionHookIs(ExceptionHook hook);
+   static std::uint64_t swallowedExceptions() noexcept;
+
+protected:
+   NotifieeConst() noexcept : PtrInterface(reactorFlag | activeFlag), class_(&reactorClass) {}
+
+   void reactorClassIs(ReactorClass const& c) noexcept { class_ = &c; }
+   Entity const* rawNotifier() const noexcept { return notifier_; }
+   /// The registered flag turned off and the list left, whatever overrides `isRegisteredNotifieeIs`.
+   void leaveList() const;
+   void notifierEntityIs(Entity const* notifier);
+
+private:
+   friend class Mox::Entity;
+   friend class PtrInterface;
+
+   void hold(Entity const* notifier) const;
+   void release(Entity const* notifier) const;
+
+   ReactorClass const* class_;
+   mutable Entity const* notifier_ = nullptr;
+   mutable NotifieeConst* next_ = nullptr;
+   mutable bool registered_ = false;
+   bool weak_ = false;
+};
+
+/// A reactor that may change what it watches.
+class PtrInterface::Notifiee : public PtrInterface::NotifieeConst {};
+
+} // namespace Mox

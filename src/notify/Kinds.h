@@ -1,0 +1,101 @@
+#pragma once
+
+#include "core/Identifiers.h"
+#include "core/Ptr.h"
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+#include <type_traits>
+
+namespace Mox {
+
+/// What a schema line calls `kind`. Each has its storage, its mutators (notify/Mutators.h) and its way over the log
+/// (attrlog/Strategies.h); nothing else asks.
+enum class Kind { scalar, optional, counter, reference, parameter, map, hashMap, hashCollection };
+
+/// Base of an attribute's descriptor: who owns it, its number, its value.
+///
+/// A descriptor is an empty class that names one attribute to every template. The compiler adds its `name`, and calls by the
+/// attribute's own names: `cell(entity)` (storage), `put` and `drop` (the entity's mutators), `fire(object, key…)` (the
+/// notification or handler `on<Attr>` of whatever object it is given).
+template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct AttributeBase {
+   using Owner = Owner_;
+   using Value = Value_;
+   static constexpr Kind kind = kind_;
+   static constexpr AttributeId id = id_;
+   static constexpr bool isKeyed = false;
+   /// Bit of the attribute in its level's dirty set.
+   static constexpr unsigned bit = id_ - firstAttributeId(id_ / 128);
+};
+
+template <class Owner, AttributeId id, class Value> using ScalarAttribute = AttributeBase<Kind::scalar, Owner, id, Value>;
+/// A scalar that can be deleted: back to its default.
+template <class Owner, AttributeId id, class Value>
+using OptionalAttribute = AttributeBase<Kind::optional, Owner, id, Value>;
+template <class Owner, AttributeId id, class Value> using CounterAttribute = AttributeBase<Kind::counter, Owner, id, Value>;
+/// Counted reference to an entity that the owner does not own; `Target` may be const.
+template <class Owner, AttributeId id, class Target_>
+struct ReferenceAttribute : AttributeBase<Kind::reference, Owner, id, Ptr<Target_>> {
+   using Target = Target_;
+};
+/// Reference handed to the constructor, never changed.
+template <class Owner, AttributeId id, class Target_>
+struct ParameterAttribute : AttributeBase<Kind::parameter, Owner, id, Ptr<Target_>> {
+   using Target = Target_;
+};
+
+template <Kind kind, class Owner, AttributeId id, class Key_, class Value, class Entry_, class Container_>
+struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
+   using Key = Key_;
+   using Entry = Entry_;
+   using Container = Container_;
+   static constexpr bool isKeyed = true;
+};
+
+/// A list of types, of descriptors mostly.
+template <class... Types> struct TypeList {
+   static constexpr std::size_t size = sizeof...(Types);
+   template <class Visitor> static constexpr void forEach(Visitor&& visit) { (visit(Types{}), ...); }
+};
+
+namespace detail {
+
+template <class Visitor, class A> void visitOne(Visitor& visit) {
+   visit(A{});
+}
+
+template <class Visitor, AttributeId first, AttributeId last, class... As>
+constexpr auto visitorTable(TypeList<As...>) noexcept {
+   std::array<void (*)(Visitor&), last - first + 1> table{};
+   ((table[As::id - first] = &visitOne<Visitor, As>), ...);
+   return table;
+}
+
+} // namespace detail
+
+/// Calls `visit` with the descriptor of attribute `id` of the level that `X` adds to its base: the one dispatch from number to
+/// attribute, a table look-up. False where the level has no such attribute.
+template <class X, class Visitor> bool visitAttribute(AttributeId id, Visitor&& visit) {
+   using V = std::remove_reference_t<Visitor>;
+   if constexpr (X::MoxAttributes::size != 0) {
+      static constexpr auto table =
+         detail::visitorTable<V, X::moxFirstAttribute, X::moxLastAttribute>(typename X::MoxAttributes{});
+      if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
+         return false;
+      if (auto const call = table[id - X::moxFirstAttribute]) {
+         call(visit);
+         return true;
+      }
+   }
+   return false;
+}
+
+/// Name of attribute `id` of the level that `X` adds to its base; empty where it has none.
+template <class X> std::string_view attributeNameOf(AttributeId id) {
+   std::string_view name;
+   visitAttribute<X>(id, [&](auto a) { name = a.name; });
+   return name;
+}
+
+} // namespace Mox

@@ -1,0 +1,202 @@
+#pragma once
+
+#include "core/Exceptions.h"
+#include "core/Text.h"
+#include "mox/Entity.h"
+#include "notify/Kinds.h"
+
+#include <string>
+#include <utility>
+
+// What the mutators of an attribute do, once for each kind. A generated mutator is one call of one of these.
+//
+// All: compare first; an equal value changes, counts and tells nothing. A change is stored and counted before the first
+// reactor runs, and stays whatever the reactors do. An exception leaves only if a reactor's own
+// `onNotificationException` throws.
+
+namespace Mox {
+
+/// One delivery pass of an attribute's notification. Defined in notify/Delivery.h and instantiated in the type's own source, so
+/// that an entity's header does not need its reactor interface.
+template <class A> void announce(typename A::Owner const& entity);
+template <class A> void announceKey(typename A::Owner const& entity, typename A::Key const& key);
+
+/// Floats compare as floats: a NaN always counts as a change, -0.0 equals +0.0.
+template <class A> inline void scalarIs(typename A::Owner& entity, typename A::Value const& value) {
+   auto& cell = A::cell(entity);
+   if (cell == value)
+      return;
+   entity.moxChangeCountInc();
+   cell = value;
+   if (entity.moxHasReactors())
+      announce<A>(entity);
+}
+
+/// Adds modulo the width of the type; signed counters wrap in two's complement. Counts a touch, never a change.
+template <class A>
+inline typename A::Value counterInc(typename A::Owner& entity, typename A::Value const& delta) {
+   using Value = typename A::Value;
+   using Unsigned = std::make_unsigned_t<Value>;
+   entity.moxTouchCountInc();
+   auto& cell = A::cell(entity);
+   auto const sum = static_cast<Value>(static_cast<Unsigned>(cell) + static_cast<Unsigned>(delta));
+   if (sum == cell)
+      return sum;
+   cell = sum;
+   if (entity.moxHasReactors())
+      announce<A>(entity);
+   return sum;
+}
+
+/// Back to the default. \return the value that was there
+template <class A> inline typename A::Value optionalDel(typename A::Owner& entity) {
+   typename A::Value const before = A::cell(entity);
+   scalarIs<A>(entity, typename A::Value{});
+   return before;
+}
+
+/// The value under `key`, or the default.
+template <class A> inline typename A::Value mapValue(typename A::Owner const& entity, typename A::Key const& key) {
+   auto const* const entry = A::cell(entity).find(key);
+   return entry == nullptr ? typename A::Value{} : entry->value();
+}
+
+template <class A> inline void keyNotify(typename A::Owner const& entity, typename A::Key const& key) {
+   if (entity.moxHasReactors())
+      announceKey<A>(entity, key);
+}
+
+/// Puts a new entry into the map, in the place of a present one with that key. Counts and tells nothing.
+template <class A>
+Ptr<typename A::Entry> newMapEntry(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
+   auto entry = make<typename A::Entry>(key, value);
+   A::cell(entity).insert(entry);
+   return entry;
+}
+
+template <class A>
+inline void mapIs(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
+   if (auto* const entry = A::cell(entity).find(key)) {
+      if (entry->value() == value)
+         return;
+      entry->valueIs(value);
+   } else {
+      newMapEntry<A>(entity, key, value);
+   }
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+}
+
+namespace detail {
+
+template <class A> typename A::Value mapEntryDel(typename A::Owner& entity, typename A::Entry& present) {
+   auto const entry = A::cell(entity).remove(present);
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, entry->fwkKey());
+   return entry->value();
+}
+
+} // namespace detail
+
+/// \return the value that was there, or the default; an absent key is no error
+template <class A> typename A::Value mapDel(typename A::Owner& entity, typename A::Key const& key) {
+   auto* const entry = A::cell(entity).find(key);
+   return entry == nullptr ? typename A::Value{} : detail::mapEntryDel<A>(entity, *entry);
+}
+
+/// Deletes the entry under the iterator, which keeps it as its position: advancing goes on behind its key.
+template <class A> typename A::Value mapDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
+   if (!it || A::cell(entity).find(it.key()) != it.entry().get())
+      return {};
+   return detail::mapEntryDel<A>(entity, *it.entry());
+}
+
+template <class A> void mapDelAll(typename A::Owner& entity) {
+   for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
+      mapDel<A>(entity, it);
+}
+
+// Instantiating collections: the member is the entry.
+
+/// Creates a member under `name` and puts it in the place of a present one, which loses its parent. Counts and tells nothing:
+/// nobody knows of it, a mirror included, until the name is announced.
+template <class A, class... Parameters>
+Ptr<typename A::Entry> newMember(typename A::Owner& entity, Name const& name, Parameters const&... parameters) {
+   auto member = make<typename A::Entry>(name, parameters...);
+   member->parentAttrIdIs(A::id);
+   if (Ptr<typename A::Entry> const replaced = A::cell(entity).insert(member))
+      replaced->parentIs(nullptr);
+   member->parentIs(Ptr<Entity>(&entity));
+   return member;
+}
+
+namespace detail {
+
+template <class P, class Member>
+void checkParameter(Name const& name, Member const& member, typename P::Value const& given) {
+   member.moxTouchCountInc();
+   auto const& current = P::cell(member);
+   if (current == given)
+      return;
+   std::string text("Reinstantiating the entity with name ");
+   text.append(quoted(name)).append(" where constructor parameter attribute _").append(P::name);
+   text.append(" has a different value of ").append(std::string_view(Entity::fullNameOf(given.get())));
+   text.append(" than the current value of ").append(std::string_view(Entity::fullNameOf(current.get())));
+   text.append(" not allowed");
+   throwNameInUseException(text);
+}
+
+template <class Member, class... Ps, class... Parameters>
+void checkParameters(TypeList<Ps...>, Name const& name, Member const& member, Parameters const&... given) {
+   (checkParameter<Ps>(name, member, given), ...);
+}
+
+template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& entity, typename A::Entry& present) {
+   Ptr<typename A::Entry> const member = A::cell(entity).remove(present);
+   entity.moxChangeCountInc();
+   member->parentIs(nullptr);
+   keyNotify<A>(entity, member->moxName());
+   return member;
+}
+
+} // namespace detail
+
+/// Finds or creates the member; finding counts as a change of the owner and tells nobody.
+/// \throws NameInUseException when the member exists with other constructor parameters; nothing has changed then
+template <class A, class... Parameters>
+Ptr<typename A::Entry> memberIs(typename A::Owner& entity, Name const& name, Parameters const&... parameters) {
+   if (auto* const present = A::cell(entity).find(name)) {
+      detail::checkParameters(typename A::Entry::MoxParameters{}, name, *present, parameters...);
+      entity.moxChangeCountInc();
+      return Ptr<typename A::Entry>(present);
+   }
+   auto const member = newMember<A>(entity, name, parameters...);
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, name);
+   return ValidPtr<typename A::Entry>(member);
+}
+
+/// \return the member, or null. Counts a touch, because the member can be changed.
+template <class A> inline Ptr<typename A::Entry> memberFind(typename A::Owner const& entity, Name const& name) {
+   entity.moxTouchCountInc();
+   return Ptr<typename A::Entry>(const_cast<typename A::Entry*>(A::cell(entity).find(name)));
+}
+
+/// \return the removed member, its parent cleared, or null; it lives on while somebody references it
+template <class A> Ptr<typename A::Entry> memberDel(typename A::Owner& entity, Name const& name) {
+   auto* const present = A::cell(entity).find(name);
+   return present == nullptr ? Ptr<typename A::Entry>() : detail::memberEntryDel<A>(entity, *present);
+}
+
+template <class A> Ptr<typename A::Entry> memberDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
+   if (!it || A::cell(entity).find(it.key()) != it.entry().get())
+      return nullptr;
+   return detail::memberEntryDel<A>(entity, *it.entry());
+}
+
+template <class A> void memberDelAll(typename A::Owner& entity) {
+   for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
+      memberDel<A>(entity, it);
+}
+
+} // namespace Mox

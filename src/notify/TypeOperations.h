@@ -1,0 +1,79 @@
+#pragma once
+
+#include "mox/Entity.h"
+#include "mox/MoxType.h"
+#include "notify/Kinds.h"
+#include "notify/Mutators.h"
+
+#include <string_view>
+
+namespace Mox {
+
+namespace detail {
+
+template <class X> constexpr unsigned ownedCollections() {
+   unsigned count = 0;
+   X::MoxAttributes::forEach([&](auto a) { count += a.kind == Kind::hashCollection ? 1u : 0u; });
+   return count;
+}
+
+/// Calls `visit(attribute)` for the collections whose members the level of `X` owns.
+template <class X, class Visitor> void forEachOwned(Visitor&& visit) {
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (a.kind == Kind::hashCollection)
+         visit(a);
+   });
+}
+
+template <class X> void membersDelAll(Entity& entity) {
+   forEachOwned<X>([&](auto a) { memberDelAll<decltype(a)>(static_cast<X&>(entity)); });
+}
+
+template <class X> void visitMembers(Entity& entity, void* context, void (*visit)(void*, AttributeId, Entity&)) {
+   forEachOwned<X>([&](auto a) {
+      using Container = typename decltype(a)::Container;
+      for (typename Container::Iterator it(a.cell(static_cast<X&>(entity))); it; it.advance())
+         visit(context, a.id, *it.entry());
+   });
+}
+
+template <class X> unsigned auditLevel(Entity const& entity, unsigned depth) {
+   unsigned errors = 0;
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (a.isKeyed) {
+         auto const& cell = a.cell(static_cast<X const&>(entity));
+         errors += cell.auditErrors();
+         if constexpr (a.kind == Kind::hashCollection)
+            for (auto* m = cell.first(); m != nullptr; m = cell.next(*m)) {
+               errors += m->moxRawParent() != &entity;
+               errors += m->parentAttrId() != a.id;
+               if (depth != 0)
+                  errors += m->auditErrors(depth - 1);
+            }
+      }
+   });
+   return errors;
+}
+
+} // namespace detail
+
+/// Makes the type object of `X`; called once, from `X::_fwkType`. `log` is null for a type without an attribute log.
+template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, NboAttrLog::TypeOperations const* log) {
+   EntityOperations operations;
+   if constexpr (detail::ownedCollections<X>() != 0) {
+      operations.membersDelAll = &detail::membersDelAll<X>;
+      operations.visitMembers = &detail::visitMembers<X>;
+      operations.collections = detail::ownedCollections<X>();
+   }
+   operations.auditErrors = &detail::auditLevel<X>;
+   operations.log = log;
+   return make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), operations);
+}
+
+/// The name of the attribute, the base's answer for what is not this level's.
+template <class X> String8 attributeStringOf(X const& entity, AttributeId id) {
+   std::string_view const name = attributeNameOf<X>(id);
+   return name.empty() ? entity.X::MoxBase::attributeString(id) : String8(name);
+}
+
+} // namespace Mox
