@@ -1,0 +1,903 @@
+#include "attrlog/Demuxer.h"
+
+#include "core/Exceptions.h"
+#include "core/Text.h"
+#include "mox/MoxType.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+
+namespace Mox {
+
+namespace NboAttrLog {
+
+namespace {
+
+/// How far a slot may lie beyond the ones announced so far: an announcement that was taken back leaves a gap.
+constexpr std::uint32_t slotGap = 64;
+
+thread_local Demuxer* firstDemuxer = nullptr;
+
+std::string textOf(EntityId id) {
+   return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
+}
+
+} // namespace
+
+Demuxer::Demuxer(std::string name) : out_(make<Out>(name)), in_(make<In>(name)), nextDemuxer_(firstDemuxer) {
+   out_->reverseLogIs(in_);
+   in_->demuxerIs(this);
+   firstDemuxer = this;
+}
+
+Demuxer::~Demuxer() {
+   cut();
+   forgetMirrors(nullptr);
+   in_->demuxerIs(nullptr);
+   Demuxer** at = &firstDemuxer;
+   while (*at != this)
+      at = &(*at)->nextDemuxer_;
+   *at = nextDemuxer_;
+}
+
+void Demuxer::forEach(std::function<void(Demuxer&)> const& visit) {
+   for (Demuxer* d = firstDemuxer; d != nullptr;) {
+      Demuxer* const next = d->nextDemuxer_;
+      visit(*d);
+      d = next;
+   }
+}
+
+void Demuxer::forEachAdapter(std::function<void(Sa&)> const& visit) {
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Ptr<Sa> const sa = own_[i].sa)
+         visit(*sa);
+   for (std::size_t i = 0; i < peer_.size(); ++i)
+      if (Ptr<Sa> const sa = peer_[i].sa)
+         visit(*sa);
+}
+
+// Life of a connection --------------------------------------------------------------------------------------------------
+
+void Demuxer::opened() noexcept {
+   isOpen_ = true;
+}
+
+void Demuxer::cut() noexcept {
+   isOpen_ = false;
+   forgetAnnounced();
+   own_.clear();
+   freeSlots_.clear();
+   retirements_.clear();
+   // What was announced again stands in the table; only that entry goes on.
+   std::erase_if(waiting_, [this](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
+   for (PeerSlot& slot : peer_) {
+      if (!slot.sa)
+         continue;
+      slot.sa->flowInIs(attr::none);
+      slot.sa->entityIdIs({});
+      slot.sa->isSyncingIs(false);
+      for (auto& untold : slot.sa->untold())
+         untold = {untold.mark, false, true};
+      waiting_.push_back(std::move(slot));
+   }
+   peer_.clear();
+   syncing_ = 0;
+   reidentified_.clear();
+   wanted_ = nullptr;
+   applied_ = acknowledged_ = acknowledgedAt_ = 0;
+   peerHighestSlot_ = highestSlot;
+   out_->clear();
+   in_->reset();
+}
+
+// What this side announces ----------------------------------------------------------------------------------------------
+
+Demuxer::Sa* Demuxer::adapterOf(Entity const& entity) const noexcept {
+   // Adapters stand at the head of the list, one per stream: a short walk, and no table to keep.
+   for (auto* r = entity.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (auto* const sa = static_cast<Sa*>(r->moxRawReactor()); sa->streamDemuxer() == this)
+         return sa;
+   return nullptr;
+}
+
+Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
+   if (Sa* const present = adapterOf(root)) {
+      if (!present->isOrphan())
+         throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
+      reidentify(root);
+   }
+   Ptr<Sa> const sa = logOperationsOf(root)->adapter(root, {StreamAdapter::readOnlyProxy}, *this);
+   sa->isRootIs(true);
+   assign(*sa);
+   return sa;
+}
+
+void Demuxer::assign(Sa& sa) {
+   flushRetirements();
+   if (freeSlots_.empty()) {
+      std::size_t const slot = std::max<std::size_t>(own_.size(), 1);
+      if (slot > peerHighestSlot_)
+         throw InternalException("stream \"" + name() + "\" has no identifier left: the peer takes slots up to " +
+                                 std::to_string(peerHighestSlot_));
+      // Room first, so that giving an identifier back never fails.
+      own_.reserve(slot + 1);
+      freeSlots_.reserve(own_.capacity());
+      retirements_.reserve(own_.capacity());
+      own_.resize(slot + 1);
+      freeSlots_.push_back(static_cast<std::uint32_t>(slot));
+   }
+   std::uint32_t const slot = freeSlots_.back();
+   freeSlots_.pop_back();
+   counters_.reusedSlots += own_[slot].generation != 0;
+   own_[slot].sa = Ptr<Sa>(&sa);
+   sa.entityIdIs(EntityId::assigned(slot, 1, ++own_[slot].generation));
+}
+
+bool Demuxer::isUnderAnnounced(Entity const& entity) const noexcept {
+   for (Entity const* e = entity.moxRawParent(); e != nullptr; e = e->moxRawParent())
+      if (Sa const* const sa = adapterOf(*e); sa != nullptr && !sa->isMirror() && sa->isAnnounced())
+         return true;
+   return false;
+}
+
+void Demuxer::announce(Entity& entity) {
+   Entity* const parent = entity.moxRawParent();
+   if (parent == nullptr || !isUnderAnnounced(entity)) {
+      announceOrphan(entity);
+      return;
+   }
+   Sa* parentSa = adapterOf(*parent);
+   if (parentSa == nullptr || !parentSa->isAnnounced()) {
+      announce(*parent);
+      parentSa = adapterOf(*parent);
+   }
+   if (parentSa != nullptr)
+      parentSa->announceMember(entity.parentAttrId(), entity);
+}
+
+void Demuxer::announceOrphan(Entity& entity) {
+   Ptr<Sa> sa(adapterOf(entity));
+   if (!sa) {
+      sa = logOperationsOf(entity)->adapter(entity, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, *this);
+      sa->isOrphanIs(true);
+      sa->moxOnInit();
+   }
+   try {
+      if (!sa->entityId().isAssigned())
+         assign(*sa);
+      writeAnnouncement(*sa);
+   } catch (...) {
+      sa->detach();
+      throw;
+   }
+   announced(*sa, true);
+}
+
+void Demuxer::announceRoot(Sa& sa) {
+   writeAnnouncement(sa);
+   announced(sa, true);
+}
+
+void Demuxer::writeAnnouncement(Sa& sa) {
+   // Each restart has announced one more of the constructor's references.
+   std::size_t const mostRestarts = 1 + logOperationsOf(*sa.entity())->parameters;
+   for (std::size_t restarts = 0;; ++restarts) {
+      try {
+         sa.doSerializeOrphan();
+         return;
+      } catch (RecordTooLong const&) {
+         throw;
+      } catch (AttrLogRecordException const&) {
+         if (restarts == mostRestarts)
+            throw;
+         ++counters_.restartedAnnouncements;
+         announceWanted();
+      }
+   }
+}
+
+void Demuxer::mirrorRootIs(Entity& root) {
+   if (adapterOf(root) != nullptr)
+      throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
+   TypeOperations const* const operations = logOperationsOf(root);
+   if (operations == nullptr)
+      throwInternalException(std::string(std::string_view(root.fwkType()->name())) + " has no attribute log");
+   Ptr<Sa> const sa =
+      operations->adapter(root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
+   sa->isRootIs(true);
+   waiting_.push_back({sa, Ptr<Entity>(&root), 0, false});
+}
+
+EntityId Demuxer::entityIdFor(Entity const* target) {
+   if (target == nullptr)
+      return {};
+   TypeOperations const* const operations = logOperationsOf(*target);
+   if (operations == nullptr || operations->create == nullptr) {
+      ++counters_.withoutLog;
+      MoxType const* const type = target->fwkType().get();
+      if (std::find(reportedTypes_.begin(), reportedTypes_.end(), type) == reportedTypes_.end()) {
+         reportedTypes_.push_back(type);
+         report("stream \"" + name() + "\": references to " + std::string(std::string_view(type->name())) +
+                " travel as null, because the type has no attribute log");
+      }
+      return {};
+   }
+   if (Sa const* const sa = adapterOf(*target)) {
+      if (sa->isMirror()) {
+         if (sa->entityId().isAssigned())
+            return sa->entityId();
+         throw NoEntityIdException(std::string(std::string_view(target->fullName())) +
+                                   " has no identifier on this stream until its owner announces it again");
+      }
+      if (sa->isAnnounced())
+         return sa->entityId();
+   }
+   if (out_->isRecordOpen()) {
+      wanted_ = Ptr<Entity>(const_cast<Entity*>(target));
+      throw AttrLogRecordException(std::string(std::string_view(target->fullName())) +
+                                   " must be announced before the record that refers to it");
+   }
+   announce(*const_cast<Entity*>(target));
+   Sa const* const sa = adapterOf(*target);
+   if (sa == nullptr || !sa->isAnnounced())
+      throw NoEntityIdException(std::string(std::string_view(target->fullName())) + " could not be announced");
+   return sa->entityId();
+}
+
+void Demuxer::announceWanted() {
+   if (Ptr<Entity> const wanted = std::move(wanted_)) {
+      wanted_ = nullptr;
+      entityIdFor(wanted.get());
+   }
+}
+
+void Demuxer::announced(Sa& sa, bool owesEverything) {
+   sa.flagIs(StreamAdapter::serializing, true);
+   newIdentifiers_ = true;
+   if (owesEverything)
+      createFlowOut(sa, attr::none);
+}
+
+namespace {
+
+void collectTree(Entity& top, std::vector<Ptr<Entity>>& tree) {
+   tree.push_back(Ptr<Entity>(&top));
+   for (Ptr<MoxType const> type = top.fwkType(); type; type = type->base())
+      if (auto const visit = type->operations().visitMembers)
+         visit(top, &tree, [](void* context, AttributeId, Entity& member) {
+            collectTree(member, *static_cast<std::vector<Ptr<Entity>>*>(context));
+         });
+}
+
+} // namespace
+
+void Demuxer::forgetTree(Entity& top) {
+   std::vector<Ptr<Entity>> tree;
+   collectTree(top, tree);
+   for (Ptr<Entity> const& entity : tree)
+      if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror())
+         sa->detach();
+}
+
+void Demuxer::reidentify(Entity& top) {
+   std::vector<Ptr<Entity>> tree;
+   collectTree(top, tree);
+   for (Ptr<Entity> const& entity : tree)
+      if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror()) {
+         reidentified_.push_back(entity.get());
+         sa->detach();
+      }
+}
+
+void Demuxer::forgetAnnounced() {
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Ptr<Sa> const sa = own_[i].sa)
+         sa->detach();
+}
+
+void Demuxer::detached(Sa& sa) noexcept {
+   if (Ptr<FlowOut> const flow = sa.flow()) {
+      dequeue(*flow);
+      flow->ownerIs(nullptr);
+      sa.flowIs(nullptr);
+   }
+   std::erase(parkedAdapters_, &sa);
+   sa.parked().clear();
+   if (sa.isSyncing())
+      syncing(sa, false);
+   EntityId const id = sa.entityId();
+   if (!id.isAssigned())
+      return;
+   sa.entityIdIs({});
+   if (id.side() == 1) {
+      if (id.slot() < own_.size() && own_[id.slot()].sa == &sa) {
+         // The table keeps no reference here: `Sa::detach` holds the adapter.
+         own_[id.slot()].sa = nullptr;
+         if (isOpen_ && sa.hasFlag(StreamAdapter::serializing))
+            retirements_.push_back(id.slot());
+         else
+            freeSlots_.push_back(id.slot());
+      }
+   } else if (id.slot() < peer_.size() && peer_[id.slot()].sa == &sa) {
+      peer_[id.slot()].sa = nullptr;
+   }
+}
+
+void Demuxer::flushRetirements() {
+   while (!retirements_.empty()) {
+      std::uint32_t const slot = retirements_.back();
+      out_->control(Retire{EntityId::assigned(slot, 1, own_[slot].generation)});
+      retirements_.pop_back();
+      freeSlots_.push_back(slot);
+   }
+}
+
+void Demuxer::acknowledge() {
+   out_->control(Acknowledgement{applied_});
+   acknowledged_ = applied_;
+   acknowledgedAt_ = out_->bytesSent() + out_->pendingBytes();
+}
+
+// The backlog -----------------------------------------------------------------------------------------------------------
+
+void Demuxer::enqueue(FlowOut& flow) noexcept {
+   if (flow.isQueued_)
+      return;
+   flow.isQueued_ = true;
+   flow.referenceInc(); // the queue's
+   flow.before_ = tail_;
+   flow.behind_ = nullptr;
+   (tail_ == nullptr ? head_ : tail_->behind_) = &flow;
+   tail_ = &flow;
+}
+
+void Demuxer::dequeue(FlowOut& flow) noexcept {
+   if (!flow.isQueued_)
+      return;
+   flow.isQueued_ = false;
+   (flow.before_ == nullptr ? head_ : flow.before_->behind_) = flow.behind_;
+   (flow.behind_ == nullptr ? tail_ : flow.behind_->before_) = flow.before_;
+   flow.before_ = flow.behind_ = nullptr;
+   flow.referenceDec();
+}
+
+FlowOut& Demuxer::createFlowOut(Sa& sa, AttributeId startAttribute) {
+   if (!sa.flow()) {
+      Ptr<FlowOut> const flow = sa.flowOutIs(startAttribute);
+      flow->ownerIs(&sa);
+      sa.flowIs(flow);
+      enqueue(*flow);
+   }
+   return *sa.flow();
+}
+
+void Demuxer::parkedIs(Sa& sa) {
+   ++counters_.parked;
+   if (std::find(parkedAdapters_.begin(), parkedAdapters_.end(), &sa) == parkedAdapters_.end())
+      parkedAdapters_.push_back(&sa);
+}
+
+void Demuxer::syncModeSend(Sa& sa, SyncMode mode) {
+   beforeRecord();
+   MsgHeader header;
+   header.entity = sa.entityId();
+   header.attribute = static_cast<std::int32_t>(attr::syncMode);
+   header.fixedSize = 4;
+   Record record(*out_, header);
+   out_->put(static_cast<unsigned int>(mode));
+   record.close();
+}
+
+bool Demuxer::step(FlowOut& flow) {
+   Ptr<FlowOut> const held(&flow);
+   Ptr<Sa> const sa(flow.owner());
+   dequeue(flow);
+   AttributeId next = attr::none;
+   try {
+      if (flow.isResend() && !flow.hasOpened()) {
+         for (AttributeId const id : flow.pendingAborts())
+            sa->sendTransactionMarker(id, AttrTransactionType::abort, 0);
+         flow.pendingAborts().clear();
+         syncModeSend(*sa, SyncMode::resend);
+         flow.hasOpenedIs(true);
+      }
+      next = sa->handleAttrFlowOut(flow.cursor());
+      if (sa->flow() != &flow)
+         return true; // the entity went, or its adapter, while it was told
+      if ((flow.moxDataBits() & FlowOut::suspended) != 0) {
+         flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
+         flow.cursorIs(next);
+         parkedIs(*sa);
+         if (flow.holdsBookmark(flow.suspendedAt().attribute))
+            return true; // a resend stands still at this key until there is an identifier
+         sa->parked().push_back(flow.suspendedAt());
+         sa->unmark(flow.suspendedAt());
+         enqueue(flow);
+         return true;
+      }
+      flow.cursorIs(next);
+      if (next == attr::none) {
+         if (flow.isResend() && flow.collectionsHaveSynced()) {
+            syncModeSend(*sa, SyncMode::live);
+            flow.isResendIs(false);
+         }
+         if (!flow.hasDirtyAttributes()) {
+            sa->flowIs(nullptr);
+            flow.ownerIs(nullptr);
+            return true;
+         }
+      }
+      enqueue(flow);
+      return true;
+   } catch (std::exception const& e) {
+      // Whatever went wrong, the entity's whole state is owed again; the next drain tries.
+      report("stream \"" + name() + "\": " + std::string(std::string_view(Entity::fullNameOf(sa->entity()))) +
+             " owes everything again: " + e.what());
+      if (sa->flow() == &flow)
+         enqueue(flow);
+      sa->owesAllIs();
+      return false;
+   }
+}
+
+void Demuxer::owedAllPaid() {
+   if (!std::exchange(anyOwesAll_, false))
+      return;
+   for (std::size_t i = 0; i < own_.size(); ++i) {
+      Ptr<Sa> const sa = own_[i].sa;
+      if (!sa || !sa->owesAll())
+         continue;
+      if (!sa->hasFlag(StreamAdapter::serializing)) {
+         sa->owesAllDel(); // it owes everything with its announcement
+         continue;
+      }
+      anyOwesAll_ = true; // until the new flow stands
+      Ptr<FlowOut> const before = sa->flow();
+      Ptr<FlowOut> const flow = sa->flowOutIs(attr::none);
+      if (before) {
+         if (before->bookmark().attribute != attr::none)
+            flow->pendingAbortIs(before->bookmark().attribute);
+         dequeue(*before);
+         before->ownerIs(nullptr);
+      }
+      flow->ownerIs(sa.get());
+      sa->flowIs(flow);
+      sa->parked().clear();
+      enqueue(*flow);
+      sa->owesAllDel();
+      anyOwesAll_ = false;
+      ++counters_.owedAll;
+   }
+   for (std::size_t i = 0; i < peer_.size(); ++i)
+      if (Ptr<Sa> const sa = peer_[i].sa; sa && sa->owesAll()) {
+         out_->control(Refresh{sa->entityId(), 0, {}});
+         sa->owesAllDel();
+         ++counters_.refreshesAsked;
+      }
+}
+
+void Demuxer::reidentifiedMarked() {
+   while (!reidentified_.empty()) {
+      std::vector<Entity const*> const targets = std::move(reidentified_);
+      reidentified_.clear();
+      for (std::size_t i = 0; i < own_.size(); ++i) {
+         Ptr<Sa> const sa = own_[i].sa;
+         if (!sa || !sa->hasFlag(StreamAdapter::serializing))
+            continue;
+         TypeOperations const* const operations = logOperationsOf(*sa->entity());
+         auto const refers = [&](Entity const* target) { return operations->hasParameter(*sa->entity(), *target); };
+         if (sa->isOrphan() && std::any_of(targets.begin(), targets.end(), refers))
+            reidentify(*sa->entity());
+         else
+            sa->markReferencesTo(targets);
+      }
+   }
+}
+
+void Demuxer::wake() {
+   if (!std::exchange(newIdentifiers_, false))
+      return;
+   std::vector<Sa*> const adapters = std::move(parkedAdapters_);
+   parkedAdapters_.clear();
+   parkedAdapters_.reserve(adapters.size());
+   for (Sa* const sa : adapters) {
+      std::vector<Mark> const marks = std::move(sa->parked());
+      sa->parked().clear();
+      for (Mark const& mark : marks)
+         sa->markAgain(mark);
+      if (sa->flow())
+         enqueue(*sa->flow());
+      counters_.woken += std::max<std::size_t>(marks.size(), 1);
+   }
+}
+
+void Demuxer::refreshesAsk() {
+   if (!anyUntold_)
+      return;
+   for (std::size_t i = 0; i < peer_.size(); ++i) {
+      Ptr<Sa> const sa = peer_[i].sa;
+      if (!sa || sa->untold().empty())
+         continue;
+      for (auto& untold : sa->untold()) {
+         if (untold.isAsked || untold.isOld)
+            continue;
+         if (!out_->hasSufficientBuffer())
+            return;
+         std::vector<std::uint8_t> key;
+         if (untold.mark.hasKey)
+            sa->writeKey(untold.mark, key);
+         out_->control(Refresh{sa->entityId(), static_cast<std::int32_t>(untold.mark.attribute),
+                               {reinterpret_cast<char const*>(key.data()), key.size()}});
+         untold.isAsked = true;
+         ++counters_.refreshesAsked;
+      }
+   }
+   anyUntold_ = false;
+}
+
+void Demuxer::drain() {
+   if (isDraining_ || !isOpen_)
+      return;
+   struct Scope {
+      bool& flag;
+      explicit Scope(bool& f) : flag(f) { flag = true; }
+      ~Scope() { flag = false; }
+   } const scope(isDraining_);
+   try {
+      owedAllPaid();
+      reidentifiedMarked();
+      wake();
+      refreshesAsk();
+      while (head_ != nullptr && out_->hasSufficientBuffer()) {
+         if (!step(*head_))
+            return;
+         // What a step told may have woken others or retired what they refer to.
+         reidentifiedMarked();
+         wake();
+      }
+      flushRetirements();
+   } catch (std::bad_alloc const&) {
+      report("stream \"" + name() + "\": no memory to go on; the next drain tries again");
+   }
+}
+
+bool Demuxer::owes() const noexcept {
+   if (head_ != nullptr || anyOwesAll_ || anyUntold_ || !retirements_.empty() || !reidentified_.empty())
+      return true;
+   return newIdentifiers_ && !parkedAdapters_.empty();
+}
+
+// What the peer announces -----------------------------------------------------------------------------------------------
+
+Demuxer::PeerSlot* Demuxer::peerSlot(EntityId wireId) noexcept {
+   if (!wireId.isAssigned() || wireId.slot() >= peer_.size())
+      return nullptr;
+   PeerSlot& slot = peer_[wireId.slot()];
+   return slot.isUsed && slot.generation == wireId.generation() ? &slot : nullptr;
+}
+
+void Demuxer::checkAnnounced(EntityId id) const {
+   auto const fail = [&](std::string const& why) {
+      throw ProtocolException(in_->where() + ": announced " + textOf(id) + ": " + why);
+   };
+   if (!id.isAssigned() || id.side() != 1)
+      fail("not an identifier of the announcing side");
+   if (id.slot() > highestSlot)
+      fail("expected slots up to " + std::to_string(highestSlot));
+   if (id.slot() >= peer_.size() + slotGap)
+      fail("expected a slot below " + std::to_string(peer_.size() + slotGap));
+   if (id.slot() >= peer_.size())
+      return;
+   PeerSlot const& slot = peer_[id.slot()];
+   if (slot.isUsed ? slot.generation != id.generation() : slot.generation >= id.generation())
+      fail((slot.isUsed ? "the slot is in use under generation " : "the slot has been used up to generation ") +
+           std::to_string(slot.generation));
+}
+
+void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
+   checkAnnounced(id);
+   if (id.slot() >= peer_.size())
+      peer_.resize(id.slot() + 1);
+   PeerSlot& slot = peer_[id.slot()];
+   if (slot.isUsed && slot.entity == &entity && slot.sa)
+      return;
+   if (slot.isUsed)
+      release(slot);
+   Ptr<Sa> sa(adapterOf(entity));
+   if (sa && sa->entityId().isAssigned()) {
+      // Announced twice: the older identifier loses its entity.
+      sa->detach();
+      sa = nullptr;
+   }
+   if (!sa)
+      sa = logOperationsOf(entity)->adapter(
+         entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
+   sa->isOrphanIs(isOrphan);
+   sa->entityIdIs(ofPeer(id));
+   peer_[id.slot()] = {sa, Ptr<Entity>(&entity), id.generation(), true};
+   syncing(*sa, true);
+   newIdentifiers_ = true;
+}
+
+void Demuxer::release(PeerSlot& slot) noexcept {
+   // Moved out first: what goes may run reactors that come back here.
+   PeerSlot const gone{std::move(slot.sa), std::move(slot.entity), slot.generation, false};
+   slot.sa = nullptr;
+   slot.entity = nullptr;
+   slot.isUsed = false;
+   if (gone.sa) {
+      gone.sa->flowInIs(attr::none);
+      gone.sa->detach();
+   }
+   // Whoever still refers to it here refers to an entity of this process from now on.
+   if (gone.entity && gone.entity->references() > 1)
+      reidentified_.push_back(gone.entity.get());
+   newIdentifiers_ = true;
+}
+
+Ptr<Entity> Demuxer::entityOf(EntityId wireId) {
+   if (wireId == EntityId{})
+      return nullptr;
+   if (wireId.side() == 1) {
+      if (PeerSlot const* const slot = peerSlot(wireId))
+         return slot->entity;
+   } else if (wireId.slot() < own_.size()) {
+      OwnSlot const& slot = own_[wireId.slot()];
+      if (slot.sa && slot.generation == wireId.generation() && slot.sa->entity() != nullptr)
+         return Ptr<Entity>(slot.sa->entity());
+   }
+   ++counters_.staleReferences;
+   return nullptr;
+}
+
+void Demuxer::retired(EntityId wireId) {
+   if (wireId.side() != 1)
+      throw ProtocolException(in_->where() + ": retires " + textOf(wireId) + ", which is not its own");
+   if (PeerSlot* const slot = peerSlot(wireId))
+      release(*slot);
+}
+
+void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view key) {
+   if (wireId.side() != 0 || wireId.slot() >= own_.size() || attribute < 0)
+      return;
+   OwnSlot const& slot = own_[wireId.slot()];
+   Ptr<Sa> const sa = slot.sa;
+   if (!sa || slot.generation != wireId.generation() || !sa->isAnnounced())
+      return; // gone meanwhile; its retirement says so
+   ++counters_.refreshesAnswered;
+   Mark mark(static_cast<AttributeId>(attribute));
+   if (!key.empty()) {
+      in_->readBytes(key);
+      try {
+         mark = sa->readKey(static_cast<AttributeId>(attribute), *in_);
+      } catch (Exception const& e) {
+         ++counters_.badValues;
+         report(where(*in_, sa.get()) + ": refresh of a key that can't be: " + e.what());
+         return;
+      }
+   }
+   sa->refreshAsked(mark);
+}
+
+void Demuxer::syncing(Sa& sa, bool isSyncing) {
+   if (sa.isSyncing() == isSyncing)
+      return;
+   sa.isSyncingIs(isSyncing);
+   if (isSyncing)
+      ++syncing_;
+   else
+      --syncing_;
+}
+
+/// Whether the root that `entity` belongs to is not open on this connection: then nothing has been said about it.
+bool Demuxer::isBelowWaitingRoot(Entity const* entity) const noexcept {
+   for (; entity != nullptr; entity = entity->moxRawParent())
+      if (Sa const* const sa = adapterOf(*entity); sa != nullptr && sa->isRoot())
+         return !sa->entityId().isAssigned();
+   return false;
+}
+
+void Demuxer::remountEnded() {
+   std::vector<PeerSlot> waiting = std::move(waiting_);
+   waiting_.clear();
+   for (PeerSlot& slot : waiting) {
+      if (slot.sa->entityId().isAssigned())
+         continue;
+      if (isBelowWaitingRoot(slot.entity.get()))
+         waiting_.push_back(std::move(slot));
+      else
+         release(slot);
+   }
+}
+
+void Demuxer::forgetMirrors(Entity* top) {
+   auto const isBelow = [&](Entity const* e) {
+      for (; e != nullptr; e = e->moxRawParent())
+         if (e == top)
+            return true;
+      return false;
+   };
+   auto const forget = [&](PeerSlot& slot) {
+      if (slot.entity && (top == nullptr || isBelow(slot.entity.get())))
+         release(slot);
+   };
+   for (std::size_t i = 0; i < peer_.size(); ++i)
+      forget(peer_[i]);
+   for (std::size_t i = 0; i < waiting_.size(); ++i)
+      forget(waiting_[i]);
+   std::erase_if(waiting_, [](PeerSlot const& slot) { return !slot.entity; });
+}
+
+// Records that come in --------------------------------------------------------------------------------------------------
+
+std::string Demuxer::where(In const& in, Sa const* sa) const {
+   std::string text = in.where();
+   if (sa == nullptr || sa->entity() == nullptr)
+      return text;
+   auto const id = static_cast<AttributeId>(std::abs(in.header().attribute));
+   return text + ", " + std::string(std::string_view(sa->entity()->fullName())) + "." +
+          std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
+}
+
+void Demuxer::record(In& in) {
+   MsgHeader const& header = in.header();
+   if (header.entity.side() == 0 && header.entity != orphanAnnouncement) {
+      // A write to what this side owns. The refusal goes out before any acknowledgement of it.
+      ++counters_.refusedWrites;
+      out_->control(Refused{applied_ + 1, Reason::readOnly, {}});
+      ++applied_;
+      ++counters_.applied;
+      report(where(in, nullptr) + ": write-update from readonly proxy refused");
+      return;
+   }
+   // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
+   ++applied_;
+   ++counters_.applied;
+   if (header.entity == orphanAnnouncement) {
+      if (header.attribute == static_cast<std::int32_t>(attr::orphan))
+         readOrphan(in);
+      else
+         ++counters_.unknownAttributes;
+      return;
+   }
+   if (header.entity.slot() > highestSlot)
+      throw ProtocolException(in.where() + ": slot " + std::to_string(header.entity.slot()) + ", expected up to " +
+                              std::to_string(highestSlot));
+   PeerSlot const* const slot = peerSlot(header.entity);
+   if (slot == nullptr || !slot->sa) {
+      ++(slot == nullptr ? counters_.staleRecords : counters_.unknownTypes);
+      return;
+   }
+   Ptr<Sa> const sa = slot->sa;
+   applyRecord(*sa, in);
+}
+
+void Demuxer::applyRecord(Sa& sa, In& in) {
+   MsgHeader const& header = in.header();
+   applicationStarted_ = false;
+   try {
+      switch (header.kind) {
+      case kind::marker: {
+         std::uint8_t const type = in.nextU8();
+         std::uint32_t const count = in.nextU32();
+         if (type > static_cast<std::uint8_t>(AttrTransactionType::end))
+            throwRangeException("marker type " + std::to_string(type) + ": expected 0 to 2");
+         sa.handleAttrTransaction(static_cast<AttributeId>(header.attribute), static_cast<AttrTransactionType>(type), count);
+         break;
+      }
+      case kind::value:
+      case kind::childLog:
+         if (sa.handleAttrDeserialization(header.attribute, {}, 0, nullptr) == 0)
+            ++counters_.unknownAttributes;
+         break;
+      default:
+         ++counters_.unknownKinds;
+      }
+   } catch (ProtocolException const&) {
+      throw;
+   } catch (EnumException const& e) {
+      ++(applicationStarted_ ? counters_.applicationExceptions : counters_.unknownEnums);
+      report(where(in, &sa) + ": " + e.what());
+   } catch (std::bad_alloc const& e) {
+      ++counters_.applicationExceptions;
+      report(where(in, &sa) + ": " + e.what());
+      sa.owesAllIs(); // the owner is asked to tell the entity again
+   } catch (std::exception const& e) {
+      // A value that this side can't hold leaves the last good one. What a reactor throws is the application's affair: the
+      // record counts as applied.
+      ++(applicationStarted_ ? counters_.applicationExceptions : counters_.badValues);
+      report(where(in, &sa) + ": " + e.what());
+   } catch (...) {
+      ++counters_.applicationExceptions;
+      report(where(in, &sa) + ": an exception that is no std::exception");
+   }
+}
+
+void Demuxer::readOrphan(In& in) {
+   try {
+      Ptr<MoxType const> type;
+      std::vector<std::string_view> chain;
+      in.nextSection(1);
+      while (in.remaining() != 0) {
+         chain.push_back(in.nextTypeId().name);
+         if (!type)
+            if (Ptr<MoxType const> const known = MoxType::find(chain.back());
+                known && known->operations().log != nullptr && known->operations().log->create != nullptr)
+               type = known;
+      }
+      in.nextSection(3);
+      Name const name(in.nextStringView());
+      In::Position const parameters = in.position();
+      in.nextSection(4);
+      EntityId const id = in.nextEntityId();
+      checkAnnounced(id);
+      if (PeerSlot* const slot = peerSlot(id)) {
+         // A root, bound when it was mounted: its mirror must be of an announced type.
+         if (Ptr<Sa> const sa = slot->sa; sa && mismatch_) {
+            std::string_view const mirror(sa->entity()->fwkType()->name());
+            if (std::find(chain.begin(), chain.end(), mirror) == chain.end())
+               mismatch_(*sa);
+         }
+         return;
+      }
+      if (!type) {
+         ++counters_.unknownTypes;
+         report(in.where() + ": entity of unknown type " + std::string(chain.empty() ? "(none)" : chain.front()));
+         if (id.slot() >= peer_.size())
+            peer_.resize(id.slot() + 1);
+         peer_[id.slot()] = {nullptr, nullptr, id.generation(), true};
+         return;
+      }
+      TypeOperations const& operations = *type->operations().log;
+      // The same orphan of an earlier connection is bound in place, so that references to it stay as they are.
+      for (PeerSlot const& slot : waiting_) {
+         if (!slot.sa->isOrphan() || slot.sa->entityId().isAssigned() || slot.sa->entity() == nullptr ||
+             slot.entity->moxName() != name || slot.entity->fwkType() != type)
+            continue;
+         in.positionIs(parameters);
+         if (operations.parametersMatch(*slot.entity, in, *this)) {
+            Ptr<Entity> const entity = slot.entity;
+            bind(id, *entity, true);
+            return;
+         }
+      }
+      in.positionIs(parameters);
+      Ptr<Entity> const entity = operations.create(name, in, *this);
+      bind(id, *entity, true);
+   } catch (ProtocolException const&) {
+      throw;
+   } catch (std::exception const& e) {
+      ++counters_.badValues;
+      report(in.where() + ": orphan announcement: " + e.what());
+   }
+}
+
+Demuxer::Footprint Demuxer::footprint() const {
+   Footprint f;
+   for (OwnSlot const& slot : own_)
+      if (slot.sa) {
+         ++f.announced;
+         f.parked += slot.sa->parked().size();
+         if (auto const& flow = slot.sa->flow()) {
+            ++f.flows;
+            f.dirtyKeys += flow->dirtyKeys();
+         }
+      }
+   for (PeerSlot const& slot : peer_)
+      f.mirrored += slot.isUsed;
+   f.waiting = waiting_.size();
+   f.retirements = retirements_.size();
+   f.bufferBytes = out_->pendingBytes();
+   f.slots = own_.size() + peer_.size();
+   return f;
+}
+
+} // namespace NboAttrLog
+
+NboAttrLog::Demuxer* demuxFor(Ptr<NboAttrLog::In const> const& in) {
+   return in ? in->demuxer() : nullptr;
+}
+
+} // namespace Mox

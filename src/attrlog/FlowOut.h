@@ -1,0 +1,114 @@
+#pragma once
+
+#include "core/Identifiers.h"
+#include "core/Ptr.h"
+#include "core/String8.h"
+#include "mox/Entity.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <vector>
+
+namespace Mox::NboAttrLog {
+
+class Demuxer;
+
+/// A position in an entity's attributes: the attribute, and for a keyed one the key. One small value, whatever the key's type:
+/// replacing or dropping it needs nobody who knows the type. Whether there is a key is said, never guessed from the key: 0 and the
+/// empty name are keys.
+struct Mark {
+   AttributeId attribute = attr::none;
+   bool hasKey = false;
+   std::int64_t number = 0;
+   Name name;
+
+   Mark() = default;
+   explicit Mark(AttributeId a) : attribute(a) {}
+   template <class Key> Mark(AttributeId a, Key const& key) : attribute(a), hasKey(true) {
+      if constexpr (std::is_convertible_v<Key const&, Name>)
+         name = key;
+      else
+         number = static_cast<std::int64_t>(key);
+   }
+   template <class Key> Key as() const {
+      if constexpr (std::is_convertible_v<Key const&, Name>)
+         return name;
+      else
+         return Key(static_cast<Key>(number));
+   }
+   friend bool operator==(Mark const& a, Mark const& b) {
+      return a.attribute == b.attribute && a.hasKey == b.hasKey && a.number == b.number && a.name == b.name;
+   }
+};
+
+/// Where a backlog stands and what one entity owes one stream. The levels of the entity's type add their dirty bits and keys
+/// (`LevelFlow`). Exists only while something is owed.
+class FlowOut : public PtrInterface {
+public:
+   /// The flow can't go on at its current attribute before some entity has an identifier.
+   static constexpr std::uint8_t suspended = 0x10;
+   /// Keyed collections need no full resend.
+   static constexpr std::uint8_t noCollectionResend = 0x04;
+
+   explicit FlowOut(AttributeId startAttribute) noexcept : isResend_(startAttribute == attr::none) {}
+
+   AttributeId attrId() const noexcept { return attrId_; }
+   void attrIdIs(AttributeId id) noexcept { attrId_ = id; }
+   std::uint8_t moxDataBits() const noexcept { return dataBits_; }
+   void moxDataBitsIs(std::uint8_t bits) noexcept { dataBits_ = bits; }
+
+   /// The key at which a paused resend goes on; its `attribute` is 0 where none is held.
+   Mark const& bookmark() const noexcept { return bookmark_; }
+   bool holdsBookmark(AttributeId id) const noexcept { return bookmark_.attribute == id; }
+   /// \throws InternalException "!rsc->bookmark()" when one is held: a resend takes its bookmark before it stores the next
+   void moxFlowOutBookmarkEnq(Mark mark);
+   void bookmarkDel() noexcept { bookmark_ = {}; }
+
+   /// Resends that an earlier flow of this entity left open: the peer is told before anything else goes out.
+   std::vector<AttributeId>& pendingAborts() noexcept { return pendingAborts_; }
+   void pendingAbortIs(AttributeId id) { pendingAborts_.push_back(id); }
+
+   /// What could not be written because its target has no identifier yet; meaningful while `suspended` is set.
+   Mark const& suspendedAt() const noexcept { return suspendedAt_; }
+   void suspendedAtIs(Mark mark) noexcept { suspendedAt_ = std::move(mark); }
+
+   /// Whether anything is still owed. The only question that may end a flow.
+   virtual bool hasDirtyAttributes() const { return false; }
+   /// Whether every collection has been sent whole.
+   virtual bool collectionsHaveSynced() const { return true; }
+   /// Keys marked, over all collections: what the flow's memory grows with.
+   virtual std::size_t dirtyKeys() const { return 0; }
+
+   // The scheduler's own.
+   AttributeId cursor() const noexcept { return cursor_; }
+   void cursorIs(AttributeId id) noexcept { cursor_ = id; }
+   /// This flow owes the whole entity, and says so to the peer before its first and behind its last record.
+   bool isResend() const noexcept { return isResend_; }
+   void isResendIs(bool resend) noexcept { isResend_ = resend; }
+   bool hasOpened() const noexcept { return hasOpened_; }
+   void hasOpenedIs(bool opened) noexcept { hasOpened_ = opened; }
+   bool isQueued() const noexcept { return isQueued_; }
+   Entity::MoxNboAttrLogSa* owner() const noexcept { return owner_; }
+   void ownerIs(Entity::MoxNboAttrLogSa* owner) noexcept { owner_ = owner; }
+   /// Buckets of the paused collection when it was paused, for the counters; 0 where it has none.
+   std::size_t pausedBuckets = 0;
+
+private:
+   friend class Demuxer;
+
+   Entity::MoxNboAttrLogSa* owner_ = nullptr;
+   FlowOut* before_ = nullptr; ///< the scheduler's queue
+   FlowOut* behind_ = nullptr;
+   Mark bookmark_;
+   Mark suspendedAt_;
+   std::vector<AttributeId> pendingAborts_;
+   AttributeId attrId_ = attr::none;
+   AttributeId cursor_ = attr::none;
+   std::uint8_t dataBits_ = 0;
+   bool isResend_;
+   bool hasOpened_ = false;
+   bool isQueued_ = false;
+};
+
+} // namespace Mox::NboAttrLog

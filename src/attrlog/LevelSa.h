@@ -1,0 +1,212 @@
+#pragma once
+
+#include "attrlog/StateAdapter.h"
+#include "containers/HashMap.h"
+#include "containers/MapEntries.h"
+#include "containers/RbTreeMap.h"
+#include "notify/EntityReactor.h"
+#include "notify/Kinds.h"
+
+#include <array>
+#include <bit>
+#include <tuple>
+#include <type_traits>
+
+// What each level of an entity type adds to the attribute log: its dirty bits and keys (`LevelFlow`), its share of draining
+// and applying (`LevelSa`), and the reactor that carries its notifications to the adapter (`SaReactor`). The bodies stand in
+// attrlog/LevelSaImpl.h and are compiled once per type, in the type's own source.
+
+namespace Mox::NboAttrLog {
+
+template <class A> constexpr bool isHashed = A::kind == Kind::hashMap || A::kind == Kind::hashCollection;
+
+/// A key of a collection that has changed since it was last sent. The value is the dirty flag; a false one keeps the entry.
+template <class A>
+class DirtyKey final : public std::conditional_t<isHashed<A>, HashMapEntry<DirtyKey<A>, typename A::Key, bool>,
+                                                 RbTreeMapEntry<DirtyKey<A>, typename A::Key, bool>> {
+public:
+   using std::conditional_t<isHashed<A>, HashMapEntry<DirtyKey<A>, typename A::Key, bool>,
+                            RbTreeMapEntry<DirtyKey<A>, typename A::Key, bool>>::MapEntry;
+   DirtyKey(typename A::Key const& key, bool dirty) : DirtyKey::MapEntry(key, dirty) {}
+
+   /// The peer can know the key: it was announced, this or an earlier entity of that name. Only such a key leaves a mark behind
+   /// when it goes.
+   bool isKnown = true;
+   /// The key was absent when it was last marked.
+   bool isGone = false;
+};
+
+/// The dirty keys of one collection, in the collection's own kind of container and so in its order.
+template <class A> struct DirtyKeys {
+   using Entry = DirtyKey<A>;
+   using Map = std::conditional_t<isHashed<A>, HashMap<Entry, typename A::Key, bool>, RbTreeMap<Entry, typename A::Key, bool>>;
+   Map map;
+   std::size_t gone = 0;
+};
+
+namespace detail {
+
+template <class List> struct DirtyKeysOf;
+template <class... As> struct DirtyKeysOf<TypeList<As...>> {
+   using Type = decltype(std::tuple_cat(
+      std::declval<std::conditional_t<As::isKeyed, std::tuple<std::unique_ptr<DirtyKeys<As>>>, std::tuple<>>>()...));
+};
+
+template <class X> struct BaseLog {
+   using Sa = typename X::MoxBase::MoxNboAttrLogSa;
+   using Flow = typename X::MoxBase::MoxNboAttrLogSa::FlowOut;
+};
+template <class X>
+   requires std::same_as<typename X::MoxBase, Entity>
+struct BaseLog<X> {
+   using Sa = Entity::MoxNboAttrLogSa;
+   using Flow = NboAttrLog::FlowOut;
+};
+
+} // namespace detail
+
+/// The dirty state of the attributes that the level of `X` adds: a bit per attribute, and the changed keys of each collection.
+/// A scalar's bit says dirty, a collection's says that it has been sent whole.
+template <class X> class LevelFlow : public detail::BaseLog<X>::Flow {
+public:
+   using Base = typename detail::BaseLog<X>::Flow;
+   static constexpr unsigned words = (X::moxLastAttribute - X::moxFirstAttribute) / 32 + 1;
+   using Words = std::array<std::uint32_t, words>;
+
+   explicit LevelFlow(AttributeId startAttribute);
+
+   bool hasDirtyAttributes() const override;
+   bool collectionsHaveSynced() const override;
+   std::size_t dirtyKeys() const override;
+
+   template <class A> bool dirtyBit(A) const noexcept { return (bits_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
+   template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(bits_, A::bit, on); }
+   template <class A> bool hasSynced(A a) const noexcept { return dirtyBit(a); }
+   template <class A> void hasSyncedIs(A a, bool on) noexcept { dirtyBitIs(a, on); }
+
+   /// Sets the value of the key's entry, inserting it if it is missing. \return the entry
+   template <class A> DirtyKey<A>& dirtyKeyIs(A, typename A::Key const& key, bool dirty);
+   template <class A> void dirtyKeyDel(A, typename A::Key const& key);
+   template <class A> void dirtyKeysDelAll(A);
+   /// Null while no key of the attribute was ever dirty on this flow.
+   template <class A> DirtyKeys<A>* keys(A) const noexcept { return std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).get(); }
+
+   /// The first attribute from `id` on of which anything is owed; past the last when there is none.
+   AttributeId nextPending(AttributeId id) const noexcept;
+
+private:
+   static void bitIs(Words& words_, unsigned bit, bool on) noexcept {
+      std::uint32_t const mask = 1u << bit % 32;
+      words_[bit / 32] = on ? words_[bit / 32] | mask : words_[bit / 32] & ~mask;
+   }
+   std::uint32_t pending(unsigned word) const noexcept { return (bits_[word] ^ collections()[word]) | haveKeys_[word]; }
+   static constexpr Words collections() noexcept {
+      Words w{};
+      X::MoxAttributes::forEach([&](auto a) {
+         if (a.isKeyed)
+            w[a.bit / 32] |= 1u << a.bit % 32;
+      });
+      return w;
+   }
+
+   Words bits_{};
+   Words haveKeys_{};
+   typename detail::DirtyKeysOf<typename X::MoxAttributes>::Type keys_;
+};
+
+/// The share of one level of an entity type in its state adapter.
+template <class X> class LevelSa : public detail::BaseLog<X>::Sa {
+public:
+   using Base = typename detail::BaseLog<X>::Sa;
+   using Flow = LevelFlow<X>;
+
+   AttributeId handleAttrFlowOut(AttributeId start) override;
+   int handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count,
+                                 Ptr<In> const& in) override;
+   int handleAttrTransaction(AttributeId aid, AttrTransactionType type, unsigned count) override;
+   void doNotification(AttributeId id, void* key) override;
+   Ptr<FlowOut> flowOutIs(AttributeId startAttribute) override;
+   void markAgain(Mark const& mark) override;
+   void refreshAsked(Mark const& mark) override;
+   void unmark(Mark const& mark) override;
+   void markReferencesTo(std::vector<Entity const*> const& targets) override;
+   void announceMember(AttributeId id, Entity& member) override;
+   void writeKey(Mark const& mark, std::vector<std::uint8_t>& bytes) const override;
+   Mark readKey(AttributeId id, In& in) const override;
+
+   void marksDel(AttributeId id) override;
+
+   LevelSa(Mox_BitSet flags, Ptr<X> const& entity, Demuxer* demuxer) : Base(flags, entity, demuxer) {}
+
+   /// The backlog, if there is one.
+   Flow* flowOut() const noexcept { return static_cast<Flow*>(this->flow_.get()); }
+
+protected:
+   X& object() const noexcept { return static_cast<X&>(*this->entity_); }
+
+   /// The change handler of attribute `A`: writes a record now, or marks what has changed.
+   template <class A, class... Key> void changed(A, Key const&... key);
+   /// The child's adapter on this stream, made if it is missing, and its announcement. Null where the announcement was given up.
+   template <class A> Ptr<Entity::MoxNboAttrLogSa> childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child);
+   /// The child's adapter on this stream, told to remount.
+   Ptr<Entity::MoxNboAttrLogSa> childAdapterDel(Ptr<Entity> const& child);
+
+private:
+   Flow& neededFlow();
+   template <class A> void mark(A);
+   template <class A> void markKey(A, typename A::Key const& key);
+   template <class A> void writeNow(A);
+   template <class A> bool writeKeyNow(A, typename A::Key const& key);
+   template <class A> bool serialize(A, typename A::Key const& key);
+   template <class A> void writeEntry(A, typename A::Key const& key, typename A::Entry& entry);
+   template <class A> void writeRemoval(A, typename A::Key const& key);
+   template <class A> bool serializeCollection(A, Flow& flow);
+   template <class A> bool resendCollection(A, Flow& flow);
+   template <class A> bool sendDirtyKeys(A, Flow& flow);
+   void suspendedIs(Flow& flow, Mark mark);
+   template <class A> void read(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> void readValue(A, In& in, bool isLocal);
+   template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> void readMember(A, In& in, bool isLocal);
+   template <class A> void dropHere(A, typename A::Key const& key);
+   template <class A, class Put, class... Key> void apply(A, Put put, Key const&... key);
+   template <class A> void sweep(A);
+   template <class A> void marksIs(A, bool marked);
+};
+
+/// The reactor of a state adapter: carries every notification to the adapter's handler of the same name.
+template <class X>
+class SaReactor : public X::template MoxForwarder<typename X::Notifiee, SaReactor<X>>,
+                  public Entity::MoxNboAttrLogSa::ReactorLink {
+public:
+   explicit SaReactor(Entity::MoxNboAttrLogSa* sa) noexcept : ReactorLink(sa) {}
+
+   bool isStreamAdapter() const override { return true; }
+   PtrInterface* moxRawReactor() const override {
+      return sa_ != nullptr ? static_cast<PtrInterface*>(sa_) : X::Notifiee::moxRawReactor();
+   }
+   void onZeroReferences() override {
+      if (sa_ != nullptr)
+         sa_->onZeroReferences();
+   }
+   void onNotificationException(AttributeId id) override {
+      if (sa_ != nullptr)
+         sa_->onNotificationException(id);
+   }
+
+   template <class A, class... Key> void forward(A, Key const&... key) {
+      // The framework's own attributes are not replicated: a mirror has its own parent.
+      if constexpr (!std::same_as<typename A::Owner, Entity>)
+         if (sa_ != nullptr)
+            A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
+   }
+};
+
+/// The operations through which the log reaches the type `X`; for its type object.
+template <class X> TypeOperations const* typeOperations();
+
+/// `X::moxNboAttrLogSaIs`: finds, updates or makes the adapter of `entity` on `out`. \throws RangeException "null ValidPtr"
+template <class X>
+Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned sequence, Ptr<Out> const& out, PtrInterface* parent);
+
+} // namespace Mox::NboAttrLog

@@ -1,0 +1,864 @@
+#pragma once
+
+#include "attrlog/Demuxer.h"
+#include "attrlog/LevelSa.h"
+#include "attrlog/Wire.h"
+#include "core/Exceptions.h"
+#include "notify/Mutators.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace Mox::NboAttrLog {
+
+// LevelFlow -------------------------------------------------------------------------------------------------------------
+
+template <class X> LevelFlow<X>::LevelFlow(AttributeId startAttribute) : Base(startAttribute) {
+   X::MoxAttributes::forEach([&](auto a) { dirtyBitIs(a, a.isKeyed ? startAttribute > a.id : startAttribute <= a.id); });
+}
+
+template <class X> bool LevelFlow<X>::hasDirtyAttributes() const {
+   for (unsigned w = 0; w < words; ++w)
+      if (pending(w) != 0)
+         return true;
+   return Base::hasDirtyAttributes();
+}
+
+template <class X> bool LevelFlow<X>::collectionsHaveSynced() const {
+   for (unsigned w = 0; w < words; ++w)
+      if (((bits_[w] ^ collections()[w]) & collections()[w]) != 0)
+         return false;
+   return Base::collectionsHaveSynced();
+}
+
+template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
+   std::size_t count = Base::dirtyKeys();
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (a.isKeyed)
+         if (auto const* const k = keys(a))
+            count += k->map.size();
+   });
+   return count;
+}
+
+template <class X> AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
+   unsigned const bit = id - X::moxFirstAttribute;
+   for (unsigned w = bit / 32; w < words; ++w) {
+      std::uint32_t left = pending(w);
+      if (w == bit / 32)
+         left &= ~0u << bit % 32;
+      if (left != 0)
+         return X::moxFirstAttribute + w * 32 + static_cast<unsigned>(std::countr_zero(left));
+   }
+   return X::moxLastAttribute + 1;
+}
+
+template <class X>
+template <class A>
+DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, typename A::Key const& key, bool dirty) {
+   auto& k = std::get<std::unique_ptr<DirtyKeys<A>>>(keys_);
+   if (!k)
+      k = std::make_unique<DirtyKeys<A>>();
+   if (auto* const present = k->map.find(key)) {
+      present->valueIs(dirty);
+      return *present;
+   }
+   auto const entry = make<DirtyKey<A>>(key, dirty);
+   k->map.insert(entry);
+   bitIs(haveKeys_, A::bit, true);
+   return *entry;
+}
+
+template <class X> template <class A> void LevelFlow<X>::dirtyKeyDel(A a, typename A::Key const& key) {
+   if (auto* const k = keys(a)) {
+      if (auto const gone = k->map.deleteMember(key); gone && gone->isGone)
+         --k->gone;
+      bitIs(haveKeys_, A::bit, !k->map.empty());
+   }
+}
+
+template <class X> template <class A> void LevelFlow<X>::dirtyKeysDelAll(A) {
+   std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).reset();
+   bitIs(haveKeys_, A::bit, false);
+}
+
+// LevelSa: what goes out ------------------------------------------------------------------------------------------------
+
+namespace detail {
+
+/// Header of a record with the value of attribute `A`.
+template <class A> MsgHeader headerOf(EntityId id, bool isRemoval = false) {
+   MsgHeader header;
+   header.entity = id;
+   header.attribute = isRemoval ? -static_cast<std::int32_t>(A::id) : static_cast<std::int32_t>(A::id);
+   if constexpr (!A::isKeyed && A::kind != Kind::reference)
+      header.fixedSize = Wire<typename A::Value>::fixedSize;
+   header.variable = header.fixedSize == 0 ? 1 : 0;
+   if constexpr (A::kind == Kind::hashCollection)
+      header.kind = isRemoval ? kind::value : kind::childLog;
+   return header;
+}
+
+template <class Container> std::size_t buckets(Container const& cell) {
+   if constexpr (requires { cell.bucketCount(); })
+      return cell.bucketCount();
+   else
+      return 0;
+}
+
+template <class X> void writeParameters(Entity const& entity, Out& out, Demuxer& demuxer) {
+   X::MoxParameters::forEach([&](auto p) {
+      out.put(demuxer.entityIdFor(p.cell(static_cast<X const&>(entity)).get()));
+   });
+}
+
+/// The target that a reference in the record in hand names. \throws AttrLogEntityException when it is no `Target`
+template <class Target> Ptr<Target> readReference(In& in, Demuxer& demuxer) {
+   Ptr<Entity> const entity = demuxer.entityOf(in.nextEntityId());
+   auto* const target = dynamic_cast<Target*>(entity.get());
+   if (entity && target == nullptr)
+      throw AttrLogEntityException("Entity is the wrong type: " + std::string(std::string_view(entity->fullName())));
+   return Ptr<Target>(target);
+}
+
+template <class... Ps> auto readParameters(TypeList<Ps...>, In& in, Demuxer& demuxer) {
+   // Braces: the parameters stand in the record in order.
+   return std::tuple<typename Ps::Value...>{readReference<typename Ps::Target>(in, demuxer)...};
+}
+
+} // namespace detail
+
+template <class X> void LevelSa<X>::suspendedIs(Flow& flow, Mark mark) {
+   flow.suspendedAtIs(std::move(mark));
+   flow.moxDataBitsIs(flow.moxDataBits() | FlowOut::suspended);
+}
+
+template <class X> typename LevelSa<X>::Flow& LevelSa<X>::neededFlow() {
+   return static_cast<Flow&>(this->demuxer_->createFlowOut(*this));
+}
+
+template <class X> template <class A> void LevelSa<X>::mark(A a) {
+   Flow& flow = neededFlow();
+   flow.dirtyBitIs(a, true);
+   if (flow.cursor() > A::id)
+      ++this->demuxer_->counters().belowCursor;
+}
+
+template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::Key const& key) {
+   Flow& flow = neededFlow();
+   auto& cell = A::cell(object());
+   auto* const present = cell.find(key);
+   auto* const before = flow.keys(a) == nullptr ? nullptr : flow.keys(a)->map.find(key);
+   if (present == nullptr && before != nullptr && !before->isKnown) {
+      flow.dirtyKeyDel(a, key);
+      return;
+   }
+   DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
+   if (before == nullptr)
+      if constexpr (A::kind == Kind::hashCollection) {
+         // Present and never announced: the peer can't know the name. Absent: it was there before, so the peer can.
+         auto* const child = present == nullptr ? nullptr : this->demuxer_->adapterOf(*present);
+         dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced());
+      }
+   auto& keys = *flow.keys(a);
+   keys.gone += (present == nullptr ? 1u : 0u) - (dirty.isGone ? 1u : 0u);
+   dirty.isGone = present == nullptr;
+   // More keys to say "gone" of than there are: the whole collection says it shorter, and its sweep deletes the rest.
+   if (keys.gone > std::max<std::size_t>(64, cell.size())) {
+      flow.dirtyKeysDelAll(a);
+      flow.hasSyncedIs(a, false);
+      if (flow.holdsBookmark(A::id))
+         flow.bookmarkDel();
+      ++this->demuxer_->counters().collectionRestarts;
+   }
+   if (flow.cursor() > A::id)
+      ++this->demuxer_->counters().belowCursor;
+}
+
+template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a, Key const&... key) {
+   if (this->hasFlag(StreamAdapter::inert))
+      return;
+   if (this->handlingFlowInFor(A::id)) {
+      if constexpr (A::kind == Kind::hashCollection)
+         // The new member gets its adapter before any other reactor can write to it.
+         if (auto const* const anchor = this->demuxer_->anchor())
+            if (auto* const member = A::cell(object()).find(key...))
+               this->demuxer_->bind(anchor->id(), *member);
+      this->applyingConsumed();
+      return;
+   }
+   if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->demuxer_ == nullptr)
+      return;
+   if (this->hasFlag(StreamAdapter::readOnlyCopy) && !this->convertedToWritable(false)) {
+      if constexpr (A::isKeyed)
+         if (auto* const entry = A::cell(object()).find(key...))
+            entry->moxMarkedForDeletionIs(false);
+      this->refusedIs(Mark(A::id, key...));
+      this->doThrowReadOnly(A::id);
+   }
+   if constexpr (A::isKeyed) {
+      serialize(a, key...);
+   } else if (this->prepareImmediateTransmission(A::id, !this->demuxer_->out()->hasSufficientBuffer())) {
+      if (Flow* const flow = flowOut())
+         flow->dirtyBitIs(a, false);
+      writeNow(a);
+   } else {
+      mark(a);
+   }
+}
+
+/// \return false where the entry waits for an identifier
+template <class X> template <class A> bool LevelSa<X>::serialize(A a, typename A::Key const& key) {
+   if (!this->prepareImmediateTransmission(A::id, !this->demuxer_->out()->hasSufficientBuffer())) {
+      markKey(a, key);
+      return true;
+   }
+   if (Flow* const flow = flowOut())
+      flow->dirtyKeyDel(a, key);
+   return writeKeyNow(a, key);
+}
+
+template <class X> template <class A> void LevelSa<X>::writeNow(A a) {
+   Demuxer& demuxer = *this->demuxer_;
+   auto const& value = A::cell(object());
+   EntityId target;
+   if constexpr (A::kind == Kind::reference) {
+      Expect const scope(NoEntityIdException::kind);
+      try {
+         target = demuxer.entityIdFor(value.get());
+      } catch (NoEntityIdException const&) {
+         mark(a);
+         suspendedIs(*flowOut(), Mark(A::id));
+         return;
+      }
+   }
+   demuxer.beforeRecord();
+   Out& out = *demuxer.out();
+   try {
+      Record record(out, detail::headerOf<A>(this->entityId_));
+      if constexpr (A::kind == Kind::reference)
+         out.put(target);
+      else
+         Wire<typename A::Value>::write(out, value);
+      record.close();
+   } catch (RecordTooLong const& e) {
+      ++demuxer.counters().tooLong;
+      demuxer.report(e.what());
+   }
+}
+
+template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename A::Key const& key) {
+   auto* const entry = A::cell(object()).find(key);
+   try {
+      if (entry == nullptr)
+         writeRemoval(a, key);
+      else
+         writeEntry(a, key, *entry);
+   } catch (NoEntityIdException const&) {
+      Flow& flow = neededFlow();
+      flow.dirtyKeyIs(a, key, true);
+      suspendedIs(flow, Mark(A::id, key));
+      return false;
+   } catch (RecordTooLong const& e) {
+      ++this->demuxer_->counters().tooLong;
+      this->demuxer_->report(e.what());
+   }
+   return true;
+}
+
+template <class X>
+template <class A>
+void LevelSa<X>::writeEntry(A a, typename A::Key const& key, typename A::Entry& entry) {
+   if constexpr (A::kind == Kind::hashCollection) {
+      Expect const scope(NoEntityIdException::kind);
+      childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry));
+   } else {
+      this->demuxer_->beforeRecord();
+      Out& out = *this->demuxer_->out();
+      Record record(out, detail::headerOf<A>(this->entityId_));
+      Wire<typename A::Key>::write(out, key);
+      Wire<typename A::Value>::write(out, entry.value());
+      record.close();
+   }
+}
+
+template <class X> template <class A> void LevelSa<X>::writeRemoval(A, typename A::Key const& key) {
+   this->demuxer_->beforeRecord();
+   Out& out = *this->demuxer_->out();
+   Record record(out, detail::headerOf<A>(this->entityId_, true));
+   Wire<typename A::Key>::write(out, key);
+   record.close();
+}
+
+template <class X>
+template <class A>
+Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A a, Mox_BitSet flags, Ptr<typename A::Entry> const& child) {
+   Demuxer& demuxer = *this->demuxer_;
+   Ptr<Entity::MoxNboAttrLogSa> sa(demuxer.adapterOf(*child));
+   if (sa && sa->isOrphan()) {
+      // It was announced before it had a parent here. The peer can't move that object into a collection: a new one takes its
+      // place, and references to it are told again.
+      sa = nullptr;
+      demuxer.reidentify(*child);
+   }
+   bool const isNew = !sa;
+   if (isNew) {
+      sa = typeOperations<typename A::Entry>()->adapter(*child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, demuxer);
+      sa->moxOnInit();
+   } else {
+      sa->notificationFlagsIs({flags.bits | StreamAdapter::weak});
+      if (sa->hasFlag(StreamAdapter::noReannounce))
+         return sa;
+   }
+   // An adapter whose announcement has not been committed is none.
+   struct Discard {
+      Entity::MoxNboAttrLogSa* sa;
+      ~Discard() {
+         if (sa != nullptr)
+            sa->detach();
+      }
+   } discard{isNew ? sa.get() : nullptr};
+
+   constexpr std::size_t mostRestarts = 1 + A::Entry::MoxParameters::size;
+   for (std::size_t restarts = 0;; ++restarts) {
+      try {
+         if (!sa->entityId().isAssigned())
+            demuxer.assign(*sa);
+         demuxer.beforeRecord();
+         Out& out = *demuxer.out();
+         Record record(out, detail::headerOf<A>(this->entityId_));
+         out.put(std::string_view(child->moxName()));
+         detail::writeParameters<typename A::Entry>(*child, out, demuxer);
+         out.put(sa->entityId());
+         record.close();
+         break;
+      } catch (RecordTooLong const&) {
+         throw;
+      } catch (AttrLogRecordException const&) {
+         // A parameter's target must be announced first, and no record can be written inside another.
+         if (restarts == mostRestarts) {
+            ++demuxer.counters().unfinishedAnnouncements;
+            demuxer.report("announcement of " + std::string(std::string_view(child->fullName())) + " given up after " +
+                           std::to_string(restarts) + " restarts");
+            markKey(a, child->moxName());
+            return nullptr;
+         }
+         ++demuxer.counters().restartedAnnouncements;
+         demuxer.announceWanted();
+      }
+   }
+   discard.sa = nullptr;
+   demuxer.announced(*sa, isNew);
+   return sa;
+}
+
+template <class X> Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterDel(Ptr<Entity> const& child) {
+   if (!child)
+      return nullptr;
+   Ptr<Entity::MoxNboAttrLogSa> const sa(this->demuxer_->adapterOf(*child));
+   if (sa)
+      sa->doRemountSelf(this->nboAttrLogOut());
+   return sa;
+}
+
+template <class X> void LevelSa<X>::announceMember(AttributeId id, Entity& member) {
+   bool const known = visitAttribute<X>(id, [&](auto a) {
+      using A = decltype(a);
+      if constexpr (A::kind == Kind::hashCollection) {
+         auto& entry = static_cast<typename A::Entry&>(member);
+         childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry));
+         if (Flow* const flow = flowOut())
+            flow->dirtyKeyDel(a, entry.moxName());
+      }
+   });
+   if (!known)
+      Base::announceMember(id, member);
+}
+
+// LevelSa: the drain ----------------------------------------------------------------------------------------------------
+
+template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) {
+   struct Draining {
+      explicit Draining(StreamAdapter& a) : sa(a), before(a.hasFlag(StreamAdapter::draining)) {
+         sa.flagIs(StreamAdapter::draining, true);
+      }
+      ~Draining() { sa.flagIs(StreamAdapter::draining, before); }
+      StreamAdapter& sa;
+      bool before;
+   } const scope(*this);
+
+   Ptr<Flow> const flow(flowOut());
+   if (!flow)
+      return attr::none;
+   flow->moxDataBitsIs(static_cast<std::uint8_t>(flow->moxDataBits() & ~FlowOut::suspended));
+   if (start < X::moxFirstAttribute) {
+      if (AttributeId const next = Base::handleAttrFlowOut(start))
+         return next;
+      if (this->flow_ != flow)
+         return attr::none;
+      if (!this->demuxer_->continueFlowOut())
+         return X::moxFirstAttribute;
+      start = X::moxFirstAttribute;
+   }
+   for (AttributeId id = start; id <= X::moxLastAttribute; ++id) {
+      id = flow->nextPending(id);
+      if (id > X::moxLastAttribute)
+         break;
+      flow->attrIdIs(id);
+      bool isComplete = true;
+      bool isCollection = false;
+      visitAttribute<X>(id, [&](auto a) {
+         using A = decltype(a);
+         if constexpr (A::isKeyed) {
+            isCollection = true;
+            isComplete = serializeCollection(a, *flow);
+         } else {
+            A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this));
+         }
+      });
+      if (this->flow_ != flow)
+         return attr::none;
+      if ((flow->moxDataBits() & FlowOut::suspended) != 0)
+         return id;
+      if (isCollection && !isComplete)
+         return id;
+      if (!this->demuxer_->continueFlowOut())
+         return !isCollection || flow->hasDirtyAttributes() ? id + 1 : attr::none;
+   }
+   return attr::none;
+}
+
+template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, Flow& flow) {
+   if ((flow.moxDataBits() & FlowOut::noCollectionResend) == 0 && !flow.hasSynced(a) && !resendCollection(a, flow))
+      return false;
+   return sendDirtyKeys(a, flow);
+}
+
+template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flow& flow) {
+   Demuxer& demuxer = *this->demuxer_;
+   auto& cell = A::cell(object());
+   typename A::Entry* entry;
+   if (flow.holdsBookmark(A::id)) {
+      if (flow.pausedBuckets != 0 && flow.pausedBuckets != detail::buckets(cell))
+         ++demuxer.counters().grownWhilePaused;
+      entry = cell.lowerBound(flow.bookmark().template as<typename A::Key>());
+      flow.bookmarkDel();
+   } else {
+      this->sendTransactionMarker(A::id, AttrTransactionType::begin, 0);
+      entry = cell.first();
+   }
+   while (entry != nullptr) {
+      Ptr<typename A::Entry> const current(entry);
+      typename A::Key const key = entry->fwkKey();
+      if (!writeKeyNow(a, key)) {
+         flow.moxFlowOutBookmarkEnq(Mark(A::id, key));
+         return false;
+      }
+      flow.dirtyKeyDel(a, key);
+      entry = cell.next(*current);
+      if (entry != nullptr && !demuxer.continueFlowOut()) {
+         flow.moxFlowOutBookmarkEnq(Mark(A::id, entry->fwkKey()));
+         ++demuxer.counters().pausedCollections;
+         flow.pausedBuckets = detail::buckets(cell);
+         return false;
+      }
+   }
+   this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
+   flow.hasSyncedIs(a, true);
+   return true;
+}
+
+template <class X> template <class A> bool LevelSa<X>::sendDirtyKeys(A a, Flow& flow) {
+   if (!flow.hasSynced(a)) {
+      flow.hasSyncedIs(a, true);
+      this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
+   }
+   while (flow.keys(a) != nullptr) {
+      auto* const dirty = flow.keys(a)->map.first();
+      if (dirty == nullptr)
+         break;
+      if (!this->demuxer_->continueFlowOut())
+         return false;
+      typename A::Key const key = dirty->fwkKey();
+      if (!writeKeyNow(a, key))
+         return false;
+      if (this->flow_.get() != &flow)
+         return true;
+      flow.dirtyKeyDel(a, key);
+   }
+   return true;
+}
+
+template <class X> void LevelSa<X>::markAgain(Mark const& m) {
+   bool const known = visitAttribute<X>(m.attribute, [&](auto a) {
+      using A = decltype(a);
+      if constexpr (!A::isKeyed) {
+         mark(a);
+      } else if (m.hasKey) {
+         markKey(a, m.template as<typename A::Key>());
+      } else {
+         Flow& flow = neededFlow();
+         flow.dirtyKeysDelAll(a);
+         flow.hasSyncedIs(a, false);
+         if (flow.holdsBookmark(A::id))
+            flow.bookmarkDel();
+      }
+   });
+   if (!known)
+      Base::markAgain(m);
+}
+
+template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
+   visitAttribute<X>(m.attribute, [&](auto a) {
+      using A = decltype(a);
+      if constexpr (A::kind == Kind::hashCollection)
+         if (m.hasKey)
+            if (auto* const member = A::cell(object()).find(m.name))
+               this->demuxer_->reidentify(*member);
+   });
+   this->markAgain(m);
+}
+
+template <class X> Ptr<FlowOut> LevelSa<X>::flowOutIs(AttributeId startAttribute) {
+   return make<typename X::MoxNboAttrLogSa::FlowOut>(startAttribute);
+}
+
+template <class X> void LevelSa<X>::unmark(Mark const& m) {
+   Flow* const flow = flowOut();
+   if (flow == nullptr)
+      return;
+   bool const known = visitAttribute<X>(m.attribute, [&](auto a) {
+      using A = decltype(a);
+      if constexpr (!A::isKeyed)
+         flow->dirtyBitIs(a, false);
+      else
+         flow->dirtyKeyDel(a, m.template as<typename A::Key>());
+   });
+   if (!known)
+      Base::unmark(m);
+}
+
+template <class X> void LevelSa<X>::markReferencesTo(std::vector<Entity const*> const& targets) {
+   auto const isTarget = [&](Entity const* e) { return std::find(targets.begin(), targets.end(), e) != targets.end(); };
+   X::MoxAttributes::forEach([&](auto a) {
+      using A = decltype(a);
+      if constexpr (A::kind == Kind::reference) {
+         if (auto const& target = A::cell(object()); target && isTarget(target.get()))
+            mark(a);
+      } else if constexpr (A::kind == Kind::hashCollection) {
+         if constexpr (A::Entry::MoxParameters::size != 0) {
+            for (auto* m = A::cell(object()).first(); m != nullptr; m = A::cell(object()).next(*m)) {
+               bool refers = false;
+               A::Entry::MoxParameters::forEach([&](auto p) { refers |= isTarget(p.cell(*m).get()); });
+               if (refers) {
+                  this->demuxer_->reidentify(*m);
+                  markKey(a, m->moxName());
+               }
+            }
+         }
+      }
+   });
+   Base::markReferencesTo(targets);
+}
+
+// LevelSa: what comes in ------------------------------------------------------------------------------------------------
+
+template <class X> void LevelSa<X>::doNotification(AttributeId id, void* key) {
+   bool const known = visitAttribute<X>(id, [&](auto a) {
+      using A = decltype(a);
+      auto& self = static_cast<typename X::MoxNboAttrLogSa&>(*this);
+      if constexpr (A::isKeyed)
+         A::fire(self, *static_cast<typename A::Key const*>(key));
+      else
+         A::fire(self);
+   });
+   if (!known)
+      Base::doNotification(id, key);
+}
+
+template <class X>
+int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count, Ptr<In> const& in) {
+   auto const id = static_cast<AttributeId>(aid < 0 ? -aid : aid);
+   if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
+      return Base::handleAttrDeserialization(aid, options, count, in);
+   if (!in)
+      this->checkPeerMayWrite(id);
+   In& input = in ? *in : *this->demuxer_->in();
+   bool const known = visitAttribute<X>(id, [&](auto a) { read(a, aid < 0, input, static_cast<bool>(in)); });
+   return known ? 1 : 0;
+}
+
+/// Runs `put` for the peer, and tells the reactors once where they were owed it and `put` found nothing to change.
+template <class X> template <class A, class Put, class... Key> void LevelSa<X>::apply(A, Put put, Key const&... key) {
+   bool const isOwed = !this->untold_.empty() && this->untoldTaken(Mark(A::id, key...));
+   typename Entity::MoxNboAttrLogSa::Applying const scope(*this, A::id);
+   this->demuxer_->applicationStarts();
+   put();
+   if (!isOwed || !scope.wasSilent())
+      return;
+   if constexpr (A::isKeyed)
+      keyNotify<A>(object(), key...);
+   else
+      announce<A>(object());
+}
+
+template <class X> template <class A> void LevelSa<X>::read(A a, bool isRemoval, In& in, bool isLocal) {
+   if constexpr (!A::isKeyed)
+      readValue(a, in, isLocal);
+   else if constexpr (A::kind == Kind::hashCollection)
+      isRemoval ? readEntry(a, true, in, isLocal) : readMember(a, in, isLocal);
+   else
+      readEntry(a, isRemoval, in, isLocal);
+}
+
+template <class X> template <class A> void LevelSa<X>::readValue(A a, In& in, bool isLocal) {
+   auto const value = [&] {
+      if constexpr (A::kind == Kind::reference)
+         return detail::readReference<typename A::Target>(in, *this->demuxer_);
+      else
+         return Wire<typename A::Value>::read(in);
+   }();
+   if (isLocal)
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this));
+   else
+      apply(a, [&] { A::put(object(), value); });
+}
+
+template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
+   auto const key = Wire<typename A::Key>::read(in);
+   if constexpr (A::kind != Kind::hashCollection) {
+      if (!isRemoval) {
+         auto const value = Wire<typename A::Value>::read(in);
+         if (isLocal) {
+            A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
+            return;
+         }
+         apply(a, [&] {
+            A::put(object(), key, value);
+            if (auto* const entry = A::cell(object()).find(key))
+               entry->moxMarkedForDeletionIs(false);
+         }, key);
+         return;
+      }
+   }
+   if (isLocal)
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
+   else
+      dropHere(a, key);
+}
+
+template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A::Key const& key) {
+   apply(a, [&] { A::drop(object(), key); }, key);
+}
+
+template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, bool isLocal) {
+   Demuxer& demuxer = *this->demuxer_;
+   Name const name(in.nextStringView());
+   auto const parameters = detail::readParameters(typename A::Entry::MoxParameters{}, in, demuxer);
+   EntityId const id = in.nextEntityId();
+   if (isLocal) {
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
+      return;
+   }
+   demuxer.checkAnnounced(id);
+   auto& cell = A::cell(object());
+   if (auto* const present = cell.find(name))
+      if (auto* const sa = demuxer.adapterOf(*present); sa != nullptr && sa->entityId().isAssigned() &&
+                                                        sa->entityId() != Demuxer::ofPeer(id)) {
+         // The name was announced under another identifier on this connection: this is another entity.
+         ++demuxer.counters().renamedMembers;
+         dropHere(a, name);
+      }
+   typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id);
+   auto const instantiate = [&] {
+      apply(a, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
+   };
+   {
+      Expect const scope(NameInUseException::kind);
+      try {
+         instantiate();
+      } catch (NameInUseException const&) {
+         dropHere(a, name);
+         instantiate();
+      }
+   }
+   if (auto* const member = cell.find(name)) {
+      member->moxMarkedForDeletionIs(false);
+      demuxer.bind(id, *member);
+   }
+}
+
+template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTransactionType type, unsigned count) {
+   visitAttribute<X>(aid, [&](auto a) {
+      if constexpr (a.isKeyed) {
+         switch (type) {
+         case AttrTransactionType::begin:
+            if (this->hasFlag(StreamAdapter::inert))
+               break;
+            this->flowInIs(aid);
+            marksIs(a, true);
+            break;
+         case AttrTransactionType::end:
+            if (this->flowIn() == aid) {
+               sweep(a);
+               this->flowInIs(attr::none);
+            }
+            break;
+         case AttrTransactionType::abort:
+            if (this->flowIn() == aid)
+               this->flowInIs(attr::none);
+            break;
+         }
+      }
+   });
+   return Base::handleAttrTransaction(aid, type, count);
+}
+
+template <class X> void LevelSa<X>::marksDel(AttributeId id) {
+   if (!visitAttribute<X>(id, [&](auto a) {
+          if constexpr (a.isKeyed)
+             marksIs(a, false);
+       }))
+      Base::marksDel(id);
+}
+
+template <class X> template <class A> void LevelSa<X>::marksIs(A, bool marked) {
+   auto& cell = A::cell(object());
+   for (auto* entry = cell.first(); entry != nullptr; entry = cell.next(*entry))
+      entry->moxMarkedForDeletionIs(marked);
+}
+
+template <class X> template <class A> void LevelSa<X>::sweep(A a) {
+   std::exception_ptr first;
+   auto& cell = A::cell(object());
+   bool again = true;
+   while (again) {
+      again = false;
+      for (typename A::Container::Iterator it(cell); it; it.advance()) {
+         if (!it.entry()->moxMarkedForDeletion())
+            continue;
+         // Unmarked first: an entry that a failing deletion leaves behind is not met twice.
+         it.entry()->moxMarkedForDeletionIs(false);
+         typename A::Key const key = it.entry()->fwkKey();
+         ++this->demuxer_->counters().sweptEntries;
+         auto const version = cell.version();
+         try {
+            dropHere(a, key);
+         } catch (...) {
+            if (!first)
+               first = std::current_exception();
+         }
+         again = again || cell.version() != version + 1;
+      }
+   }
+   // Keys deleted here on an earlier connection, and absent at the owner by now: the reactors were never told.
+   for (std::size_t i = this->untold_.size(); i-- > 0;)
+      if (i < this->untold_.size() && this->untold_[i].isOld && this->untold_[i].mark.attribute == A::id) {
+         typename A::Key const key = this->untold_[i].mark.template as<typename A::Key>();
+         if (cell.find(key) == nullptr)
+            dropHere(a, key);
+      }
+   if (first)
+      std::rethrow_exception(first);
+}
+
+template <class X> void LevelSa<X>::writeKey(Mark const& m, std::vector<std::uint8_t>& bytes) const {
+   if (!visitAttribute<X>(m.attribute, [&](auto a) {
+          using A = decltype(a);
+          if constexpr (A::isKeyed) {
+             // Through a stream of its own: a key has one encoding.
+             auto const out = make<Out>();
+             Record record(*out, {});
+             auto const start = out->column();
+             Wire<typename A::Key>::write(*out, m.template as<typename A::Key>());
+             auto const written = out->bytesSince(start);
+             bytes.assign(written.begin(), written.end());
+          }
+       }))
+      Base::writeKey(m, bytes);
+}
+
+template <class X> Mark LevelSa<X>::readKey(AttributeId id, In& in) const {
+   Mark mark(id);
+   if (!visitAttribute<X>(id, [&](auto a) {
+          using A = decltype(a);
+          if constexpr (A::isKeyed)
+             mark = Mark(id, Wire<typename A::Key>::read(in));
+       }))
+      return Base::readKey(id, in);
+   return mark;
+}
+
+// Types -----------------------------------------------------------------------------------------------------------------
+
+namespace detail {
+
+template <class X> Ptr<Entity::MoxNboAttrLogSa> makeAdapter(Entity& entity, Mox_BitSet flags, Demuxer& demuxer) {
+   using Sa = typename X::MoxNboAttrLogSa;
+   auto const sa = make<Sa>(flags, Ptr<X>(static_cast<X*>(&entity)), &demuxer);
+   sa->reactorIs(make<typename Sa::MoxNboAttrLogSaAdapter_>(sa.get()));
+   return sa;
+}
+
+template <class X> Ptr<Entity> createFrom(Name const& name, In& in, Demuxer& demuxer) {
+   return std::apply([&](auto const&... p) { return Ptr<Entity>(make<X>(name, p...)); },
+                     readParameters(typename X::MoxParameters{}, in, demuxer));
+}
+
+template <class... Ps, class Values, class X>
+bool parametersEqual(TypeList<Ps...>, [[maybe_unused]] X const& entity, Values const& values) {
+   return std::apply([&](auto const&... v) { return ((Ps::cell(entity) == v) && ...); }, values);
+}
+
+template <class X> bool parametersMatch(Entity const& entity, In& in, Demuxer& demuxer) {
+   return parametersEqual(typename X::MoxParameters{}, static_cast<X const&>(entity),
+                          readParameters(typename X::MoxParameters{}, in, demuxer));
+}
+
+template <class X> bool hasParameter(Entity const& entity, Entity const& target) {
+   bool has = false;
+   X::MoxParameters::forEach([&](auto p) { has |= p.cell(static_cast<X const&>(entity)) == &target; });
+   return has;
+}
+
+template <class X> constexpr TypeOperations operationsOf() {
+   TypeOperations operations;
+   operations.adapter = &makeAdapter<X>;
+   operations.parameters = X::MoxParameters::size;
+   if constexpr (!X::moxIsAbstract) {
+      operations.create = &createFrom<X>;
+      operations.parametersMatch = &parametersMatch<X>;
+      operations.writeParameters = &writeParameters<X>;
+      operations.hasParameter = &hasParameter<X>;
+   }
+   return operations;
+}
+
+} // namespace detail
+
+template <class X> TypeOperations const* typeOperations() {
+   static constexpr TypeOperations operations = detail::operationsOf<X>();
+   return &operations;
+}
+
+template <class X>
+Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned, Ptr<Out> const& out, PtrInterface*) {
+   ValidPtr<Out> const valid(out);
+   Demuxer* const demuxer = demuxFor(Ptr<In const>(valid->reverseLog()));
+   if (demuxer == nullptr)
+      throwInternalException("an adapter needs a stream with a demultiplexer: " + valid->name());
+   if (Ptr<Entity::MoxNboAttrLogSa> const present = entity.moxNboAttrLogSa(Ptr<Out const>(out))) {
+      if (dynamic_cast<typename X::MoxNboAttrLogSa*>(present.get()) != nullptr) {
+         if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
+            present->notificationFlagsIs(flags);
+         return present;
+      }
+      entity.moxNboAttrLogSaDel(Ptr<Out const>(out));
+   }
+   auto const sa = detail::makeAdapter<X>(entity, flags, *demuxer);
+   demuxer->assign(*sa); // the stream holds its adapters
+   sa->hasNotificationActiveIs(true);
+   return sa;
+}
+
+} // namespace Mox::NboAttrLog

@@ -1,0 +1,282 @@
+#include "attrlog/StateAdapter.h"
+
+#include "attrlog/Demuxer.h"
+#include "core/Exceptions.h"
+#include "core/Text.h"
+#include "mox/MoxType.h"
+
+#include <algorithm>
+
+namespace Mox {
+
+namespace NboAttrLog {
+
+void FlowOut::moxFlowOutBookmarkEnq(Mark mark) {
+   if (bookmark_.attribute != attr::none)
+      throwInternalException("!rsc->bookmark()");
+   bookmark_ = std::move(mark);
+}
+
+TypeOperations const* logOperationsOf(Entity const& entity) {
+   return entity.moxHasAttrLogInterface() ? entity.fwkType()->operations().log : nullptr;
+}
+
+} // namespace NboAttrLog
+
+Ptr<NboAttrLog::Out> StreamAdapter::nboAttrLogOut() const {
+   return demuxer_ == nullptr ? Ptr<NboAttrLog::Out>() : demuxer_->out();
+}
+
+using Sa = Entity::MoxNboAttrLogSa;
+
+Sa::MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer)
+   : StreamAdapter(flags, demuxer), entity_(entity.get()), holdsEntity_(!hasFlag(weak)) {
+   if (holdsEntity_)
+      entity_->referenceInc();
+}
+
+Sa::~MoxNboAttrLogSa() {
+   detach();
+}
+
+void Sa::attachReactor() {
+   adapter_->isWeakReferenceIs(hasFlag(weak));
+   adapter_->notifierIs(Ptr<PtrInterface const>(entity_));
+   adapter_->isRegisteredNotifieeIs(true);
+}
+
+void Sa::detach() noexcept {
+   Ptr<Sa> const self(references() > 0 ? this : nullptr); // the stream may hold the last reference
+   if (auto const reactor = std::move(adapter_)) {
+      adapter_ = nullptr;
+      link_->moxReactorAdapterIs(nullptr);
+      link_ = nullptr;
+      reactor->isRegisteredNotifieeIs(false);
+      reactor->notifierIs(nullptr);
+   }
+   if (demuxer_ != nullptr) {
+      demuxer_->detached(*this);
+      demuxer_ = nullptr;
+   }
+   if (Entity* const entity = std::exchange(entity_, nullptr); entity != nullptr && std::exchange(holdsEntity_, false))
+      entity->referenceDec();
+}
+
+void Sa::hasNotificationActiveIs(bool active) {
+   if (!adapter_ || adapter_->hasNotificationActive() == active)
+      return;
+   adapter_->hasNotificationActiveIs(active);
+   // What changes meanwhile reaches nobody: the whole entity is owed.
+   if (!active && !isMirror())
+      owesAllIs();
+}
+
+void Sa::notifierIs(Ptr<PtrInterface const> const& notifier) {
+   if (adapter_)
+      adapter_->notifierIs(notifier);
+}
+
+Ptr<Entity const> Sa::moxNotifierEntity() const {
+   return Ptr<Entity const>(entity_);
+}
+
+Ptr<Entity> Sa::moxNotifierEntity() {
+   return Ptr<Entity>(entity_);
+}
+
+AttributeId Sa::handleAttrFlowOut(AttributeId) {
+   return attr::none;
+}
+
+void Sa::freeResyncState(Ptr<NboAttrLog::FlowOut> const& flow) {
+   if (flow && flow->attrId() != attr::none)
+      flow->bookmarkDel();
+}
+
+void Sa::moxInstantiateSerialize() {}
+
+int Sa::handleAttrDeserialization(std::int32_t aid, NboAttrLog::DeserializationOptions, unsigned,
+                                  Ptr<NboAttrLog::In> const& in) {
+   if (aid != static_cast<std::int32_t>(attr::syncMode))
+      return 0;
+   NboAttrLog::In& input = in ? *in : *demuxer_->in();
+   std::uint32_t const mode = input.nextU32();
+   if (mode > static_cast<std::uint32_t>(SyncMode::resend))
+      throwRangeException("sync mode " + std::to_string(mode) + ": expected 0 to 2");
+   NboAttrLog::Demuxer::forEach([&](NboAttrLog::Demuxer& demuxer) {
+      if (Sa* const sa = demuxer.adapterOf(*entity_); sa != nullptr && sa->entityId() == entityId_)
+         sa->syncModeIs(static_cast<SyncMode>(mode));
+   });
+   return 1;
+}
+
+int Sa::handleAttrTransaction(AttributeId, AttrTransactionType, unsigned) {
+   return 0;
+}
+
+void Sa::doNotification(AttributeId, void*) {}
+
+void Sa::syncModeIs(SyncMode mode) {
+   syncMode_ = mode;
+   if (isMirror() && demuxer_ != nullptr)
+      demuxer_->syncing(*this, mode == SyncMode::resend);
+}
+
+void Sa::moxDoZombieReactors(bool zombie) {
+   if (zombie == moxMarkedForDeletion())
+      return;
+   if (adapter_)
+      adapter_->moxMarkedForDeletionIs(zombie);
+   moxMarkedForDeletionIs(zombie);
+}
+
+void Sa::doRemountSelf(Ptr<NboAttrLog::Out> const&) {
+   owesAllIs();
+}
+
+void Sa::markAgain(NboAttrLog::Mark const& mark) {
+   if (mark.attribute == attr::none)
+      owesAllIs();
+}
+
+void Sa::refreshAsked(NboAttrLog::Mark const& mark) {
+   markAgain(mark);
+}
+
+void Sa::unmark(NboAttrLog::Mark const&) {}
+void Sa::markReferencesTo(std::vector<Entity const*> const&) {}
+void Sa::announceMember(AttributeId, Entity&) {}
+void Sa::marksDel(AttributeId) {}
+void Sa::writeKey(NboAttrLog::Mark const&, std::vector<std::uint8_t>&) const {}
+
+NboAttrLog::Mark Sa::readKey(AttributeId id, NboAttrLog::In&) const {
+   return NboAttrLog::Mark(id);
+}
+
+void Sa::flowInIs(AttributeId id) {
+   if (flowIn_ != attr::none && flowIn_ != id)
+      marksDel(flowIn_);
+   flowIn_ = id;
+}
+
+void Sa::onZeroReferences() {
+   detach();
+}
+
+void Sa::onNotificationException(AttributeId) {
+   try {
+      throw;
+   } catch (ReadOnlyException const&) {
+      throw;
+   } catch (...) {
+      owesAllIs();
+   }
+}
+
+void Sa::owesAllIs() noexcept {
+   owesAll_ = true;
+   if (demuxer_ != nullptr)
+      demuxer_->owesAllNoticed();
+}
+
+bool Sa::prepareImmediateTransmission(AttributeId, bool isTight) {
+   if (hasFlag(draining))
+      return true;
+   if (hasFlag(alwaysDefer) && hasFlag(flowOutMode))
+      return false;
+   return !isTight && !demuxer_->hasBacklog() && demuxer_->isOpen();
+}
+
+void Sa::doThrowReadOnly(AttributeId id) const {
+   throw ReadOnlyException(std::string(std::string_view(entity_->fullName())) + "." +
+                           std::string(std::string_view(entity_->attributeString(id))) +
+                           " is read-only here: it mirrors " + demuxer_->name());
+}
+
+void Sa::checkPeerMayWrite(AttributeId id) const {
+   if (hasFlag(applying))
+      throwInternalException("entity reactor is already active");
+   if (!readOnlyRemoteOk(id))
+      throwInternalException("write-update from readonly proxy: " + std::string(std::string_view(entity_->fullName())) +
+                             " peerName: " + demuxer_->name());
+}
+
+void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count) {
+   demuxer_->beforeRecord();
+   demuxer_->out()->transactionMarker(entityId_, id, type, count);
+}
+
+void Sa::refusedIs(NboAttrLog::Mark mark) noexcept {
+   try {
+      auto const same = [&](Untold const& u) { return u.mark == mark; };
+      if (std::any_of(untold_.begin(), untold_.end(), same))
+         return;
+      untold_.push_back({std::move(mark)});
+      demuxer_->untoldNoticed();
+   } catch (std::bad_alloc const&) {
+      owesAllIs();
+   }
+}
+
+bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
+   auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
+   if (at == untold_.end())
+      return false;
+   // An answer that is still to come finds nothing to tell.
+   untold_.erase(at);
+   return true;
+}
+
+void Sa::doSerializeOrphan() {
+   NboAttrLog::Out& out = *demuxer_->out();
+   demuxer_->beforeRecord();
+   NboAttrLog::MsgHeader header;
+   header.entity = orphanAnnouncement;
+   header.attribute = static_cast<std::int32_t>(attr::orphan);
+   header.variable = 1;
+   NboAttrLog::Record record(out, header);
+   out.currentPayloadSectionIs(1);
+   for (Ptr<MoxType const> type = entity_->fwkType(); type && type->level() > Entity::moxLevel; type = type->base())
+      out.put(TypeId{std::string_view(type->name())});
+   out.currentPayloadSectionIs(3);
+   out.put(std::string_view(entity_->moxName()));
+   if (auto const write = NboAttrLog::logOperationsOf(*entity_)->writeParameters)
+      write(*entity_, out, *demuxer_);
+   out.currentPayloadSectionIs(4);
+   out.put(entityId_);
+   record.close();
+}
+
+// What an entity answers about its adapters: the same for every type.
+
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out) {
+   for (auto* r = reactors_.first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (auto* const sa = dynamic_cast<MoxNboAttrLogSa*>(r->moxRawReactor()))
+         if (out ? sa->nboAttrLogOut() == out : sa->entityId().isAssigned() && sa->streamDemuxer()->isOpen())
+            return Ptr<MoxNboAttrLogSa>(sa);
+   return nullptr;
+}
+
+Ptr<Entity::MoxNboAttrLogSa const> Entity::moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out) const {
+   return const_cast<Entity*>(this)->moxNboAttrLogSa(out);
+}
+
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaForMsgChannel(Ptr<MoxNboAttrLogSa> const&) const {
+   return nullptr; // no stream of this framework carries message channels
+}
+
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet, unsigned, Ptr<NboAttrLog::Out> const& out, PtrInterface*) {
+   ValidPtr<NboAttrLog::Out> const valid(out);
+   throwInternalException(std::string(std::string_view(fwkType()->name())) + " has no attribute log: " + valid->name());
+}
+
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const> const& out) {
+   if (!out || demuxFor(Ptr<NboAttrLog::In const>(out->reverseLog())) == nullptr)
+      return nullptr;
+   Ptr<MoxNboAttrLogSa> const sa = moxNboAttrLogSa(out);
+   if (sa)
+      sa->detach();
+   return sa;
+}
+
+} // namespace Mox

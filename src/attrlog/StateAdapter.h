@@ -1,0 +1,266 @@
+#pragma once
+
+#include "attrlog/FlowOut.h"
+#include "attrlog/MsgHeader.h"
+#include "core/Identifiers.h"
+#include "core/Ptr.h"
+#include "mox/Entity.h"
+#include "mox/Reactor.h"
+
+#include <memory>
+#include <vector>
+
+namespace Mox {
+
+class MoxType;
+class StreamAdapter;
+
+namespace NboAttrLog {
+class Demuxer;
+class In;
+class Out;
+
+/// What a received record says beside its value; passed on unchanged to the framework's level.
+struct DeserializationOptions {
+   std::uint32_t bits = 0;
+};
+
+/// What the log does with a type that it does not know: make an entity from a record, and an adapter for an entity.
+struct TypeOperations {
+   Ptr<Entity::MoxNboAttrLogSa> (*adapter)(Entity&, Mox_BitSet flags, Demuxer&) = nullptr;
+   /// Makes an entity from its name and the constructor parameters that `in` holds; null for a type that no peer may make.
+   Ptr<Entity> (*create)(Name const& name, In& in, Demuxer&) = nullptr;
+   /// Whether `entity` was made with the parameters that `in` holds.
+   bool (*parametersMatch)(Entity const& entity, In& in, Demuxer&) = nullptr;
+   /// Writes the constructor parameters behind the name, in order.
+   void (*writeParameters)(Entity const& entity, Out& out, Demuxer&) = nullptr;
+   /// Whether a constructor parameter refers to `target`.
+   bool (*hasParameter)(Entity const& entity, Entity const& target) = nullptr;
+   std::size_t parameters = 0;
+};
+
+/// The log operations of an entity's type, its base's where it has none of its own; null without a log.
+TypeOperations const* logOperationsOf(Entity const& entity);
+
+} // namespace NboAttrLog
+
+using NboAttrLog::AttrTransactionType;
+
+/// Resend state of one entity as its peer announces it (record 135).
+enum class SyncMode : unsigned { none = 0, live = 1, resend = 2 };
+
+/// Base of the objects that stand between one entity and one stream.
+class StreamAdapter : public PtrInterface {
+public:
+   // State flags: the bits that the library tests or sets.
+   static constexpr std::uint32_t readOnlyCopy = 0x4;        ///< bit 2: the entity is a mirror that only its owner writes
+   static constexpr std::uint32_t readOnlyProxy = 0x8;       ///< bit 3: the peer may not write
+   static constexpr std::uint32_t applying = 0x10;           ///< bit 4: this adapter's own application runs innermost
+   static constexpr std::uint32_t suppressed = 0x20 | 0x100; ///< bits 5 and 8: nothing is written or marked
+   static constexpr std::uint32_t weak = 0x40;               ///< bit 6: the entity is not kept alive
+   static constexpr std::uint32_t inert = 0x2000;            ///< bit 13
+   static constexpr std::uint32_t flowOutMode = 0x100000;    ///< bit 20: write only into free buffer, else through a flow
+   static constexpr std::uint32_t draining = 0x400000;       ///< bit 22: a scheduled flow-out is being handled
+   static constexpr std::uint32_t noReannounce = 0x2000000;  ///< bit 25: an announced member is not announced again
+   static constexpr std::uint32_t serializing = 0x4000000;   ///< bit 26: clear until the announcement has been committed
+   static constexpr std::uint32_t alwaysDefer = 0x8000000;   ///< bit 27
+   /// Bits that an adapter keeps when it is handed new flags.
+   static constexpr std::uint32_t ownBits = 0x5700000;
+   /// Bits that a child does not inherit from its parent's adapter.
+   static constexpr std::uint32_t notInherited = 0x5700400;
+
+   NboAttrLog::Demuxer* streamDemuxer() const noexcept { return demuxer_; }
+   /// Null once the adapter is detached.
+   Ptr<NboAttrLog::Out> nboAttrLogOut() const;
+   EntityId entityId() const noexcept { return entityId_; }
+   void entityIdIs(EntityId id) noexcept { entityId_ = id; }
+   std::uint32_t stateFlags() const noexcept { return flags_; }
+   bool hasFlag(std::uint32_t f) const noexcept { return (flags_ & f) != 0; }
+   void flagIs(std::uint32_t f, bool on) noexcept { flags_ = on ? flags_ | f : flags_ & ~f; }
+   Mox_BitSet notificationFlags() const noexcept { return {flags_ & Mox_BitSet::notificationBitMask}; }
+   /// Replaces the flags outside `ownBits`.
+   void notificationFlagsIs(Mox_BitSet flags) noexcept { flags_ = (flags_ & ownBits) | (flags.bits & ~ownBits); }
+   SyncMode syncMode() const noexcept { return syncMode_; }
+
+   /// True for the adapter of a mirror: its identifier, if any, is the peer's.
+   bool isMirror() const noexcept { return hasFlag(readOnlyCopy); }
+   bool isAnnounced() const noexcept { return entityId_.isAssigned() && hasFlag(serializing); }
+
+protected:
+   StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept : demuxer_(demuxer), flags_(flags.bits) {}
+
+   NboAttrLog::Demuxer* demuxer_;
+   std::uint32_t flags_;
+   EntityId entityId_;
+   SyncMode syncMode_ = SyncMode::none;
+};
+
+/// State adapter: mirrors one entity over one stream. Writes what changes, or marks it in a flow while the stream has no room;
+/// applies what the peer sends.
+///
+/// *Lifetime*: made when the entity is announced, or bound to an announcement. Adapters of roots keep their entity, those of
+/// members and orphans do not: they detach when it goes.
+class Entity::MoxNboAttrLogSa : public StreamAdapter {
+public:
+   ~MoxNboAttrLogSa() override;
+
+   void hasNotificationActiveIs(bool active) override;
+   /// Takes over `notifier` as the entity; null detaches the reactor.
+   virtual void notifierIs(Ptr<PtrInterface const> const& notifier);
+   /// Drains the backlog from attribute `start`. \return where to go on, or 0 when it has come to the end
+   virtual AttributeId handleAttrFlowOut(AttributeId start);
+   virtual void freeResyncState(Ptr<NboAttrLog::FlowOut> const& flow);
+   virtual void moxInstantiateSerialize();
+   virtual Ptr<Entity const> moxNotifierEntity() const;
+   virtual Ptr<Entity> moxNotifierEntity();
+   /// Announces the entity as one without a parent.
+   virtual void doSerializeOrphan();
+   /// Applies one record whose header has been read. `aid` is negative for a removal. With a non-null `in` the value is skipped and
+   /// the entity's current one written instead. \return 1 where the identifier is known, else 0
+   virtual int handleAttrDeserialization(std::int32_t aid, NboAttrLog::DeserializationOptions options, unsigned count,
+                                         Ptr<NboAttrLog::In> const& in);
+   virtual int handleAttrTransaction(AttributeId aid, AttrTransactionType type, unsigned count);
+   virtual Ptr<NboAttrLog::FlowOut> flowOutIs(AttributeId startAttribute) = 0;
+   /// Runs the change handler of `id`; `key` points to the key of a keyed attribute.
+   virtual void doNotification(AttributeId id, void* key);
+   virtual void syncModeIs(SyncMode mode);
+   virtual void moxDoZombieReactors(bool zombie);
+   virtual void doRemountSelf(Ptr<NboAttrLog::Out> const& out);
+   // Behind the contract's slots: what the scheduler asks of a level.
+   /// Marks again what a suspended flow could not write, or what a peer asks to be told again.
+   virtual void markAgain(NboAttrLog::Mark const& mark);
+   /// The peer asks to be told again; a member gets a new identifier, and is owed whole.
+   virtual void refreshAsked(NboAttrLog::Mark const& mark);
+   /// Takes the mark out of the flow, for the time until its target has an identifier.
+   virtual void unmark(NboAttrLog::Mark const& mark);
+   /// Marks every reference whose target is in `targets`; `onMember` is told the members whose constructor parameters are.
+   virtual void markReferencesTo(std::vector<Entity const*> const& targets);
+   /// Announces `member` of the collection `id` now, as the group that a reference needs.
+   virtual void announceMember(AttributeId id, Entity& member);
+   /// The open resend of `id` has ended without its end marker: takes its marks along.
+   virtual void marksDel(AttributeId id);
+   /// The body of a `refresh` for `mark`'s key.
+   virtual void writeKey(NboAttrLog::Mark const& mark, std::vector<std::uint8_t>& bytes) const;
+   virtual NboAttrLog::Mark readKey(AttributeId id, NboAttrLog::In& in) const;
+
+   virtual void onZeroReferences();
+   virtual void onNotificationException(AttributeId id);
+   void onParent() {}
+
+   Entity* entity() const noexcept { return entity_; }
+   Ptr<NboAttrLog::FlowOut> const& flow() const noexcept { return flow_; }
+   void flowIs(Ptr<NboAttrLog::FlowOut> flow) noexcept { flow_ = std::move(flow); }
+
+   /// Only this adapter's own application or sweep of `id`, and only while it is the innermost thing running.
+   bool handlingFlowInFor(AttributeId id) const noexcept { return hasFlag(applying) && applyingId_ == id; }
+   /// Whether a read-only copy may be written here all the same.
+   virtual bool convertedToWritable(bool) { return false; }
+   bool readOnlyRemoteOk(AttributeId) const noexcept { return !hasFlag(readOnlyProxy); }
+   /// Whether a record may be written at once: during a drain, or with room and nothing owed by the stream.
+   bool prepareImmediateTransmission(AttributeId id, bool isTight);
+   [[noreturn]] void doThrowReadOnly(AttributeId id) const;
+   /// Framework hook between an adapter's making and its announcement: prepares, tells nothing.
+   void moxOnInit() {}
+   void sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count);
+
+   bool isOrphan() const noexcept { return isOrphan_; }
+   void isOrphanIs(bool orphan) noexcept { isOrphan_ = orphan; }
+   bool isRoot() const noexcept { return isRoot_; }
+   void isRootIs(bool root) noexcept { isRoot_ = root; }
+   bool isSyncing() const noexcept { return isSyncing_; }
+   void isSyncingIs(bool syncing) noexcept { isSyncing_ = syncing; }
+
+   /// The adapter owes its whole entity. Sets one bit: can't fail.
+   void owesAllIs() noexcept;
+   bool owesAll() const noexcept { return owesAll_; }
+   void owesAllDel() noexcept { owesAll_ = false; }
+
+   /// Marks that wait for an identifier.
+   std::vector<NboAttrLog::Mark>& parked() noexcept { return parked_; }
+
+   /// What was written here although the owner is another process: asked for again, and told once when it comes.
+   struct Untold {
+      NboAttrLog::Mark mark;
+      bool isAsked = false;
+      bool isOld = false; ///< of an earlier connection: the resend answers it
+   };
+   std::vector<Untold>& untold() noexcept { return untold_; }
+
+   std::vector<Untold> const& untold() const noexcept { return untold_; }
+
+   /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
+   void detach() noexcept;
+
+   /// The collection whose resend the peer has open for this entity; 0 for none.
+   AttributeId flowIn() const noexcept { return flowIn_; }
+   void flowInIs(AttributeId id);
+
+   /// The reactor's raw way back to its adapter; cleared when the adapter goes.
+   class ReactorLink {
+   public:
+      explicit ReactorLink(MoxNboAttrLogSa* sa) noexcept : sa_(sa) {}
+      MoxNboAttrLogSa* moxReactorAdapter() const noexcept { return sa_; }
+      void moxReactorAdapterIs(MoxNboAttrLogSa* sa) noexcept { sa_ = sa; }
+
+   protected:
+      ~ReactorLink() = default;
+      MoxNboAttrLogSa* sa_;
+   };
+   /// Hands over the reactor, which is attached and registered as the adapter's flags say.
+   template <class Reactor> void reactorIs(Ptr<Reactor> const& reactor) {
+      link_ = reactor.get();
+      adapter_ = reactor;
+      attachReactor();
+   }
+
+protected:
+   MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer);
+
+   /// Runs one mutator of the entity for the peer: what it tells this adapter is not echoed.
+   class Applying {
+   public:
+      Applying(MoxNboAttrLogSa& sa, AttributeId id) noexcept
+         : sa_(sa), outerFlag_(sa.hasFlag(applying)), outerId_(sa.applyingId_) {
+         sa.flagIs(applying, true);
+         sa.applyingId_ = id;
+      }
+      ~Applying() {
+         sa_.flagIs(applying, outerFlag_);
+         sa_.applyingId_ = outerId_;
+      }
+      Applying(Applying const&) = delete;
+      Applying& operator=(Applying const&) = delete;
+      /// The mutator told nobody: what it was given was equal.
+      bool wasSilent() const noexcept { return sa_.hasFlag(applying); }
+
+   private:
+      MoxNboAttrLogSa& sa_;
+      bool outerFlag_;
+      AttributeId outerId_;
+   };
+
+   void attachReactor();
+   /// \throws InternalException for an update that the peer may not send, or while another is being applied
+   void checkPeerMayWrite(AttributeId id) const;
+   void applyingConsumed() noexcept { flagIs(applying, false); }
+   /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
+   void refusedIs(NboAttrLog::Mark mark) noexcept;
+   /// Whether `mark` was written here and not told; forgets it.
+   bool untoldTaken(NboAttrLog::Mark const& mark);
+
+   Entity* entity_;
+   bool holdsEntity_ = false;
+   bool isOrphan_ = false;
+   bool isRoot_ = false;
+   bool isSyncing_ = false;
+   bool owesAll_ = false;
+   AttributeId applyingId_ = attr::none;
+   AttributeId flowIn_ = attr::none;
+   ReactorLink* link_ = nullptr;
+   Ptr<PtrInterface::NotifieeConst> adapter_;
+   Ptr<NboAttrLog::FlowOut> flow_;
+   std::vector<NboAttrLog::Mark> parked_;
+   std::vector<Untold> untold_;
+};
+
+} // namespace Mox
