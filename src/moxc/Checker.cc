@@ -114,7 +114,8 @@ private:
          before = entity->second.decl->name.at;
       else
          return true;
-      error(name.at, "the type name " + inQuotes(name.value) + " is taken" + (before.file.empty() ? " by a built-in" : ""));
+      error(name.at,
+            "the type name " + inQuotes(name.value) + " is taken" + (before.file.empty() ? " by a built-in" : ""));
       earlier(before, inQuotes(name.value));
       return false;
    }
@@ -122,7 +123,8 @@ private:
    bool isTypeName(Text const& name) {
       if (!qualifiedParts(name.value).empty())
          return true;
-      error(name.at, inQuotes(name.value) + " is no C++ type name; expected identifiers joined by \"::\", none a keyword");
+      error(name.at,
+            inQuotes(name.value) + " is no C++ type name; expected identifiers joined by \"::\", none a keyword");
       return false;
    }
 
@@ -133,7 +135,8 @@ private:
          {"value", Pass::byValue}, {"reference", Pass::byReference}, {"counted", Pass::counted}};
       auto const pass = passes.find(decl.pass.value);
       if (pass == passes.end())
-         error(decl.pass.at, "unknown \"pass\" " + inQuotes(decl.pass.value) + "; expected one of " + listed(keysOf(passes)));
+         error(decl.pass.at,
+               "unknown \"pass\" " + inQuotes(decl.pass.value) + "; expected one of " + listed(keysOf(passes)));
       long long const width = decl.width.value;
       if (width != 0 && width != 2 && width != 4 && width != 8)
          error(decl.width.at, "\"width\" must be 2, 4 or 8 bytes, or absent for values without a fixed width, but is " +
@@ -169,7 +172,8 @@ private:
       type->doc = decl.doc;
       type->note = decl.note;
       type->isAbstract = decl.isAbstract;
-      std::filesystem::path const path = std::filesystem::path(file.prefix) / std::filesystem::path(file.path).filename();
+      std::filesystem::path const path =
+         std::filesystem::path(file.prefix) / std::filesystem::path(file.path).filename();
       type->schemaName = path.generic_string();
       type->stem = std::filesystem::path(path).replace_extension().generic_string();
       if (auto const [before, isNew] = stems_.emplace(type->stem, decl.at); !isNew) {
@@ -215,19 +219,21 @@ private:
          auto known = keysOf(entities_);
          known.push_back("Mox::Entity");
          std::string const hint = suggestion(decl.base.value, known);
-         error(decl.base.at, "unknown base " + inQuotes(decl.base.value) +
-                                (hint.empty() ? "; expected \"Mox::Entity\" or an entity of these schemas or of an --import"
-                                              : hint));
+         error(decl.base.at,
+               "unknown base " + inQuotes(decl.base.value) +
+                  (hint.empty() ? "; expected \"Mox::Entity\" or an entity of these schemas or of an --import" : hint));
          return false;
       }
       if (base->second.progress == Declared::Progress::underWay || !define(*base->second.type)) {
-         error(decl.base.at, "the base " + inQuotes(decl.base.value) + " derives from " + inQuotes(type.name) + " itself");
+         error(decl.base.at,
+               "the base " + inQuotes(decl.base.value) + " derives from " + inQuotes(type.name) + " itself");
          return false;
       }
       type.base = base->second.type;
       type.level = type.base->level + 1;
       if (type.log && !type.base->log)
-         error(decl.at, "a type with a log needs a base with one, but " + inQuotes(type.base->name) + " has log = false");
+         error(decl.at,
+               "a type with a log needs a base with one, but " + inQuotes(type.base->name) + " has log = false");
       return true;
    }
 
@@ -240,7 +246,8 @@ private:
       if (hasBase && type.baseArguments.size() != expected.size())
          error(decl.baseArguments ? decl.baseArguments->at : decl.base.at,
                "the base " + inQuotes(type.baseName()) + " is constructed from " + std::to_string(expected.size()) +
-                  " (" + listed(expected) + "), but \"baseArguments\" has " + std::to_string(type.baseArguments.size()));
+                  " (" + listed(expected) + "), but \"baseArguments\" has " +
+                  std::to_string(type.baseArguments.size()));
    }
 
    // Attributes
@@ -303,8 +310,8 @@ private:
       for (AttributeKind const* kind : allKinds())
          words.push_back(kind->word());
       std::string const hint = suggestion(decl.kind.value, words);
-      error(decl.kind.at, "unknown kind " + inQuotes(decl.kind.value) +
-                             (hint.empty() ? "; expected one of " + listed(words) : hint));
+      error(decl.kind.at,
+            "unknown kind " + inQuotes(decl.kind.value) + (hint.empty() ? "; expected one of " + listed(words) : hint));
    }
 
    static std::string phrase(Attribute const& attribute) {
@@ -329,22 +336,25 @@ private:
       else if (kind.holds() == Holds::member)
          attribute.key = values_.find("Name")->second.first;
       if (decl.defaultValue && (!kind.mayHaveDefault() || isParameter))
-         error(decl.defaultValue->at, isParameter ? "the parameter " + inQuotes(attribute.name) + " takes no \"default\""
-                                                  : phrase(attribute) + " takes no \"default\"");
+         error(decl.defaultValue->at, isParameter
+                                         ? "the parameter " + inQuotes(attribute.name) + " takes no \"default\""
+                                         : phrase(attribute) + " takes no \"default\"");
       if (isParameter && decl.id && kind.holds() == Holds::value)
          error(decl.id->at, "a parameter with an identifier must be a \"reference\"; without one, " +
                                inQuotes(attribute.name) + " may hold a value");
       if (attribute.constant && kind.holds() != Holds::reference)
          error(decl.at, phrase(attribute) + " takes no \"constant\"; only references have it");
       if (kind.word() == "counter" && attribute.value != nullptr && !attribute.value->isNumber)
-         error(decl.value->at, "a counter counts in whole numbers, but " + inQuotes(attribute.value->name) + " is none");
+         error(decl.value->at,
+               "a counter counts in whole numbers, but " + inQuotes(attribute.value->name) + " is none");
    }
 
    void resolveValue(Attribute& attribute, Text const& name) {
       if (auto const value = values_.find(name.value); value != values_.end()) {
          attribute.value = value->second.first;
          if (attribute.value->pass == Pass::counted)
-            error(name.at, inQuotes(name.value) + " is a counted object; only a parameter of kind \"reference\" and without " +
+            error(name.at, inQuotes(name.value) +
+                              " is a counted object; only a parameter of kind \"reference\" and without " +
                               "an identifier holds one");
       } else if (entities_.contains(name.value)) {
          error(name.at, inQuotes(name.value) + " is an entity type, but " + phrase(attribute) +
@@ -417,8 +427,8 @@ private:
          }
       if (!type.attributes.empty() && *type.attributes.back()->id > *attribute.id) {
          Attribute const& before = *type.attributes.back();
-         error(decl.id->at, "identifiers must ascend, but " + std::to_string(id) + " follows " +
-                               std::to_string(*before.id));
+         error(decl.id->at,
+               "identifiers must ascend, but " + std::to_string(id) + " follows " + std::to_string(*before.id));
          diagnostics_.note(places_.at(&before), inQuotes(before.name) + " is here");
       }
    }
@@ -433,8 +443,8 @@ private:
          // With a small letter first, no two attributes can share a notification on + capitalised name.
          std::string lower = name;
          lower[0] = static_cast<char>(lower[0] - 'A' + 'a');
-         error(decl.name.at, "attribute names begin with a small letter; expected " + inQuotes(lower) + ", found " +
-                                inQuotes(name));
+         error(decl.name.at,
+               "attribute names begin with a small letter; expected " + inQuotes(lower) + ", found " + inQuotes(name));
       } else if (name == type.shortName) {
          error(decl.name.at, inQuotes(name) + " is the name of the class itself");
       } else {
@@ -446,8 +456,9 @@ private:
       for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
          for (auto const& other : owner->owned)
             if (other->name == attribute.name && !other->isInherited) {
-               error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " is defined twice" +
-                                      (owner == &type ? std::string() : "; the base " + inQuotes(owner->name) + " has it"));
+               error(decl.name.at,
+                     "the attribute " + inQuotes(attribute.name) + " is defined twice" +
+                        (owner == &type ? std::string() : "; the base " + inQuotes(owner->name) + " has it"));
                earlier(places_.at(other.get()), inQuotes(attribute.name));
                return;
             }
@@ -466,8 +477,8 @@ private:
       }
       for (std::string const& operation : attribute.kind->operations(attribute.name)) {
          if (isEntityOperation(operation)) {
-            error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " would hide the entity operation " +
-                                   operation + "()");
+            error(decl.name.at,
+                  "the attribute " + inQuotes(attribute.name) + " would hide the entity operation " + operation + "()");
             return;
          }
          for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
@@ -501,7 +512,8 @@ private:
          std::vector<std::string_view> names;
          for (auto step = start; step != path_.end(); ++step)
             names.push_back((*step)->name);
-         error(at, "the headers of " + listed(names) + " would include each other; break the circle, for instance with a " +
+         error(at, "the headers of " + listed(names) +
+                      " would include each other; break the circle, for instance with a " +
                       "reference to a common base");
       };
       visit(type.base, entities_.at(type.name).decl->base.at);
@@ -525,7 +537,8 @@ private:
          }
       if (hasBase)
          error(decl.name.at, inQuotes(decl.name.value) + " cannot be set at construction: " + inQuotes(type.name) +
-                                " has no such changeable attribute with one value" + suggestion(decl.name.value, known));
+                                " has no such changeable attribute with one value" +
+                                suggestion(decl.name.value, known));
    }
 
    Diagnostics& diagnostics_;

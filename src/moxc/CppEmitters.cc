@@ -160,7 +160,8 @@ std::string emitClass(EntityType const& type) {
                  {"first", std::to_string(first)},
                  {"last", std::to_string(last)},
                  {"abstract", type.isAbstract ? "true" : "false"}});
-   text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' + constructorParameters(type) + ");");
+   text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' +
+                         constructorParameters(type) + ");");
    text += "   ~" + type.shortName + "() override;\n";
    text += R"(
    static Mox::Ptr<Mox::MoxType const> _fwkType();
@@ -221,8 +222,7 @@ std::string emitReactor(EntityType const& type) {
    std::string text = "/// Watches a `" + X + "`: override the notifications that matter.\n";
    text += derivedClass(0, "class " + X + "::NotifieeConst", "public " + base + "::NotifieeConst");
    text += "public:\n";
-   text += wrapped(3, "static constexpr Mox::ReactorClass reactorClass{&" + base +
-                         "::NotifieeConst::reactorClass};");
+   text += wrapped(3, "static constexpr Mox::ReactorClass reactorClass{&" + base + "::NotifieeConst::reactorClass};");
    text += "   using MoxNotifier = " + X + ";\n";
    if (type.base == nullptr)
       text += fill(R"(
@@ -255,7 +255,8 @@ public:
 $forwarding$};
 )",
                 {{"X", X}, {"Base", base}, {"forwarding", forEach(own, &AttributeKind::forwarding)}});
-   return banner(type) + "#pragma once\n\n" + includes({type.stem + ".h", baseReactor}) + '\n' + inNamespace(type, text);
+   return banner(type) + "#pragma once\n\n" + includes({type.stem + ".h", baseReactor}) + '\n' +
+          inNamespace(type, text);
 }
 
 std::string emitLog(EntityType const& type) {
@@ -267,7 +268,8 @@ std::string emitLog(EntityType const& type) {
       if (a->kind->holds() == Holds::member && a->entity != &type)
          headers.insert(a->entity->stem + "Log.h");
    std::string const sa = "class " + type.shortName + "::MoxNboAttrLogSa";
-   std::string const text = fill(R"(/// Mirrors a `$X$` over one stream.
+   std::string const text =
+      fill(R"(/// Mirrors a `$X$` over one stream.
 class $X$::MoxNboAttrLogSa : public Mox::NboAttrLog::LevelSa<$X$> {
 public:
    class MoxNboAttrLogSaAdapter_;
@@ -285,13 +287,12 @@ $adapter$public:
    using SaReactor::SaReactor;
 };
 )",
-                                 {{"X", type.shortName},
-                                  {"adapter", derivedClass(0, sa + "::MoxNboAttrLogSaAdapter_ final",
-                                                           "public Mox::NboAttrLog::SaReactor<" + type.shortName + '>')},
-                                  {"backlog", derivedClass(0, sa + "::FlowOut",
-                                                           "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
-                                  {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
-                                  {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
+           {{"X", type.shortName},
+            {"adapter", derivedClass(0, sa + "::MoxNboAttrLogSaAdapter_ final",
+                                     "public Mox::NboAttrLog::SaReactor<" + type.shortName + '>')},
+            {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
+            {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
+            {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
    return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text);
 }
 
@@ -300,8 +301,8 @@ std::string emitSource(EntityType const& type) {
    std::string text;
 
    std::vector<std::string> arguments = type.baseArguments;
-   bool const hasParameters = std::any_of(type.parameters.begin(), type.parameters.end(),
-                                          [](Attribute const* p) { return !p->isInherited; });
+   bool const hasParameters =
+      std::any_of(type.parameters.begin(), type.parameters.end(), [](Attribute const* p) { return !p->isInherited; });
    for (std::string& argument : arguments)
       if (argument == "name")
          argument = "std::move(name)";
@@ -323,7 +324,8 @@ std::string emitSource(EntityType const& type) {
    if (!construct.empty())
       text += construct + "}\n";
 
-   text += fill(R"(
+   text +=
+      fill(R"(
 $X$::~$X$() {
    moxEnd();
 }
@@ -340,13 +342,14 @@ Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
    return Mox::attributeStringOf<$X$>(*this, id);
 }
 )",
-                {{"X", X},
-                 {"static", wrapped(3, "static auto const type = Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
-                                          (type.log ? "Mox::NboAttrLog::typeOperations<" + X + ">()" : "nullptr") + ");")}});
+           {{"X", X},
+            {"static", wrapped(3, "static auto const type = Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
+                                     (type.log ? "Mox::NboAttrLog::typeOperations<" + X + ">()" : "nullptr") + ");")}});
    if (type.log)
-      text += '\n' + wrapped(0, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + X +
-                                   "::moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence, "
-                                   "Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {") +
+      text += '\n' +
+              wrapped(0, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + X +
+                            "::moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence, "
+                            "Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {") +
               fill(R"(   return Mox::NboAttrLog::adapterIs<$X$>(*this, flags, sequence, out, parent);
 }
 )",

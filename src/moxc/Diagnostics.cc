@@ -61,8 +61,7 @@ void Diagnostics::print(std::ostream& out, std::vector<std::string> const& fileO
    std::vector<Error const*> sorted;
    for (Error const& error : errors_)
       sorted.push_back(&error);
-   std::stable_sort(sorted.begin(), sorted.end(),
-                    [&](Error const* a, Error const* b) { return rank(*a) < rank(*b); });
+   std::stable_sort(sorted.begin(), sorted.end(), [&](Error const* a, Error const* b) { return rank(*a) < rank(*b); });
    for (Error const* error : sorted) {
       printLine(out, error->at, "error", error->text);
       for (auto const& note : error->notes)

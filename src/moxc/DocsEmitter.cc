@@ -29,9 +29,12 @@ std::string defaultText(Attribute const& a) {
    if (a.isParameter)
       return "as constructed";
    switch (a.kind->holds()) {
-   case Holds::reference: return "null";
-   case Holds::member: return "empty";
-   case Holds::value: break;
+   case Holds::reference:
+      return "null";
+   case Holds::member:
+      return "empty";
+   case Holds::value:
+      break;
    }
    if (a.kind->isKeyed())
       return "empty";
@@ -68,9 +71,9 @@ std::string typeSection(EntityType const& type) {
    text += "\n| Id | Attribute | Kind | Type | Key | Default | Meaning |\n|---|---|---|---|---|---|---|\n";
    for (Attribute const* a : type.attributes) {
       text += "| " + std::to_string(*a->id) + " | " + code(a->name) + " | " +
-              std::string(a->isParameter ? std::string_view("parameter") : a->kind->word()) + " | " + valueText(*a) + " | " +
-              (a->key != nullptr ? code(a->key->name) : std::string()) + " | " + defaultText(*a) + " | " + cell(a->doc) +
-              " |\n";
+              std::string(a->isParameter ? std::string_view("parameter") : a->kind->word()) + " | " + valueText(*a) +
+              " | " + (a->key != nullptr ? code(a->key->name) : std::string()) + " | " + defaultText(*a) + " | " +
+              cell(a->doc) + " |\n";
    }
    std::string notes;
    if (!type.note.empty())
@@ -114,8 +117,8 @@ Values of a fixed width are marked with it in the record header; the others carr
    for (auto const& value : model.values)
       if (value->pass != Pass::counted)
          text += "| " + code(value->name) + " | " + code(value->cppType) + " | " +
-                 (value->width == 0 ? std::string() : std::to_string(value->width)) + " | " + code(value->zero) + " | " +
-                 cell(value->doc) + " |\n";
+                 (value->width == 0 ? std::string() : std::to_string(value->width)) + " | " + code(value->zero) +
+                 " | " + cell(value->doc) + " |\n";
    text += R"(
 ## Mox::Entity
 

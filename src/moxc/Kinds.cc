@@ -68,8 +68,8 @@ protected:
                               std::string const& parameters, std::string const& operation,
                               std::string const& arguments) {
       return inlineFunction(3, virtually(a) + result + ' ' + a.name + suffix + '(' + parameters + ')',
-                            (result == "void" ? "Mox::" : "return Mox::") + operation + "<Attr::" + a.name + "_t>(*this" +
-                               arguments + ");");
+                            (result == "void" ? "Mox::" : "return Mox::") + operation + "<Attr::" + a.name +
+                               "_t>(*this" + arguments + ");");
    }
 };
 
@@ -167,8 +167,8 @@ class Keyed : public AttributeKind {
 public:
    bool isKeyed() const noexcept override { return true; }
    std::vector<std::string> operations(std::string_view name) const override {
-      return {std::string(name),      joined(name, "Is"),     joined(name, "Del"), joined(name, "DelAll"),
-              joined(name, "Notify"), "new" + capitalised(name)};
+      return {std::string(name),      joined(name, "Is"),     joined(name, "Del"),
+              joined(name, "DelAll"), joined(name, "Notify"), "new" + capitalised(name)};
    }
 
    std::string notifications(Attribute const& a) const override {
@@ -255,7 +255,8 @@ public:
       std::string const both = keyArgument(a) + " key, " + a.value->argument() + " v";
       std::string const call = "<Attr::" + x + "_t>(*this, key";
       return containerAccess(a) +
-             inlineFunction(3, t + ' ' + x + '(' + keyArgument(a) + " key) const", "return Mox::mapValue" + call + ");") +
+             inlineFunction(3, t + ' ' + x + '(' + keyArgument(a) + " key) const",
+                            "return Mox::mapValue" + call + ");") +
              inlineFunction(3, "void " + x + "Is(" + both + ')', "Mox::mapIs" + call + ", v);") +
              inlineFunction(3, "Mox::Ptr<" + entry(a) + "> new" + capitalised(x) + '(' + both + ')',
                             "return Mox::newMapEntry" + call + ", v);") +
@@ -308,7 +309,8 @@ public:
    std::vector<std::string> headers(Attribute const&) const override { return {"containers/HashMap.h"}; }
    std::string valueSpelling(Attribute const& a) const override { return a.entity->name; }
    std::string nestedTypes(Attribute const& a) const override {
-      return wrapped(3, "using " + map(a) + " = Mox::HashMap<" + a.entity->name + ", " + key(a) + ", " + a.entity->name + ">;");
+      return wrapped(3, "using " + map(a) + " = Mox::HashMap<" + a.entity->name + ", " + key(a) + ", " +
+                           a.entity->name + ">;");
    }
    std::string memberFunctions(Attribute const& a) const override {
       std::string const x = a.name;
@@ -347,11 +349,12 @@ public:
       std::string const x = a.name;
       std::string const member = "Mox::Ptr<" + a.entity->name + "> const& child";
       return Keyed::adapterHandlers(a) +
-             inlineFunction(3,
-                            "Mox::Ptr<" + a.entity->name + "::MoxNboAttrLogSa> " + x +
-                               "NboAttrLogAdapterIs(Mox::Mox_BitSet flags, " + member +
-                               ", unsigned sequence, Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent)",
-                            "return childAdapterIs(Attr::" + x + ", flags, child, sequence, out, parent);") +
+             inlineFunction(
+                3,
+                "Mox::Ptr<" + a.entity->name + "::MoxNboAttrLogSa> " + x +
+                   "NboAttrLogAdapterIs(Mox::Mox_BitSet flags, " + member +
+                   ", unsigned sequence, Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent)",
+                "return childAdapterIs(Attr::" + x + ", flags, child, sequence, out, parent);") +
              inlineFunction(3, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + x + "NboAttrLogAdapterDel(" + member + ')',
                             "return childAdapterDel(child);");
    }

@@ -27,7 +27,7 @@ struct ValueType {
    Pass pass = Pass::byValue;
    unsigned alignment = 8; ///< of the C++ type, in bytes; members are laid out by it
    bool isLarge = false;   ///< accessors hand out a reference
-   unsigned width = 0; ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
+   unsigned width = 0;     ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
    bool isKey = false;
    bool isNumber = false; ///< an integer that a counter can hold
    std::string zero;      ///< what a default-constructed value reads as
@@ -50,8 +50,8 @@ struct Attribute {
    std::string defaultValue; ///< C++ expression; empty: the value type's own default
    std::string doc;
    std::string note;
-   bool isParameter = false;      ///< handed to the constructor and never changed
-   bool isInherited = false;      ///< a parameter that only passes a base's parameter on
+   bool isParameter = false; ///< handed to the constructor and never changed
+   bool isInherited = false; ///< a parameter that only passes a base's parameter on
    EntityType const* owner = nullptr;
 };
 
@@ -73,8 +73,8 @@ struct EntityType {
    bool imported = false; ///< known but not to be emitted
    std::string doc;
    std::string note;
-   std::string schemaName; ///< file name of the schema, with the prefix of its headers
-   std::string stem;       ///< include path of the generated files without their endings
+   std::string schemaName;  ///< file name of the schema, with the prefix of its headers
+   std::string stem;        ///< include path of the generated files without their endings
    bool isAbstract = false; ///< cannot be created from a stream
    /// Constructor parameters after the name, in order.
    std::vector<Attribute const*> parameters;

@@ -11,47 +11,61 @@ namespace {
 // Each table is sorted, for the binary search.
 
 constexpr std::array keywords = std::to_array<std::string_view>(
-   {"alignas",      "alignof",       "and",          "and_eq",       "asm",          "auto",
-    "bitand",       "bitor",         "bool",         "break",        "case",         "catch",
-    "char",         "char16_t",      "char32_t",     "char8_t",      "class",        "co_await",
-    "co_return",    "co_yield",      "compl",        "concept",      "const",        "const_cast",
-    "consteval",    "constexpr",     "constinit",    "continue",     "decltype",     "default",
-    "delete",       "do",            "double",       "dynamic_cast", "else",         "enum",
-    "explicit",     "export",        "extern",       "false",        "float",        "for",
-    "friend",       "goto",          "if",           "inline",       "int",          "long",
-    "mutable",      "namespace",     "new",          "noexcept",     "not",          "not_eq",
-    "nullptr",      "operator",      "or",           "or_eq",        "private",      "protected",
-    "public",       "register",      "reinterpret_cast", "requires", "return",       "short",
-    "signed",       "sizeof",        "static",       "static_assert", "static_cast", "struct",
-    "switch",       "template",      "this",         "thread_local", "throw",        "true",
-    "try",          "typedef",       "typeid",       "typename",     "union",        "unsigned",
-    "using",        "virtual",       "void",         "volatile",     "wchar_t",      "while",
-    "xor",          "xor_eq"});
+   {"alignas",     "alignof",  "and",        "and_eq",    "asm",       "auto",         "bitand",
+    "bitor",       "bool",     "break",      "case",      "catch",     "char",         "char16_t",
+    "char32_t",    "char8_t",  "class",      "co_await",  "co_return", "co_yield",     "compl",
+    "concept",     "const",    "const_cast", "consteval", "constexpr", "constinit",    "continue",
+    "decltype",    "default",  "delete",     "do",        "double",    "dynamic_cast", "else",
+    "enum",        "explicit", "export",     "extern",    "false",     "float",        "for",
+    "friend",      "goto",     "if",         "inline",    "int",       "long",         "mutable",
+    "namespace",   "new",      "noexcept",   "not",       "not_eq",    "nullptr",      "operator",
+    "or",          "or_eq",    "private",    "protected", "public",    "register",     "reinterpret_cast",
+    "requires",    "return",   "short",      "signed",    "sizeof",    "static",       "static_assert",
+    "static_cast", "struct",   "switch",     "template",  "this",      "thread_local", "throw",
+    "true",        "try",      "typedef",    "typeid",    "typename",  "union",        "unsigned",
+    "using",       "virtual",  "void",       "volatile",  "wchar_t",   "while",        "xor",
+    "xor_eq"});
 
-constexpr std::array entityOperations = std::to_array<std::string_view>(
-   {"attributeString", "auditErrors",      "changeCount",    "fullName",           "fullNameOf",
-    "fwkKey",          "fwkType",          "handleParent",   "hasNotificationActiveIs", "name",
-    "parent",          "parentAttr",       "parentAttrId",   "parentAttrIdIs",     "parentIs",
-    "references",      "referencesDec",    "referencesInc",  "touchCount",         "uriPath",
-    "visitAttribute",  "zeroReferencesIs"});
+constexpr std::array entityOperations = std::to_array<std::string_view>({"attributeString",
+                                                                         "auditErrors",
+                                                                         "changeCount",
+                                                                         "fullName",
+                                                                         "fullNameOf",
+                                                                         "fwkKey",
+                                                                         "fwkType",
+                                                                         "handleParent",
+                                                                         "hasNotificationActiveIs",
+                                                                         "name",
+                                                                         "parent",
+                                                                         "parentAttr",
+                                                                         "parentAttrId",
+                                                                         "parentAttrIdIs",
+                                                                         "parentIs",
+                                                                         "references",
+                                                                         "referencesDec",
+                                                                         "referencesInc",
+                                                                         "touchCount",
+                                                                         "uriPath",
+                                                                         "visitAttribute",
+                                                                         "zeroReferencesIs"});
 
-constexpr std::array reactorOperations = std::to_array<std::string_view>(
-   {"onAttribute", "onCollectionNotification", "onNotification", "onNotificationException", "onParent", "onVersion",
-    "onZeroReferences"});
+constexpr std::array reactorOperations =
+   std::to_array<std::string_view>({"onAttribute", "onCollectionNotification", "onNotification",
+                                    "onNotificationException", "onParent", "onVersion", "onZeroReferences"});
 
 constexpr std::array nestedNames = std::to_array<std::string_view>(
    {"Attr", "GenericIf_", "MoxNboAttrLogSa", "MoxNotifier", "Notifiee", "NotifieeConst", "_Type"});
 
-constexpr std::array reservedIdentifiers = std::to_array<std::pair<long long, std::string_view>>(
-   {{0, "no attribute"},
-    {5, "the notification when the last reference goes"},
-    {130, "the entity's name"},
-    {131, "the entity's parent"},
-    {135, "the record that opens and closes a resend"},
-    {136, "the announcement of an entity without a parent"},
-    {144, "a wrapped attribute"},
-    {151, "the announcement of a member"},
-    {154, "moxHasAttrLogInterface"}});
+constexpr std::array reservedIdentifiers =
+   std::to_array<std::pair<long long, std::string_view>>({{0, "no attribute"},
+                                                          {5, "the notification when the last reference goes"},
+                                                          {130, "the entity's name"},
+                                                          {131, "the entity's parent"},
+                                                          {135, "the record that opens and closes a resend"},
+                                                          {136, "the announcement of an entity without a parent"},
+                                                          {144, "a wrapped attribute"},
+                                                          {151, "the announcement of a member"},
+                                                          {154, "moxHasAttrLogInterface"}});
 
 static_assert(std::is_sorted(keywords.begin(), keywords.end()));
 static_assert(std::is_sorted(entityOperations.begin(), entityOperations.end()));

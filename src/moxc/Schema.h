@@ -55,7 +55,7 @@ struct ValueDecl {
    Text name;
    std::string type; ///< C++ spelling; the name where the schema says nothing
    std::string header;
-   Text pass; ///< "value", "reference" or "counted"
+   Text pass;                ///< "value", "reference" or "counted"
    Located<long long> width; ///< bytes of a value of fixed width on the wire, 0 otherwise
    Located<long long> alignment;
    bool key = false;
@@ -65,7 +65,8 @@ struct ValueDecl {
 
 struct SchemaFile {
    std::string_view path;
-   std::string prefix; ///< folder of the generated headers below the include folder; empty or without a slash at its end
+   std::string
+      prefix; ///< folder of the generated headers below the include folder; empty or without a slash at its end
    bool imported = false;
    std::optional<EntityDecl> entity;
    std::vector<ValueDecl> values;

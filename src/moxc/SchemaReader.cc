@@ -15,16 +15,24 @@ namespace {
 
 std::string_view typeWord(toml::node const& node) {
    switch (node.type()) {
-   case toml::node_type::table: return "a table";
-   case toml::node_type::array: return "an array";
-   case toml::node_type::string: return "a string";
-   case toml::node_type::integer: return "an integer";
-   case toml::node_type::floating_point: return "a floating-point number";
-   case toml::node_type::boolean: return "a boolean";
+   case toml::node_type::table:
+      return "a table";
+   case toml::node_type::array:
+      return "an array";
+   case toml::node_type::string:
+      return "a string";
+   case toml::node_type::integer:
+      return "an integer";
+   case toml::node_type::floating_point:
+      return "a floating-point number";
+   case toml::node_type::boolean:
+      return "a boolean";
    case toml::node_type::date:
    case toml::node_type::time:
-   case toml::node_type::date_time: return "a date or time";
-   case toml::node_type::none: break;
+   case toml::node_type::date_time:
+      return "a date or time";
+   case toml::node_type::none:
+      break;
    }
    return "nothing";
 }
@@ -111,10 +119,10 @@ public:
       for (auto const& [key, node] : table_) {
          std::string_view const name = key.str();
          if (std::find(asked_.begin(), asked_.end(), name) == asked_.end())
-            diagnostics_.error(position(key.source()), what_ + " has an unknown field " + inQuotes(name) +
-                                                          (suggestion(name, asked_).empty()
-                                                              ? "; expected one of " + listed(asked_)
-                                                              : suggestion(name, asked_)));
+            diagnostics_.error(position(key.source()),
+                               what_ + " has an unknown field " + inQuotes(name) +
+                                  (suggestion(name, asked_).empty() ? "; expected one of " + listed(asked_)
+                                                                    : suggestion(name, asked_)));
       }
    }
 
@@ -134,8 +142,7 @@ private:
    }
    void wrongType(std::string_view field, toml::node const& node, std::string_view expected) {
       diagnostics_.error(position(node.source()), inQuotes(field) + " of " + what_ + " must be " +
-                                                     std::string(expected) + ", but is " +
-                                                     std::string(typeWord(node)));
+                                                     std::string(expected) + ", but is " + std::string(typeWord(node)));
    }
 
    toml::table const& table_;
@@ -174,10 +181,8 @@ private:
       decl.isAbstract = fields.flag("abstract", false);
       decl.doc = fields.required("doc").value;
       decl.note = fields.text("note");
-      fields.tables("parameters",
-                    [&](toml::table const& row) { decl.parameters.push_back(attribute(row, true)); });
-      fields.tables("attributes",
-                    [&](toml::table const& row) { decl.attributes.push_back(attribute(row, false)); });
+      fields.tables("parameters", [&](toml::table const& row) { decl.parameters.push_back(attribute(row, true)); });
+      fields.tables("attributes", [&](toml::table const& row) { decl.attributes.push_back(attribute(row, false)); });
       if (toml::table const* const values = fields.subtable("construct")) {
          for (auto const& [key, node] : *values) {
             Position const at = fields.position(key.source());
