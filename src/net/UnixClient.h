@@ -41,6 +41,8 @@ public:
    void unmount(Name const& name) { end_.unmount(name); }
    void onState(std::function<void(Name const& root, LinkEnd::State state)> told) { end_.onState(std::move(told)); }
    LinkEnd::State state(Name const& root) const { return end_.state(root); }
+   /// Told of each record that could not be applied or sent, ready to print.
+   void onReport(std::function<void(std::string const&)> told) { end_.onReport(std::move(told)); }
    /// Whether the server has everything, and said so; also true where nobody is connected.
    bool quiet() const { return !isConnected() || end_.quiet(); }
 

@@ -1,5 +1,7 @@
 #include "net/UnixServer.h"
 
+#include "core/Text.h"
+#include "mox/Entity.h"
 #include "net/Carrier.h"
 #include "net/UnixPath.h"
 
@@ -27,7 +29,6 @@ struct UnixServer::Peer {
 
    LinkEnd end;
    std::shared_ptr<Carrier> carrier;
-   bool mounts = false; ///< something is mounted from it
 };
 
 struct UnixServer::Listener {
@@ -51,6 +52,9 @@ std::string const& UnixServer::path() const noexcept {
 }
 
 void UnixServer::exportRoot(Ptr<Entity> const& root) {
+   for (auto const& exported : exported_)
+      if (exported->moxName() == root->moxName())
+         throw NameInUseException("a root named " + quoted(root->moxName()) + " is exported already");
    exported_.push_back(root);
    for (std::size_t i = 0; i < peers_.size(); ++i)
       peers_[i]->end.exportRoot(root);
@@ -64,7 +68,7 @@ void UnixServer::exportDel(Ptr<Entity> const& root) {
 
 void UnixServer::unmount(Name const& name) {
    for (auto const& peer : peers_)
-      if (peer->mounts)
+      if (peer->end.hasMounts())
          return peer->end.unmount(name);
 }
 
@@ -74,9 +78,9 @@ void UnixServer::onState(StateFunction told) {
 
 LinkEnd::State UnixServer::state(Name const& root) const {
    for (auto const& peer : peers_)
-      if (peer->mounts)
+      if (peer->end.hasMounts())
          return peer->end.state(root);
-   return LinkEnd::State::connecting;
+   throw RangeException("no root named " + quoted(root) + " is mounted");
 }
 
 std::size_t UnixServer::peerCount() const noexcept {
@@ -102,6 +106,10 @@ UnixServer::Peer& UnixServer::newPeer() {
       if (stateTold_)
          stateTold_(root, state);
    });
+   peer->end.onReport([this](std::string const& text) {
+      if (reportTold_)
+         reportTold_(text);
+   });
    for (auto const& root : exported_)
       peer->end.exportRoot(root);
    peers_.push_back(std::move(peer));
@@ -109,11 +117,10 @@ UnixServer::Peer& UnixServer::newPeer() {
 }
 
 LinkEnd& UnixServer::mountingEnd() {
-   auto at = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->mounts; });
+   auto at = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->end.hasMounts(); });
    if (at == peers_.end())
       at = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->isOpen(); });
    Peer& peer = at == peers_.end() ? newPeer() : **at;
-   peer.mounts = true;
    return peer.end;
 }
 
@@ -157,12 +164,11 @@ void UnixServer::admit() {
       return;
    }
 
-   auto const waiting =
-      std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->mounts && !peer->isOpen(); });
+   auto const waiting = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return !peer->isOpen(); });
    Peer& peer = waiting == peers_.end() ? newPeer() : **waiting;
    auto carrier = std::make_shared<Carrier>(std::move(socket), peer.end);
    carrier->onLost([this, event, which = carrier.get()](std::string const& reason) mutable {
-      std::erase_if(peers_, [which](auto const& p) { return p->carrier.get() == which && !p->mounts; });
+      std::erase_if(peers_, [which](auto const& p) { return p->carrier.get() == which && !p->end.hasMounts(); });
       event.kind = PeerEvent::Kind::lost;
       event.reason = reason;
       tell(event);

@@ -36,6 +36,7 @@ public:
    std::string const& path() const noexcept;
 
    /// Offers an entity and what is below it to all clients, those to come included.
+   /// \throws NameInUseException when a root of that name is exported already
    void exportRoot(Ptr<Entity> const& root);
    void exportDel(Ptr<Entity> const& root);
 
@@ -43,8 +44,11 @@ public:
    template <class T> Ptr<T> mount(Name const& name) { return mountingEnd().template mount<T>(name); }
    void unmount(Name const& name);
    void onState(StateFunction told);
-   /// `connecting` for a name that nobody mounted.
+   /// \throws RangeException for a root that is not mounted
    LinkEnd::State state(Name const& root) const;
+
+   /// Told of each record that could not be applied or sent, ready to print.
+   void onReport(std::function<void(std::string const&)> told) { reportTold_ = std::move(told); }
 
    /// Clients connected now.
    std::size_t peerCount() const noexcept;
@@ -66,6 +70,7 @@ private:
    std::vector<Ptr<Entity>> exported_;
    std::vector<std::unique_ptr<Peer>> peers_;
    StateFunction stateTold_;
+   std::function<void(std::string const&)> reportTold_;
    unsigned accepted_ = 0;
 };
 
