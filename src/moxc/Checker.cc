@@ -208,7 +208,22 @@ private:
          define(type, row, false, hasBase);
       for (ConstructDecl const& row : decl.construct)
          define(type, row, hasBase);
+      checkCreation(type, decl);
       return true;
+   }
+
+   /// The log creates an entity from its name and the parameters that can be read back.
+   void checkCreation(EntityType const& type, EntityDecl const& decl) {
+      if (type.isAbstract)
+         return;
+      for (Attribute const* parameter : type.parameters)
+         if (!parameter->id && (type.log || type.hashMember)) {
+            error(places_.at(parameter),
+                  "the parameter " + inQuotes(parameter->name) +
+                     " has no identifier, so nobody but its maker can create the type; give it one, or the entity "
+                     "abstract = true");
+            diagnostics_.note(decl.name.at, inQuotes(type.name) + " is defined here");
+         }
    }
 
    bool resolveBase(EntityType& type, EntityDecl const& decl) {
@@ -367,7 +382,11 @@ private:
    void resolveEntity(Attribute& attribute, Text const& name, bool mayBeCounted) {
       if (auto const entity = entities_.find(name.value); entity != entities_.end()) {
          attribute.entity = entity->second.type;
-         if (attribute.kind->holds() == Holds::member && !attribute.entity->hashMember) {
+         bool const isMember = attribute.kind->holds() == Holds::member;
+         if (isMember && attribute.entity->isAbstract) {
+            error(name.at, inQuotes(name.value) + " is abstract, but " + phrase(attribute) + " creates its members");
+            diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
+         } else if (isMember && !attribute.entity->hashMember) {
             error(name.at, inQuotes(name.value) + " cannot be a member of " + phrase(attribute) +
                               ": its schema has no member = \"hash\"");
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");

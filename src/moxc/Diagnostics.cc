@@ -100,7 +100,7 @@ std::string listed(std::vector<std::string_view> const& words) {
 
 std::string suggestion(std::string_view word, std::vector<std::string_view> const& candidates) {
    std::string_view best;
-   std::size_t bestDistance = std::max<std::size_t>(1, word.size() / 3) + 1;
+   std::size_t bestDistance = std::max<std::size_t>(1, (word.size() + 1) / 3) + 1;
    std::string const wanted = lowered(word);
    for (std::string_view const candidate : candidates) {
       // A name without its namespace is the commonest slip, so the last part alone may match as well.

@@ -16,8 +16,9 @@ namespace fs = std::filesystem;
 namespace {
 
 std::optional<std::string> contents(fs::path const& path) {
+   std::error_code ignored;
    std::ifstream in(path, std::ios::binary);
-   if (!in)
+   if (!in || fs::is_directory(path, ignored))
       return {};
    return std::string(std::istreambuf_iterator<char>(in), {});
 }
@@ -40,6 +41,9 @@ public:
          fs::create_directories(path.parent_path(), failure);
       if (failure)
          throw std::runtime_error(path.string() + ": error: cannot create the folder: " + failure.message());
+      // Found here, before the first file gets its new contents.
+      if (fs::is_directory(path, failure))
+         throw std::runtime_error(path.string() + ": error: cannot write: a folder is in its place");
       // Two runs may write beside each other.
       fs::path const temporary = path.string() + ".new-" + std::to_string(::getpid());
       files_.emplace_back(temporary, path);

@@ -1,0 +1,26 @@
+// Made by moxc: the types of Rack, made known when the library is loaded.
+#include "mox/MoxType.h"
+#include "rack/Cooling.h"
+#include "rack/Fan.h"
+#include "rack/Unit.h"
+
+namespace {
+
+void moxInitRack() {
+   Rack::Unit::_fwkType();
+   Rack::Fan::_fwkType();
+   Rack::Cooling::_fwkType();
+}
+
+Mox::TypeRegistration const registration(&moxInitRack);
+
+// The qualified names of the library's types, for tools that look into the file without loading it.
+#if defined(__has_cpp_attribute) && __has_cpp_attribute(gnu::retain)
+[[gnu::retain]]
+#endif
+[[gnu::section(".mox.type"), gnu::used]] constexpr char typeNames[] =
+   "Rack::Unit\0"
+   "Rack::Fan\0"
+   "Rack::Cooling";
+
+} // namespace
