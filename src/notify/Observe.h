@@ -103,14 +103,14 @@ template <class X, class A, class Call> [[nodiscard]] Watch on(Ptr<X> const& ent
    static_assert(requires { typename A::Owner; }, "Mox::on takes an attribute, as in Cl10010Config::Attr::rollOff");
    static_assert(std::derived_from<std::remove_const_t<X>, typename A::Owner>,
                  "Mox::on: the attribute is none of this entity's type or its bases");
-   return detail::watch<detail::AttributeWatch<X, A, Call>>(ValidPtr<X>(entity), std::move(call));
+   return detail::watch<detail::AttributeWatch<X, A, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)), std::move(call));
 }
 
 /// Calls `call(entity, identifier)` after each change of any attribute.
 template <class X, class Call> [[nodiscard]] Watch onAny(Ptr<X> const& entity, Call call) {
    static_assert(std::invocable<Call&, X&, AttributeId>,
                  "Mox::onAny calls its function with the entity and the attribute's identifier");
-   return detail::watch<detail::AnyWatch<X, Call>>(ValidPtr<X>(entity), std::move(call));
+   return detail::watch<detail::AnyWatch<X, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)), std::move(call));
 }
 
 } // namespace Mox
