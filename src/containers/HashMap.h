@@ -68,7 +68,8 @@ public:
    static constexpr bool entriesAreValues = std::is_same_v<Entry, Value>;
 
    /// Starts with 2^`logBuckets` buckets, allocated with the first entry.
-   explicit HashMap(unsigned logBuckets = 4) : initialBits_(logBuckets), bits_(logBuckets), vtable_(&VTable::instance()) {
+   explicit HashMap(unsigned logBuckets = 4)
+      : initialBits_(logBuckets), bits_(logBuckets), vtable_(&VTable::instance()) {
       if (logBuckets == 0 || logBuckets > maximumBits)
          throwInternalException("a hash map starts with 2^1 to 2^28 buckets");
    }
@@ -99,11 +100,15 @@ public:
    }
    Entry* next(Entry const& entry) noexcept { return mutableEntry(std::as_const(*this).next(entry)); }
    /// First entry, in the order of iteration, that is not before `key`, or that is behind it. The key itself need not be there.
-   template <LookupKey<Key> K = Key> Entry const* lowerBound(K const& key) const { return bound(lookupKey<Key>(key), false); }
+   template <LookupKey<Key> K = Key> Entry const* lowerBound(K const& key) const {
+      return bound(lookupKey<Key>(key), false);
+   }
    template <LookupKey<Key> K = Key> Entry* lowerBound(K const& key) {
       return mutableEntry(std::as_const(*this).lowerBound(key));
    }
-   template <LookupKey<Key> K = Key> Entry const* upperBound(K const& key) const { return bound(lookupKey<Key>(key), true); }
+   template <LookupKey<Key> K = Key> Entry const* upperBound(K const& key) const {
+      return bound(lookupKey<Key>(key), true);
+   }
    template <LookupKey<Key> K = Key> Entry* upperBound(K const& key) {
       return mutableEntry(std::as_const(*this).upperBound(key));
    }

@@ -67,7 +67,8 @@ template <class KeyRef, class ValueRef> struct MapItem {
 /// The same position for range-for: yields the entry where it is its own value, and key and value otherwise.
 template <class Map, class Entry> class MapRangeIterator {
    using Position = MapIterator<Map, Entry>;
-   using Item = MapItem<decltype(std::declval<Position const&>().key()), decltype(std::declval<Position const&>().value())>;
+   using Item =
+      MapItem<decltype(std::declval<Position const&>().key()), decltype(std::declval<Position const&>().value())>;
 
 public:
    using difference_type = std::ptrdiff_t;

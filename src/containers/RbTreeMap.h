@@ -67,11 +67,15 @@ public:
    Entry const* next(Entry const& entry) const noexcept { return entryOf(RbTree::next(&links(*mutableEntry(&entry)))); }
    Entry* next(Entry const& entry) noexcept { return mutableEntry(std::as_const(*this).next(entry)); }
    /// First entry whose key is not less than `key`, or is greater. The key itself need not be there.
-   template <LookupKey<Key> K = Key> Entry const* lowerBound(K const& key) const { return bound(lookupKey<Key>(key), false); }
+   template <LookupKey<Key> K = Key> Entry const* lowerBound(K const& key) const {
+      return bound(lookupKey<Key>(key), false);
+   }
    template <LookupKey<Key> K = Key> Entry* lowerBound(K const& key) {
       return mutableEntry(std::as_const(*this).lowerBound(key));
    }
-   template <LookupKey<Key> K = Key> Entry const* upperBound(K const& key) const { return bound(lookupKey<Key>(key), true); }
+   template <LookupKey<Key> K = Key> Entry const* upperBound(K const& key) const {
+      return bound(lookupKey<Key>(key), true);
+   }
    template <LookupKey<Key> K = Key> Entry* upperBound(K const& key) {
       return mutableEntry(std::as_const(*this).upperBound(key));
    }

@@ -98,7 +98,7 @@ namespace Mox {
 
 /// What the introspection of one attribute may do: six flag bits.
 class MoxAttrIntrospectionFlags
-    : public Bounded<std::uint32_t, 0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed"> {
+   : public Bounded<std::uint32_t, 0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed"> {
 public:
    using Bounded::Bounded;
 };

@@ -36,12 +36,22 @@ enum class CfpxHostChannel : std::int32_t {
 };
 constexpr auto moxEnum(CfpxHostChannel) {
    using enum CfpxHostChannel;
-   return Mox::enumeration<CfpxHostChannel>(
-      "Xcvr::CfpxHostChannel",
-      {{channel0, "channel0"}, {channel1, "channel1"}, {channel2, "channel2"}, {channel3, "channel3"},
-       {channel4, "channel4"}, {channel5, "channel5"}, {channel6, "channel6"}, {channel7, "channel7"},
-       {channel8, "channel8"}, {channel9, "channel9"}, {channel10, "channel10"}, {channel11, "channel11"},
-       {channel12, "channel12"}, {channel13, "channel13"}, {channel14, "channel14"}, {channel15, "channel15"}});
+   return Mox::enumeration<CfpxHostChannel>("Xcvr::CfpxHostChannel", {{channel0, "channel0"},
+                                                                      {channel1, "channel1"},
+                                                                      {channel2, "channel2"},
+                                                                      {channel3, "channel3"},
+                                                                      {channel4, "channel4"},
+                                                                      {channel5, "channel5"},
+                                                                      {channel6, "channel6"},
+                                                                      {channel7, "channel7"},
+                                                                      {channel8, "channel8"},
+                                                                      {channel9, "channel9"},
+                                                                      {channel10, "channel10"},
+                                                                      {channel11, "channel11"},
+                                                                      {channel12, "channel12"},
+                                                                      {channel13, "channel13"},
+                                                                      {channel14, "channel14"},
+                                                                      {channel15, "channel15"}});
 }
 /// \throws EnumException for a number above 15
 constexpr CfpxHostChannel CfpxHostChannelInstance(std::uint32_t number) {
@@ -50,16 +60,16 @@ constexpr CfpxHostChannel CfpxHostChannelInstance(std::uint32_t number) {
 
 using Mox::EnumText::operator<<;
 
-/// Skew between polarisations, in picoseconds. Any float.
+/// Skew between polarisations, in the driver's unit. Any float.
 class CfpxSkew : public Mox::FloatValue {
 public:
    constexpr CfpxSkew() noexcept = default;
    template <Mox::Arithmetic N> constexpr CfpxSkew(N number) noexcept : FloatValue(static_cast<float>(number)) {}
 };
 
-/// Output voltage of a transimpedance amplifier, in microvolts.
+/// Output voltage of a transimpedance amplifier, in the driver's unit.
 class CfpxTiaOutputVoltage
-    : public Mox::Bounded<std::uint32_t, 0xffffffff, "CfpxTiaOutputVoltage::value < 0 or > 0xffffffff not allowed"> {
+   : public Mox::Bounded<std::uint32_t, 0xffffffff, "CfpxTiaOutputVoltage::value < 0 or > 0xffffffff not allowed"> {
 public:
    using Bounded::Bounded;
 };
@@ -76,7 +86,7 @@ public:
 
 /// Number of iterations that the decoder took: key of a histogram.
 class LdpcHistogramIterNum
-    : public Mox::Bounded<std::uint8_t, 31, "LdpcHistogramIterNum::value < 0 or > 31 not allowed"> {
+   : public Mox::Bounded<std::uint8_t, 31, "LdpcHistogramIterNum::value < 0 or > 31 not allowed"> {
 public:
    using Bounded::Bounded;
 };

@@ -24,7 +24,8 @@ template <std::size_t count> struct EnumTable {
 };
 
 template <class E, std::size_t count>
-constexpr EnumTable<count> enumeration(std::string_view type, std::pair<E, std::string_view> const (&enumerators)[count]) {
+constexpr EnumTable<count> enumeration(std::string_view type,
+                                       std::pair<E, std::string_view> const (&enumerators)[count]) {
    EnumTable<count> table{type, {}};
    for (std::size_t i = 0; i < count; ++i)
       table.rows[i] = {static_cast<std::int32_t>(enumerators[i].first), enumerators[i].second};
@@ -39,7 +40,9 @@ constexpr EnumTable<count> enumeration(std::string_view type, std::pair<E, std::
 ///     constexpr Fan FanInstance(std::uint32_t number) { return Mox::enumInstance<Fan>(number); }
 ///     using Mox::EnumText::operator<<;
 template <class E>
-concept Enumeration = std::is_enum_v<E> && requires { moxEnum(E{}); };
+concept Enumeration = std::is_enum_v<E> && requires {
+   moxEnum(E{});
+};
 
 template <Enumeration E> inline constexpr auto enumTable = moxEnum(E{});
 

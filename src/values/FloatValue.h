@@ -16,6 +16,7 @@ class FloatValue {
 public:
    constexpr FloatValue() noexcept = default;
    constexpr operator float() const noexcept { return value; }
+   constexpr float number() const noexcept { return value; }
 
    friend std::ostream& operator<<(std::ostream& out, FloatValue v);
 

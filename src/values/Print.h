@@ -5,6 +5,7 @@
 #include <concepts>
 #include <ostream>
 #include <string_view>
+#include <type_traits>
 
 namespace Mox {
 
@@ -22,7 +23,7 @@ template <std::signed_integral T> void print(std::ostream& out, T value) {
    out << static_cast<long long>(value);
 }
 template <class T>
-   requires(!std::is_arithmetic_v<T>) && requires(std::ostream& o, T const& v) { o << v; }
+   requires(!std::is_arithmetic_v<T>)
 void print(std::ostream& out, T const& value) {
    out << value;
 }

@@ -1,0 +1,123 @@
+#include "core/String8.h"
+
+#include "core/Exceptions.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+namespace {
+
+using namespace std::string_literals;
+using Mox::Name;
+using Mox::String8;
+
+TEST(String8, ComparesWithEveryKindOfTextAsBytes) {
+   std::vector<std::string> const ascending{"", "\0"s, "\0x"s, "A", "a", "a\0"s, "a\0b"s, "aa", "\x7f", "\x80", "\xff"};
+   for (std::size_t i = 0; i < ascending.size(); ++i) {
+      for (std::size_t k = 0; k < ascending.size(); ++k) {
+         SCOPED_TRACE(testing::Message() << i << " and " << k);
+         Name const a(ascending[i]);
+         String8 const b(ascending[k]);
+         auto const expected = i <=> k;
+         EXPECT_EQ(a <=> b, expected);
+         EXPECT_EQ(a <=> ascending[k], expected);
+         EXPECT_EQ(std::string_view(ascending[i]) <=> b, expected);
+         EXPECT_EQ(a == b, i == k);
+         EXPECT_EQ(a == Name(b), i == k);
+         EXPECT_EQ(ascending[i] == b, i == k);
+         EXPECT_EQ(a.hash() == b.hash(), i == k);
+      }
+   }
+   EXPECT_TRUE(Name("a") == "a" && "a" != Name("b") && Name("a") < "b" && "a" < String8("b"));
+}
+
+TEST(String8, CopiesShareOneTextUntilTheLastGoes) {
+   String8 copy;
+   {
+      Name const name("a text that no small buffer would hold, whatever the library");
+      copy = name;
+      EXPECT_TRUE(copy.sharesWith(name));
+      String8 moved(std::move(copy));
+      EXPECT_TRUE(copy.empty());
+      copy = moved;
+      copy = *&copy;
+   }
+   std::ostringstream out;
+   out << copy << Name("!") << String8();
+   EXPECT_EQ(out.str(), copy.str() + "!");
+   EXPECT_EQ(copy.c_str()[copy.size()], '\0');
+   EXPECT_STREQ(Name().c_str(), "");
+   EXPECT_TRUE(String8("").sharesWith(String8())) << "the empty text needs no memory";
+}
+
+TEST(String8, ThreadsMayShareOneTextWhenPointersAreThreadSafe) {
+   Mox::VFPtrInterface::enableThreadSafePointers();
+   Name const shared("shared");
+   auto const copyAndHash = [&shared] {
+      for (int i = 0; i < 20000; ++i) {
+         Name const copy(shared);
+         ASSERT_EQ(copy.hash(), Mox::hashOf("shared"));
+      }
+   };
+   {
+      std::jthread const one(copyAndHash);
+      std::jthread const two(copyAndHash);
+   }
+   Mox::VFPtrInterface::enableThreadSafePointers(false);
+   EXPECT_EQ(shared, "shared");
+}
+
+TEST(NameHash, EveryBitOfTheTextReachesEveryBitOfTheHash) {
+   for (std::size_t const size : {7u, 8u, 9u, 16u, 31u}) {
+      SCOPED_TRACE(size);
+      std::vector<int> flips(32);
+      int trials = 0;
+      for (int sample = 0; sample < 200; ++sample) {
+         std::string text = std::to_string(sample * 7919) + std::string(size, 'x');
+         text.resize(size);
+         std::uint32_t const before = Mox::hashOf(text);
+         for (std::size_t bit = 0; bit < size * 8; ++bit, ++trials) {
+            std::string other = text;
+            other[bit / 8] = static_cast<char>(other[bit / 8] ^ 1 << bit % 8);
+            std::uint32_t const difference = before ^ Mox::hashOf(other);
+            for (unsigned i = 0; i < 32; ++i)
+               flips[i] += static_cast<int>(difference >> i & 1);
+         }
+      }
+      for (int const count : flips)
+         EXPECT_NEAR(static_cast<double>(count) / trials, 0.5, 0.05);
+   }
+   std::set<std::uint32_t> zeros;
+   for (std::size_t size = 0; size < 64; ++size)
+      zeros.insert(Mox::hashOf(std::string(size, '\0')));
+   EXPECT_EQ(zeros.size(), 64u);
+   std::unordered_set<Name> names;
+   EXPECT_TRUE(names.insert("port-1").second && !names.insert(Name("port-1")).second);
+}
+
+TEST(NameHash, TheKeyCannotChangeUnderNamesAlreadyHashed) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process in which nothing was hashed yet
+   EXPECT_EXIT(
+      {
+         Mox::nameHashKeyIs(1);
+         std::uint32_t const one = Name("port-1").hash();
+         Mox::nameHashKeyIs(1);
+         try {
+            Mox::nameHashKeyIs(2);
+         } catch (Mox::InternalException const& e) {
+            std::fprintf(stderr, "%s", e.what());
+            std::exit(one == Mox::hashOf("port-1") ? 0 : 1);
+         }
+         std::exit(2);
+      },
+      testing::ExitedWithCode(0), "the key of name hashes is set after the first name was hashed");
+}
+
+} // namespace

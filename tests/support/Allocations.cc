@@ -1,0 +1,57 @@
+// A file of its own, so that no compiler sees through the replaced operators and pairs them with the library's.
+#include "support/Allocations.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+std::atomic<std::size_t> calls{0};
+std::atomic<bool> exhausted{false};
+} // namespace
+
+std::size_t allocations() noexcept {
+   return calls;
+}
+
+NoMemory::NoMemory() noexcept {
+   exhausted = true;
+}
+NoMemory::~NoMemory() {
+   exhausted = false;
+}
+
+// The array forms too: under a sanitizer they don't come to the plain ones by themselves.
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+   ++calls;
+   return exhausted ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+void* operator new(std::size_t size) {
+   if (void* const p = operator new(size, std::nothrow))
+      return p;
+   throw std::bad_alloc();
+}
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
+   return operator new(size, std::nothrow);
+}
+void* operator new[](std::size_t size) {
+   return operator new(size);
+}
+void operator delete(void* p) noexcept {
+   std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+   std::free(p);
+}
+void operator delete(void* p, std::nothrow_t const&) noexcept {
+   std::free(p);
+}
+void operator delete[](void* p) noexcept {
+   std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+   std::free(p);
+}
+void operator delete[](void* p, std::nothrow_t const&) noexcept {
+   std::free(p);
+}

@@ -1,0 +1,152 @@
+#include "core/Exceptions.h"
+#include "values/Bounded.h"
+#include "values/Coherent.h"
+#include "values/PhyEnums.h"
+#include "values/Print.h"
+#include "values/Records.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <unordered_set>
+
+namespace {
+
+using Mox::RangeException;
+
+template <class Exception, class Call> std::string textOf(Call call) {
+   try {
+      call();
+   } catch (Exception const& e) {
+      return e.what();
+   }
+   return "nothing was thrown";
+}
+
+template <class T> std::string printed(T const& value) {
+   std::ostringstream out;
+   Mox::print(out, value);
+   return out.str();
+}
+
+template <class T> void expectBounds(unsigned long long maximum, std::string const& text) {
+   SCOPED_TRACE(text);
+   EXPECT_EQ(T().number(), 0u);
+   EXPECT_EQ(T(0).value, 0u);
+   EXPECT_EQ(T(maximum).value, maximum);
+   EXPECT_EQ(textOf<RangeException>([&] { T{maximum + 1}; }), text);
+   EXPECT_EQ(textOf<RangeException>([&] { T{-1}; }), text);
+   EXPECT_EQ(textOf<RangeException>([&] { T{std::numeric_limits<long long>::min()}; }), text);
+   // What would be in range once it has narrowed to the number's own width.
+   if constexpr (sizeof(typename T::Number) < sizeof(unsigned long long)) {
+      EXPECT_EQ(textOf<RangeException>([&] { T{1ull << std::numeric_limits<typename T::Number>::digits}; }), text);
+   }
+   EXPECT_EQ(printed(T(maximum)), std::to_string(maximum));
+   static_assert(std::is_trivially_copyable_v<T> && sizeof(T) == sizeof(typename T::Number));
+   static_assert(std::totally_ordered<T> && std::three_way_comparable<T>);
+}
+
+TEST(BoundedValues, RejectWhatIsOutOfRangeWithTheTextOfTheType) {
+   expectBounds<U1>(1, "U1::value < 0 or > 0x01 not allowed");
+   expectBounds<U4>(15, "U4::value < 0 or > 0x0f not allowed");
+   expectBounds<U6>(63, "U6::value < 0 or > 0x3f not allowed");
+   expectBounds<U22>(4194303, "U22::value < 0 or > 0x003fffff not allowed");
+   expectBounds<Xcvr::CfpxHostLaneId>(3, "CfpxHostLaneId::value < 0 or > 3 not allowed");
+   expectBounds<ClariPhyTypes::HostLane>(9, "HostLane::value < 0 or > 9 not allowed");
+   expectBounds<ClariPhyTypes::LdpcHistogramIterNum>(31, "LdpcHistogramIterNum::value < 0 or > 31 not allowed");
+   expectBounds<ClariPhyTypes::LdpcHistogramCounter>(0xffffffffffff,
+                                                     "LdpcHistogramCounter::value < 0 or > 0xffffffffffff not allowed");
+   expectBounds<Mox::MoxAttrIntrospectionFlags>(0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed");
+   expectBounds<Plex::IntfId>(0xffffffff, "IntfId::value < 0 or > 0xffffffff not allowed");
+   static_assert(U4(7) > U4(6) && U4(7) == 7 && 6 < U4(7));
+   std::unordered_set<U22> const set{1, 2, 1};
+   EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
+   using Phy::Coherent::RollOff;
+   for (double const good : {0.0, -0.0, 1e-300, 0.2, 1.0})
+      EXPECT_EQ(RollOff(good).value, static_cast<float>(good));
+   EXPECT_EQ(RollOff(1), 1);
+   std::string const text = "RollOff::value < RollOff::min or > RollOff::max not allowed";
+   for (float const bad : {1.0000001f, -1e-30f, std::nanf(""), -std::nanf(""), HUGE_VALF})
+      EXPECT_EQ(textOf<RangeException>([&] { RollOff{bad}; }), text) << bad;
+   // Would be 1 and 0 as floats.
+   for (double const bad : {1.0 + 1e-12, -1e-300})
+      EXPECT_EQ(textOf<RangeException>([&] { RollOff{bad}; }), text) << bad;
+   EXPECT_EQ(textOf<RangeException>([] { RollOff{-1}; }), text);
+}
+
+TEST(FloatValues, CompareAsFloatsWithNumbersOfAnyKind) {
+   Xcvr::CfpxSkew const skew = 0.35;
+   EXPECT_TRUE(skew == 0.35 && 0.35 == skew && skew == Xcvr::CfpxSkew(0.35f) && !(skew < 0.35) && skew < 1 && 1 > skew);
+   Xcvr::CfpxSkew const nan = std::nanf("");
+   EXPECT_FALSE(nan == nan);
+   EXPECT_TRUE(Xcvr::CfpxSkew(-0.0) == Xcvr::CfpxSkew(0.0));
+}
+
+TEST(Enumerations, KnowTheirNumbersAndNames) {
+   EXPECT_EQ(Xcvr::CfpxHostChannelInstance(15), Xcvr::CfpxHostChannel::channel15);
+   EXPECT_EQ(textOf<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
+             "16 is no Xcvr::CfpxHostChannel: expected 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14 or 15");
+   EXPECT_EQ(Hardware::Phy::MdioClauseInstance(2), Hardware::Phy::MdioClause::clause45);
+   EXPECT_EQ(textOf<RangeException>([] { Hardware::Phy::LinkStatusInstance(0xffffffff); }),
+             "4294967295 is no Hardware::Phy::LinkStatus: expected 0, 1 or 2");
+   EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("100 Gbit/s"), Hardware::Phy::Speed::gbps100);
+   EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("gbps100"), std::nullopt);
+}
+
+/// Numbers and names of one enumeration are those of its enumerators, each once, and the default is one of them.
+template <class E> void expectSoundTable() {
+   std::set<std::int32_t> numbers;
+   std::set<std::string_view> names;
+   for (auto const& row : Mox::enumTable<E>.rows) {
+      numbers.insert(row.number);
+      names.insert(row.name);
+   }
+   SCOPED_TRACE(Mox::enumTable<E>.type);
+   EXPECT_EQ(numbers.size(), Mox::enumTable<E>.rows.size());
+   EXPECT_EQ(names.size(), Mox::enumTable<E>.rows.size());
+   EXPECT_TRUE(numbers.contains(0));
+}
+
+TEST(Enumerations, HaveSoundTables) {
+   using namespace Hardware::Phy;
+   expectSoundTable<Xcvr::CfpxHostChannel>();
+   expectSoundTable<DiagsMode>();
+   expectSoundTable<DriverRunMode>();
+   expectSoundTable<Loopback>();
+   expectSoundTable<MdioClause>();
+   expectSoundTable<PhyState>();
+   expectSoundTable<LinkStatus>();
+   expectSoundTable<Speed>();
+}
+
+TEST(Records, CompareWhole) {
+   Kiln::ConditionStat const condition{true, 3, 12.5};
+   EXPECT_EQ(condition, (Kiln::ConditionStat{true, 3, 12.5}));
+   EXPECT_NE(condition, (Kiln::ConditionStat{false, 3, 12.5}));
+   EXPECT_NE(condition, (Kiln::ConditionStat{true, 4, 12.5}));
+   EXPECT_NE(condition, (Kiln::ConditionStat{true, 3, 12.25}));
+   EXPECT_NE((ClariPhyTypes::Calibration{1, 2, 3}), (ClariPhyTypes::Calibration{1, 2, 4}));
+   EXPECT_FALSE(Plex::IntfId() || !Plex::IntfId(7));
+}
+
+TEST(Print, GivesEveryValueItsOneText) {
+   EXPECT_EQ(printed(std::uint8_t{65}), "65");
+   EXPECT_EQ(printed(std::int64_t{-5}), "-5");
+   EXPECT_EQ(printed(false), "false");
+   EXPECT_EQ(printed(0.1f), "0.1");
+   EXPECT_EQ(printed(1.0 / 3), "0.3333333333333333");
+   EXPECT_EQ(printed(-std::nan("")), "nan");
+   EXPECT_EQ(printed(Phy::Coherent::RollOff(0.2)), "0.2");
+   EXPECT_EQ(printed(Xcvr::CfpxHostChannel::channel3), "channel3");
+   EXPECT_EQ(printed(Hardware::Phy::Loopback{99}), "99");
+   EXPECT_EQ(printed(Kiln::ConditionStat{true, 3, 12.5}), "(true, 3, 12.5)");
+   EXPECT_EQ(printed(ClariPhyTypes::Calibration{1, 2, 0xffffffff}), "(1, 2, 4294967295)");
+}
+
+} // namespace
