@@ -396,7 +396,7 @@ Mox::TypeRegistration const registration(&moxInit$Unit$);
 #if defined(__has_cpp_attribute) && __has_cpp_attribute(gnu::retain)
 [[gnu::retain]]
 #endif
-[[gnu::section(".mox.type"), gnu::used]] constexpr char typeNames[] =$names$";
+[[gnu::section(".mox.type"), gnu::used]] alignas(1) constexpr char typeNames[] =$names$";
 
 } // namespace
 )",

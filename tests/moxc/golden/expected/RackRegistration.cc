@@ -18,7 +18,7 @@ Mox::TypeRegistration const registration(&moxInitRack);
 #if defined(__has_cpp_attribute) && __has_cpp_attribute(gnu::retain)
 [[gnu::retain]]
 #endif
-[[gnu::section(".mox.type"), gnu::used]] constexpr char typeNames[] =
+[[gnu::section(".mox.type"), gnu::used]] alignas(1) constexpr char typeNames[] =
    "Rack::Unit\0"
    "Rack::Fan\0"
    "Rack::Cooling";
