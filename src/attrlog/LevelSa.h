@@ -20,14 +20,15 @@ namespace Mox::NboAttrLog {
 
 template <class A> constexpr bool isHashed = A::kind == Kind::hashMap || A::kind == Kind::hashCollection;
 
-/// A key of a collection that has changed since it was last sent. The value is the dirty flag; a false one keeps the entry.
+template <class A> class DirtyKey;
 template <class A>
-class DirtyKey final : public std::conditional_t<isHashed<A>, HashMapEntry<DirtyKey<A>, typename A::Key, bool>,
-                                                 RbTreeMapEntry<DirtyKey<A>, typename A::Key, bool>> {
+using DirtyKeyBase = std::conditional_t<isHashed<A>, HashMapEntry<DirtyKey<A>, typename A::Key, bool>,
+                                        RbTreeMapEntry<DirtyKey<A>, typename A::Key, bool>>;
+
+/// A key of a collection that has changed since it was last sent. The value is the dirty flag; a false one keeps the entry.
+template <class A> class DirtyKey final : public DirtyKeyBase<A> {
 public:
-   using std::conditional_t<isHashed<A>, HashMapEntry<DirtyKey<A>, typename A::Key, bool>,
-                            RbTreeMapEntry<DirtyKey<A>, typename A::Key, bool>>::MapEntry;
-   DirtyKey(typename A::Key const& key, bool dirty) : DirtyKey::MapEntry(key, dirty) {}
+   DirtyKey(typename A::Key const& key, bool dirty) : DirtyKeyBase<A>(key, dirty) {}
 
    /// The peer can know the key: it was announced, this or an earlier entity of that name. Only such a key leaves a mark behind
    /// when it goes.
@@ -70,7 +71,9 @@ struct BaseLog<X> {
 template <class X> class LevelFlow : public detail::BaseLog<X>::Flow {
 public:
    using Base = typename detail::BaseLog<X>::Flow;
-   static constexpr unsigned words = (X::moxLastAttribute - X::moxFirstAttribute) / 32 + 1;
+   /// Bit 0 stands for the level's first identifier, whether or not an attribute has it.
+   static constexpr AttributeId first = firstAttributeId(X::moxLevel);
+   static constexpr unsigned words = (X::moxLastAttribute - first) / 32 + 1;
    using Words = std::array<std::uint32_t, words>;
 
    explicit LevelFlow(AttributeId startAttribute);
@@ -148,6 +151,11 @@ protected:
    template <class A, class... Key> void changed(A, Key const&... key);
    /// The child's adapter on this stream, made if it is missing, and its announcement. Null where the announcement was given up.
    template <class A> Ptr<Entity::MoxNboAttrLogSa> childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child);
+   /// As a member's announcer is called from outside: the adapter's own stream is the one.
+   template <class A>
+   auto childAdapterIs(A a, Mox_BitSet flags, Ptr<typename A::Entry> const& child, unsigned, Ptr<Out> const&, PtrInterface*) {
+      return staticCast<typename A::Entry::MoxNboAttrLogSa>(childAdapterIs(a, flags, child));
+   }
    /// The child's adapter on this stream, told to remount.
    Ptr<Entity::MoxNboAttrLogSa> childAdapterDel(Ptr<Entity> const& child);
 

@@ -42,13 +42,13 @@ template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
 }
 
 template <class X> AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
-   unsigned const bit = id - X::moxFirstAttribute;
+   unsigned const bit = id - first;
    for (unsigned w = bit / 32; w < words; ++w) {
       std::uint32_t left = pending(w);
       if (w == bit / 32)
          left &= ~0u << bit % 32;
       if (left != 0)
-         return X::moxFirstAttribute + w * 32 + static_cast<unsigned>(std::countr_zero(left));
+         return first + w * 32 + static_cast<unsigned>(std::countr_zero(left));
    }
    return X::moxLastAttribute + 1;
 }

@@ -97,11 +97,13 @@ template <> struct Wire<Kiln::ConditionStat> {
 template <> struct Wire<ClariPhyTypes::Calibration> {
    static constexpr std::uint32_t fixedSize = 0;
    static void write(Out& out, ClariPhyTypes::Calibration const& v) {
-      ClariPhyTypes::Calibration::fields(v, [&](unsigned int word) { out.put(word); });
+      for (unsigned int const word : {v.gain, v.offset, v.phase})
+         out.put(word);
    }
    static ClariPhyTypes::Calibration read(In& in) {
       ClariPhyTypes::Calibration v;
-      ClariPhyTypes::Calibration::fields(v, [&](unsigned int& word) { word = in.nextU32(); });
+      for (unsigned int* const word : {&v.gain, &v.offset, &v.phase})
+         *word = in.nextU32();
       return v;
    }
 };

@@ -10,6 +10,7 @@
 namespace Mox {
 
 class Entity;
+struct DumpLine;
 
 namespace NboAttrLog {
 struct TypeOperations;
@@ -23,6 +24,8 @@ struct EntityOperations {
    void (*visitMembers)(Entity&, void* context, void (*visit)(void*, AttributeId, Entity&)) = nullptr;
    /// Faults in the structure of this level's own collections (order of trees and chains, counts, parent links).
    unsigned (*auditErrors)(Entity const&, unsigned depth) = nullptr;
+   /// Appends a line per attribute and key of this level, and those of the members below it.
+   void (*dumpLines)(Entity const&, std::vector<DumpLine>& lines) = nullptr;
    /// Instantiating collections of this level.
    unsigned collections = 0;
    /// The attribute log of the type; null where it has none.

@@ -30,9 +30,8 @@ class ReactorClass {
 public:
    static constexpr unsigned maximumLevels = 8;
 
-   explicit constexpr ReactorClass(ReactorClass const* base) noexcept : level_(base == nullptr ? 0 : base->level_ + 1) {
-      if (base != nullptr)
-         chain_ = base->chain_;
+   constexpr ReactorClass() noexcept : level_(0) { chain_[0] = this; }
+   explicit constexpr ReactorClass(ReactorClass const* base) noexcept : level_(base->level_ + 1), chain_(base->chain_) {
       chain_[level_] = this;
    }
    /// Whether this is `other` or derives from it: one comparison.
@@ -56,7 +55,7 @@ private:
 /// *Threads*: one thread at a time, the notifier's.
 class PtrInterface::NotifieeConst : public PtrInterface {
 public:
-   static constexpr ReactorClass reactorClass{nullptr};
+   static constexpr ReactorClass reactorClass{};
 
    void hasNotificationActiveIs(bool active) override;
    ~NotifieeConst() override;

@@ -91,10 +91,14 @@ template <class X, class Visitor> bool visitAttribute(AttributeId id, Visitor&& 
    return false;
 }
 
-/// Name of attribute `id` of the level that `X` adds to its base; empty where it has none.
+/// Name of attribute `id` of the level that `X` adds to its base, constructor parameters included; empty where it has none.
 template <class X> std::string_view attributeNameOf(AttributeId id) {
    std::string_view name;
    visitAttribute<X>(id, [&](auto a) { name = a.name; });
+   X::MoxParameters::forEach([&](auto p) {
+      if (std::is_same_v<typename decltype(p)::Owner, X> && p.id == id)
+         name = p.name;
+   });
    return name;
 }
 

@@ -2,9 +2,12 @@
 
 #include "mox/Entity.h"
 #include "mox/MoxType.h"
+#include "notify/Dump.h"
 #include "notify/Kinds.h"
 #include "notify/Mutators.h"
+#include "values/Print.h"
 
+#include <sstream>
 #include <string_view>
 
 namespace Mox {
@@ -55,6 +58,43 @@ template <class X> unsigned auditLevel(Entity const& entity, unsigned depth) {
    return errors;
 }
 
+template <class Value> std::string textOf(Value const& value) {
+   std::ostringstream text;
+   print(text, value);
+   return text.str();
+}
+template <class Target> std::string textOf(Ptr<Target> const& target) {
+   bool const travels = target && target->moxHasAttrLogInterface();
+   return std::string(std::string_view(Entity::fullNameOf(travels ? target.get() : nullptr)));
+}
+
+template <class X> void dumpLevel(Entity const& entity, std::vector<DumpLine>& lines) {
+   X const& object = static_cast<X const&>(entity);
+   std::string const prefix = std::string(std::string_view(entity.fullName())) + ".";
+   auto const dumpScalar = [&](auto a) { lines.push_back({prefix + std::string(a.name), textOf(a.cell(object))}); };
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (!a.isKeyed) {
+         dumpScalar(a);
+      } else {
+         auto const& cell = a.cell(object);
+         for (auto* entry = cell.first(); entry != nullptr; entry = cell.next(*entry)) {
+            std::string const path = prefix + std::string(a.name) + "[" + textOf(entry->fwkKey()) + "]";
+            if constexpr (a.kind == Kind::hashCollection) {
+               lines.push_back({path, "present"});
+               std::vector<DumpLine> const below = Mox::dumpLines(*entry);
+               lines.insert(lines.end(), below.begin(), below.end());
+            } else {
+               lines.push_back({path, textOf(entry->value())});
+            }
+         }
+      }
+   });
+   X::MoxParameters::forEach([&](auto p) {
+      if constexpr (std::is_same_v<typename decltype(p)::Owner, X>)
+         dumpScalar(p); // a base's parameter is dumped with the base's level
+   });
+}
+
 } // namespace detail
 
 /// Makes the type object of `X`; called once, from `X::_fwkType`. `log` is null for a type without an attribute log.
@@ -65,6 +105,7 @@ template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, Nbo
       operations.visitMembers = &detail::visitMembers<X>;
       operations.collections = detail::ownedCollections<X>();
    }
+   operations.dumpLines = &detail::dumpLevel<X>;
    operations.auditErrors = &detail::auditLevel<X>;
    operations.log = log;
    return make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), operations);

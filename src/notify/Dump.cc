@@ -1,0 +1,49 @@
+#include "notify/Dump.h"
+
+#include "mox/MoxType.h"
+
+#include <algorithm>
+#include <ostream>
+
+namespace Mox {
+
+std::vector<DumpLine> dumpLines(Entity const& entity) {
+   std::vector<DumpLine> lines;
+   for (Ptr<MoxType const> type = entity.fwkType(); type; type = type->base())
+      if (auto const dumpLevel = type->operations().dumpLines)
+         dumpLevel(entity, lines);
+   std::sort(lines.begin(), lines.end());
+   return lines;
+}
+
+void dump(Entity const& entity, std::ostream& out) {
+   for (DumpLine const& line : dumpLines(entity))
+      out << line.path << " = " << line.value << '\n';
+}
+
+std::vector<Difference> diff(Entity const& left, Entity const& right) {
+   return diff(dumpLines(left), dumpLines(right));
+}
+
+std::vector<Difference> diff(std::vector<DumpLine> const& left, std::vector<DumpLine> const& right) {
+   std::vector<Difference> differences;
+   auto l = left.begin();
+   auto r = right.begin();
+   while (l != left.end() || r != right.end()) {
+      if (r == right.end() || (l != left.end() && l->path < r->path)) {
+         differences.push_back({l->path, l->value, "(absent)"});
+         ++l;
+      } else if (l == left.end() || r->path < l->path) {
+         differences.push_back({r->path, "(absent)", r->value});
+         ++r;
+      } else {
+         if (l->value != r->value)
+            differences.push_back({l->path, l->value, r->value});
+         ++l;
+         ++r;
+      }
+   }
+   return differences;
+}
+
+} // namespace Mox
