@@ -1,0 +1,65 @@
+#pragma once
+
+#include "Words.h"
+#include "attrlog/LinkEnd.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+namespace Simulation {
+
+/// One direction of a connection: takes what the sender has, as far as its room goes, and hands it over in pieces of any size.
+class Pipe {
+public:
+   bool isStalled(unsigned now) const noexcept { return now < stalledUntil_; }
+   void stall(unsigned until) noexcept { stalledUntil_ = until; }
+   /// For that many pieces the pieces are of one to three bytes.
+   void splitStorm(unsigned pieces) noexcept { storm_ = pieces; }
+   void roomIs(std::size_t bytes) noexcept { room_ = bytes; }
+
+   /// \return whether a byte moved
+   bool carry(Mox::LinkEnd& from, Mox::LinkEnd& to, Words& words, bool isWhole) {
+      bool moved = false;
+      if (auto const offered = from.bytesToSend(); !offered.empty() && bytes_.size() < room_) {
+         std::size_t const most = std::min(offered.size(), room_ - bytes_.size());
+         std::size_t const n = isWhole ? most : 1 + words.below(most);
+         bytes_.insert(bytes_.end(), offered.begin(), offered.begin() + static_cast<std::ptrdiff_t>(n));
+         from.bytesSent(n);
+         moved = true;
+      }
+      if (!bytes_.empty()) {
+         std::size_t n = isWhole ? bytes_.size() : 1 + words.below(bytes_.size());
+         if (storm_ != 0) {
+            n = std::min(bytes_.size(), 1 + words.below(3));
+            --storm_;
+         }
+         deliver(to, n);
+         moved = true;
+      }
+      return moved;
+   }
+   /// The connection ends: of what is under way some bytes still arrive, the others never.
+   void cut(Mox::LinkEnd& to, Words& words) {
+      if (!bytes_.empty())
+         deliver(to, words.below(bytes_.size() + 1));
+      bytes_.clear();
+      stalledUntil_ = storm_ = 0;
+   }
+   bool empty() const noexcept { return bytes_.empty(); }
+
+private:
+   void deliver(Mox::LinkEnd& to, std::size_t n) {
+      // Taken out first: a reactor may carry more while this is applied.
+      std::vector<std::uint8_t> const piece(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(n));
+      bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(n));
+      to.bytesArrived(piece);
+   }
+
+   std::vector<std::uint8_t> bytes_;
+   std::size_t room_ = 2000;
+   unsigned stalledUntil_ = 0;
+   unsigned storm_ = 0;
+};
+
+} // namespace Simulation

@@ -1,0 +1,396 @@
+#include "Types.h"
+
+#include "Allocations.h"
+#include "Values.h"
+#include "attrlog/StateAdapter.h"
+#include "core/Exceptions.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
+#include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusReactor.h"
+#include "mox/MoxType.h"
+#include "siblings/AcceleratorReactor.h"
+#include "siblings/EthPhyIntfStatusReactor.h"
+#include "siblings/GpoReactor.h"
+#include "siblings/IntCtrlReactor.h"
+#include "siblings/LedConfigReactor.h"
+#include "siblings/PllStatusReactor.h"
+#include "siblings/XcvrConfigReactor.h"
+#include "siblings/XcvrStatusReactor.h"
+
+#include <memory>
+#include <stdexcept>
+#include <tuple>
+
+namespace Simulation {
+
+using namespace Mox;
+
+namespace {
+
+constexpr std::size_t names = 44;
+
+Name makeName(Words& words) {
+   std::size_t const n = words.below(names);
+   return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
+}
+
+template <class Key> Key makeKey(Words& words) {
+   if constexpr (std::same_as<Key, Name>)
+      return makeName(words);
+   else
+      return makeValue<Key>(words);
+}
+
+template <class... Key> Cell cellOf(AttributeId id, Key const&... key) {
+   Cell cell{id, {}};
+   ((cell.key = "[" + textOf(key) + "]"), ...);
+   return cell;
+}
+
+/// Every attribute of `X` and its bases.
+template <class X, class Visitor> void forEachAttribute(Visitor&& visit) {
+   if constexpr (!std::same_as<X, Entity>) {
+      forEachAttribute<typename X::MoxBase>(visit);
+      X::MoxAttributes::forEach(visit);
+   }
+}
+
+/// Calls `visit` with one of the attributes that `fits` takes.
+template <class X, class Fits, class Visitor> bool withOne(Words& words, Fits fits, Visitor&& visit) {
+   std::size_t count = 0;
+   forEachAttribute<X>([&](auto a) { count += fits(a) ? 1u : 0u; });
+   std::size_t left = words.below(count);
+   bool found = false;
+   forEachAttribute<X>([&](auto a) {
+      if (!found && fits(a) && left-- == 0) {
+         found = true;
+         visit(a);
+      }
+   });
+   return found;
+}
+
+template <class T> Ptr<T> pick(Words& words, Context& context) {
+   std::vector<T*> fitting;
+   auto const all = context.targets();
+   for (Ptr<Entity> const& e : all)
+      if (auto* const t = dynamic_cast<T*>(e.get()))
+         fitting.push_back(t);
+   return fitting.empty() || words.chance(20) ? Ptr<T>() : Ptr<T>(fitting[words.below(fitting.size())]);
+}
+
+template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, Context& context) {
+   return std::tuple<typename Ps::Value...>{pick<typename Ps::Target>(words, context)...};
+}
+
+bool isMirror(Entity const& e) {
+   auto* const first = e.moxReactors().first();
+   return first != nullptr && first->isStreamAdapter() &&
+          static_cast<Entity::MoxNboAttrLogSa*>(first->moxRawReactor())->isMirror();
+}
+
+/// Runs one mutator, which may be refused because the entity is a mirror.
+template <class Call> void write(Entity& entity, Cell const& cell, Context& context, Call call) {
+   try {
+      call();
+   } catch (ReadOnlyException const&) {
+      context.refused(entity, cell);
+   } catch (NameInUseException const&) {
+      // a member that exists with other parameters: nothing has changed
+   }
+}
+
+template <class A> void changeScalar(typename A::Owner& e, Words& words, Context& context) {
+   using Value = typename A::Value;
+   write(e, {A::id, {}}, context, [&] {
+      if constexpr (A::kind == Mox::Kind::optional)
+         if (words.chance(30)) {
+            optionalDel<A>(e);
+            return;
+         }
+      if constexpr (A::kind == Mox::Kind::counter)
+         if (words.chance(70)) {
+            counterInc<A>(e, static_cast<Value>(words.below(3)));
+            return;
+         }
+      if constexpr (A::kind == Mox::Kind::reference) {
+         A::put(e, pick<typename A::Target>(words, context));
+      } else {
+         Value const value = words.chance(10) ? A::cell(e) : makeValue<Value>(words);
+         A::put(e, value);
+      }
+   });
+}
+
+/// Deletes entries from one key on through an iterator, which stands on what was deleted while reactors run.
+template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words, Context& context, Del del) {
+   typename A::Container::Iterator it(A::cell(e), makeKey<typename A::Key>(words));
+   for (std::size_t n = 1 + words.below(3); n != 0 && it; --n, it.advance())
+      write(e, cellOf(A::id, it.key()), context, [&] { del(it); });
+}
+
+template <class A> void changeMap(typename A::Owner& e, Words& words, Context& context) {
+   auto const key = makeKey<typename A::Key>(words);
+   Cell const cell = cellOf(A::id, key);
+   std::size_t const what = words.below(100);
+   if (what < 60) {
+      auto const value = makeValue<typename A::Value>(words);
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   } else if (what < 72) {
+      write(e, cell, context, [&] { A::drop(e, key); });
+   } else if (what < 78) {
+      write(e, cell, context, [&] { keyNotify<A>(e, key); });
+   } else if (what < 82) {
+      if (auto const* const first = A::cell(e).first())
+         write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
+   } else if (what < 90) {
+      deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
+   } else if (what < 95) {
+      auto const value = mapValue<A>(e, key);
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   } else if (!isMirror(e)) {
+      newMapEntry<A>(e, key, makeValue<typename A::Value>(words));
+      Ptr<typename A::Owner> const owner(&e);
+      context.madeSilently([owner, key] { keyNotify<A>(*owner, key); });
+   }
+}
+
+template <class A> void createMember(typename A::Owner& e, Name const& name, Words& words, Context& context) {
+   using Parameters = typename A::Entry::MoxParameters;
+   std::apply(
+      [&](auto const&... p) {
+         write(e, cellOf(A::id, name), context, [&] {
+            if (auto const member = A::put(e, name, p...))
+               context.created(*member);
+         });
+      },
+      makeParameters(Parameters{}, words, context));
+}
+
+template <class A> void deleteMember(typename A::Owner& e, Name const& name, Words& words, Context& context) {
+   Ptr<Entity> const member = A::cell(e).find(name);
+   write(e, cellOf(A::id, name), context, [&] { A::drop(e, name); });
+   if (member)
+      context.removed(member, words);
+}
+
+template <class A> void changeMembers(typename A::Owner& e, Words& words, Context& context) {
+   Name const name = makeName(words);
+   std::size_t const what = words.below(100);
+   if (what < 45) {
+      createMember<A>(e, name, words, context);
+   } else if (what < 57) {
+      deleteMember<A>(e, name, words, context);
+   } else if (what < 70) {
+      // The same name, another entity.
+      bool const was = A::cell(e).find(name) != nullptr;
+      deleteMember<A>(e, name, words, context);
+      createMember<A>(e, name, words, context);
+      if (was && context.isStalled())
+         context.recreatedWhileStalled();
+   } else if (what < 78) {
+      for (std::size_t n = 2 + words.below(10); n != 0; --n) {
+         Name const brief("brief" + std::to_string(words.below(100)));
+         createMember<A>(e, brief, words, context);
+         deleteMember<A>(e, brief, words, context);
+      }
+   } else if (what < 86) {
+      for (std::size_t n = 5 + words.below(14); n != 0; --n)
+         createMember<A>(e, makeName(words), words, context);
+   } else if (what < 90) {
+      write(e, cellOf(A::id, name), context, [&] { keyNotify<A>(e, name); });
+   } else if (what < 91) {
+      if (auto const* const first = A::cell(e).first())
+         write(e, cellOf(A::id, first->moxName()), context, [&] { memberDelAll<A>(e); });
+   } else if (what < 95) {
+      deleteSome<A>(e, words, context, [&](auto& it) { memberDel<A>(e, it); });
+   } else if (!isMirror(e)) {
+      std::apply(
+         [&](auto const&... p) {
+            Ptr<Entity> const replaced = A::cell(e).find(name);
+            context.created(*newMember<A>(e, name, p...));
+            if (replaced)
+               context.removed(replaced, words);
+         },
+         makeParameters(typename A::Entry::MoxParameters{}, words, context));
+      Ptr<typename A::Owner> const owner(&e);
+      if (words.chance(50))
+         keyNotify<A>(e, name);
+      else
+         context.madeSilently([owner, name] { keyNotify<A>(*owner, name); });
+   }
+}
+
+template <class X, class A, class... Key> void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key const&... key) {
+   Cell const cell = cellOf(A::id, key...);
+   auto put = [&](Entity* target) {
+      into.cells[cell] = entityText(target);
+      if (target != nullptr)
+         into.entities[cell] = target;
+   };
+   if constexpr (A::kind == Mox::Kind::reference)
+      put(const_cast<Entity*>(static_cast<Entity const*>(A::cell(e).get())));
+   else if constexpr (!A::isKeyed)
+      into.cells[cell] = textOf(A::cell(e));
+   else if (auto* const entry = A::cell(e).find(key...)) {
+      if constexpr (A::kind == Mox::Kind::hashCollection)
+         put(entry);
+      else
+         into.cells[cell] = textOf(entry->value());
+   }
+}
+
+/// Calls the context whenever it is notified.
+template <class X> class Reactor final : public X::template MoxForwarder<typename X::Notifiee, Reactor<X>> {
+public:
+   Reactor(int role, U64 word, unsigned budget, Context& context) : role_(role), word_(word), budget_(budget), context_(context) {}
+
+   template <class A, class... Key> void forward(A, Key const&... key) {
+      if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         Ptr<X> const entity = this->notifier();
+         if (!entity || budget_ == 0)
+            return;
+         Ptr<Entity> member;
+         if constexpr (A::kind == Mox::Kind::hashCollection)
+            member = A::cell(*entity).find(key...);
+         context_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
+      }
+   }
+
+private:
+   int role_;
+   U64 word_;
+   unsigned budget_;
+   Context& context_;
+};
+
+/// Records what it is told.
+template <class X>
+class Recorder final : public X::template MoxForwarder<typename X::Notifiee, Recorder<X>>, public History {
+public:
+   explicit Recorder(Context& context) : context_(context) {}
+
+   template <class A, class... Key> void forward(A a, Key const&... key) {
+      if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         Ptr<X> const entity = this->notifier();
+         if (!entity)
+            return;
+         Snapshot now;
+         snapshotCell(*entity, a, now, identityOf, key...);
+         Cell const cell = cellOf(A::id, key...);
+         std::string const text = now.cells.contains(cell) ? now.cells[cell] : "absent";
+         auto const before = told.cells.find(cell);
+         context_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
+         told.cells[cell] = text;
+         for (auto const& [where, target] : now.entities)
+            context_.seen(*target, A::kind == Mox::Kind::hashCollection);
+      }
+   }
+
+private:
+   Context& context_;
+};
+
+template <class R, class X> Ptr<PtrInterface::NotifieeConst> attach(Ptr<R> const& reactor, X& entity) {
+   reactor->isWeakReferenceIs(true);
+   reactor->notifierIs(Ptr<PtrInterface const>(&entity));
+   reactor->isRegisteredNotifieeIs(true);
+   return reactor;
+}
+
+template <class X> class TypeOf final : public Type {
+public:
+   void change(Entity& entity, Words& words, Context& context) const override {
+      X& e = static_cast<X&>(entity);
+      // A status has over 150 scalars: the other kinds would hardly ever be met.
+      bool const isRare = words.chance(40);
+      auto const fits = [&](auto a) {
+         return !isRare || a.isKeyed || a.kind == Mox::Kind::reference || a.kind == Mox::Kind::optional;
+      };
+      auto const change = [&](auto a) {
+         using A = decltype(a);
+         if constexpr (A::kind == Mox::Kind::hashCollection)
+            changeMembers<A>(e, words, context);
+         else if constexpr (A::isKeyed)
+            changeMap<A>(e, words, context);
+         else
+            changeScalar<A>(e, words, context);
+      };
+      if (!withOne<X>(words, fits, change))
+         withOne<X>(words, [](auto) { return true; }, change);
+   }
+
+   bool changeWithoutMemory(Entity& entity, Words& words) const override {
+      X& e = static_cast<X&>(entity);
+      bool happened = false;
+      withOne<X>(words, [](auto a) { return a.kind == Mox::Kind::scalar; }, [&](auto a) {
+         using A = decltype(a);
+         if constexpr (A::kind == Mox::Kind::scalar) {
+            auto const value = makeValue<typename A::Value>(words);
+            FailedAllocation const failed;
+            A::put(e, value);
+            happened = FailedAllocation::hasHappened();
+         }
+      });
+      return happened;
+   }
+
+   Snapshot snapshot(Entity& entity, EntityText const& entityText) const override {
+      X& e = static_cast<X&>(entity);
+      Snapshot all;
+      forEachAttribute<X>([&](auto a) {
+         if constexpr (a.isKeyed) {
+            for (auto* entry = a.cell(e).first(); entry != nullptr; entry = a.cell(e).next(*entry))
+               snapshotCell(e, a, all, entityText, entry->fwkKey());
+         } else {
+            snapshotCell(e, a, all, entityText);
+         }
+      });
+      return all;
+   }
+
+   std::size_t mostDirtyKeys(Entity const& entity) const override {
+      std::size_t most = 0;
+      forEachAttribute<X>([&](auto a) {
+         if constexpr (a.isKeyed)
+            most += 2 * a.cell(static_cast<X const&>(entity)).size() + 64;
+      });
+      return most;
+   }
+
+   Ptr<PtrInterface::NotifieeConst> react(Entity& entity, int role, U64 word, unsigned budget, Context& context) const override {
+      return attach(make<Reactor<X>>(role, word, budget, context), static_cast<X&>(entity));
+   }
+
+   Ptr<PtrInterface::NotifieeConst> record(Entity& entity, Context& context) const override {
+      auto const recorder = make<Recorder<X>>(context);
+      recorder->told = snapshot(entity, identityOf);
+      for (auto const& [cell, target] : Snapshot(recorder->told).entities)
+         context.seen(*target, false);
+      return attach(recorder, static_cast<X&>(entity));
+   }
+};
+
+template <class... Xs> std::map<MoxType const*, std::unique_ptr<Type>> table() {
+   std::map<MoxType const*, std::unique_ptr<Type>> types;
+   (types.emplace(Xs::_fwkType().get(), std::make_unique<TypeOf<Xs>>()), ...);
+   return types;
+}
+
+} // namespace
+
+Type const& Type::of(Entity const& entity) {
+   using namespace Hardware;
+   static auto const types =
+      table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
+            Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus,
+            Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
+   return *types.at(entity.fwkType().get());
+}
+
+std::string identityOf(Entity const* entity) {
+   return entity == nullptr ? "null" : std::to_string(reinterpret_cast<std::uintptr_t>(entity));
+}
+
+} // namespace Simulation

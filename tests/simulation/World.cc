@@ -1,0 +1,416 @@
+#include "World.h"
+
+#include "Simulation.h"
+#include "mox/MoxType.h"
+#include "siblings/Accelerator.h"
+#include "siblings/EthPhyIntfStatus.h"
+#include "siblings/Gpo.h"
+#include "siblings/IntCtrl.h"
+#include "siblings/LedConfig.h"
+#include "siblings/XcvrConfig.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Simulation {
+
+using namespace Mox;
+using namespace Hardware;
+
+namespace {
+
+constexpr std::size_t rootsEach = 5;
+
+std::string rootName(std::size_t which, char side) {
+   char const* const names[rootsEach] = {"config", "status", "single", "pll", "xcvr"};
+   return names[which] + std::string("-") + side;
+}
+
+Ptr<Entity> makeRoot(std::size_t which, char side) {
+   Name const name(rootName(which, side));
+   switch (which) {
+   case 0:
+      return make<ClariPhy::Cl10010ConfigDir>(name);
+   case 1:
+      return make<ClariPhy::Cl10010StatusDir>(name);
+   case 2:
+      return make<ClariPhy::Cl10010Config>(name);
+   case 3:
+      return make<Dpll::PllStatus>(name);
+   default:
+      return make<Xcvr::XcvrStatus>(name);
+   }
+}
+
+/// Sees whether an entity lives, and keeps it from nothing.
+class Watcher final : public Entity::NotifieeConst {};
+
+void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
+   if (auto const visit = root.fwkType()->operations().visitMembers)
+      visit(root, &to, [](void* context, AttributeId, Entity& member) {
+         static_cast<std::vector<Ptr<Entity>>*>(context)->push_back(Ptr<Entity>(&member));
+      });
+}
+
+} // namespace
+
+World::World(char side, Run& run) : side_(side), run_(run) {
+   for (std::size_t which = 0; which < rootsEach; ++which) {
+      roots_.push_back(makeRoot(which, side));
+      created(*roots_.back());
+   }
+   isOpen_.assign(rootsEach, false);
+   isMounted_.assign(rootsEach, false);
+   mirrors_.resize(rootsEach);
+   for (char const* const n : {"1-", "2-"}) {
+      Name const name(n + std::string(1, side));
+      Ptr<Entity> const made[] = {make<Spi::Accelerator>(name), make<Interface::EthPhyIntfStatus>(name),
+                                  make<Fru::Gpo>(name),         make<Fru::IntCtrl>(name),
+                                  make<Led::LedConfig>(name),   make<Dpll::PllStatus>(name),
+                                  make<Xcvr::XcvrConfig>(name), make<Xcvr::XcvrStatus>(name)};
+      for (Ptr<Entity> const& e : made) {
+         siblings_.push_back(e);
+         created(*e);
+      }
+   }
+}
+
+World::~World() {
+   dropAll();
+}
+
+// Life ------------------------------------------------------------------------------------------------------------------
+
+void World::start(U64 incarnation) {
+   end_ = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
+   end_->onReport([this](std::string const& text) {
+      reports_.push_back(text);
+      if (reports_.size() > 5)
+         reports_.pop_front();
+   });
+   markIs(mark_);
+   openExports();
+   mountAll();
+}
+
+void World::stop() {
+   paused_.clear();
+   // Moved out first: what ends runs reactors, which look around here.
+   auto const end = std::move(end_);
+   auto const mirrors = std::exchange(mirrors_, std::vector<Ptr<Entity>>(rootsEach));
+   isOpen_.assign(rootsEach, false);
+   isMounted_.assign(rootsEach, false);
+}
+
+void World::closeExport(std::size_t which) {
+   if (!isOpen_[which])
+      return;
+   isOpen_[which] = false;
+   end_->exportDel(roots_[which]);
+}
+
+void World::openExports() {
+   for (std::size_t which = 0; which < rootsEach; ++which)
+      if (!isOpen_[which]) {
+         isOpen_[which] = true;
+         end_->exportRoot(roots_[which]);
+      }
+}
+
+void World::unmount(std::size_t which) {
+   if (!isMounted_[which])
+      return;
+   isMounted_[which] = false;
+   end_->unmount(Name(rootName(which, side_ == 'a' ? 'b' : 'a')));
+   mirrors_[which] = nullptr;
+}
+
+void World::mountAll() {
+   for (std::size_t which = 0; which < rootsEach; ++which)
+      if (!isMounted_[which]) {
+         isMounted_[which] = true;
+         mirrors_[which] = makeRoot(which, side_ == 'a' ? 'b' : 'a');
+         seen(*mirrors_[which], true);
+         end_->mountIs(mirrors_[which]);
+      }
+}
+
+void World::pause(Words& words) {
+   Entity* const entity = own(words);
+   if (entity == nullptr)
+      return;
+   Ptr<Entity::MoxNboAttrLogSa> const sa(demuxer().adapterOf(*entity));
+   if (!sa || sa->isMirror())
+      return;
+   sa->hasNotificationActiveIs(false);
+   paused_.push_back(sa);
+   run_.fault("paused adapter");
+}
+
+void World::resume(Words& words) {
+   if (paused_.empty())
+      return;
+   auto const at = paused_.begin() + static_cast<std::ptrdiff_t>(words.below(paused_.size()));
+   Ptr<Entity::MoxNboAttrLogSa> const sa = *at;
+   paused_.erase(at);
+   sa->hasNotificationActiveIs(true);
+}
+
+void World::resumeAll() {
+   Words words(0);
+   while (!paused_.empty())
+      resume(words);
+}
+
+void World::tellSilentOnes() {
+   auto const silent = std::move(silent_);
+   silent_.clear();
+   for (auto const& tell : silent)
+      tell();
+}
+
+void World::dropAll() {
+   reactors_.clear();
+   silent_.clear();
+   stop();
+   for (auto* const entities : {&held_, &roots_, &siblings_}) {
+      auto const gone = std::exchange(*entities, {});
+   }
+}
+
+void World::releaseHeld(Words& words) {
+   if (held_.empty())
+      return;
+   auto const at = held_.begin() + static_cast<std::ptrdiff_t>(words.below(held_.size()));
+   Ptr<Entity> const gone = *at; // its end runs reactors, which may hold others
+   held_.erase(at);
+}
+
+void World::adopt(Words& words) {
+   // Somebody here keeps an entity of the other world, as a target of references for one.
+   Entity* const from = mirror(words);
+   if (from == nullptr)
+      return;
+   Snapshot const all = Type::of(*from).snapshot(*from, identityOf);
+   if (all.entities.empty())
+      return;
+   auto at = all.entities.begin();
+   std::advance(at, static_cast<std::ptrdiff_t>(words.below(all.entities.size())));
+   held_.push_back(Ptr<Entity>(at->second));
+}
+
+// Choices ---------------------------------------------------------------------------------------------------------------
+
+Entity* World::oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words) {
+   std::vector<Ptr<Entity>> all;
+   for (Ptr<Entity> const& root : roots)
+      if (root)
+         addMembers(*root, all);
+   // A few members get most of the changes: each would be met too seldom otherwise.
+   if (!all.empty() && words.chance(70))
+      return all[words.below(std::min<std::size_t>(all.size(), 6))].get();
+   for (Ptr<Entity> const& root : roots)
+      if (root)
+         all.push_back(root);
+   if (withSiblings) {
+      all.insert(all.end(), siblings_.begin(), siblings_.end());
+      all.insert(all.end(), held_.begin(), held_.end());
+   }
+   return all.empty() ? nullptr : all[words.below(all.size())].get();
+}
+
+Entity* World::own(Words& words) {
+   return oneOf(roots_, true, words);
+}
+
+Entity* World::ownDirectory(Words& words) {
+   return roots_[words.below(2)].get();
+}
+
+Entity* World::mirror(Words& words) {
+   return oneOf(mirrors_, false, words);
+}
+
+void World::addReactor(Words& words) {
+   Entity* const entity = words.chance(50) ? own(words) : words.chance(40) ? mirrors_[words.below(2)].get() : mirror(words);
+   if (entity == nullptr)
+      return;
+   int const role = static_cast<int>(words.below(100));
+   unsigned const budget = 1 + static_cast<unsigned>(words.below(8));
+   reactors_.push_back(Type::of(*entity).react(*entity, role, words.next(), budget, *this));
+}
+
+void World::dropReactor(Words& words) {
+   if (reactors_.empty())
+      return;
+   auto const at = reactors_.begin() + static_cast<std::ptrdiff_t>(words.below(reactors_.size()));
+   auto const gone = *at;
+   reactors_.erase(at);
+   gone->isRegisteredNotifieeIs(false);
+}
+
+bool World::changeWithoutMemory(Words& words) {
+   if (!demuxer().hasBacklog())
+      return false;
+   std::vector<Ptr<Entity>> fitting;
+   demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+      if (!sa.isMirror() && sa.isAnnounced() && !sa.flow() && sa.entity() != nullptr)
+         fitting.push_back(Ptr<Entity>(sa.entity()));
+   });
+   if (fitting.empty())
+      return false;
+   Entity& entity = *fitting[words.below(fitting.size())];
+   return Type::of(entity).changeWithoutMemory(entity, words);
+}
+
+// Checks ----------------------------------------------------------------------------------------------------------------
+
+std::string World::pathOf(Entity const* entity) const {
+   if (entity == nullptr || !entity->moxHasAttrLogInterface())
+      return "null";
+   Entity const* top = entity;
+   while (top->moxRawParent() != nullptr)
+      top = top->moxRawParent();
+   auto const isTop = [top](Ptr<Entity> const& root) { return root == top; };
+   if (std::any_of(roots_.begin(), roots_.end(), isTop) || std::any_of(mirrors_.begin(), mirrors_.end(), isTop))
+      return entity->uriPath().str();
+   // Whoever belongs to no open root travels as one without a parent.
+   return "/" + entity->name().str();
+}
+
+void World::checkMemory() {
+   auto const& out = *demuxer().out();
+   auto const f = demuxer().footprint();
+   // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
+   std::size_t const bound = mark_ + 2048 + 1024 + 32 * f.slots;
+   if (out.highWater() > bound)
+      throw Divergence(std::string("side ") + side_ + ": the buffer held " + std::to_string(out.highWater()) +
+                       " bytes, at most " + std::to_string(bound) + " are allowed with a mark of " + std::to_string(mark_));
+   demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+      if (sa.flow() && sa.entity() != nullptr)
+         if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
+            throw Divergence(std::string("side ") + side_ + ": " + sa.entity()->fullName().str() + " has " +
+                             std::to_string(sa.flow()->dirtyKeys()) + " dirty keys, at most " + std::to_string(most) +
+                             " are allowed");
+   });
+   if (demuxer().counters().refusedWrites != 0)
+      throw Divergence(std::string("side ") + side_ + ": a mirror wrote to its owner\n" + lastReports());
+   for (Ptr<Entity> const& root : roots_)
+      if (root->auditErrors(8) != 0)
+         throw Divergence("audit of " + root->fullName().str() + " finds errors");
+   for (Ptr<Entity> const& mirror : mirrors_)
+      if (mirror && mirror->auditErrors(8) != 0)
+         throw Divergence("audit of the mirror of " + mirror->fullName().str() + " finds errors");
+}
+
+void World::checkHistories() {
+   std::vector<Ptr<Entity>> all;
+   for (Ptr<Entity> const& mirror : mirrors_) {
+      all.push_back(mirror);
+      addMembers(*mirror, all);
+   }
+   for (Ptr<Entity> const& entity : all) {
+      History const* history = nullptr;
+      for (auto* r = entity->moxReactors().first(); r != nullptr; r = r->moxNextInList())
+         if (auto const* const h = dynamic_cast<History const*>(r))
+            history = h;
+      if (history == nullptr)
+         throw Divergence("nobody was told of " + entity->fullName().str());
+      Snapshot const now = Type::of(*entity).snapshot(*entity, identityOf);
+      auto told = history->told.cells;
+      std::erase_if(told, [](auto const& cell) { return cell.second == "absent"; });
+      for (auto const& [cell, text] : now.cells)
+         if (auto const at = told.find(cell); at == told.end() || at->second != text)
+            throw Divergence("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
+                             cell.key + ": told " + (at == told.end() ? "absent" : at->second) + ", is " + text);
+      for (auto const& [cell, text] : told)
+         if (!now.cells.contains(cell))
+            throw Divergence("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
+                             cell.key + ": told " + text + ", is absent");
+   }
+}
+
+std::size_t World::survivors() const {
+   return static_cast<std::size_t>(std::count_if(watchers_.begin(), watchers_.end(), [](auto const& w) {
+      return static_cast<bool>(w->notifier());
+   }));
+}
+
+std::string World::lastReports() const {
+   std::string text;
+   for (std::string const& report : reports_)
+      text += std::string("   ") + side_ + ": " + report + "\n";
+   return text;
+}
+
+// Context ---------------------------------------------------------------------------------------------------------------
+
+std::vector<Ptr<Entity>> World::targets() {
+   std::vector<Ptr<Entity>> all = siblings_;
+   all.insert(all.end(), roots_.begin(), roots_.end());
+   all.insert(all.end(), held_.begin(), held_.end());
+   for (Ptr<Entity> const& root : roots_)
+      addMembers(*root, all);
+   for (Ptr<Entity> const& mirror : mirrors_)
+      if (mirror) {
+         all.push_back(mirror);
+         addMembers(*mirror, all);
+      }
+   return all;
+}
+
+void World::refused(Entity const& entity, Cell const& cell) {
+   refused_.emplace(&entity, cell);
+   run_.count("refused writes");
+}
+
+void World::created(Entity& entity) {
+   auto const watcher = make<Watcher>();
+   watcher->isWeakReferenceIs(true);
+   watcher->notifierIs(Ptr<PtrInterface const>(&entity));
+   watchers_.push_back(watcher);
+}
+
+void World::removed(Ptr<Entity> const& entity, Words& words) {
+   if (words.chance(20))
+      held_.push_back(entity);
+}
+
+bool World::isStalled() const {
+   return run_.isStalled();
+}
+
+void World::recreatedWhileStalled() {
+   run_.count("name re-created while stalled");
+}
+
+void World::reacts(int role, U64 word, Entity& entity, Entity* member) {
+   if (end_)
+      run_.nested(*this, role, word, entity, member);
+}
+
+void World::told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
+   bool const wasRefused = refused_.erase({&entity, cell}) != 0;
+   if ((before == nullptr ? now != "absent" : *before != now) || now.find("NaN") != std::string::npos)
+      return;
+   if (wasRefused)
+      run_.count("refused write put right");
+   else
+      run_.wrong("told again: " + entity.fullName().str() + "." + entity.attributeString(cell.attribute).str() + cell.key +
+                 " is " + now + ", as it was");
+}
+
+void World::seen(Entity& entity, bool isMember) {
+   if (!isMember) {
+      auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr;
+      if (sa == nullptr || !sa->isMirror())
+         return;
+   }
+   for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
+      if (dynamic_cast<History const*>(r) != nullptr)
+         return;
+   recorders_.push_back(Type::of(entity).record(entity, *this));
+   created(entity);
+}
+
+} // namespace Simulation
