@@ -22,22 +22,23 @@ void Carrier::start() {
 }
 
 void Carrier::awaitBytes() {
-   socket_.async_read_some(asio::buffer(arrived_),
-                           [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
-                              if (!self->isOpen())
-                                 return;
-                              if (error) {
-                                 self->close(error == asio::error::eof ? "the peer closed the connection"
-                                                                       : "reading failed: " + error.message());
-                                 return;
-                              }
-                              self->end_->bytesArrived(std::span(self->arrived_.data(), size));
-                              self->closeAtFailure();
-                              if (self->isOpen()) {
-                                 self->awaitBytes();
-                                 self->flush();
-                              }
-                           });
+   socket_.async_read_some(
+      asio::buffer(arrived_), [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
+         if (!self->isOpen())
+            return;
+         if (error) {
+            // A peer that dies with bytes unread resets the connection; that is no other news.
+            bool const hasGone = error == asio::error::eof || error == asio::error::connection_reset;
+            self->close(hasGone ? "the peer closed the connection" : "reading failed: " + error.message());
+            return;
+         }
+         self->end_->bytesArrived(std::span(self->arrived_.data(), size));
+         self->closeAtFailure();
+         if (self->isOpen()) {
+            self->awaitBytes();
+            self->flush();
+         }
+      });
 }
 
 void Carrier::flush() {

@@ -1,0 +1,186 @@
+#include "net/SocketException.h"
+#include "net/UnixClient.h"
+#include "net/UnixPath.h"
+#include "net/UnixServer.h"
+
+#include "entities/Cl10010Config.h"
+#include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "notify/Observe.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace Mox;
+using namespace std::chrono_literals;
+using Hardware::ClariPhy::Cl10010Config;
+using Hardware::ClariPhy::Cl10010ConfigDir;
+
+/// Polls all ends in turn until `done()`.
+template <class Done, class... Loops> bool together(Done done, Loops&... loops) {
+   auto const end = std::chrono::steady_clock::now() + 10s;
+   while (!done()) {
+      if (std::chrono::steady_clock::now() > end)
+         return false;
+      (loops.pollOnce(1ms), ...);
+   }
+   return true;
+}
+
+float rollOffOf(Ptr<Cl10010ConfigDir> const& directory, char const* name) {
+   auto const config = directory->phyConfig(name);
+   return config ? float(config->rollOff()) : -1;
+}
+
+class UnixLink : public testing::Test {
+protected:
+   UnixLink() {
+      server_.onPeer([this](PeerEvent const& event) { events_.push_back(event); });
+   }
+   std::optional<PeerEvent> lastEvent(PeerEvent::Kind kind) const {
+      return events_.empty() || events_.back().kind != kind ? std::nullopt : std::optional(events_.back());
+   }
+
+   PrivateFolder folder_;
+   std::string path_ = folder_.path() + "/link";
+   UnixServer server_{path_, "server"};
+   std::vector<PeerEvent> events_;
+};
+
+TEST_F(UnixLink, OneServerFeedsManyClientsAndMirrorsTheFirst) {
+   auto const ours = make<Cl10010ConfigDir>("config");
+   ours->phyConfigIs("before")->rollOffIs(0.1F);
+   server_.exportRoot(ours);
+   auto const fromClient = server_.mount<Cl10010ConfigDir>("answers");
+
+   auto const answers = make<Cl10010ConfigDir>("answers");
+   UnixClient first("first"), second("second");
+   first.exportRoot(answers);
+   auto const inFirst = first.mount<Cl10010ConfigDir>("config");
+   auto const inSecond = second.mount<Cl10010ConfigDir>("config");
+   first.connect(path_);
+   ASSERT_TRUE(together([&] { return server_.peerCount() == 1; }, server_, first));
+   second.connect(path_);
+   EXPECT_THROW(second.connect(path_), InternalException) << "it is connected";
+
+   ASSERT_TRUE(together([&] { return rollOffOf(inFirst, "before") == 0.1F && rollOffOf(inSecond, "before") == 0.1F; },
+                        server_, first, second));
+   ours->phyConfigIs("after")->rollOffIs(0.7F);
+   ours->phyConfigDel("before");
+   answers->phyConfigIs("mine")->rollOffIs(0.9F);
+   ASSERT_TRUE(together(
+      [&] {
+         return rollOffOf(inFirst, "after") == 0.7F && rollOffOf(inSecond, "after") == 0.7F &&
+                rollOffOf(fromClient, "mine") == 0.9F && server_.quiet() && first.quiet() && second.quiet();
+      },
+      server_, first, second));
+   EXPECT_EQ(rollOffOf(inSecond, "before"), -1);
+   EXPECT_EQ(server_.state("answers"), LinkEnd::State::live);
+   EXPECT_EQ(first.state("config"), LinkEnd::State::live);
+
+   // Far more than a socket takes at once.
+   for (int i = 0; i < 5000; ++i)
+      ours->phyConfigIs(Name("port-" + std::to_string(i)))->refClockIs(static_cast<std::uint32_t>(i));
+   ASSERT_TRUE(together([&] { return server_.quiet(); }, server_, first, second));
+   EXPECT_EQ(inFirst->phyConfig().size(), 5001u);
+   EXPECT_EQ(inSecond->phyConfig("port-4999")->refClock(), 4999u);
+}
+
+TEST_F(UnixLink, KilledClientIsNoticedAndTheNextOneTakesItsPlace) {
+   auto const mirror = server_.mount<Cl10010ConfigDir>("config");
+   int told = 0;
+   Watch const watch = on(mirror, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir&, Name const&) { ++told; });
+   pid_t const child = ::fork();
+   if (child == 0) {
+      UnixClient client("doomed");
+      auto const config = make<Cl10010ConfigDir>("config");
+      config->phyConfigIs("stays")->rollOffIs(0.3F);
+      config->phyConfigIs("goes");
+      client.exportRoot(config);
+      client.connect(path_);
+      for (;;)
+         client.pollOnce(100ms);
+   }
+   ASSERT_TRUE(server_.waitUntil([&] { return server_.state("config") == LinkEnd::State::live; }, 10s));
+   auto const stays = mirror->phyConfig("stays");
+   EXPECT_EQ(mirror->phyConfig().size(), 2u);
+   ::kill(child, SIGKILL);
+   ASSERT_TRUE(server_.waitUntil([&] { return lastEvent(PeerEvent::Kind::lost).has_value(); }, 1s));
+   ::waitpid(child, nullptr, 0);
+   EXPECT_EQ(lastEvent(PeerEvent::Kind::lost)->process, static_cast<unsigned long>(child));
+   EXPECT_EQ(lastEvent(PeerEvent::Kind::lost)->reason, "the peer closed the connection");
+   EXPECT_EQ(server_.state("config"), LinkEnd::State::stale);
+   EXPECT_EQ(mirror->phyConfig().size(), 2u) << "the mirror stays as it was";
+
+   told = 0;
+   auto const config = make<Cl10010ConfigDir>("config");
+   config->phyConfigIs("stays")->rollOffIs(0.4F);
+   UnixClient next("next");
+   next.exportRoot(config);
+   next.connect(path_);
+   ASSERT_TRUE(
+      together([&] { return server_.state("config") == LinkEnd::State::live && next.quiet(); }, server_, next));
+   EXPECT_EQ(mirror->phyConfig("stays"), stays) << "bound again in place";
+   EXPECT_EQ(rollOffOf(mirror, "stays"), 0.4F);
+   EXPECT_EQ(mirror->phyConfig("goes"), nullptr);
+   EXPECT_EQ(told, 1) << "only what differs is told";
+}
+
+TEST_F(UnixLink, BytesThatAreNoLinkEndThatConnectionAlone) {
+   auto const ours = make<Cl10010ConfigDir>("config");
+   server_.exportRoot(ours);
+   UnixClient good("good");
+   auto const mirror = good.mount<Cl10010ConfigDir>("config");
+   good.connect(path_);
+   ASSERT_TRUE(together([&] { return good.state("config") == LinkEnd::State::live; }, server_, good));
+
+   int const raw = connectedSocket(path_);
+   ASSERT_EQ(::write(raw, "GET / HTTP/1.0\r\n\r\n", 18), 18);
+   ASSERT_TRUE(together([&] { return lastEvent(PeerEvent::Kind::lost).has_value(); }, server_, good));
+   EXPECT_NE(lastEvent(PeerEvent::Kind::lost)->reason.find("expected"), std::string::npos)
+      << lastEvent(PeerEvent::Kind::lost)->reason;
+   char byte;
+   while (::read(raw, &byte, 1) > 0) {
+   }
+   ::close(raw);
+
+   ours->phyConfigIs("port");
+   EXPECT_TRUE(together([&] { return mirror->phyConfig("port") != nullptr; }, server_, good));
+   EXPECT_EQ(server_.peerCount(), 1u);
+}
+
+TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
+   if (::geteuid() != 0)
+      GTEST_SKIP() << "only root can become another user";
+   std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
+   std::filesystem::permissions(path_, std::filesystem::perms(0666));
+   pid_t const child = ::fork();
+   if (child == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+         ::_exit(1);
+      UnixClient client("stranger");
+      client.connect(path_);
+      while (client.isConnected())
+         client.pollOnce(100ms);
+      ::_exit(0);
+   }
+   ASSERT_TRUE(server_.waitUntil([&] { return !events_.empty(); }, 10s));
+   EXPECT_EQ(events_[0].kind, PeerEvent::Kind::refused);
+   EXPECT_EQ(events_[0].reason,
+             "process " + std::to_string(child) + " of user 65534 refused: expected this user or root");
+   EXPECT_EQ(server_.peerCount(), 0u);
+   int status = -1;
+   ::waitpid(child, &status, 0);
+   EXPECT_EQ(status, 0);
+}
+
+} // namespace

@@ -1,0 +1,90 @@
+#include "run/Sides.h"
+
+#include "run/Line.h"
+#include "run/Pipe.h"
+
+#include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010StatusDir.h"
+#include "net/UnixClient.h"
+
+#include <gtest/gtest.h>
+
+#include <string_view>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace Job;
+using namespace std::chrono_literals;
+using namespace Hardware::ClariPhy;
+
+/// What the driver that the test plays does wrong; inherited through the environment.
+constexpr char const* faultVariable = "KESTREL_TEST_DRIVER";
+
+/// A driver that goes through all the words and holds something else at the end, or leaves early.
+int falseDriver(int argc, char** argv) {
+   std::string_view const fault = std::getenv(faultVariable);
+   Options const options = parseOptions(argc, argv);
+   if (fault == "leaves")
+      return 7;
+   Pipe pipe(STDIN_FILENO, ::dup(STDOUT_FILENO));
+   auto const status = Mox::make<Cl10010StatusDir>("status");
+   Mox::UnixClient client("false driver");
+   client.exportRoot(status);
+   auto const config = client.mount<Cl10010ConfigDir>("config");
+   client.connect(options.socket);
+   client.waitUntil([&] { return client.state("config") == Mox::LinkEnd::State::live; }, 5s);
+   if (fault == "hangs up")
+      return 0;
+   pipe.sendLine(word::played);
+   for (std::string_view const word : {word::stop, word::dump}) {
+      while (pipe.line(0ms) != word)
+         client.pollOnce(5ms);
+      if (word == word::stop)
+         pipe.sendLine(word::stopped);
+   }
+   pipe.sendText("/a = 1\n");
+   return 0;
+}
+
+TEST(Sides, DriverThatHoldsSomethingElseIsADifferenceAndOneThatLeavesIsLost) {
+   struct {
+      char const* fault;
+      Outcome outcome;
+      char const* out;
+      char const* error;
+   } const table[] = {
+      {"differs", Outcome::differ, "/a: here (absent), in the driver 1", ""},
+      {"leaves", Outcome::peerLost, "", "run: the driver process ended too early: exit status 7\n"},
+      {"hangs up", Outcome::peerLost, "", "run: the driver process ended too early: exit status 0\n"},
+   };
+   for (auto const& c : table) {
+      SCOPED_TRACE(c.fault);
+      ::setenv(faultVariable, c.fault, 1);
+      testing::internal::CaptureStdout();
+      testing::internal::CaptureStderr();
+      Outcome const outcome = configure(Options(), simulatedTrace(2, 5, 1), 0);
+      std::string const out = testing::internal::GetCapturedStdout();
+      EXPECT_EQ(testing::internal::GetCapturedStderr(), c.error);
+      EXPECT_EQ(outcome, c.outcome);
+      EXPECT_NE(out.find(c.out), std::string::npos) << out;
+   }
+}
+
+TEST(Sides, DifferencesAreNamedByPathAndFew) {
+   EXPECT_TRUE(differences("/a = 1\n/b = 2\n", "/a = 1\n/b = 2\n", 5).empty());
+   EXPECT_EQ(
+      differences("/a = 1\n/b = 2\n/c = 3\n", "/a = 1\n/b = 9\n/d = 4\n", 2),
+      (std::vector<std::string>{"/b: here 2, in the driver 9", "/c: here 3, in the driver (absent)", "and 1 more"}));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   for (int i = 1; i < argc; ++i)
+      if (std::string_view(argv[i]) == "--driver")
+         return falseDriver(argc, argv);
+   testing::InitGoogleTest(&argc, argv);
+   return RUN_ALL_TESTS();
+}
