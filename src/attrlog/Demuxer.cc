@@ -71,7 +71,7 @@ void Demuxer::cut() noexcept {
    freeSlots_.clear();
    retirements_.clear();
    // What was announced again stands in the table; only that entry goes on.
-   std::erase_if(waiting_, [this](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
+   std::erase_if(waiting_, [](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
    for (PeerSlot& slot : peer_) {
       if (!slot.sa)
          continue;
@@ -443,7 +443,8 @@ bool Demuxer::step(FlowOut& flow) {
 }
 
 void Demuxer::owedAllPaid() {
-   if (!std::exchange(anyOwesAll_, false))
+   // The bit of the stream goes last: what throws on the way leaves the rest for the next drain.
+   if (!anyOwesAll_)
       return;
    for (std::size_t i = 0; i < own_.size(); ++i) {
       Ptr<Sa> const sa = own_[i].sa;
@@ -453,7 +454,6 @@ void Demuxer::owedAllPaid() {
          sa->owesAllDel(); // it owes everything with its announcement
          continue;
       }
-      anyOwesAll_ = true; // until the new flow stands
       Ptr<FlowOut> const before = sa->flow();
       Ptr<FlowOut> const flow = sa->flowOutIs(attr::none);
       if (before) {
@@ -467,7 +467,6 @@ void Demuxer::owedAllPaid() {
       sa->parked().clear();
       enqueue(*flow);
       sa->owesAllDel();
-      anyOwesAll_ = false;
       ++counters_.owedAll;
    }
    for (std::size_t i = 0; i < peer_.size(); ++i)
@@ -476,6 +475,7 @@ void Demuxer::owedAllPaid() {
          sa->owesAllDel();
          ++counters_.refreshesAsked;
       }
+   anyOwesAll_ = false;
 }
 
 void Demuxer::reidentifiedMarked() {

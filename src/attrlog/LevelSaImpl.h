@@ -112,6 +112,10 @@ template <class X> void writeParameters(Entity const& entity, Out& out, Demuxer&
    });
 }
 
+template <class X> void announceParameters(Entity const& entity, Demuxer& demuxer) {
+   X::MoxParameters::forEach([&](auto p) { demuxer.entityIdFor(p.cell(static_cast<X const&>(entity)).get()); });
+}
+
 /// The target that a reference in the record in hand names. \throws AttrLogEntityException when it is no `Target`
 template <class Target> Ptr<Target> readReference(In& in, Demuxer& demuxer) {
    Ptr<Entity> const entity = demuxer.entityOf(in.nextEntityId());
@@ -829,6 +833,7 @@ template <class X> constexpr TypeOperations operationsOf() {
       operations.create = &createFrom<X>;
       operations.parametersMatch = &parametersMatch<X>;
       operations.writeParameters = &writeParameters<X>;
+      operations.announceParameters = &announceParameters<X>;
       operations.hasParameter = &hasParameter<X>;
    }
    return operations;

@@ -2,6 +2,7 @@
 
 #include "core/Exceptions.h"
 #include "core/Text.h"
+#include "mox/MoxType.h"
 
 #include <algorithm>
 #include <random>
@@ -49,6 +50,9 @@ LinkEnd::~LinkEnd() = default;
 
 void LinkEnd::exportRoot(Ptr<Entity> const& root) {
    ValidPtr<Entity> const valid(root);
+   if (auto const* const operations = logOperationsOf(*root); operations == nullptr || operations->create == nullptr)
+      throw TypeException(std::string(std::string_view(root->fullName())) + " can't be exported: " +
+                          std::string(std::string_view(root->fwkType()->name())) + " has no attribute log");
    for (Ptr<Entity> const& other : exports_)
       if (other->moxName() == valid->moxName())
          throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is exported already");
@@ -239,7 +243,7 @@ void LinkEnd::on(NboAttrLog::Mount const& mount) {
    }
    requests_.push_back({mount.handle, name, nullptr});
    answer(requests_.back());
-   if (!requests_.back().root)
+   if (!requests_.back().root && !requests_.back().isRefused)
       demuxer_.out()->control(Mounted{mount.handle, MountState::waiting, MountMode::readOnly, Reason::none, {}});
 }
 
@@ -250,7 +254,13 @@ void LinkEnd::answer(Request& request) {
       if (Demuxer::Sa const* const sa = demuxer_.adapterOf(*root); sa != nullptr && !sa->isOrphan()) {
          demuxer_.out()->control(
             Mounted{request.handle, MountState::refused, MountMode::readOnly, Reason::limit, {}});
+         request.isRefused = true;
          return;
+      }
+      try {
+         logOperationsOf(*root)->announceParameters(*root, demuxer_);
+      } catch (NoEntityIdException const&) {
+         return; // waits, as a root does that nobody exports yet: the peer has something to announce first
       }
       request.root = root;
       Ptr<Demuxer::Sa> const sa = demuxer_.rootIs(*root);
@@ -314,6 +324,9 @@ void LinkEnd::on(Ping const& ping) {
 }
 
 void LinkEnd::settleStates() {
+   for (Request& request : requests_)
+      if (!request.root && !request.isRefused)
+         answer(request);
    if (!demuxer_.isSynced())
       return;
    bool areAnswered = true;

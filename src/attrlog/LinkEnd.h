@@ -109,6 +109,7 @@ private:
       std::uint32_t handle;
       Name name;
       Ptr<Entity> root; ///< null while nothing of that name is exported
+      bool isRefused = false;
    };
 
    void frame(NboAttrLog::In& in);

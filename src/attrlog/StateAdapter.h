@@ -34,6 +34,8 @@ struct TypeOperations {
    bool (*parametersMatch)(Entity const& entity, In& in, Demuxer&) = nullptr;
    /// Writes the constructor parameters behind the name, in order.
    void (*writeParameters)(Entity const& entity, Out& out, Demuxer&) = nullptr;
+   /// Announces what the constructor parameters refer to. \throws NoEntityIdException where the peer must announce it
+   void (*announceParameters)(Entity const& entity, Demuxer&) = nullptr;
    /// Whether a constructor parameter refers to `target`.
    bool (*hasParameter)(Entity const& entity, Entity const& target) = nullptr;
    std::size_t parameters = 0;
