@@ -70,6 +70,9 @@ int main(int argc, char** argv) {
       std::cerr << "run: " << e.what() << '\n';
       outcome = Outcome::setupFailed;
    }
-   std::cout.flush();
+   if (!std::cout.flush()) {
+      std::cerr << "run: expected a standard output that takes the result, got a write error\n";
+      outcome = Outcome::badInput;
+   }
    return static_cast<int>(outcome);
 }
