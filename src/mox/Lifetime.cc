@@ -70,6 +70,9 @@ void Entity::moxEnd() noexcept {
       reactors_.unlink(*reactor);
       // Still flagged as registered, so that it joins the list of the next notifier it is given.
       reactor->notifier_ = nullptr;
+      // Of an object that no count keeps alive: one on the stack, or one that is watched while it goes.
+      if (!reactor->weak_)
+         referenceDec();
    }
    while (auto* const reactor = idleWeak_) {
       idleWeakDel(*reactor);

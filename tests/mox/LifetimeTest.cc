@@ -1,0 +1,187 @@
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
+#include "siblings/GpoReactor.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Fru::Gpo;
+using Hardware::ClariPhy::Cl10010Config;
+using Hardware::ClariPhy::Cl10010ConfigDir;
+using Mox::make;
+using Mox::Ptr;
+using Log = std::vector<std::string>;
+
+/// Writes down what it is told; may do something then.
+class GpoWatch : public Gpo::Notifiee {
+public:
+   GpoWatch(Log& log, std::string title) : log_(log), title_(std::move(title)) {}
+   ~GpoWatch() override { log_.push_back(title_ + " dies"); }
+   void onAsserted() override { log_.push_back(title_ + " asserted"); }
+   void onZeroReferences() override {
+      log_.push_back(title_ + " sees " + std::string(std::string_view(name())) + " go");
+      if (onGoing)
+         onGoing();
+   }
+   std::function<void()> onGoing;
+
+private:
+   Log& log_;
+   std::string title_;
+};
+
+class LoggedGpo : public Gpo {
+public:
+   LoggedGpo(Mox::Name name, Log& log) : Gpo(std::move(name)), log_(log) {}
+   ~LoggedGpo() override { log_.push_back("entity dies"); }
+
+private:
+   Log& log_;
+};
+
+TEST(Dying, WeakReactorsSeeZeroReferencesAndStrongOnesPreventIt) {
+   Log log;
+   auto entity = Ptr<Gpo>(make<LoggedGpo>("reset", log));
+   auto const strong = make<GpoWatch>(log, "strong");
+   auto const weak = make<GpoWatch>(log, "weak");
+   auto const paused = make<GpoWatch>(log, "paused");
+   auto const idle = make<GpoWatch>(log, "idle");
+   for (auto const& watch : {weak, paused, idle})
+      watch->isWeakReferenceIs(true);
+   for (auto const& watch : {strong, weak, paused, idle})
+      watch->notifierIs(entity);
+   for (auto const& watch : {strong, weak, paused})
+      watch->isRegisteredNotifieeIs(true);
+   paused->hasNotificationActiveIs(false);
+
+   entity = nullptr;
+   EXPECT_EQ(log, Log{}) << "the strong reactor keeps it";
+   strong->notifier()->assertedIs(true);
+   EXPECT_EQ(log, (Log{"strong asserted", "weak asserted"}));
+   log.clear();
+   strong->isWeakReferenceIs(true); // the last strong one lets go
+   EXPECT_EQ(log, (Log{"strong sees reset go", "weak sees reset go", "entity dies"}));
+   for (auto const& watch : {strong, weak, paused, idle}) {
+      EXPECT_EQ(watch->notifier(), nullptr);
+      EXPECT_EQ(watch->name(), "");
+   }
+   // Left as they were, for the next notifier that they are given.
+   paused->hasNotificationActiveIs(true);
+   auto const next = make<Gpo>("next");
+   for (auto const& watch : {strong, weak, paused, idle})
+      watch->notifierIs(next);
+   log.clear();
+   next->assertedIs(true);
+   EXPECT_EQ(log, (Log{"strong asserted", "weak asserted", "paused asserted"}));
+   EXPECT_EQ(next->auditErrors(1), 0u);
+}
+
+TEST(Dying, AReferenceTakenMeanwhileMayBeDroppedMeanwhile) {
+   Log log;
+   auto entity = Ptr<Gpo>(make<LoggedGpo>("reset", log));
+   auto const weak = make<GpoWatch>(log, "weak");
+   weak->isWeakReferenceIs(true);
+   weak->notifierIs(entity);
+   weak->isRegisteredNotifieeIs(true);
+   auto const late = make<GpoWatch>(log, "late");
+   late->isRegisteredNotifieeIs(true);
+   weak->onGoing = [&] {
+      Ptr<Gpo> const again = weak->notifier();
+      EXPECT_EQ(again->references(), 2u);
+      again->assertedIs(true); // told as ever
+      late->notifierIs(again); // a strong reactor on what goes anyway
+   };
+   entity = nullptr;
+   EXPECT_EQ(log, (Log{"weak sees reset go", "weak asserted", "entity dies"}));
+   EXPECT_EQ(late->notifier(), nullptr);
+
+   // A reactor that is referenced again while the last reference to it goes.
+   class SelfHolding : public Gpo::Notifiee {
+   public:
+      void zeroReferencesIs(bool) override { Ptr<SelfHolding> const again(this); }
+   };
+   auto const gpo = make<Gpo>("reset");
+   auto reactor = make<SelfHolding>();
+   reactor->notifierIs(gpo);
+   reactor->isRegisteredNotifieeIs(true);
+   reactor = nullptr;
+   EXPECT_FALSE(gpo->moxHasReactors());
+   EXPECT_EQ(gpo->references(), 1u);
+}
+
+TEST(Dying, ADirectoryDeletesItsMembersWithNotificationsFromHeapAndStack) {
+   class DirWatch : public Cl10010ConfigDir::Notifiee {
+   public:
+      void onPhyConfig(Mox::Name name) override {
+         log.push_back(std::string(std::string_view(name)) + (notifier()->phyConfig().contains(name) ? " added" : " gone"));
+      }
+      void onZeroReferences() override { log.push_back("zero references"); }
+      Log log;
+   };
+   auto const watch = make<DirWatch>();
+   watch->isWeakReferenceIs(true);
+   watch->isRegisteredNotifieeIs(true);
+   auto const check = [&](Cl10010ConfigDir& dir) {
+      watch->log.clear();
+      watch->notifierIs(Ptr<Cl10010ConfigDir>(&dir));
+      return dir.phyConfigIs("port");
+   };
+   Log const expected{"port added", "zero references", "port gone"};
+
+   auto heap = make<Cl10010ConfigDir>("config");
+   Ptr<Cl10010Config> member = check(*heap);
+   heap = nullptr;
+   EXPECT_EQ(watch->log, expected);
+   EXPECT_EQ(member->parent(), nullptr);
+   {
+      auto const strong = make<DirWatch>();
+      Cl10010ConfigDir stack("config");
+      member = check(stack);
+      strong->isRegisteredNotifieeIs(true);
+      strong->notifierIs(Ptr<Cl10010ConfigDir>(&stack)); // holds it, and must not be what ends the process
+      EXPECT_EQ(stack.references(), 2u);
+   }
+   EXPECT_EQ(watch->log, expected);
+   EXPECT_EQ(member->parent(), nullptr);
+}
+
+TEST(DyingDeathTest, AnObjectThatSomebodyStillReferencesEndsTheProcess) {
+   EXPECT_DEATH(
+      {
+         Ptr<Gpo> dangling;
+         Gpo stack("reset");
+         dangling = Ptr<Gpo>(&stack);
+         std::destroy_at(&stack);
+      },
+      "destroyed while somebody references it");
+}
+
+TEST(Counting, ThreadsShareObjectsInThreadSafeMode) {
+   struct Mode {
+      Mode() { Mox::VFPtrInterface::enableThreadSafePointers(); }
+      ~Mode() { Mox::VFPtrInterface::enableThreadSafePointers(false); }
+   } const mode;
+   auto const shared = make<Gpo>("reset");
+   auto const work = [&shared](bool flags) {
+      for (int i = 0; i < 20000; ++i) {
+         Ptr<Gpo> const a(shared);
+         Ptr<Gpo const> const b(a);
+         if (flags)
+            shared->moxMarkedForDeletionIs(i % 2 == 0); // the flags share the word with the count
+      }
+   };
+   std::thread other(work, true);
+   work(false);
+   other.join();
+   EXPECT_EQ(shared->references(), 1u);
+   EXPECT_FALSE(shared->moxMarkedForDeletion());
+}
+
+} // namespace
