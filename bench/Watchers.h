@@ -1,0 +1,24 @@
+#pragma once
+
+#include "entities/Cl10010ConfigReactor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+// Who is called, compiled apart from who calls: no compiler sees through these calls.
+
+namespace bench {
+
+/// A reactor that counts, and the same work behind one plain virtual function.
+Mox::Ptr<Hardware::ClariPhy::Cl10010Config::NotifieeConst> makeReactor();
+
+class Observer {
+public:
+   virtual ~Observer() = default;
+   virtual void onRefClock() = 0;
+   virtual void onValue(std::uint32_t value) = 0;
+};
+std::unique_ptr<Observer> makeObserver();
+
+} // namespace bench
