@@ -5,7 +5,6 @@
 #include "mox/MoxType.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
 
 namespace Mox {
@@ -736,7 +735,7 @@ std::string Demuxer::where(In const& in, Sa const* sa) const {
    std::string text = in.where();
    if (sa == nullptr || sa->entity() == nullptr)
       return text;
-   auto const id = static_cast<AttributeId>(std::abs(in.header().attribute));
+   AttributeId const id = attributeOf(in.header().attribute);
    return text + ", " + std::string(std::string_view(sa->entity()->fullName())) + "." +
           std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
 }
@@ -770,7 +769,9 @@ void Demuxer::record(In& in) {
       ++(slot == nullptr ? counters_.staleRecords : counters_.unknownTypes);
       return;
    }
+   // Both held: a record may announce another entity under this very identifier.
    Ptr<Sa> const sa = slot->sa;
+   Ptr<Entity> const entity = slot->entity;
    applyRecord(*sa, in);
 }
 

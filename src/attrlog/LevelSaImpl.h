@@ -582,7 +582,7 @@ template <class X> void LevelSa<X>::doNotification(AttributeId id, void* key) {
 
 template <class X>
 int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count, Ptr<In> const& in) {
-   auto const id = static_cast<AttributeId>(aid < 0 ? -aid : aid);
+   AttributeId const id = attributeOf(aid);
    if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
       return Base::handleAttrDeserialization(aid, options, count, in);
    if (!in)
@@ -594,6 +594,8 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
 
 /// Runs `put` for the peer, and tells the reactors once where they were owed it and `put` found nothing to change.
 template <class X> template <class A, class Put, class... Key> void LevelSa<X>::apply(A, Put put, Key const&... key) {
+   if (this->demuxer_ == nullptr)
+      return; // a reactor has unmounted the mirror between two changes of one record: it stays as it is
    bool const isOwed = !this->untold_.empty() && this->untoldTaken(Mark(A::id, key...));
    typename Entity::MoxNboAttrLogSa::Applying const scope(*this, A::id);
    this->demuxer_->applicationStarts();
@@ -637,9 +639,9 @@ template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRem
             A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
             return;
          }
-         apply(a, [&] {
-            A::put(object(), key, value);
-            if (auto* const entry = A::cell(object()).find(key))
+         apply(a, [&, &entity = object()] {
+            A::put(entity, key, value); // whose reactors may unmount the mirror: no `object()` behind it
+            if (auto* const entry = A::cell(entity).find(key))
                entry->moxMarkedForDeletionIs(false);
          }, key);
          return;
@@ -686,7 +688,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          instantiate();
       }
    }
-   if (auto* const member = cell.find(name)) {
+   if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {
       member->moxMarkedForDeletionIs(false);
       demuxer.bind(id, *member);
    }
@@ -704,8 +706,9 @@ template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTr
             break;
          case AttrTransactionType::end:
             if (this->flowIn() == aid) {
+               // First: the sweep takes the marks along, and may throw.
+               this->flowIn_ = attr::none;
                sweep(a);
-               this->flowInIs(attr::none);
             }
             break;
          case AttrTransactionType::abort:
@@ -736,9 +739,10 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
    std::exception_ptr first;
    auto& cell = A::cell(object());
    bool again = true;
-   while (again) {
+   // Without a stream a reactor has unmounted the mirror: what is left of it stays.
+   while (again && this->demuxer_ != nullptr) {
       again = false;
-      for (typename A::Container::Iterator it(cell); it; it.advance()) {
+      for (typename A::Container::Iterator it(cell); it && this->demuxer_ != nullptr; it.advance()) {
          if (!it.entry()->moxMarkedForDeletion())
             continue;
          // Unmarked first: an entry that a failing deletion leaves behind is not met twice.

@@ -111,7 +111,11 @@ void LinkEnd::stateIs(Mount& mount, State state) {
    mount.state = state;
    if (stateCall_) {
       Name const name = mount.mirror->moxName(); // the call may unmount
-      stateCall_(name, state);
+      try {
+         stateCall_(name, state);
+      } catch (std::exception const& e) {
+         demuxer_.report("root " + std::string(quoted(name)) + ", told that it is " + textOf(state) + ": " + e.what());
+      }
    }
 }
 

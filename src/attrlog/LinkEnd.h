@@ -64,6 +64,7 @@ public:
    /// Ends the mirror; the entity stays as it is, and is an ordinary one from then on.
    void unmount(Name const& name);
 
+   /// What the call throws is reported.
    void onState(StateCall call) { stateCall_ = std::move(call); }
    /// \throws RangeException for a root that is not mounted
    State state(Name const& root) const;

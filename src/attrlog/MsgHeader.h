@@ -41,6 +41,12 @@ public:
    using AttrLogRecordException::AttrLogRecordException;
 };
 
+/// The attribute that a header's field names, removal or not. Of every number, the lowest included.
+constexpr AttributeId attributeOf(std::int32_t field) noexcept {
+   auto const number = static_cast<AttributeId>(field);
+   return field < 0 ? 0u - number : number;
+}
+
 /// What a transaction marker says about the resend of a collection.
 enum class AttrTransactionType : std::uint8_t { begin = 0, abort = 1, end = 2 };
 
