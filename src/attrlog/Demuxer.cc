@@ -393,6 +393,8 @@ bool Demuxer::step(FlowOut& flow) {
    Ptr<FlowOut> const held(&flow);
    Ptr<Sa> const sa(flow.owner());
    dequeue(flow);
+   if (sa->isPaused())
+      return true; // resumed, it owes everything
    AttributeId next = attr::none;
    try {
       if (flow.isResend() && !flow.hasOpened()) {
@@ -447,7 +449,7 @@ void Demuxer::owedAllPaid() {
       return;
    for (std::size_t i = 0; i < own_.size(); ++i) {
       Ptr<Sa> const sa = own_[i].sa;
-      if (!sa || !sa->owesAll())
+      if (!sa || !sa->owesAll() || sa->isPaused())
          continue;
       if (!sa->hasFlag(StreamAdapter::serializing)) {
          sa->owesAllDel(); // it owes everything with its announcement
@@ -585,8 +587,9 @@ void Demuxer::checkAnnounced(EntityId id) const {
       fail("not an identifier of the announcing side");
    if (id.slot() > highestSlot)
       fail("expected slots up to " + std::to_string(highestSlot));
-   if (id.slot() >= peer_.size() + slotGap)
-      fail("expected a slot below " + std::to_string(peer_.size() + slotGap));
+   // Each record for what was unmounted here meanwhile may have announced one that this side never saw.
+   if (std::size_t const end = peer_.size() + slotGap + counters_.staleRecords; id.slot() >= end)
+      fail("expected a slot below " + std::to_string(end));
    if (id.slot() >= peer_.size())
       return;
    PeerSlot const& slot = peer_[id.slot()];
@@ -628,6 +631,12 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    slot.isUsed = false;
    if (gone.sa) {
       gone.sa->flowInIs(attr::none);
+      try {
+         while (!gone.sa->untold().empty() && gone.sa->entity() != nullptr)
+            gone.sa->tellUntold(Mark(gone.sa->untold().back().mark));
+      } catch (std::exception const& e) {
+         report("stream \"" + name() + "\": not told: " + e.what());
+      }
       gone.sa->detach();
    }
    // Whoever still refers to it here refers to an entity of this process from now on.
@@ -711,6 +720,18 @@ void Demuxer::remountEnded() {
    }
 }
 
+void Demuxer::isNoMember(Entity& member) {
+   Sa const* const sa = adapterOf(member);
+   if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
+      return;
+   auto const at = std::find_if(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return slot.entity == &member; });
+   if (at == waiting_.end())
+      return;
+   PeerSlot slot = std::move(*at);
+   waiting_.erase(at);
+   release(slot);
+}
+
 void Demuxer::forgetMirrors(Entity* top) {
    auto const isBelow = [&](Entity const* e) {
       for (; e != nullptr; e = e->moxRawParent())
@@ -724,9 +745,14 @@ void Demuxer::forgetMirrors(Entity* top) {
    };
    for (std::size_t i = 0; i < peer_.size(); ++i)
       forget(peer_[i]);
-   for (std::size_t i = 0; i < waiting_.size(); ++i)
-      forget(waiting_[i]);
-   std::erase_if(waiting_, [](PeerSlot const& slot) { return !slot.entity; });
+   // Taken out first: what goes may run reactors that look for mirrors here.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) {
+      return top != nullptr && !isBelow(slot.entity.get());
+   });
+   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
+   waiting_.erase(behind, waiting_.end());
+   for (PeerSlot& slot : gone)
+      release(slot);
 }
 
 // Records that come in --------------------------------------------------------------------------------------------------
@@ -833,6 +859,11 @@ void Demuxer::readOrphan(In& in) {
       In::Position const parameters = in.position();
       in.nextSection(4);
       EntityId const id = in.nextEntityId();
+      if (id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
+          peer_[id.slot()].generation == id.generation()) {
+         ++counters_.staleRecords; // a root that was unmounted here while its announcement was under way
+         return;
+      }
       checkAnnounced(id);
       if (PeerSlot* const slot = peerSlot(id)) {
          // A root, bound when it was mounted: its mirror must be of an announced type.

@@ -111,6 +111,9 @@ public:
    void syncing(Sa& sa, bool isSyncing);
    /// The peer has answered every mount and told every entity whole: what it has not announced again is gone.
    void remountEnded();
+   /// The peer's collection holds `member` no more. A mirror of an earlier connection waits for nothing then: who refers to it
+   /// would wait for the end of the remount, which may wait for that very reference.
+   void isNoMember(Entity& member);
    /// Ends the mirrors below `top`; with null all of them.
    void forgetMirrors(Entity* top);
 

@@ -138,6 +138,7 @@ public:
    Mark readKey(AttributeId id, In& in) const override;
 
    void marksDel(AttributeId id) override;
+   void tellUntold(Mark const& mark) override;
 
    LevelSa(Mox_BitSet flags, Ptr<X> const& entity, Demuxer* demuxer) : Base(flags, entity, demuxer) {}
 

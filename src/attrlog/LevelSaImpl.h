@@ -100,8 +100,8 @@ template <class A> MsgHeader headerOf(EntityId id, bool isRemoval = false) {
 }
 
 template <class Container> std::size_t buckets(Container const& cell) {
-   if constexpr (requires { cell.bucketCount(); })
-      return cell.bucketCount();
+   if constexpr (requires { cell.buckets(); })
+      return cell.buckets();
    else
       return 0;
 }
@@ -191,7 +191,8 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
       this->applyingConsumed();
       return;
    }
-   if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->demuxer_ == nullptr)
+   if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->isPaused() ||
+       this->demuxer_ == nullptr)
       return;
    if (this->hasFlag(StreamAdapter::readOnlyCopy) && !this->convertedToWritable(false)) {
       if constexpr (A::isKeyed)
@@ -513,6 +514,7 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
 }
 
 template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
+   this->markAgain(m); // first: while it has an identifier, the peer is seen to know the name
    visitAttribute<X>(m.attribute, [&](auto a) {
       using A = decltype(a);
       if constexpr (A::kind == Kind::hashCollection)
@@ -520,7 +522,6 @@ template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
             if (auto* const member = A::cell(object()).find(m.name))
                this->demuxer_->reidentify(*member);
    });
-   this->markAgain(m);
 }
 
 template <class X> Ptr<FlowOut> LevelSa<X>::flowOutIs(AttributeId startAttribute) {
@@ -555,8 +556,8 @@ template <class X> void LevelSa<X>::markReferencesTo(std::vector<Entity const*> 
                bool refers = false;
                A::Entry::MoxParameters::forEach([&](auto p) { refers |= isTarget(p.cell(*m).get()); });
                if (refers) {
+                  markKey(a, m->moxName()); // first: while it has an identifier, the peer is seen to know the name
                   this->demuxer_->reidentify(*m);
-                  markKey(a, m->moxName());
                }
             }
          }
@@ -654,7 +655,17 @@ template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRem
 }
 
 template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A::Key const& key) {
-   apply(a, [&] { A::drop(object(), key); }, key);
+   if constexpr (A::kind == Kind::hashCollection) {
+      if (this->demuxer_ == nullptr)
+         return;
+      Ptr<Entity> const member(A::cell(object()).find(key));
+      Demuxer& demuxer = *this->demuxer_;
+      apply(a, [&] { A::drop(object(), key); }, key);
+      if (member)
+         demuxer.isNoMember(*member);
+   } else {
+      apply(a, [&] { A::drop(object(), key); }, key);
+   }
 }
 
 template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, bool isLocal) {
@@ -685,7 +696,13 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          instantiate();
       } catch (NameInUseException const&) {
          dropHere(a, name);
-         instantiate();
+         try {
+            instantiate();
+         } catch (NameInUseException const&) {
+            // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again.
+            this->refusedIs(Mark(A::id, name));
+            throw;
+         }
       }
    }
    if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {
@@ -727,6 +744,17 @@ template <class X> void LevelSa<X>::marksDel(AttributeId id) {
              marksIs(a, false);
        }))
       Base::marksDel(id);
+}
+
+template <class X> void LevelSa<X>::tellUntold(Mark const& m) {
+   if (!visitAttribute<X>(m.attribute, [&](auto a) {
+          using A = decltype(a);
+          if constexpr (A::isKeyed)
+             apply(a, [] {}, m.template as<typename A::Key>());
+          else
+             apply(a, [] {});
+       }))
+      Base::tellUntold(m);
 }
 
 template <class X> template <class A> void LevelSa<X>::marksIs(A, bool marked) {

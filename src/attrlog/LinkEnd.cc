@@ -304,6 +304,7 @@ void LinkEnd::on(Mounted const& mounted) {
    case MountState::open:
       demuxer_.bind(mounted.entity, *mirror);
       at->isOpen = true;
+      remountEnded_ = false; // it may have waited since an earlier opening
       stateIs(*at, State::syncing);
       break;
    case MountState::gone:

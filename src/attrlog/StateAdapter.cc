@@ -63,11 +63,12 @@ void Sa::detach() noexcept {
 }
 
 void Sa::hasNotificationActiveIs(bool active) {
-   if (!adapter_ || adapter_->hasNotificationActive() == active)
+   // The reactor keeps its place: by it the stream finds the adapter, and the adapter learns that its entity goes.
+   if (!adapter_ || isPaused_ != active)
       return;
-   adapter_->hasNotificationActiveIs(active);
-   // What changes meanwhile reaches nobody: the whole entity is owed.
-   if (!active && !isMirror())
+   isPaused_ = !active;
+   // What changed meanwhile reached nobody: the whole entity is owed.
+   if (active)
       owesAllIs();
 }
 
@@ -147,6 +148,7 @@ void Sa::unmark(NboAttrLog::Mark const&) {}
 void Sa::markReferencesTo(std::vector<Entity const*> const&) {}
 void Sa::announceMember(AttributeId, Entity&) {}
 void Sa::marksDel(AttributeId) {}
+void Sa::tellUntold(NboAttrLog::Mark const&) {}
 void Sa::writeKey(NboAttrLog::Mark const&, std::vector<std::uint8_t>&) const {}
 
 NboAttrLog::Mark Sa::readKey(AttributeId id, NboAttrLog::In&) const {

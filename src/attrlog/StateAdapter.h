@@ -106,7 +106,9 @@ class Entity::MoxNboAttrLogSa : public StreamAdapter {
 public:
    ~MoxNboAttrLogSa() override;
 
+   /// Pauses the adapter: it writes nothing and marks nothing. Resumed, it owes its whole entity.
    void hasNotificationActiveIs(bool active) override;
+   bool isPaused() const noexcept { return isPaused_; }
    /// Takes over `notifier` as the entity; null detaches the reactor.
    virtual void notifierIs(Ptr<PtrInterface const> const& notifier);
    /// Drains the backlog from attribute `start`. \return where to go on, or 0 when it has come to the end
@@ -141,6 +143,8 @@ public:
    virtual void announceMember(AttributeId id, Entity& member);
    /// The open resend of `id` has ended without its end marker: takes its marks along.
    virtual void marksDel(AttributeId id);
+   /// Tells the reactors what `mark`, which was written here and never told, is now: nobody will put it right any more.
+   virtual void tellUntold(NboAttrLog::Mark const& mark);
    /// The body of a `refresh` for `mark`'s key.
    virtual void writeKey(NboAttrLog::Mark const& mark, std::vector<std::uint8_t>& bytes) const;
    virtual NboAttrLog::Mark readKey(AttributeId id, NboAttrLog::In& in) const;
@@ -256,6 +260,7 @@ protected:
    bool isRoot_ = false;
    bool isSyncing_ = false;
    bool owesAll_ = false;
+   bool isPaused_ = false;
    AttributeId applyingId_ = attr::none;
    AttributeId flowIn_ = attr::none;
    ReactorLink* link_ = nullptr;
