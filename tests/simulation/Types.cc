@@ -90,6 +90,14 @@ bool isMirror(Entity const& e) {
           static_cast<Entity::MoxNboAttrLogSa*>(first->moxRawReactor())->isMirror();
 }
 
+/// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.
+bool isOurs(Entity const& e) {
+   for (auto* r = e.moxReactors().first(); r != nullptr; r = r->moxNextInList())
+      if (dynamic_cast<History const*>(r) != nullptr)
+         return false;
+   return !isMirror(e);
+}
+
 /// Runs one mutator, which may be refused because the entity is a mirror.
 template <class Call> void write(Entity& entity, Cell const& cell, Context& context, Call call) {
    try {
@@ -149,10 +157,13 @@ template <class A> void changeMap(typename A::Owner& e, Words& words, Context& c
    } else if (what < 95) {
       auto const value = mapValue<A>(e, key);
       write(e, cell, context, [&] { A::put(e, key, value); });
-   } else if (!isMirror(e)) {
+   } else if (isOurs(e)) {
       newMapEntry<A>(e, key, makeValue<typename A::Value>(words));
       Ptr<typename A::Owner> const owner(&e);
-      context.madeSilently([owner, key] { keyNotify<A>(*owner, key); });
+      context.madeSilently([owner, key] {
+         if (isOurs(*owner))
+            keyNotify<A>(*owner, key);
+      });
    }
 }
 
@@ -205,7 +216,7 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, Contex
          write(e, cellOf(A::id, first->moxName()), context, [&] { memberDelAll<A>(e); });
    } else if (what < 95) {
       deleteSome<A>(e, words, context, [&](auto& it) { memberDel<A>(e, it); });
-   } else if (!isMirror(e)) {
+   } else if (isOurs(e)) {
       std::apply(
          [&](auto const&... p) {
             Ptr<Entity> const replaced = A::cell(e).find(name);
@@ -218,7 +229,10 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, Contex
       if (words.chance(50))
          keyNotify<A>(e, name);
       else
-         context.madeSilently([owner, name] { keyNotify<A>(*owner, name); });
+         context.madeSilently([owner, name] {
+            if (isOurs(*owner))
+               keyNotify<A>(*owner, name);
+         });
    }
 }
 
@@ -249,7 +263,7 @@ public:
    template <class A, class... Key> void forward(A, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
          Ptr<X> const entity = this->notifier();
-         if (!entity || budget_ == 0)
+         if (!entity || entity->moxIsDying() || budget_ == 0)
             return;
          Ptr<Entity> member;
          if constexpr (A::kind == Mox::Kind::hashCollection)
@@ -346,6 +360,12 @@ public:
          } else {
             snapshotCell(e, a, all, entityText);
          }
+      });
+      X::MoxParameters::forEach([&](auto p) {
+         auto* const target = const_cast<Entity*>(static_cast<Entity const*>(p.cell(e).get()));
+         all.cells[{p.id, {}}] = entityText(target);
+         if (target != nullptr)
+            all.entities[{p.id, {}}] = target;
       });
       return all;
    }

@@ -162,11 +162,12 @@ void World::resumeAll() {
       resume(words);
 }
 
-void World::tellSilentOnes() {
+bool World::tellSilentOnes() {
    auto const silent = std::move(silent_);
    silent_.clear();
    for (auto const& tell : silent)
       tell();
+   return !silent.empty();
 }
 
 void World::dropAll() {
@@ -391,6 +392,9 @@ void World::reacts(int role, U64 word, Entity& entity, Entity* member) {
 
 void World::told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
    bool const wasRefused = refused_.erase({&entity, cell}) != 0;
+   // What is no mirror any more may be told by its new owner whatever that likes.
+   if (auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr; sa == nullptr || !sa->isMirror())
+      return;
    if ((before == nullptr ? now != "absent" : *before != now) || now.find("NaN") != std::string::npos)
       return;
    if (wasRefused)

@@ -46,7 +46,8 @@ public:
    void pause(Words& words);
    void resume(Words& words);
    void resumeAll();
-   void tellSilentOnes();
+   /// \return whether there were any
+   bool tellSilentOnes();
    void dropAll();
    void releaseHeld(Words& words);
    void adopt(Words& words);
