@@ -293,7 +293,14 @@ $adapter$public:
             {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
             {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
             {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
-   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text);
+   // Without these, every type that has this one as base or member compiles its templates once more.
+   std::string const once = fill(R"(
+extern template class Mox::NboAttrLog::LevelSa<$X$>;
+extern template class Mox::NboAttrLog::LevelFlow<$X$>;
+extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
+)",
+                                 {{"X", type.name}});
+   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text) + once;
 }
 
 std::string emitSource(EntityType const& type) {
@@ -364,6 +371,7 @@ Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<$X$>;
 template class Mox::NboAttrLog::LevelFlow<$X$>;
+template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",
                    {{"X", type.name}});
    std::set<std::string> headers{"notify/Delivery.h", "notify/TypeOperations.h", "<utility>"};

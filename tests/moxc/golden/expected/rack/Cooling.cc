@@ -47,3 +47,4 @@ template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Cooling>;
 template class Mox::NboAttrLog::LevelFlow<Rack::Cooling>;
+template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Cooling>();

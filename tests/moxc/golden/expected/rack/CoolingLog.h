@@ -59,3 +59,7 @@ public:
 };
 
 } // namespace Rack
+
+extern template class Mox::NboAttrLog::LevelSa<Rack::Cooling>;
+extern template class Mox::NboAttrLog::LevelFlow<Rack::Cooling>;
+extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Cooling>();

@@ -44,3 +44,4 @@ template void Mox::announce<Rack::Fan::Attr::label_t>(Rack::Fan const&);
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Fan>;
 template class Mox::NboAttrLog::LevelFlow<Rack::Fan>;
+template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Fan>();

@@ -37,3 +37,7 @@ public:
 };
 
 } // namespace Rack
+
+extern template class Mox::NboAttrLog::LevelSa<Rack::Fan>;
+extern template class Mox::NboAttrLog::LevelFlow<Rack::Fan>;
+extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Fan>();

@@ -41,3 +41,4 @@ template void Mox::announce<Rack::Unit::Attr::height_t>(Rack::Unit const&);
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Unit>;
 template class Mox::NboAttrLog::LevelFlow<Rack::Unit>;
+template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Unit>();

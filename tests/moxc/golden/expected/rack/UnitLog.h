@@ -31,3 +31,7 @@ public:
 };
 
 } // namespace Rack
+
+extern template class Mox::NboAttrLog::LevelSa<Rack::Unit>;
+extern template class Mox::NboAttrLog::LevelFlow<Rack::Unit>;
+extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<Rack::Unit>();
