@@ -291,12 +291,14 @@ void Run::settle(char const* when) {
    for (unsigned round = 0; round < 20000; ++round) {
       ++now_;
       connect();
-      bool const moved = carry(0, words, true) | carry(1, words, true);
+      bool const movedThere = carry(0, words, true);
+      bool const moved = carry(1, words, true) || movedThere;
       throwIfWrong();
       if (moved || !isUp_ || !pipes_[0].empty() || !pipes_[1].empty() || !worlds_[0].end().quiet() || !worlds_[1].end().quiet())
          continue;
       // Reactors may have made further entries that nobody was told of.
-      bool const told = worlds_[0].tellSilentOnes() | worlds_[1].tellSilentOnes();
+      bool const toldThere = worlds_[0].tellSilentOnes();
+      bool const told = worlds_[1].tellSilentOnes() || toldThere;
       if (!told)
          return;
    }
