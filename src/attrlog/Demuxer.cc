@@ -283,6 +283,11 @@ void Demuxer::forgetTree(Entity& top) {
 void Demuxer::reidentify(Entity& top) {
    std::vector<Ptr<Entity>> tree;
    collectTree(top, tree);
+   // With a root goes what was announced below a root and has left it since: whether the peer saw that, nobody can know.
+   if (Sa const* const sa = adapterOf(top); sa != nullptr && sa->isRoot())
+      for (OwnSlot const& slot : own_)
+         if (slot.sa && !slot.sa->isRoot() && !slot.sa->isOrphan() && !isUnderAnnounced(*slot.sa->entity()))
+            tree.push_back(Ptr<Entity>(slot.sa->entity()));
    for (Ptr<Entity> const& entity : tree)
       if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror()) {
          reidentified_.push_back(entity.get());
