@@ -1,0 +1,271 @@
+// One entity and one stream, without a peer: what is marked, drained and written.
+
+#include "attrlog/Demuxer.h"
+#include "entities/Cl10010ConfigLog.h"
+#include "entities/Cl10010StatusDirLog.h"
+#include "Peer.h"
+#include "siblings/LedConfig.h"
+
+#include <gtest/gtest.h>
+
+namespace Mox::NboAttrLog {
+namespace {
+
+using Hardware::ClariPhy::Cl10010Config;
+using Hardware::ClariPhy::Cl10010Status;
+using Xcvr::CfpxHostChannel;
+using Attr = Cl10010Config::Attr;
+using ConfigFlow = Cl10010Config::MoxNboAttrLogSa::FlowOut;
+
+TEST(Flow, OwesWhatStandsAtOrBehindItsStart) {
+   struct Case {
+      AttributeId start;
+      bool owes, refClock, calibrationSynced, rxSkewH, amplitudeSynced, rollOff;
+   };
+   for (auto const& [start, owes, refClock, calibrationSynced, rxSkewH, amplitudeSynced, rollOff] : {
+           Case{attr::none, true, true, false, true, false, true},
+           Case{390, true, false, true, true, false, true},
+           Case{394, true, false, true, false, true, true},
+           Case{395, false, false, true, false, true, false},
+           Case{attr::owesNothing, false, false, true, false, true, false},
+        }) {
+      SCOPED_TRACE(start);
+      auto const flow = make<ConfigFlow>(start);
+      EXPECT_EQ(flow->hasDirtyAttributes(), owes);
+      EXPECT_EQ(flow->dirtyBit(Attr::refClock), refClock);
+      EXPECT_EQ(flow->hasSynced(Attr::calibration), calibrationSynced);
+      EXPECT_EQ(flow->dirtyBit(Attr::rxSkewH), rxSkewH);
+      EXPECT_EQ(flow->hasSynced(Attr::initialIngressAmp), amplitudeSynced);
+      EXPECT_EQ(flow->dirtyBit(Attr::rollOff), rollOff);
+      using BaseFlow = LevelFlow<Hardware::Phy::PhyConfig>;
+      EXPECT_EQ(static_cast<BaseFlow&>(*flow).dirtyBit(Hardware::Phy::PhyConfig::Attr::configReady), start == attr::none);
+   }
+   // More attributes than one word has bits.
+   auto const status = make<Cl10010Status::MoxNboAttrLogSa::FlowOut>(447u);
+   EXPECT_TRUE(status->dirtyBit(Cl10010Status::Attr::rollOff));
+   EXPECT_FALSE(status->dirtyBit(Cl10010Status::Attr::totalLdpcWords));
+   EXPECT_EQ(status->nextPending(386), 447u);
+}
+
+TEST(Flow, AKeyIsOwedUntilItIsDeleted) {
+   auto const flow = make<ConfigFlow>(attr::owesNothing);
+   flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, true);
+   flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, true);
+   flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel0, true);
+   flow->moxIsInitialIngressAmpDirtyIs(CfpxHostChannel::channel3, true);
+   EXPECT_EQ(flow->dirtyKeys(), 3u) << "marked twice is one entry";
+   EXPECT_EQ(flow->nextPending(386), 389u);
+   flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, false);
+   flow->moxIsCalibrationDirtyDel(CfpxHostChannel::channel0);
+   flow->moxIsInitialIngressAmpDirtyDel(CfpxHostChannel::channel3);
+   EXPECT_TRUE(flow->hasDirtyAttributes()) << "an entry of value false is an entry";
+   flow->moxIsCalibrationDirtyDel(CfpxHostChannel::channel3);
+   EXPECT_FALSE(flow->hasDirtyAttributes());
+
+   flow->moxFlowOutBookmarkEnq(Mark(389, CfpxHostChannel::channel0));
+   EXPECT_TRUE(flow->holdsBookmark(389)) << "key 0 is a position like any other";
+   EXPECT_THROW(flow->moxFlowOutBookmarkEnq(Mark(389, CfpxHostChannel::channel1)), InternalException);
+   EXPECT_EQ(flow->bookmark().as<CfpxHostChannel>(), CfpxHostChannel::channel0);
+}
+
+/// A configuration with an adapter that writes, on a stream that nobody carries.
+struct OneAdapter : testing::Test {
+   Demuxer demuxer{"stream"};
+   Ptr<Cl10010Config> port = make<Cl10010Config>("port");
+   Ptr<Entity::MoxNboAttrLogSa> sa;
+   Ptr<In> in = make<In>("reader");
+   Lines reports;
+
+   OneAdapter() {
+      demuxer.opened();
+      demuxer.reportIs([this](std::string const& text) { reports.push_back(text); });
+      demuxer.out()->control(Hello{.name = "stream"});
+      sa = port->moxNboAttrLogSaIs({StreamAdapter::readOnlyProxy | StreamAdapter::serializing}, 0, demuxer.out(), nullptr);
+      written();
+   }
+   Lines written() { return linesOf(*in, bytesOf(*demuxer.out())); }
+};
+
+TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
+   EXPECT_THROW(port->moxNboAttrLogSaIs({}, 0, nullptr, nullptr), RangeException);
+   Ptr<Out const> const out(demuxer.out());
+   EXPECT_EQ(port->moxNboAttrLogSaIs({StreamAdapter::weak}, 0, demuxer.out(), nullptr), sa);
+   EXPECT_TRUE(sa->hasFlag(StreamAdapter::weak));
+   EXPECT_EQ(port->moxNboAttrLogSa(out), sa);
+   EXPECT_EQ(port->moxNboAttrLogSa(Ptr<Out const>()), sa) << "any live stream";
+   Demuxer second("second");
+   EXPECT_EQ(port->moxNboAttrLogSa(Ptr<Out const>(second.out())), nullptr);
+   EXPECT_EQ(port->moxNboAttrLogSaDel(second.out()), nullptr);
+
+   port->refClockIs(1);
+   EXPECT_EQ(port->moxNboAttrLogSaDel(demuxer.out()), sa);
+   EXPECT_EQ(port->moxNboAttrLogSa(out), nullptr);
+   EXPECT_FALSE(port->moxHasReactors());
+   port->refClockIs(2);
+   EXPECT_EQ(written(), Lines{"#1 388: 00000001"}) << "and nothing of what came behind";
+}
+
+TEST_F(OneAdapter, WritesOneRecordPerChange) {
+   port->refClockIs(0x01020304);
+   EXPECT_EQ(demuxer.out()->pendingBytes(), 32u);
+   EXPECT_EQ(written(), Lines{"#1 388: 01020304"});
+
+   auto const pll = make<Hardware::Dpll::PllStatus>("pll");
+   struct Step {
+      std::function<void()> change;
+      Lines lines;
+   };
+   for (auto const& [change, lines] : std::vector<Step>{
+           {[&] { port->refClockIs(0x01020304); }, {}},
+           {[&] { port->rollOffIs(0.5F); }, {"#1 394: 3f000000"}},
+           {[&] { port->wakeupTimeIs(2.0); }, {"#1 290: 4000000000000000"}},
+           {[&] { port->modelIs("cl"); }, {"#1 261: 00000002636c"}},
+           {[&] { port->configReadyIs(true); }, {"#1 303: 01"}},
+           {[&] { port->diagsModeIs(Hardware::Phy::DiagsMode::both); }, {"#1 294: 00000003"}},
+           {[&] { port->diagsModeEpochInc(7); }, {"#1 295: 00000007"}},
+           {[&] { port->overrideEthIntfConfigIs(5); }, {"#1 297: 00000005"}},
+           {[&] { port->overrideEthIntfConfigDel(); }, {"#1 297: 00000000"}},
+           {[&] { port->calibrationIs(CfpxHostChannel::channel3, {1, 2, 3}); },
+            {"#1 389: 00000003000000010000000200000003"}},
+           {[&] { port->calibrationDel(CfpxHostChannel::channel3); }, {"#1 -389: 00000003"}},
+           {[&] { port->calibrationDel(CfpxHostChannel::channel3); }, {}},
+           {[&] { port->initialIngressAmpIs(CfpxHostChannel::channel15, 9); }, {"#1 393: 0000000f00000009"}},
+           {[&] { port->calibrationNotify(CfpxHostChannel::channel4); }, {"#1 -389: 00000004"}}, // absent is what is said
+           {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
+           {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
+           {[&] { port->newCalibration(CfpxHostChannel::channel9, {}); }, {}}, // raw: nobody is told
+        }) {
+      change();
+      EXPECT_EQ(written(), lines);
+   }
+   EXPECT_EQ(demuxer.counters().withoutLog, 2u);
+   ASSERT_EQ(reports.size(), 1u) << "once per type";
+   EXPECT_NE(reports[0].find("stream \"stream\": references to Hardware::Led::LedConfig travel as null"), std::string::npos)
+      << reports[0];
+
+   // A reference: its target is announced before, and told whole behind.
+   port->pllStatusIs(pll);
+   Lines lines = written();
+   ASSERT_EQ(lines.size(), 2u);
+   EXPECT_EQ(lines[0].substr(0, 7), "#0 136:");
+   EXPECT_EQ(lines[1], "#1 392: 000000010000000b") << "generation 1 of slot 2";
+   demuxer.drain();
+   EXPECT_EQ(written(), (Lines{"#2 135: 00000002", "#2 258: 00", "#2 259: 0000000000000000", "#2 135: 00000001"}));
+   port->pllStatusIs(nullptr);
+   EXPECT_EQ(written(), Lines{"#1 392: 0000000000000000"});
+}
+
+TEST_F(OneAdapter, ADrainSaysWhereToGoOn) {
+   demuxer.out()->markIs(0);
+   port->refClockIs(1);
+   port->rollOffIs(0.5F);
+   port->wakeupTimeIs(2.0);
+   for (int key : {7, 2, 5})
+      port->initialIngressAmpIs(static_cast<CfpxHostChannel>(key), 1);
+   port->refClockIs(2); // merged
+   port->initialIngressAmpDel(CfpxHostChannel::channel2);
+   EXPECT_EQ(written(), Lines{});
+   demuxer.out()->markIs(1); // room for one record at a time
+   struct Step {
+      AttributeId start, next;
+      Lines lines;
+   };
+   Lines keys;
+   for (auto const& [start, next, lines] : std::vector<Step>{
+           {0, 291, {"#1 290: 4000000000000000"}},
+           {291, 389, {"#1 388: 00000002"}},
+           {389, 393, {"?"}},
+           {393, 393, {"?"}},
+           {393, 394, {"?"}},
+           {394, 395, {"#1 394: 3f000000"}},
+           {395, 0, {}},
+           {0, 0, {}},
+        }) {
+      SCOPED_TRACE(start);
+      EXPECT_EQ(sa->handleAttrFlowOut(start), next);
+      Lines const w = written();
+      if (lines == Lines{"?"})
+         keys.insert(keys.end(), w.begin(), w.end());
+      else
+         EXPECT_EQ(w, lines);
+   }
+   std::sort(keys.begin(), keys.end());
+   EXPECT_EQ(keys, (Lines{"#1 -393: 00000002", "#1 393: 0000000500000001", "#1 393: 0000000700000001"}));
+   EXPECT_FALSE(sa->flow()->hasDirtyAttributes());
+   demuxer.drain();
+   EXPECT_EQ(sa->flow(), nullptr) << "nothing owed, no flow";
+   EXPECT_EQ(sa->handleAttrFlowOut(0), 0u);
+}
+
+TEST_F(OneAdapter, AResendPausesAtAKeyAndMergesWhatChangesMeanwhile) {
+   for (int key : {1, 4, 8, 12})
+      port->calibrationIs(static_cast<CfpxHostChannel>(key), {static_cast<std::uint32_t>(key), 0, 0});
+   port->refClockIs(1);
+   written();
+   sa->owesAllIs();
+   demuxer.out()->markIs(1);
+   Lines all;
+   bool changed = false;
+   for (int i = 0; i < 200 && (demuxer.owes() || i == 0); ++i) {
+      demuxer.drain();
+      for (std::string& line : written()) {
+         bool const isFour = line.starts_with("#1 389: 00000004");
+         if (line.starts_with("#1 135") || line.starts_with("#1 389") || line.starts_with("#1 -389") ||
+             line.starts_with("#1 388"))
+            all.push_back(std::move(line));
+         if (isFour && !std::exchange(changed, true)) {
+            port->calibrationIs(CfpxHostChannel::channel12, {99, 0, 0}); // ahead: once, as it is by then
+            port->calibrationDel(CfpxHostChannel::channel1);             // behind: behind the end
+            port->calibrationDel(CfpxHostChannel::channel8);             // where the bookmark stands
+            port->refClockIs(2);                                         // below the cursor: a further round
+         }
+      }
+   }
+   Lines const expected{"#1 135: 00000002",
+                        "#1 388: 00000001",
+                        "#1 389 begin",
+                        "#1 389: 00000001000000010000000000000000",
+                        "#1 389: 00000004000000040000000000000000",
+                        "#1 389: 0000000c000000630000000000000000",
+                        "#1 389 end",
+                        "#1 -389: 00000001",
+                        "#1 -389: 00000008",
+                        "#1 135: 00000001",
+                        "#1 388: 00000002"};
+   EXPECT_EQ(all, expected);
+   EXPECT_EQ(demuxer.counters().belowCursor, 1u);
+   EXPECT_FALSE(demuxer.owes());
+}
+
+TEST_F(OneAdapter, ARecordGivenToItIsAnsweredWithTheLocalValue) {
+   port->refClockIs(5);
+   port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
+   written();
+   auto const feed = make<Out>("given");
+   feed->control(Hello{.name = "given"});
+   auto const record = [&](std::int32_t attribute, auto const&... values) {
+      Record r(*feed, {.entity = sa->entityId(), .attribute = attribute, .variable = 1});
+      ((*feed << values), ...);
+      r.close();
+   };
+   record(388, 77u);
+   record(389, 1, 7u, 7u, 7u);
+   record(-389, 1);
+   record(395, 1u);
+   record(std::numeric_limits<std::int32_t>::min(), 1u);
+   std::vector<int> known;
+   auto const given = make<In>("given");
+   given->consume(bytesOf(*feed), [&](In& frame) {
+      if (!frame.isControl())
+         known.push_back(sa->handleAttrDeserialization(frame.header().attribute, {}, 0, given));
+   });
+   EXPECT_EQ(known, (std::vector<int>{1, 1, 1, 0, 0}));
+   std::string const entry = "#1 389: 00000001000000010000000100000001";
+   EXPECT_EQ(written(), (Lines{"#1 388: 00000005", entry, entry}));
+   EXPECT_EQ(port->refClock(), 5u);
+   // The peer itself may not write here.
+   EXPECT_THROW(sa->handleAttrDeserialization(388, {}, 0, nullptr), InternalException);
+}
+
+} // namespace
+} // namespace Mox::NboAttrLog
