@@ -22,7 +22,8 @@ struct Plain {
 };
 
 // In turn, as a program does it: on a single object each change waits for the counts of the last to come back from memory.
-template <std::size_t objects> void ask(bench::Paired& paired, std::string const& name, std::size_t reactors, double target) {
+template <std::size_t objects>
+void ask(bench::Paired& paired, std::string const& name, std::size_t reactors, double target) {
    std::array<Ours, objects> ours;
    std::array<Plain, objects> plains;
    for (std::size_t o = 0; o < objects; ++o)

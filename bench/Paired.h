@@ -74,8 +74,8 @@ public:
       if (target != 0)
          std::snprintf(goal, sizeof goal, "%.1f%s", target, ratio <= target ? "" : " missed");
       std::printf("%-24s %7.2f %7.2f %7.2f  %-12s %9.2f %9.2f\n", std::string(question).c_str(), ratio,
-                  *std::min_element(ratios.begin(), ratios.end()), *std::max_element(ratios.begin(), ratios.end()), goal,
-                  median(oursNs), median(baselineNs));
+                  *std::min_element(ratios.begin(), ratios.end()), *std::max_element(ratios.begin(), ratios.end()),
+                  goal, median(oursNs), median(baselineNs));
       std::fflush(stdout);
    }
 

@@ -135,7 +135,8 @@ int main(int argc, char** argv) {
                bench::forget();
             }
       });
-   if (!link.right().failure().empty() || link.right().demuxer().counters().applied < batch) {
+   // Of all questions or of none: a program that was asked one side alone may have sent nothing.
+   if (!link.right().failure().empty() || (argc == 1 && link.right().demuxer().counters().applied < batch)) {
       std::fprintf(stderr, "records were not applied: %s\n", link.right().failure().c_str());
       return 1;
    }

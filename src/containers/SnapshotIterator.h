@@ -21,62 +21,52 @@ public:
    static constexpr std::size_t inlineCount = 16;
 
    /// \throws std::bad_alloc for more than `inlineCount` elements, before any reference is taken
-   explicit SnapshotIterator(List const& list) : count_(list.size()) {
-      if (count_ > inlineCount) [[unlikely]]
-         base_ = SnapshotStack::push(count_);
-      std::size_t i = 0;
+   [[gnu::always_inline]] explicit SnapshotIterator(List const& list)
+      : slots_(list.size() <= inlineCount ? inline_ : SnapshotStack::push(list.size())), at_(slots_) {
+      void** to = slots_;
       for (Element* e = list.first(); e != nullptr; e = e->moxNextInList()) {
          e->referenceInc();
-         slotIs(i++, e);
+         *to++ = e;
       }
-      current_ = list.first();
+      end_ = to;
    }
    SnapshotIterator(SnapshotIterator const&) = delete;
    SnapshotIterator& operator=(SnapshotIterator const&) = delete;
    static void* operator new(std::size_t) = delete;
 
-   ~SnapshotIterator() {
-      while (position_ != count_)
-         slot(position_++)->referenceDec();
-      if (count_ > inlineCount) [[unlikely]]
-         SnapshotStack::pop(base_);
+   [[gnu::always_inline]] ~SnapshotIterator() {
+      if (at_ != end_) [[unlikely]]
+         releaseRest(at_, end_);
+      if (slots_ != inline_) [[unlikely]]
+         SnapshotStack::pop(slots_);
    }
 
-   explicit operator bool() const noexcept { return current_ != nullptr; }
-   Element* get() const noexcept { return current_; }
-   Element& operator*() const noexcept { return *current_; }
-   Element* operator->() const noexcept { return current_; }
+   explicit operator bool() const noexcept { return at_ != end_; }
+   Element* get() const noexcept { return at_ == end_ ? nullptr : element(at_); }
+   Element& operator*() const noexcept { return *element(at_); }
+   Element* operator->() const noexcept { return element(at_); }
    /// Index of the current element in the snapshot; the snapshot's size at the end.
-   std::size_t position() const noexcept { return position_; }
-   std::size_t size() const noexcept { return count_; }
+   std::size_t position() const noexcept { return static_cast<std::size_t>(at_ - slots_); }
+   std::size_t size() const noexcept { return static_cast<std::size_t>(end_ - slots_); }
 
    /// Lets go of the current element and moves on to the next that somebody else still references.
-   void advance() noexcept {
-      do {
-         ++position_;
-         current_->referenceDec();
-         current_ = position_ == count_ ? nullptr : slot(position_);
-      } while (current_ != nullptr && current_->references() == 1);
+   [[gnu::always_inline]] void advance() noexcept {
+      do
+         element(at_++)->referenceDec();
+      while (at_ != end_ && element(at_)->references() == 1);
    }
 
 private:
-   Element* slot(std::size_t i) const noexcept {
-      if (count_ <= inlineCount) [[likely]]
-         return inline_[i];
-      return static_cast<Element*>(SnapshotStack::at(base_ + i));
-   }
-   void slotIs(std::size_t i, Element* element) noexcept {
-      if (count_ <= inlineCount) [[likely]]
-         inline_[i] = element;
-      else
-         SnapshotStack::at(base_ + i) = element;
+   static Element* element(void** at) noexcept { return static_cast<Element*>(*at); }
+   [[gnu::cold]] static void releaseRest(void** at, void** end) noexcept {
+      while (at != end)
+         element(at++)->referenceDec();
    }
 
-   Element* current_;
-   std::size_t position_ = 0;
-   std::size_t const count_;
-   std::size_t base_ = 0;
-   Element* inline_[inlineCount]; // left as it is: a pass over two elements must not pay for sixteen
+   void** slots_;
+   void** at_;
+   void** end_;
+   void* inline_[inlineCount]; // left as it is: a pass over two elements must not pay for sixteen
 };
 
 } // namespace Mox

@@ -7,46 +7,71 @@ namespace Mox {
 
 namespace {
 
-// Plain words, so that a pass that runs after this thread's destructors still finds a usable, empty stack.
-struct Storage {
-   void** slots;
-   std::size_t size;
-   std::size_t capacity;
+struct Block {
+   Block(Block* below, std::size_t size) : slots(new void*[size]), top(slots), end(slots + size), before(below) {}
+   Block(Block const&) = delete;
+   Block& operator=(Block const&) = delete;
+   ~Block() { delete[] slots; }
+
+   std::size_t left() const noexcept { return static_cast<std::size_t>(end - top); }
+
+   void** const slots;
+   void** top;
+   void** const end;
+   Block* before;
+   Block* behind = nullptr;
 };
-constinit thread_local Storage storage{nullptr, 0, 0};
+
+// Plain words, so that a pass that runs after this thread's destructors still finds a usable, empty stack.
+constinit thread_local Block* current = nullptr; // never an empty one above another
 
 struct Janitor {
    Janitor() noexcept {} // not trivial: touching it is what registers the destructor
    ~Janitor() {
-      delete[] std::exchange(storage.slots, nullptr);
-      storage.capacity = 0;
+      Block* block = std::exchange(current, nullptr);
+      while (block != nullptr && block->behind != nullptr)
+         block = block->behind;
+      while (block != nullptr)
+         delete std::exchange(block, block->before);
    }
    void touch() noexcept {}
 };
 thread_local Janitor janitor;
 
+/// The next block, all of it free.
+Block* blockBehind(std::size_t count) {
+   janitor.touch();
+   Block* const old = current != nullptr ? current->behind : nullptr;
+   if (old != nullptr && old->left() >= count)
+      return old;
+   std::size_t const below = current != nullptr ? static_cast<std::size_t>(current->end - current->slots) : 0;
+   auto* const block = new Block(current, std::max({std::size_t{64}, below * 2, count}));
+   if (old != nullptr) {
+      // Too small: the new one stands in for it.
+      block->behind = old->behind;
+      if (old->behind != nullptr)
+         old->behind->before = block;
+      delete old;
+   }
+   if (current != nullptr)
+      current->behind = block;
+   return block;
+}
+
 } // namespace
 
-std::size_t SnapshotStack::push(std::size_t count) {
-   std::size_t const base = storage.size;
-   if (count > storage.capacity - base) {
-      janitor.touch();
-      std::size_t const capacity = std::max({std::size_t{64}, storage.capacity * 2, base + count});
-      auto* const slots = new void*[capacity];
-      std::copy_n(storage.slots, base, slots);
-      delete[] std::exchange(storage.slots, slots);
-      storage.capacity = capacity;
-   }
-   storage.size = base + count;
-   return base;
+void** SnapshotStack::push(std::size_t count) {
+   if (current == nullptr || current->left() < count)
+      current = blockBehind(count);
+   void** const room = current->top;
+   current->top += count;
+   return room;
 }
 
-void SnapshotStack::pop(std::size_t base) noexcept {
-   storage.size = base;
-}
-
-void*& SnapshotStack::at(std::size_t index) noexcept {
-   return storage.slots[index];
+void SnapshotStack::pop(void** room) noexcept {
+   current->top = room;
+   if (room == current->slots && current->before != nullptr)
+      current = current->before;
 }
 
 } // namespace Mox

@@ -91,7 +91,7 @@ public:
 [[noreturn]] void throwInternalException(std::string_view text);
 
 /// Says that an exception of kind `id` is part of the plan until the scope ends, so that nobody reports it as a surprise.
-/// Identifier 0 expects nothing and costs nothing, which is what the delivery pass opens for each reactor.
+/// Identifier 0 expects nothing: a scope of it is none, which is why the delivery pass opens none for each reactor.
 class Expect {
 public:
    explicit Expect(unsigned id) noexcept : id_(id) {

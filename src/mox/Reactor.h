@@ -36,6 +36,11 @@ public:
    }
    /// Whether this is `other` or derives from it: one comparison.
    constexpr bool derivesFrom(ReactorClass const& other) const noexcept { return chain_[other.level_] == &other; }
+   /// The same, of a class that the compiler knows: it looks up no level.
+   template <class Interface> bool isOf() const noexcept {
+      constexpr unsigned level = Interface::reactorClass.level_;
+      return chain_[level] == &Interface::reactorClass;
+   }
 
    /// Exceptions of reactors of this class that the default `onNotificationException` has swallowed.
    std::uint64_t swallowedExceptions() const noexcept { return swallowed_.load(std::memory_order_relaxed); }
@@ -96,9 +101,7 @@ public:
    void isWeakReferenceIs(bool weak);
 
    ReactorClass const& moxClass() const noexcept { return *class_; }
-   template <class Interface> bool isOfClass() const noexcept {
-      return class_->derivesFrom(Interface::reactorClass);
-   }
+   template <class Interface> bool isOfClass() const noexcept { return class_->isOf<Interface>(); }
 
    // The list of the notifier.
    NotifieeConst* moxNextInList() const noexcept { return next_; }

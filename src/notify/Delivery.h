@@ -1,7 +1,6 @@
 #pragma once
 
 #include "containers/SnapshotIterator.h"
-#include "core/Exceptions.h"
 #include "mox/Entity.h"
 #include "notify/Mutators.h"
 
@@ -15,11 +14,11 @@ namespace Mox {
 /// *Exceptions*: what a notification throws goes to the same reactor's `onNotificationException`, while it is current; only what
 /// that throws leaves, and the reactors behind miss this notification.
 /// *Cost*: no allocation; one comparison per reactor for its interface.
-template <class A, class... Key> void deliver(typename A::Owner const& entity, Key const&... key) {
+template <class A, class... Key>
+[[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
    using Owner = typename A::Owner;
    for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(entity.moxReactors()); it; it.advance()) {
       try {
-         Expect const scope(0);
          // Reactors of a base interface, down to one that watches any entity, may stand on the same list.
          if (!(*it).template isOfClass<typename Owner::NotifieeConst>())
             continue;
