@@ -83,6 +83,15 @@ void Demuxer::cut() noexcept {
    }
    peer_.clear();
    syncing_ = 0;
+   // A former member without a parent is never bound again: the owner would announce it as another entity. Waiting for it would
+   // keep what refers to it from the peer, which may wait for that in turn.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
+      return slot.sa->isRoot() || slot.sa->isOrphan() || slot.entity->moxRawParent() != nullptr;
+   });
+   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
+   waiting_.erase(behind, waiting_.end());
+   for (PeerSlot& slot : gone)
+      release(slot);
    reidentified_.clear();
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = 0;
