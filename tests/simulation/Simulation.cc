@@ -2,7 +2,6 @@
 
 #include "mox/MoxType.h"
 
-#include <cstring>
 #include <iterator>
 
 namespace Simulation {
@@ -22,9 +21,16 @@ std::array<char const*, 13> const situations = {"pause inside a collection",
                                                 "announcement restarted",
                                                 "throwing reactor",
                                                 "new incarnation"};
-std::array<char const*, 10> const faults = {"cut",         "reconnect",          "new incarnation",  "stall",
-                                            "split storm", "allocation failure", "throwing reactor", "paused adapter",
-                                            "export closed", "remount"};
+std::array<char const*, 10> const faults = {"cut",
+                                            "reconnect",
+                                            "new incarnation",
+                                            "stall",
+                                            "split storm",
+                                            "allocation failure",
+                                            "throwing reactor",
+                                            "paused adapter",
+                                            "export closed",
+                                            "remount"};
 
 namespace {
 
@@ -254,7 +260,8 @@ void Run::cut(Words& words) {
    throwIfWrong();
    bool isInside = false;
    for (World& world : worlds_)
-      world.demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.flowIn() != attr::none; });
+      world.demuxer().forEachAdapter(
+         [&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.flowIn() != attr::none; });
    if (isInside)
       count("cut between begin and end");
    // One side may learn of it no sooner than with the next connection.
@@ -294,7 +301,8 @@ void Run::settle(char const* when) {
       bool const movedThere = carry(0, words, true);
       bool const moved = carry(1, words, true) || movedThere;
       throwIfWrong();
-      if (moved || !isUp_ || !pipes_[0].empty() || !pipes_[1].empty() || !worlds_[0].end().quiet() || !worlds_[1].end().quiet())
+      if (moved || !isUp_ || !pipes_[0].empty() || !pipes_[1].empty() || !worlds_[0].end().quiet() ||
+          !worlds_[1].end().quiet())
          continue;
       // Reactors may have made further entries that nobody was told of.
       bool const toldThere = worlds_[0].tellSilentOnes();
@@ -305,10 +313,10 @@ void Run::settle(char const* when) {
    std::string text = std::string("does not become quiet ") + when + ":";
    for (World& world : worlds_) {
       auto const f = world.demuxer().footprint();
-      text += std::string("\n   ") + world.side() + (world.end().isConnected() ? "" : " is not connected,") + (world.end().quiet() ? " is quiet" : " is not quiet") + ", flows " +
-              std::to_string(f.flows) + ", parked " + std::to_string(f.parked) + ", retirements " +
-              std::to_string(f.retirements) + ", pending " + std::to_string(f.bufferBytes) +
-              (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReports();
+      text += std::string("\n   ") + world.side() + (world.end().isConnected() ? "" : " is not connected,") +
+              (world.end().quiet() ? " is quiet" : " is not quiet") + ", flows " + std::to_string(f.flows) +
+              ", parked " + std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements) + ", pending " +
+              std::to_string(f.bufferBytes) + (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReports();
    }
    throw Divergence(text);
 }
@@ -320,19 +328,18 @@ void Run::finish() {
       world.mountAll();
    }
    settle("after the last change");
-   std::array<U64, 2> written{};
-   for (std::size_t side = 0; side < 2; ++side) {
-      World& world = worlds_[side];
+   for (World& world : worlds_) {
       world.checkMemory();
       auto const f = world.demuxer().footprint();
       if (f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting != 0)
-         throw Divergence(std::string("side ") + world.side() + " is quiet and still has flows " + std::to_string(f.flows) +
-                          ", dirty keys " + std::to_string(f.dirtyKeys) + ", parked " + std::to_string(f.parked) +
-                          ", retirements " + std::to_string(f.retirements) + ", waiting " + std::to_string(f.waiting));
+         throw Divergence(std::string("side ") + world.side() + " is quiet and still has flows " +
+                          std::to_string(f.flows) + ", dirty keys " + std::to_string(f.dirtyKeys) + ", parked " +
+                          std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements) + ", waiting " +
+                          std::to_string(f.waiting));
       for (Ptr<Entity> const& mirror : world.mirrors())
          if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
-            throw Divergence(std::string("side ") + world.side() + ": " + mirror->name().str() + " is " + Mox::textOf(state));
-      written[side] = world.demuxer().out()->recordsWritten();
+            throw Divergence(std::string("side ") + world.side() + ": " + mirror->name().str() + " is " +
+                             Mox::textOf(state));
    }
    compare(worlds_[0], worlds_[1]);
    compare(worlds_[1], worlds_[0]);
@@ -352,10 +359,11 @@ void Run::finish() {
    for (World& world : worlds_) {
       auto const f = world.demuxer().footprint();
       if (f.announced + f.mirrored + f.waiting + f.flows + f.parked + f.retirements != 0)
-         throw Divergence(std::string("side ") + world.side() + ": after all roots were closed there are left: announced " +
-                          std::to_string(f.announced) + ", mirrored " + std::to_string(f.mirrored) + ", waiting " +
-                          std::to_string(f.waiting) + ", flows " + std::to_string(f.flows) + ", parked " +
-                          std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements));
+         throw Divergence(std::string("side ") + world.side() +
+                          ": after all roots were closed there are left: announced " + std::to_string(f.announced) +
+                          ", mirrored " + std::to_string(f.mirrored) + ", waiting " + std::to_string(f.waiting) +
+                          ", flows " + std::to_string(f.flows) + ", parked " + std::to_string(f.parked) +
+                          ", retirements " + std::to_string(f.retirements));
    }
    isUp_ = false;
    for (World& world : worlds_)
@@ -370,15 +378,16 @@ void Run::finish() {
 
 void Run::compare(World& owner, World& mirror) {
    for (std::size_t which = 0; which < owner.roots().size(); ++which)
-      compareEntities(owner, *owner.roots()[which], mirror, *mirror.mirrors()[which], owner.roots()[which]->fullName().str());
+      compareEntities(owner, *owner.roots()[which], mirror, *mirror.mirrors()[which],
+                      owner.roots()[which]->fullName().str());
 }
 
 void Run::compareEntities(World& owner, Entity& truth, World& mirror, Entity& copy, std::string const& path) {
    if (!compared_.emplace(&truth, &copy).second)
       return;
    auto const fail = [&](std::string const& where, std::string const& ours, std::string const& theirs) {
-      throw Divergence(path + where + " is " + ours + " in " + owner.side() + " and " + theirs + " in " + mirror.side() + "\n" +
-                       owner.lastReports() + mirror.lastReports());
+      throw Divergence(path + where + " is " + ours + " in " + owner.side() + " and " + theirs + " in " +
+                       mirror.side() + "\n" + owner.lastReports() + mirror.lastReports());
    };
    if (truth.fwkType() != copy.fwkType()) {
       fail("", truth.fwkType()->name().str(), copy.fwkType()->name().str());
@@ -399,7 +408,8 @@ void Run::compareEntities(World& owner, Entity& truth, World& mirror, Entity& co
    compareCells(theirs);
    for (auto const& [cell, target] : ours.entities)
       if (auto const at = theirs.entities.find(cell); at != theirs.entities.end())
-         compareEntities(owner, *target, mirror, *at->second, path + "." + truth.attributeString(cell.attribute).str() + cell.key);
+         compareEntities(owner, *target, mirror, *at->second,
+                         path + "." + truth.attributeString(cell.attribute).str() + cell.key);
 }
 
 } // namespace Simulation

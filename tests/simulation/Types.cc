@@ -236,7 +236,8 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, Contex
    }
 }
 
-template <class X, class A, class... Key> void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key const&... key) {
+template <class X, class A, class... Key>
+void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key const&... key) {
    Cell const cell = cellOf(A::id, key...);
    auto put = [&](Entity* target) {
       into.cells[cell] = entityText(target);
@@ -258,7 +259,8 @@ template <class X, class A, class... Key> void snapshotCell(X& e, A, Snapshot& i
 /// Calls the context whenever it is notified.
 template <class X> class Reactor final : public X::template MoxForwarder<typename X::Notifiee, Reactor<X>> {
 public:
-   Reactor(int role, U64 word, unsigned budget, Context& context) : role_(role), word_(word), budget_(budget), context_(context) {}
+   Reactor(int role, U64 word, unsigned budget, Context& context)
+      : role_(role), word_(word), budget_(budget), context_(context) {}
 
    template <class A, class... Key> void forward(A, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
@@ -332,21 +334,24 @@ public:
             changeScalar<A>(e, words, context);
       };
       if (!withOne<X>(words, fits, change))
-         withOne<X>(words, [](auto) { return true; }, change);
+         withOne<X>(
+            words, [](auto) { return true; }, change);
    }
 
    bool changeWithoutMemory(Entity& entity, Words& words) const override {
       X& e = static_cast<X&>(entity);
       bool happened = false;
-      withOne<X>(words, [](auto a) { return a.kind == Mox::Kind::scalar; }, [&](auto a) {
-         using A = decltype(a);
-         if constexpr (A::kind == Mox::Kind::scalar) {
-            auto const value = makeValue<typename A::Value>(words);
-            FailedAllocation const failed;
-            A::put(e, value);
-            happened = FailedAllocation::hasHappened();
-         }
-      });
+      withOne<X>(
+         words, [](auto a) { return a.kind == Mox::Kind::scalar; },
+         [&](auto a) {
+            using A = decltype(a);
+            if constexpr (A::kind == Mox::Kind::scalar) {
+               auto const value = makeValue<typename A::Value>(words);
+               FailedAllocation const failed;
+               A::put(e, value);
+               happened = FailedAllocation::hasHappened();
+            }
+         });
       return happened;
    }
 
@@ -379,7 +384,8 @@ public:
       return most;
    }
 
-   Ptr<PtrInterface::NotifieeConst> react(Entity& entity, int role, U64 word, unsigned budget, Context& context) const override {
+   Ptr<PtrInterface::NotifieeConst> react(Entity& entity, int role, U64 word, unsigned budget,
+                                          Context& context) const override {
       return attach(make<Reactor<X>>(role, word, budget, context), static_cast<X&>(entity));
    }
 
@@ -402,10 +408,9 @@ template <class... Xs> std::map<MoxType const*, std::unique_ptr<Type>> table() {
 
 Type const& Type::of(Entity const& entity) {
    using namespace Hardware;
-   static auto const types =
-      table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
-            Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus,
-            Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
+   static auto const types = table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir,
+                                   ClariPhy::Cl10010StatusDir, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo,
+                                   Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
    return *types.at(entity.fwkType().get());
 }
 

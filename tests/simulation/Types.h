@@ -43,7 +43,8 @@ public:
    virtual void reacts(int role, Mox::U64 word, Mox::Entity& entity, Mox::Entity* member) = 0;
    // Histories.
    /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`.
-   virtual void told(Mox::Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) = 0;
+   virtual void told(Mox::Entity const& entity, Cell const& cell, std::string const* before,
+                     std::string const& now) = 0;
    virtual void seen(Mox::Entity& entity, bool isMember) = 0;
 };
 
@@ -66,8 +67,8 @@ public:
    /// 2 × members + 64, over all collections: how many keys may be dirty.
    virtual std::size_t mostDirtyKeys(Mox::Entity const& entity) const = 0;
    /// A weak reactor that calls `context.reacts`, at most `budget` times.
-   virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> react(Mox::Entity& entity, int role, Mox::U64 word, unsigned budget,
-                                                            Context& context) const = 0;
+   virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> react(Mox::Entity& entity, int role, Mox::U64 word,
+                                                            unsigned budget, Context& context) const = 0;
    /// A weak reactor that records; it is a `History`.
    virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> record(Mox::Entity& entity, Context& context) const = 0;
 

@@ -25,12 +25,18 @@ template <class V> V makeValue(Words& words) {
       auto const& rows = Mox::enumTable<V>.rows;
       return static_cast<V>(rows[words.below(rows.size())].number);
    } else if constexpr (std::floating_point<V>) {
-      V const values[] = {0, static_cast<V>(-0.0), std::numeric_limits<V>::quiet_NaN(), 1.5, -2.25,
-                          std::numeric_limits<V>::infinity(), std::numeric_limits<V>::denorm_min(),
+      V const values[] = {0,
+                          static_cast<V>(-0.0),
+                          std::numeric_limits<V>::quiet_NaN(),
+                          1.5,
+                          -2.25,
+                          std::numeric_limits<V>::infinity(),
+                          std::numeric_limits<V>::denorm_min(),
                           static_cast<V>(words.below(1000)) / 8};
       return values[words.below(std::size(values))];
    } else if constexpr (std::integral<V>) {
-      V const values[] = {0, 1, std::numeric_limits<V>::max(), std::numeric_limits<V>::min(), static_cast<V>(words.next())};
+      V const values[] = {0, 1, std::numeric_limits<V>::max(), std::numeric_limits<V>::min(),
+                          static_cast<V>(words.next())};
       return values[words.below(std::size(values))];
    } else if constexpr (std::derived_from<V, Mox::FloatValue>) {
       if constexpr (requires { V::max; })

@@ -233,7 +233,9 @@ Entity* World::mirror(Words& words) {
 }
 
 void World::addReactor(Words& words) {
-   Entity* const entity = words.chance(50) ? own(words) : words.chance(40) ? mirrors_[words.below(2)].get() : mirror(words);
+   Entity* const entity = words.chance(50)   ? own(words)
+                          : words.chance(40) ? mirrors_[words.below(2)].get()
+                                             : mirror(words);
    if (entity == nullptr)
       return;
    int const role = static_cast<int>(words.below(100));
@@ -286,7 +288,8 @@ void World::checkMemory() {
    std::size_t const bound = mark_ + 2048 + 1024 + 32 * f.slots;
    if (out.highWater() > bound)
       throw Divergence(std::string("side ") + side_ + ": the buffer held " + std::to_string(out.highWater()) +
-                       " bytes, at most " + std::to_string(bound) + " are allowed with a mark of " + std::to_string(mark_));
+                       " bytes, at most " + std::to_string(bound) + " are allowed with a mark of " +
+                       std::to_string(mark_));
    demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
       if (sa.flow() && sa.entity() != nullptr)
          if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
@@ -322,19 +325,20 @@ void World::checkHistories() {
       std::erase_if(told, [](auto const& cell) { return cell.second == "absent"; });
       for (auto const& [cell, text] : now.cells)
          if (auto const at = told.find(cell); at == told.end() || at->second != text)
-            throw Divergence("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
-                             cell.key + ": told " + (at == told.end() ? "absent" : at->second) + ", is " + text);
+            throw Divergence("history of " + entity->fullName().str() + "." +
+                             entity->attributeString(cell.attribute).str() + cell.key + ": told " +
+                             (at == told.end() ? "absent" : at->second) + ", is " + text);
       for (auto const& [cell, text] : told)
          if (!now.cells.contains(cell))
-            throw Divergence("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
-                             cell.key + ": told " + text + ", is absent");
+            throw Divergence("history of " + entity->fullName().str() + "." +
+                             entity->attributeString(cell.attribute).str() + cell.key + ": told " + text +
+                             ", is absent");
    }
 }
 
 std::size_t World::survivors() const {
-   return static_cast<std::size_t>(std::count_if(watchers_.begin(), watchers_.end(), [](auto const& w) {
-      return static_cast<bool>(w->notifier());
-   }));
+   return static_cast<std::size_t>(std::count_if(watchers_.begin(), watchers_.end(),
+                                                 [](auto const& w) { return static_cast<bool>(w->notifier()); }));
 }
 
 std::string World::lastReports() const {
@@ -400,8 +404,8 @@ void World::told(Entity const& entity, Cell const& cell, std::string const* befo
    if (wasRefused)
       run_.count("refused write put right");
    else
-      run_.wrong("told again: " + entity.fullName().str() + "." + entity.attributeString(cell.attribute).str() + cell.key +
-                 " is " + now + ", as it was");
+      run_.wrong("told again: " + entity.fullName().str() + "." + entity.attributeString(cell.attribute).str() +
+                 cell.key + " is " + now + ", as it was");
 }
 
 void World::seen(Entity& entity, bool isMember) {

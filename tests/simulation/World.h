@@ -51,7 +51,10 @@ public:
    void dropAll();
    void releaseHeld(Words& words);
    void adopt(Words& words);
-   void markIs(std::size_t bytes) { mark_ = bytes; end_->demuxer().out()->markIs(bytes); }
+   void markIs(std::size_t bytes) {
+      mark_ = bytes;
+      end_->demuxer().out()->markIs(bytes);
+   }
 
    // Choices.
    Entity* own(Words& words);

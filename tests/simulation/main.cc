@@ -74,7 +74,8 @@ int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
       if (report && !wrong.empty())
          std::cout << wrong << std::endl;
       int sort = 1;
-      for (char const* const what : {"told again", "history of", "become quiet", "is quiet and", "after all roots", " is ", "live"}) {
+      for (char const* const what :
+           {"told again", "history of", "become quiet", "is quiet and", "after all roots", " is ", "live"}) {
          if (wrong.find(what) != std::string::npos)
             break;
          ++sort;
