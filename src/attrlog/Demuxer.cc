@@ -212,8 +212,8 @@ void Demuxer::mirrorRootIs(Entity& root) {
    TypeOperations const* const operations = logOperationsOf(root);
    if (operations == nullptr)
       throwInternalException(std::string(std::string_view(root.fwkType()->name())) + " has no attribute log");
-   Ptr<Sa> const sa =
-      operations->adapter(root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
+   Ptr<Sa> const sa = operations->adapter(
+      root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    sa->isRootIs(true);
    waiting_.push_back({sa, Ptr<Entity>(&root), 0, false});
 }
@@ -543,7 +543,8 @@ void Demuxer::refreshesAsk() {
          std::vector<std::uint8_t> key;
          if (untold.mark.hasKey)
             sa->writeKey(untold.mark, key);
-         out_->control(Refresh{sa->entityId(), static_cast<std::int32_t>(untold.mark.attribute),
+         out_->control(Refresh{sa->entityId(),
+                               static_cast<std::int32_t>(untold.mark.attribute),
                                {reinterpret_cast<char const*>(key.data()), key.size()}});
          untold.isAsked = true;
          ++counters_.refreshesAsked;
@@ -738,7 +739,8 @@ void Demuxer::isNoMember(Entity& member) {
    Sa const* const sa = adapterOf(member);
    if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
       return;
-   auto const at = std::find_if(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return slot.entity == &member; });
+   auto const at =
+      std::find_if(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return slot.entity == &member; });
    if (at == waiting_.end())
       return;
    PeerSlot slot = std::move(*at);
@@ -825,7 +827,8 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
          std::uint32_t const count = in.nextU32();
          if (type > static_cast<std::uint8_t>(AttrTransactionType::end))
             throwRangeException("marker type " + std::to_string(type) + ": expected 0 to 2");
-         sa.handleAttrTransaction(static_cast<AttributeId>(header.attribute), static_cast<AttrTransactionType>(type), count);
+         sa.handleAttrTransaction(static_cast<AttributeId>(header.attribute), static_cast<AttrTransactionType>(type),
+                                  count);
          break;
       }
       case kind::value:

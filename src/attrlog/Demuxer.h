@@ -120,7 +120,8 @@ public:
    /// While a member is made for an announcement: the identifier that it is bound to, before any reactor of it runs.
    class DeserializingEidAnchor {
    public:
-      DeserializingEidAnchor(Demuxer& demuxer, EntityId id) noexcept : demuxer_(demuxer), outer_(demuxer.anchor_), id_(id) {
+      DeserializingEidAnchor(Demuxer& demuxer, EntityId id) noexcept
+         : demuxer_(demuxer), outer_(demuxer.anchor_), id_(id) {
          demuxer.anchor_ = this;
       }
       ~DeserializingEidAnchor() { demuxer_.anchor_ = outer_; }
@@ -142,13 +143,13 @@ public:
 
    /// What happened on this stream since it was made.
    struct Counters {
-      U64 applied = 0;               ///< records
-      U64 staleRecords = 0;          ///< for an identifier that has been retired
-      U64 staleReferences = 0;       ///< to an identifier that has been retired
-      U64 unknownEnums = 0;          ///< records dropped for an enumerator that this side lacks
-      U64 badValues = 0;             ///< records dropped for another value that this side can't hold
+      U64 applied = 0;         ///< records
+      U64 staleRecords = 0;    ///< for an identifier that has been retired
+      U64 staleReferences = 0; ///< to an identifier that has been retired
+      U64 unknownEnums = 0;    ///< records dropped for an enumerator that this side lacks
+      U64 badValues = 0;       ///< records dropped for another value that this side can't hold
       U64 unknownAttributes = 0;
-      U64 unknownTypes = 0;          ///< orphans of a type that this side lacks
+      U64 unknownTypes = 0; ///< orphans of a type that this side lacks
       U64 unknownKinds = 0;
       U64 refusedWrites = 0;         ///< of the peer, to what this side owns
       U64 tooLong = 0;               ///< records never sent, because the peer takes none of that length
@@ -166,8 +167,8 @@ public:
       U64 reusedSlots = 0;
       U64 refreshesAsked = 0;
       U64 refreshesAnswered = 0;
-      U64 renamedMembers = 0;        ///< a name announced under another identifier within the connection
-      U64 belowCursor = 0;           ///< marks set behind a flow's position, which a further round sends
+      U64 renamedMembers = 0; ///< a name announced under another identifier within the connection
+      U64 belowCursor = 0;    ///< marks set behind a flow's position, which a further round sends
    };
    Counters& counters() noexcept { return counters_; }
    Counters const& counters() const noexcept { return counters_; }

@@ -165,7 +165,8 @@ private:
       } else if (header.kind == kind::childLog) {
          if (!string<std::uint32_t>("name"))
             return;
-         while (left() > 8 && number<U64>("reference")) {}
+         while (left() > 8 && number<U64>("reference")) {
+         }
          number<U64>("member");
       } else if (header.entity == orphanAnnouncement) {
          sections();
@@ -190,7 +191,8 @@ private:
             break;
          limit_ = at_ + size;
          if (section == 1)
-            while (string<std::uint16_t>("type")) {}
+            while (string<std::uint16_t>("type")) {
+            }
          else if (section == 3)
             string<std::uint32_t>("name");
          else if (section == 4)

@@ -66,15 +66,15 @@ struct Hello {
    std::uint32_t magic = helloMagic;
    std::uint16_t major = majorVersion;
    std::uint16_t minor = minorVersion;
-   U64 incarnation = 0;                                  ///< random per process: tells "again" from "a new one"
-   std::uint32_t attempt = 0;                            ///< of one incarnation the higher replaces the lower
-   std::uint32_t maximumFrame = frame::defaultMaximum;   ///< longest frame taken, in bytes after the length word
-   std::uint32_t highestSlot = 0;                        ///< highest slot of an entity identifier
-   std::uint32_t window = 0;                             ///< most writes without an answer
-   std::uint32_t pingInterval = 0;                       ///< milliseconds
+   U64 incarnation = 0;                                ///< random per process: tells "again" from "a new one"
+   std::uint32_t attempt = 0;                          ///< of one incarnation the higher replaces the lower
+   std::uint32_t maximumFrame = frame::defaultMaximum; ///< longest frame taken, in bytes after the length word
+   std::uint32_t highestSlot = 0;                      ///< highest slot of an entity identifier
+   std::uint32_t window = 0;                           ///< most writes without an answer
+   std::uint32_t pingInterval = 0;                     ///< milliseconds
    U64 features = 0;
    std::uint8_t digestKind = digestFnv1a;
-   std::string_view name;                                ///< for messages; at most 255 bytes
+   std::string_view name; ///< for messages; at most 255 bytes
    static void fields(auto& self, auto& field) {
       field("magic", self.magic);
       field("major", self.major);
@@ -144,7 +144,7 @@ struct Mounted {
    MountState state = MountState::refused;
    MountMode mode = MountMode::readOnly; ///< what was granted
    Reason reason = Reason::none;
-   EntityId entity;                      ///< the root's identifier; null until the mount is open
+   EntityId entity; ///< the root's identifier; null until the mount is open
    static void fields(auto& self, auto& field) {
       field("handle", self.handle);
       field("state", self.state);
@@ -203,8 +203,8 @@ struct ConfirmedAt {
    }
 };
 
-using ControlFrames = std::tuple<Hello, Acknowledgement, Refused, Mount, Unmount, Mounted, Retire, Refresh, Ping, Pong,
-                                 ConfirmedAt>;
+using ControlFrames =
+   std::tuple<Hello, Acknowledgement, Refused, Mount, Unmount, Mounted, Retire, Refresh, Ping, Pong, ConfirmedAt>;
 
 template <class C>
 concept ControlFrame = requires {

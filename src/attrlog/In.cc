@@ -169,10 +169,10 @@ void In::checkLength(std::uint32_t word) {
       throwBroken("a frame of " + std::to_string(length) + " bytes, at most " + std::to_string(most) + " are taken");
    if (control && (word & frame::writeBit) != 0)
       throwBroken("a control frame with the mark of a write");
-   std::size_t const least = ((word & frame::extensionBit) != 0 ? 1 : 0) +
-                             (control ? frame::controlHeadSize
-                                      : frame::headerSize + frame::tokensSize +
-                                           ((word & frame::writeBit) != 0 ? frame::baseSize : 0));
+   std::size_t const least =
+      ((word & frame::extensionBit) != 0 ? 1 : 0) +
+      (control ? frame::controlHeadSize
+               : frame::headerSize + frame::tokensSize + ((word & frame::writeBit) != 0 ? frame::baseSize : 0));
    if (length < least)
       throwBroken("a frame of " + std::to_string(length) + " bytes, expected at least " + std::to_string(least));
 }

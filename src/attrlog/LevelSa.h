@@ -40,7 +40,8 @@ public:
 /// The dirty keys of one collection, in the collection's own kind of container and so in its order.
 template <class A> struct DirtyKeys {
    using Entry = DirtyKey<A>;
-   using Map = std::conditional_t<isHashed<A>, HashMap<Entry, typename A::Key, bool>, RbTreeMap<Entry, typename A::Key, bool>>;
+   using Map =
+      std::conditional_t<isHashed<A>, HashMap<Entry, typename A::Key, bool>, RbTreeMap<Entry, typename A::Key, bool>>;
    Map map;
    std::size_t gone = 0;
 };
@@ -92,7 +93,9 @@ public:
    template <class A> void dirtyKeyDel(A, typename A::Key const& key);
    template <class A> void dirtyKeysDelAll(A);
    /// Null while no key of the attribute was ever dirty on this flow.
-   template <class A> DirtyKeys<A>* keys(A) const noexcept { return std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).get(); }
+   template <class A> DirtyKeys<A>* keys(A) const noexcept {
+      return std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).get();
+   }
 
    /// The first attribute from `id` on of which anything is owed; past the last when there is none.
    AttributeId nextPending(AttributeId id) const noexcept;
@@ -151,10 +154,12 @@ protected:
    /// The change handler of attribute `A`: writes a record now, or marks what has changed.
    template <class A, class... Key> void changed(A, Key const&... key);
    /// The child's adapter on this stream, made if it is missing, and its announcement. Null where the announcement was given up.
-   template <class A> Ptr<Entity::MoxNboAttrLogSa> childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child);
+   template <class A>
+   Ptr<Entity::MoxNboAttrLogSa> childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child);
    /// As a member's announcer is called from outside: the adapter's own stream is the one.
    template <class A>
-   auto childAdapterIs(A a, Mox_BitSet flags, Ptr<typename A::Entry> const& child, unsigned, Ptr<Out> const&, PtrInterface*) {
+   auto childAdapterIs(A a, Mox_BitSet flags, Ptr<typename A::Entry> const& child, unsigned, Ptr<Out> const&,
+                       PtrInterface*) {
       return staticCast<typename A::Entry::MoxNboAttrLogSa>(childAdapterIs(a, flags, child));
    }
    /// The child's adapter on this stream, told to remount.
@@ -216,6 +221,7 @@ template <class X> TypeOperations const* typeOperations();
 
 /// `X::moxNboAttrLogSaIs`: finds, updates or makes the adapter of `entity` on `out`. \throws RangeException "null ValidPtr"
 template <class X>
-Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned sequence, Ptr<Out> const& out, PtrInterface* parent);
+Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned sequence, Ptr<Out> const& out,
+                                       PtrInterface* parent);
 
 } // namespace Mox::NboAttrLog

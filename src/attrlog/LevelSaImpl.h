@@ -14,7 +14,8 @@ namespace Mox::NboAttrLog {
 // LevelFlow -------------------------------------------------------------------------------------------------------------
 
 template <class X> LevelFlow<X>::LevelFlow(AttributeId startAttribute) : Base(startAttribute) {
-   X::MoxAttributes::forEach([&](auto a) { dirtyBitIs(a, a.isKeyed ? startAttribute > a.id : startAttribute <= a.id); });
+   X::MoxAttributes::forEach(
+      [&](auto a) { dirtyBitIs(a, a.isKeyed ? startAttribute > a.id : startAttribute <= a.id); });
 }
 
 template <class X> bool LevelFlow<X>::hasDirtyAttributes() const {
@@ -53,9 +54,7 @@ template <class X> AttributeId LevelFlow<X>::nextPending(AttributeId id) const n
    return X::moxLastAttribute + 1;
 }
 
-template <class X>
-template <class A>
-DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, typename A::Key const& key, bool dirty) {
+template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, typename A::Key const& key, bool dirty) {
    auto& k = std::get<std::unique_ptr<DirtyKeys<A>>>(keys_);
    if (!k)
       k = std::make_unique<DirtyKeys<A>>();
@@ -107,9 +106,8 @@ template <class Container> std::size_t buckets(Container const& cell) {
 }
 
 template <class X> void writeParameters(Entity const& entity, Out& out, Demuxer& demuxer) {
-   X::MoxParameters::forEach([&](auto p) {
-      out.put(demuxer.entityIdFor(p.cell(static_cast<X const&>(entity)).get()));
-   });
+   X::MoxParameters::forEach(
+      [&](auto p) { out.put(demuxer.entityIdFor(p.cell(static_cast<X const&>(entity)).get())); });
 }
 
 template <class X> void announceParameters(Entity const& entity, Demuxer& demuxer) {
@@ -308,7 +306,8 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A a, Mox_BitSet flags, P
    }
    bool const isNew = !sa;
    if (isNew) {
-      sa = typeOperations<typename A::Entry>()->adapter(*child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, demuxer);
+      sa = typeOperations<typename A::Entry>()->adapter(*child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak},
+                                                        demuxer);
       sa->moxOnInit();
    } else {
       sa->notificationFlagsIs({flags.bits | StreamAdapter::weak});
@@ -582,7 +581,8 @@ template <class X> void LevelSa<X>::doNotification(AttributeId id, void* key) {
 }
 
 template <class X>
-int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count, Ptr<In> const& in) {
+int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count,
+                                          Ptr<In> const& in) {
    AttributeId const id = attributeOf(aid);
    if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
       return Base::handleAttrDeserialization(aid, options, count, in);
@@ -640,11 +640,14 @@ template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRem
             A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
             return;
          }
-         apply(a, [&, &entity = object()] {
-            A::put(entity, key, value); // whose reactors may unmount the mirror: no `object()` behind it
-            if (auto* const entry = A::cell(entity).find(key))
-               entry->moxMarkedForDeletionIs(false);
-         }, key);
+         apply(
+            a,
+            [&, &entity = object()] {
+               A::put(entity, key, value); // whose reactors may unmount the mirror: no `object()` behind it
+               if (auto* const entry = A::cell(entity).find(key))
+                  entry->moxMarkedForDeletionIs(false);
+            },
+            key);
          return;
       }
    }
@@ -660,11 +663,13 @@ template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A:
          return;
       Ptr<Entity> const member(A::cell(object()).find(key));
       Demuxer& demuxer = *this->demuxer_;
-      apply(a, [&] { A::drop(object(), key); }, key);
+      apply(
+         a, [&] { A::drop(object(), key); }, key);
       if (member)
          demuxer.isNoMember(*member);
    } else {
-      apply(a, [&] { A::drop(object(), key); }, key);
+      apply(
+         a, [&] { A::drop(object(), key); }, key);
    }
 }
 
@@ -680,15 +685,16 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    demuxer.checkAnnounced(id);
    auto& cell = A::cell(object());
    if (auto* const present = cell.find(name))
-      if (auto* const sa = demuxer.adapterOf(*present); sa != nullptr && sa->entityId().isAssigned() &&
-                                                        sa->entityId() != Demuxer::ofPeer(id)) {
+      if (auto* const sa = demuxer.adapterOf(*present);
+          sa != nullptr && sa->entityId().isAssigned() && sa->entityId() != Demuxer::ofPeer(id)) {
          // The name was announced under another identifier on this connection: this is another entity.
          ++demuxer.counters().renamedMembers;
          dropHere(a, name);
       }
    typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id);
    auto const instantiate = [&] {
-      apply(a, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
+      apply(
+         a, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
    };
    {
       Expect const scope(NameInUseException::kind);
@@ -750,7 +756,8 @@ template <class X> void LevelSa<X>::tellUntold(Mark const& m) {
    if (!visitAttribute<X>(m.attribute, [&](auto a) {
           using A = decltype(a);
           if constexpr (A::isKeyed)
-             apply(a, [] {}, m.template as<typename A::Key>());
+             apply(
+                a, [] {}, m.template as<typename A::Key>());
           else
              apply(a, [] {});
        }))

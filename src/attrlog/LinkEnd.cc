@@ -88,7 +88,8 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
 }
 
 void LinkEnd::unmount(Name const& name) {
-   auto const at = std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.mirror->moxName() == name; });
+   auto const at =
+      std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.mirror->moxName() == name; });
    if (at == mounts_.end())
       return;
    Mount const mount = std::move(*at);
@@ -238,9 +239,8 @@ void LinkEnd::on(NboAttrLog::Mount const& mount) {
       demuxer_.out()->control(Mounted{mount.handle, MountState::refused, MountMode::readOnly, reason, {}});
    };
    Name const name(mount.name);
-   bool const isKnown = std::any_of(requests_.begin(), requests_.end(), [&](Request const& r) {
-      return r.handle == mount.handle || r.name == name;
-   });
+   bool const isKnown = std::any_of(requests_.begin(), requests_.end(),
+                                    [&](Request const& r) { return r.handle == mount.handle || r.name == name; });
    if (isKnown || requests_.size() >= mostRequests) {
       refuse(Reason::limit);
       return;
@@ -256,8 +256,7 @@ void LinkEnd::answer(Request& request) {
       if (root->moxName() != request.name)
          continue;
       if (Demuxer::Sa const* const sa = demuxer_.adapterOf(*root); sa != nullptr && !sa->isOrphan()) {
-         demuxer_.out()->control(
-            Mounted{request.handle, MountState::refused, MountMode::readOnly, Reason::limit, {}});
+         demuxer_.out()->control(Mounted{request.handle, MountState::refused, MountMode::readOnly, Reason::limit, {}});
          request.isRefused = true;
          return;
       }
@@ -276,8 +275,8 @@ void LinkEnd::answer(Request& request) {
 }
 
 void LinkEnd::on(Unmount const& unmount) {
-   auto const at = std::find_if(requests_.begin(), requests_.end(),
-                                [&](Request const& r) { return r.handle == unmount.handle; });
+   auto const at =
+      std::find_if(requests_.begin(), requests_.end(), [&](Request const& r) { return r.handle == unmount.handle; });
    if (at == requests_.end())
       return;
    Ptr<Entity> const root = at->root;

@@ -101,10 +101,9 @@ void Out::endSection(std::uint8_t const* end) noexcept {
 }
 
 void Out::transactionMarker(EntityId entity, AttributeId attribute, AttrTransactionType type, std::uint32_t count) {
-   Record record(*this, {.entity = entity,
-                         .attribute = static_cast<std::int32_t>(attribute),
-                         .variable = 1,
-                         .kind = kind::marker});
+   Record record(
+      *this,
+      {.entity = entity, .attribute = static_cast<std::int32_t>(attribute), .variable = 1, .kind = kind::marker});
    put(static_cast<unsigned char>(type));
    put(count);
    record.close();
@@ -129,8 +128,7 @@ std::uint8_t* Out::controlRoom(ControlKind kind, std::size_t size) {
 }
 
 bool Out::hasPending() const noexcept {
-   return overtakingHead_ != overtakingTail_ || head_ != writtenEnd() ||
-          (bytesSent_ != 0 && (ping_ || pong_));
+   return overtakingHead_ != overtakingTail_ || head_ != writtenEnd() || (bytesSent_ != 0 && (ping_ || pong_));
 }
 
 std::span<std::uint8_t const> Out::pending() noexcept {

@@ -81,9 +81,7 @@ public:
    U64 recordsWritten() const noexcept { return recordsWritten_; }
 
    /// Body bytes of the open record so far, token and sections included: a position for `bytesSince`.
-   std::size_t column() const noexcept {
-      return record_ != nullptr ? static_cast<std::size_t>(tail_ - record_) : 0;
-   }
+   std::size_t column() const noexcept { return record_ != nullptr ? static_cast<std::size_t>(tail_ - record_) : 0; }
    /// What was written into the open record since it stood at `column`. Valid until something more is written.
    std::span<std::uint8_t const> bytesSince(std::size_t column) const noexcept { return {record_ + column, tail_}; }
 
@@ -220,19 +218,19 @@ private:
    [[noreturn]] void throwTextTooLong(std::size_t size, std::size_t most) const;
 
    std::unique_ptr<std::uint8_t[]> buffer_;
-   std::uint8_t* head_ = nullptr;   ///< first unsent byte
-   std::uint8_t* tail_ = nullptr;   ///< end of what is written
-   std::uint8_t* limit_ = nullptr;  ///< end of the room for a body: `tail_` while no record is open, so one check does
+   std::uint8_t* head_ = nullptr;  ///< first unsent byte
+   std::uint8_t* tail_ = nullptr;  ///< end of what is written
+   std::uint8_t* limit_ = nullptr; ///< end of the room for a body: `tail_` while no record is open, so one check does
    std::uint8_t* end_ = nullptr;
    std::uint8_t* record_ = nullptr; ///< first byte of the open record
    std::size_t mark_ = defaultMark;
    U64 recordsWritten_ = 0;
    std::uint32_t peerMaximum_ = frame::defaultMaximum;
-   std::size_t section_ = 0;        ///< where the open section's length stands, from `record_`; 0 for no section
-   std::size_t peak_ = 0;           ///< most bytes pending since the buffer was last empty
+   std::size_t section_ = 0; ///< where the open section's length stands, from `record_`; 0 for no section
+   std::size_t peak_ = 0;    ///< most bytes pending since the buffer was last empty
    std::size_t highWater_ = 0;
-   std::size_t need_ = 0;           ///< what bursts of late have needed; forgotten slowly
-   std::size_t frameRest_ = 0;      ///< bytes left of the frame that `head_` stands inside of; 0 at a boundary
+   std::size_t need_ = 0;      ///< what bursts of late have needed; forgotten slowly
+   std::size_t frameRest_ = 0; ///< bytes left of the frame that `head_` stands inside of; 0 at a boundary
    U64 bytesSent_ = 0;
 
    std::optional<U64> ping_;
@@ -240,7 +238,7 @@ private:
    std::array<std::uint8_t, 2 * tokenFrameSize> overtaking_{};
    std::size_t overtakingHead_ = 0;
    std::size_t overtakingTail_ = 0;
-   std::size_t offered_ = 0;        ///< size of what `pending()` returned last
+   std::size_t offered_ = 0; ///< size of what `pending()` returned last
    bool offeredOvertaking_ = false;
 
    std::string name_;
@@ -284,8 +282,7 @@ concept Writable = requires(Out& out, T const& v) { out.put(v); };
 
 namespace Mox {
 
-template <NboAttrLog::Writable T>
-Ptr<NboAttrLog::Out> const& operator<<(Ptr<NboAttrLog::Out> const& out, T const& v) {
+template <NboAttrLog::Writable T> Ptr<NboAttrLog::Out> const& operator<<(Ptr<NboAttrLog::Out> const& out, T const& v) {
    out->put(v);
    return out;
 }

@@ -267,7 +267,8 @@ Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaForMsgChannel(Ptr<MoxNboAttr
    return nullptr; // no stream of this framework carries message channels
 }
 
-Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet, unsigned, Ptr<NboAttrLog::Out> const& out, PtrInterface*) {
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet, unsigned, Ptr<NboAttrLog::Out> const& out,
+                                                       PtrInterface*) {
    ValidPtr<NboAttrLog::Out> const valid(out);
    throwInternalException(std::string(std::string_view(fwkType()->name())) + " has no attribute log: " + valid->name());
 }

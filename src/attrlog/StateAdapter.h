@@ -55,17 +55,17 @@ enum class SyncMode : unsigned { none = 0, live = 1, resend = 2 };
 class StreamAdapter : public PtrInterface {
 public:
    // State flags: the bits that the library tests or sets.
-   static constexpr std::uint32_t readOnlyCopy = 0x4;        ///< bit 2: the entity is a mirror that only its owner writes
-   static constexpr std::uint32_t readOnlyProxy = 0x8;       ///< bit 3: the peer may not write
-   static constexpr std::uint32_t applying = 0x10;           ///< bit 4: this adapter's own application runs innermost
+   static constexpr std::uint32_t readOnlyCopy = 0x4;  ///< bit 2: the entity is a mirror that only its owner writes
+   static constexpr std::uint32_t readOnlyProxy = 0x8; ///< bit 3: the peer may not write
+   static constexpr std::uint32_t applying = 0x10;     ///< bit 4: this adapter's own application runs innermost
    static constexpr std::uint32_t suppressed = 0x20 | 0x100; ///< bits 5 and 8: nothing is written or marked
    static constexpr std::uint32_t weak = 0x40;               ///< bit 6: the entity is not kept alive
    static constexpr std::uint32_t inert = 0x2000;            ///< bit 13
-   static constexpr std::uint32_t flowOutMode = 0x100000;    ///< bit 20: write only into free buffer, else through a flow
-   static constexpr std::uint32_t draining = 0x400000;       ///< bit 22: a scheduled flow-out is being handled
-   static constexpr std::uint32_t noReannounce = 0x2000000;  ///< bit 25: an announced member is not announced again
-   static constexpr std::uint32_t serializing = 0x4000000;   ///< bit 26: clear until the announcement has been committed
-   static constexpr std::uint32_t alwaysDefer = 0x8000000;   ///< bit 27
+   static constexpr std::uint32_t flowOutMode = 0x100000; ///< bit 20: write only into free buffer, else through a flow
+   static constexpr std::uint32_t draining = 0x400000;    ///< bit 22: a scheduled flow-out is being handled
+   static constexpr std::uint32_t noReannounce = 0x2000000; ///< bit 25: an announced member is not announced again
+   static constexpr std::uint32_t serializing = 0x4000000;  ///< bit 26: clear until the announcement has been committed
+   static constexpr std::uint32_t alwaysDefer = 0x8000000;  ///< bit 27
    /// Bits that an adapter keeps when it is handed new flags.
    static constexpr std::uint32_t ownBits = 0x5700000;
    /// Bits that a child does not inherit from its parent's adapter.

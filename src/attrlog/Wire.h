@@ -114,7 +114,8 @@ namespace Mox {
 
 /// The writers of the value types: `out << v` for everything that has a `Wire`.
 template <class T>
-   requires(!NboAttrLog::Writable<T>) && requires(NboAttrLog::Out& out, T const& v) { NboAttrLog::Wire<T>::write(out, v); }
+   requires(!NboAttrLog::Writable<T>) &&
+           requires(NboAttrLog::Out& out, T const& v) { NboAttrLog::Wire<T>::write(out, v); }
 Ptr<NboAttrLog::Out> const& operator<<(Ptr<NboAttrLog::Out> const& out, T const& v) {
    NboAttrLog::Wire<T>::write(*out, v);
    return out;

@@ -13,10 +13,18 @@ namespace Mox {
 namespace detail {
 
 template <std::size_t size> struct BitsOfSize;
-template <> struct BitsOfSize<1> { using Type = std::uint8_t; };
-template <> struct BitsOfSize<2> { using Type = std::uint16_t; };
-template <> struct BitsOfSize<4> { using Type = std::uint32_t; };
-template <> struct BitsOfSize<8> { using Type = std::uint64_t; };
+template <> struct BitsOfSize<1> {
+   using Type = std::uint8_t;
+};
+template <> struct BitsOfSize<2> {
+   using Type = std::uint16_t;
+};
+template <> struct BitsOfSize<4> {
+   using Type = std::uint32_t;
+};
+template <> struct BitsOfSize<8> {
+   using Type = std::uint64_t;
+};
 
 template <std::unsigned_integral Bits> constexpr Bits reversedBytes(Bits bits) noexcept {
    if constexpr (sizeof(Bits) == 8)

@@ -19,13 +19,13 @@ constexpr AttributeId firstAttributeId(unsigned level) noexcept {
 
 /// Identifiers of the framework's own levels.
 namespace attr {
-inline constexpr AttributeId zeroReferences = 5;       ///< the notification when the last reference goes
-inline constexpr AttributeId name = 130;               ///< `Entity::name`
-inline constexpr AttributeId parent = 131;             ///< `Entity::parent`
-inline constexpr AttributeId syncMode = 135;           ///< record: a peer opens or closes the resend of an entity
-inline constexpr AttributeId orphan = 136;             ///< record: an entity announced without a parent
-inline constexpr AttributeId wrapped = 144;            ///< record: an attribute wrapped with a payload length
-inline constexpr AttributeId childLog = 151;           ///< header kind of a member's announcement
+inline constexpr AttributeId zeroReferences = 5; ///< the notification when the last reference goes
+inline constexpr AttributeId name = 130;         ///< `Entity::name`
+inline constexpr AttributeId parent = 131;       ///< `Entity::parent`
+inline constexpr AttributeId syncMode = 135;     ///< record: a peer opens or closes the resend of an entity
+inline constexpr AttributeId orphan = 136;       ///< record: an entity announced without a parent
+inline constexpr AttributeId wrapped = 144;      ///< record: an attribute wrapped with a payload length
+inline constexpr AttributeId childLog = 151;     ///< header kind of a member's announcement
 inline constexpr AttributeId hasAttrLogInterface = 154;
 inline constexpr AttributeId none = 0;
 inline constexpr AttributeId owesNothing = 0x7fffffff; ///< start of a flow that owes no attribute

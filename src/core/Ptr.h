@@ -89,7 +89,7 @@ protected:
    static constexpr std::uint32_t entityFlag = 0x04000000;
    static constexpr std::uint32_t reactorFlag = 0x08000000;
    static constexpr std::uint32_t markedForDeletionFlag = 0x10000000;
-   static constexpr std::uint32_t activeFlag = 0x20000000;              ///< reactor: notification active
+   static constexpr std::uint32_t activeFlag = 0x20000000;               ///< reactor: notification active
    static constexpr std::uint32_t registeredWhenPausedFlag = 0x40000000; ///< reactor: registered before deactivation
    static constexpr std::uint32_t dyingFlag = 0x80000000; ///< the last reference has gone, or the destructor runs
 
@@ -179,7 +179,8 @@ template <class T, class U> bool operator==(Ptr<T> const& a, U* b) noexcept {
 
 /// Creates a counted object; the returned reference is its creator's.
 template <class T, class... Args> Ptr<T> make(Args&&... args) {
-   static_assert(std::derived_from<T, PtrInterface>, "Mox::make creates counted objects: derive from Mox::PtrInterface");
+   static_assert(std::derived_from<T, PtrInterface>,
+                 "Mox::make creates counted objects: derive from Mox::PtrInterface");
    return Ptr<T>::adopt(::new T(std::forward<Args>(args)...));
 }
 

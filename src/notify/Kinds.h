@@ -29,11 +29,13 @@ template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct Attrib
    static constexpr unsigned bit = id_ - firstAttributeId(id_ / 128);
 };
 
-template <class Owner, AttributeId id, class Value> using ScalarAttribute = AttributeBase<Kind::scalar, Owner, id, Value>;
+template <class Owner, AttributeId id, class Value>
+using ScalarAttribute = AttributeBase<Kind::scalar, Owner, id, Value>;
 /// A scalar that can be deleted: back to its default.
 template <class Owner, AttributeId id, class Value>
 using OptionalAttribute = AttributeBase<Kind::optional, Owner, id, Value>;
-template <class Owner, AttributeId id, class Value> using CounterAttribute = AttributeBase<Kind::counter, Owner, id, Value>;
+template <class Owner, AttributeId id, class Value>
+using CounterAttribute = AttributeBase<Kind::counter, Owner, id, Value>;
 /// Counted reference to an entity that the owner does not own; `Target` may be const.
 template <class Owner, AttributeId id, class Target_>
 struct ReferenceAttribute : AttributeBase<Kind::reference, Owner, id, Ptr<Target_>> {

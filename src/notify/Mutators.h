@@ -33,8 +33,7 @@ template <class A> inline void scalarIs(typename A::Owner& entity, typename A::V
 }
 
 /// Adds modulo the width of the type; signed counters wrap in two's complement. Counts a touch, never a change.
-template <class A>
-inline typename A::Value counterInc(typename A::Owner& entity, typename A::Value const& delta) {
+template <class A> inline typename A::Value counterInc(typename A::Owner& entity, typename A::Value const& delta) {
    using Value = typename A::Value;
    using Unsigned = std::make_unsigned_t<Value>;
    entity.moxTouchCountInc();
@@ -68,7 +67,8 @@ template <class A> inline void keyNotify(typename A::Owner const& entity, typena
 
 /// Puts a new entry into the map, in the place of a present one with that key. Counts and tells nothing.
 template <class A>
-Ptr<typename A::Entry> newMapEntry(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
+Ptr<typename A::Entry> newMapEntry(typename A::Owner& entity, typename A::Key const& key,
+                                   typename A::Value const& value) {
    auto entry = make<typename A::Entry>(key, value);
    A::cell(entity).insert(entry);
    return entry;

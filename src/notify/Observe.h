@@ -47,7 +47,8 @@ private:
 
 namespace detail {
 
-template <class X> using InterfaceFor = std::conditional_t<std::is_const_v<X>, typename X::NotifieeConst, typename X::Notifiee>;
+template <class X>
+using InterfaceFor = std::conditional_t<std::is_const_v<X>, typename X::NotifieeConst, typename X::Notifiee>;
 
 template <class X, class A, class Call, class... Key> constexpr bool takes = std::invocable<Call&, X&, Key const&...>;
 
@@ -100,10 +101,12 @@ template <class Reactor, class X, class Call> Watch watch(Ptr<X> const& entity, 
 /// watches a `Ptr<X const>` is handed an `X const&`.
 /// \throws RangeException "null ValidPtr" for a null entity
 template <class X, class A, class Call> [[nodiscard]] Watch on(Ptr<X> const& entity, A, Call call) {
-   static_assert(requires { typename A::Owner; }, "Mox::on takes an attribute, as in Cl10010Config::Attr::rollOff");
+   static_assert(
+      requires { typename A::Owner; }, "Mox::on takes an attribute, as in Cl10010Config::Attr::rollOff");
    static_assert(std::derived_from<std::remove_const_t<X>, typename A::Owner>,
                  "Mox::on: the attribute is none of this entity's type or its bases");
-   return detail::watch<detail::AttributeWatch<X, A, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)), std::move(call));
+   return detail::watch<detail::AttributeWatch<X, A, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)),
+                                                            std::move(call));
 }
 
 /// Calls `call(entity, identifier)` after each change of any attribute.

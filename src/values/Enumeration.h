@@ -40,9 +40,7 @@ constexpr EnumTable<count> enumeration(std::string_view type,
 ///     constexpr Fan FanInstance(std::uint32_t number) { return Mox::enumInstance<Fan>(number); }
 ///     using Mox::EnumText::operator<<;
 template <class E>
-concept Enumeration = std::is_enum_v<E> && requires {
-   moxEnum(E{});
-};
+concept Enumeration = std::is_enum_v<E> && requires { moxEnum(E{}); };
 
 template <Enumeration E> inline constexpr auto enumTable = moxEnum(E{});
 

@@ -1,5 +1,5 @@
-#include "attrlog/Digest.h"
 #include "attrlog/Frames.h"
+#include "attrlog/Digest.h"
 #include "attrlog/In.h"
 #include "attrlog/Out.h"
 
@@ -138,7 +138,7 @@ TEST(FrameReading, EverySplitShowsTheSameFrames) {
    for (unsigned round = 0; round != 300; ++round) {
       SCOPED_TRACE(round);
       std::size_t const most = round == 0 ? 1 : 1 + random() % 200;
-      bool const nested = round % 3 == 1; // bytes come in while a frame is being handled
+      bool const nested = round % 3 == 1;  // bytes come in while a frame is being handled
       bool const thrower = round % 3 == 2; // the handler throws now and then, and the reader goes on
       auto in = make<In>("peer");
       std::vector<std::string> frames;
@@ -417,21 +417,52 @@ TEST(Control, EachKindHasItsBytesAndComesBackFromThem) {
          EXPECT_HAS(text, ", got " + std::to_string(size));
       }
    };
-   check(Hello{.minor = 2, .incarnation = 3, .attempt = 4, .maximumFrame = 0x1000, .highestSlot = 6, .window = 7,
-               .pingInterval = 8, .features = 9, .digestKind = 10, .name = "me"},
-         "4b53544c" "0001" "0002" "0000000000000003" "00000004" "00001000" "00000006" "00000007" "00000008"
-         "0000000000000009" "0a" "026d65");
+   check(Hello{.minor = 2,
+               .incarnation = 3,
+               .attempt = 4,
+               .maximumFrame = 0x1000,
+               .highestSlot = 6,
+               .window = 7,
+               .pingInterval = 8,
+               .features = 9,
+               .digestKind = 10,
+               .name = "me"},
+         "4b53544c"
+         "0001"
+         "0002"
+         "0000000000000003"
+         "00000004"
+         "00001000"
+         "00000006"
+         "00000007"
+         "00000008"
+         "0000000000000009"
+         "0a"
+         "026d65");
    check(Acknowledgement{1ull << 40 | 2}, "0000010000000002");
-   check(Refused{3, Reason::badValue, "no"}, "0000000000000003" "0003" "0000" "00026e6f");
-   check(Mount{4, MountMode::readWrite, "config"}, "00000004" "01" "000000" "0006636f6e666967");
+   check(Refused{3, Reason::badValue, "no"}, "0000000000000003"
+                                             "0003"
+                                             "0000"
+                                             "00026e6f");
+   check(Mount{4, MountMode::readWrite, "config"}, "00000004"
+                                                   "01"
+                                                   "000000"
+                                                   "0006636f6e666967");
    check(Unmount{5}, "00000005");
-   check(Mounted{6, MountState::open, MountMode::readWrite, Reason::limit, port},
-         "00000006" "02" "01" "0007" "0000000700000015");
+   check(Mounted{6, MountState::open, MountMode::readWrite, Reason::limit, port}, "00000006"
+                                                                                  "02"
+                                                                                  "01"
+                                                                                  "0007"
+                                                                                  "0000000700000015");
    check(Retire{port}, "0000000700000015");
-   check(Refresh{port, -389, std::string_view("\0\0\0\3", 4)}, "0000000700000015" "fffffe7b" "0004" "00000003");
+   check(Refresh{port, -389, std::string_view("\0\0\0\3", 4)}, "0000000700000015"
+                                                               "fffffe7b"
+                                                               "0004"
+                                                               "00000003");
    check(Ping{7}, "0000000000000007");
    check(Pong{8}, "0000000000000008");
-   check(ConfirmedAt{9, 10}, "00000009" "000000000000000a");
+   check(ConfirmedAt{9, 10}, "00000009"
+                             "000000000000000a");
    EXPECT_EQ(std::tuple_size_v<ControlFrames>, 11u) << "a kind without its row above";
 }
 
@@ -675,12 +706,18 @@ TEST(Document, ExamplesAreWhatTheWritersWrite) {
        }},
       {"A hello",
        [&](Out& o) {
-          o.control(Hello{.incarnation = 0x0123456789abcdef, .attempt = 1, .highestSlot = 65535, .window = 64,
-                          .pingInterval = 5000, .name = "driver"});
+          o.control(Hello{.incarnation = 0x0123456789abcdef,
+                          .attempt = 1,
+                          .highestSlot = 65535,
+                          .window = 64,
+                          .pingInterval = 5000,
+                          .name = "driver"});
        }},
       {"An acknowledgement", [&](Out& o) { o.control(Acknowledgement{12}); }},
       {"A mount that is open",
-       [&](Out& o) { o.control(Mounted{1, MountState::open, MountMode::readOnly, Reason::none, directory}); }},
+       [&](Out& o) {
+          o.control(Mounted{1, MountState::open, MountMode::readOnly, Reason::none, directory});
+       }},
    };
    std::ifstream file(WIRE_FORMAT_DOCUMENT);
    std::string const document{std::istreambuf_iterator<char>(file), {}};

@@ -120,7 +120,8 @@ TEST(Dying, ADirectoryDeletesItsMembersWithNotificationsFromHeapAndStack) {
    class DirWatch : public Cl10010ConfigDir::Notifiee {
    public:
       void onPhyConfig(Mox::Name name) override {
-         log.push_back(std::string(std::string_view(name)) + (notifier()->phyConfig().contains(name) ? " added" : " gone"));
+         log.push_back(std::string(std::string_view(name)) +
+                       (notifier()->phyConfig().contains(name) ? " added" : " gone"));
       }
       void onZeroReferences() override { log.push_back("zero references"); }
       Log log;

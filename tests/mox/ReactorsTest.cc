@@ -20,7 +20,8 @@ using Mox::Ptr;
 /// Appends its letter to a text when it is told.
 class Letter : public Gpo::Notifiee {
 public:
-   Letter(std::string& text, char letter, bool isAdapter = false) : text_(text), letter_(letter), isAdapter_(isAdapter) {}
+   Letter(std::string& text, char letter, bool isAdapter = false)
+      : text_(text), letter_(letter), isAdapter_(isAdapter) {}
    bool isStreamAdapter() const override { return isAdapter_; }
    void onAsserted() override { text_ += letter_; }
 
@@ -72,16 +73,20 @@ TEST_F(Registering, AdaptersStandAtTheHeadAndOthersInOrder) {
            {"pause the adapter s", [&] { s->hasNotificationActiveIs(false); }, "tba"},
            {"resume s, which goes to the head", [&] { s->hasNotificationActiveIs(true); }, "stba"},
            {"deregister b", [&] { b->isRegisteredNotifieeIs(false); }, "sta"},
-           {"pause and resume b: not registered before", [&] {
+           {"pause and resume b: not registered before",
+            [&] {
                b->hasNotificationActiveIs(false);
                b->hasNotificationActiveIs(true);
-            }, "sta"},
+            },
+            "sta"},
            {"register b", [&] { b->isRegisteredNotifieeIs(true); }, "stab"},
            {"destroy a", [&] { a = nullptr; }, "stb"},
-           {"destroy the paused t", [&] {
+           {"destroy the paused t",
+            [&] {
                t->hasNotificationActiveIs(false);
                t = nullptr;
-            }, "sb"},
+            },
+            "sb"},
            {"detach s", [&] { s->notifierIs(nullptr); }, "b"},
         }) {
       SCOPED_TRACE(what);
@@ -126,13 +131,14 @@ TEST(NotificationExceptions, TheDefaultSwallowsCountsAndTellsTheHook) {
    faulty->notifierIs(gpo);
    faulty->isRegisteredNotifieeIs(true);
    std::vector<std::string> heard;
-   Mox::PtrInterface::NotifieeConst::exceptionHookIs([&](Mox::PtrInterface::NotifieeConst const& r, Mox::AttributeId id) {
-      try {
-         throw; // it is current
-      } catch (std::exception const& e) {
-         heard.push_back(std::string(std::string_view(r.name())) + " " + std::to_string(id) + " " + e.what());
-      }
-   });
+   Mox::PtrInterface::NotifieeConst::exceptionHookIs(
+      [&](Mox::PtrInterface::NotifieeConst const& r, Mox::AttributeId id) {
+         try {
+            throw; // it is current
+         } catch (std::exception const& e) {
+            heard.push_back(std::string(std::string_view(r.name())) + " " + std::to_string(id) + " " + e.what());
+         }
+      });
    auto const inProcess = Mox::PtrInterface::NotifieeConst::swallowedExceptions();
    auto const inClass = Gpo::NotifieeConst::reactorClass.swallowedExceptions();
    auto const inOther = Fru::IntCtrl::NotifieeConst::reactorClass.swallowedExceptions();
@@ -208,9 +214,9 @@ TEST(Paths, NameEveryStepThatIsNotPlain) {
       char const* parentAttribute;
    };
    for (auto const& [entity, path, parentAttribute] : {
-           Case{rack, "/rack 1%2Fleft", ""},
-           Case{dir, "/rack 1%2Fleft/power supply/%", "power supply"},
-           Case{member, "/rack 1%2Fleft/power supply/%/100%25", "phyConfig"}, // a directory's only collection goes unsaid
+           Case{rack, "/rack 1%2Fleft", ""}, Case{dir, "/rack 1%2Fleft/power supply/%", "power supply"},
+           Case{member, "/rack 1%2Fleft/power supply/%/100%25",
+                "phyConfig"}, // a directory's only collection goes unsaid
         }) {
       EXPECT_EQ(entity->uriPath(), path);
       EXPECT_EQ(entity->fullName(), path);
@@ -245,7 +251,8 @@ TEST(Types, AreFoundByNameWithTheirBases) {
    }
    EXPECT_EQ(Mox::MoxType::find("Fru::Nothing"), nullptr);
    EXPECT_EQ(make<Gpo>("reset")->fwkType(), Mox::MoxType::find("Fru::Gpo"));
-   EXPECT_THROW(make<Mox::MoxType>("Fru::Gpo", Mox::Entity::_fwkType(), Mox::EntityOperations{}), Mox::InternalException);
+   EXPECT_THROW(make<Mox::MoxType>("Fru::Gpo", Mox::Entity::_fwkType(), Mox::EntityOperations{}),
+                Mox::InternalException);
    EXPECT_EQ(Gpo::_fwkType(), Mox::MoxType::find("Fru::Gpo")) << "the first registration stands";
 }
 

@@ -1,5 +1,5 @@
-#include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
 #include "siblings/GpoReactor.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +30,9 @@ public:
    void onRollOff() override { told("rollOff " + std::to_string(notifier()->rollOff().value).substr(0, 4)); }
    void onRxSkewH() override { told("rxSkewH"); }
    void onRefClock() override { told("refClock"); }
-   void onCalibration(Xcvr::CfpxHostChannel key) override { told("calibration " + std::to_string(static_cast<int>(key))); }
+   void onCalibration(Xcvr::CfpxHostChannel key) override {
+      told("calibration " + std::to_string(static_cast<int>(key)));
+   }
    void onCalibration() override { told("keyless"); }
    void onCalibrationmoxImmediate() override { told("immediate"); }
    void onWakeupTime() override { told("wakeupTime"); }
@@ -90,7 +92,7 @@ TEST_F(Delivery, APassGoesOverTheReactorsThatStoodThereWhenItBegan) {
       d = added("d");                   // not in this pass
       b->isRegisteredNotifieeIs(false); // still in it: somebody holds it
       c->isLast = true;
-      c = nullptr;                      // nobody holds it: passed over
+      c = nullptr; // nobody holds it: passed over
    };
    port->refClockIs(1);
    EXPECT_EQ(log, (Log{"a refClock", "b refClock", "c dies"}));
@@ -153,7 +155,8 @@ TEST_F(Delivery, OnlyReactorsOfTheTypeHearOfItsOwnAttributes) {
    auto const base = make<Base>(log);
    auto const cousin = make<Cousin>(log);
    auto const any = make<Any>();
-   for (Ptr<Mox::PtrInterface::NotifieeConst> const& r : {Ptr<Mox::PtrInterface::NotifieeConst>(base), {cousin}, {any}}) {
+   for (Ptr<Mox::PtrInterface::NotifieeConst> const& r :
+        {Ptr<Mox::PtrInterface::NotifieeConst>(base), {cousin}, {any}}) {
       r->notifierIs(port);
       r->isRegisteredNotifieeIs(true);
    }

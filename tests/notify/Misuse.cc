@@ -6,7 +6,8 @@ using Hardware::ClariPhy::Cl10010Config;
 
 void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> const& readOnly) {
    auto const a = Mox::on(port, Cl10010Config::Attr::wakeupTime, [](Cl10010Config& c) { c.refClockIs(1); });
-   auto const b = Mox::on(readOnly, Cl10010Config::Attr::calibration, [](Cl10010Config const&, Xcvr::CfpxHostChannel) {});
+   auto const b =
+      Mox::on(readOnly, Cl10010Config::Attr::calibration, [](Cl10010Config const&, Xcvr::CfpxHostChannel) {});
 #if defined(ForeignAttribute)
    auto const w = Mox::on(port, Fru::Gpo::Attr::asserted, [](Cl10010Config const&) {});
 #elif defined(NoAttribute)

@@ -1,6 +1,6 @@
+#include "notify/Observe.h"
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
-#include "notify/Observe.h"
 
 #include <gtest/gtest.h>
 
@@ -39,7 +39,8 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
       static_assert(std::is_const_v<std::remove_reference_t<decltype(c)>>);
       log.push_back("rxSkewV of " + std::string(std::string_view(c.name())));
    });
-   auto const inherited = Mox::on(port, Cl10010Config::Attr::wakeupTime, [&](Cl10010Config&) { log.push_back("wakeupTime"); });
+   auto const inherited =
+      Mox::on(port, Cl10010Config::Attr::wakeupTime, [&](Cl10010Config&) { log.push_back("wakeupTime"); });
    auto const keyed = Mox::on(port, Cl10010Config::Attr::initialIngressAmp, [&](Cl10010Config& c, CfpxHostChannel key) {
       log.push_back("amplitude " + std::to_string(c.initialIngressAmp(key).number()));
    });
@@ -54,9 +55,10 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
    EXPECT_EQ(any, (std::vector<Mox::AttributeId>{391, 394, 290, 393, 393}));
 
    auto const dir = make<Cl10010ConfigDir>("config");
-   auto const members = Mox::on(dir, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& d, Mox::Name const& name) {
-      log.push_back(std::string(std::string_view(name)) + (d.phyConfig().contains(name) ? " is there" : " is gone"));
-   });
+   auto const members =
+      Mox::on(dir, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& d, Mox::Name const& name) {
+         log.push_back(std::string(std::string_view(name)) + (d.phyConfig().contains(name) ? " is there" : " is gone"));
+      });
    auto const parent = Mox::on(port, Cl10010Config::Attr::parent, [&](Cl10010Config&) { log.push_back("parent"); });
    log.clear();
    dir->phyConfigIs("x");
