@@ -1,9 +1,9 @@
 // One entity and one stream, without a peer: what is marked, drained and written.
 
+#include "Peer.h"
 #include "attrlog/Demuxer.h"
 #include "entities/Cl10010ConfigLog.h"
 #include "entities/Cl10010StatusDirLog.h"
-#include "Peer.h"
 #include "siblings/LedConfig.h"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,8 @@ TEST(Flow, OwesWhatStandsAtOrBehindItsStart) {
       EXPECT_EQ(flow->hasSynced(Attr::initialIngressAmp), amplitudeSynced);
       EXPECT_EQ(flow->dirtyBit(Attr::rollOff), rollOff);
       using BaseFlow = LevelFlow<Hardware::Phy::PhyConfig>;
-      EXPECT_EQ(static_cast<BaseFlow&>(*flow).dirtyBit(Hardware::Phy::PhyConfig::Attr::configReady), start == attr::none);
+      EXPECT_EQ(static_cast<BaseFlow&>(*flow).dirtyBit(Hardware::Phy::PhyConfig::Attr::configReady),
+                start == attr::none);
    }
    // More attributes than one word has bits.
    auto const status = make<Cl10010Status::MoxNboAttrLogSa::FlowOut>(447u);
@@ -80,7 +81,8 @@ struct OneAdapter : testing::Test {
       demuxer.opened();
       demuxer.reportIs([this](std::string const& text) { reports.push_back(text); });
       demuxer.out()->control(Hello{.name = "stream"});
-      sa = port->moxNboAttrLogSaIs({StreamAdapter::readOnlyProxy | StreamAdapter::serializing}, 0, demuxer.out(), nullptr);
+      sa = port->moxNboAttrLogSaIs({StreamAdapter::readOnlyProxy | StreamAdapter::serializing}, 0, demuxer.out(),
+                                   nullptr);
       written();
    }
    Lines written() { return linesOf(*in, bytesOf(*demuxer.out())); }
@@ -125,12 +127,15 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
            {[&] { port->diagsModeEpochInc(7); }, {"#1 295: 00000007"}},
            {[&] { port->overrideEthIntfConfigIs(5); }, {"#1 297: 00000005"}},
            {[&] { port->overrideEthIntfConfigDel(); }, {"#1 297: 00000000"}},
-           {[&] { port->calibrationIs(CfpxHostChannel::channel3, {1, 2, 3}); },
+           {[&] {
+               port->calibrationIs(CfpxHostChannel::channel3, {1, 2, 3});
+            },
             {"#1 389: 00000003000000010000000200000003"}},
            {[&] { port->calibrationDel(CfpxHostChannel::channel3); }, {"#1 -389: 00000003"}},
            {[&] { port->calibrationDel(CfpxHostChannel::channel3); }, {}},
            {[&] { port->initialIngressAmpIs(CfpxHostChannel::channel15, 9); }, {"#1 393: 0000000f00000009"}},
-           {[&] { port->calibrationNotify(CfpxHostChannel::channel4); }, {"#1 -389: 00000004"}}, // absent is what is said
+           {[&] { port->calibrationNotify(CfpxHostChannel::channel4); },
+            {"#1 -389: 00000004"}}, // absent is what is said
            {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
            {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
            {[&] { port->newCalibration(CfpxHostChannel::channel9, {}); }, {}}, // raw: nobody is told
@@ -140,7 +145,8 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
    }
    EXPECT_EQ(demuxer.counters().withoutLog, 2u);
    ASSERT_EQ(reports.size(), 1u) << "once per type";
-   EXPECT_NE(reports[0].find("stream \"stream\": references to Hardware::Led::LedConfig travel as null"), std::string::npos)
+   EXPECT_NE(reports[0].find("stream \"stream\": references to Hardware::Led::LedConfig travel as null"),
+             std::string::npos)
       << reports[0];
 
    // A reference: its target is announced before, and told whole behind.

@@ -66,7 +66,8 @@ TEST_F(Told, WhatItCannotHoldIsCountedAndNamedAndTheConnectionGoesOn) {
             ", /config/port.rollOff (394): RollOff::value < RollOff::min"},
            {"a NaN where there is none", [&] { peer.record(member, 394, std::numeric_limits<float>::quiet_NaN()); },
             &C::badValues, "rollOff (394)"},
-           {"an enumerator of later", [&] { peer.record(member, 294, 99u); }, &C::unknownEnums, ", /config/port.diagsMode (294): "},
+           {"an enumerator of later", [&] { peer.record(member, 294, 99u); }, &C::unknownEnums,
+            ", /config/port.diagsMode (294): "},
            {"a key that is no enumerator", [&] { peer.record(member, 389, 16u, 1u, 1u, 1u); }, &C::unknownEnums,
             ", /config/port.calibration (389): "},
            {"the loss of such a key", [&] { peer.record(member, -389, 16u); }, &C::unknownEnums, "calibration (389): "},
@@ -81,32 +82,40 @@ TEST_F(Told, WhatItCannotHoldIsCountedAndNamedAndTheConnectionGoesOn) {
            {"an attribute of later", [&] { peer.record(member, 395, 1u); }, &C::unknownAttributes, nullptr},
            {"one between two levels", [&] { peer.record(member, 269, 1u); }, &C::unknownAttributes, nullptr},
            {"the lowest number", [&] { peer.record(member, lowest, 1u); }, &C::unknownAttributes, nullptr},
-           {"a record of an unknown kind", [&] {
+           {"a record of an unknown kind",
+            [&] {
                Record r(*peer.out, {.entity = member, .attribute = 388, .variable = 1, .kind = 77});
                r.close();
-            }, &C::unknownKinds, nullptr},
-           {"a marker of an unknown type", [&] {
+            },
+            &C::unknownKinds, nullptr},
+           {"a marker of an unknown type",
+            [&] {
                Record r(*peer.out, {.entity = member, .attribute = lowest, .variable = 1, .kind = kind::marker});
                *peer.out << static_cast<unsigned char>(9) << 0u;
                r.close();
-            }, &C::badValues, "marker type 9"},
+            },
+            &C::badValues, "marker type 9"},
            {"a marker of no collection", [&] { peer.out->transactionMarker(member, 388, AttrTransactionType::begin); },
             nullptr, nullptr},
-           {"an end without a begin", [&] { peer.out->transactionMarker(member, 389, AttrTransactionType::end); }, nullptr,
+           {"an end without a begin", [&] { peer.out->transactionMarker(member, 389, AttrTransactionType::end); },
+            nullptr, nullptr},
+           {"an identifier that nobody announced", [&] { peer.record(Peer::id(40), 388, 1u); }, &C::staleRecords,
             nullptr},
-           {"an identifier that nobody announced", [&] { peer.record(Peer::id(40), 388, 1u); }, &C::staleRecords, nullptr},
            {"another generation", [&] { peer.record(Peer::id(2, 9), 388, 1u); }, &C::staleRecords, nullptr},
-           {"a write to what this side owns", [&] { peer.record(EntityId::assigned(3, 0, 1), 388, 1u); }, &C::refusedWrites,
-            ": write-update from readonly proxy refused"},
-           {"an orphan of a type of later", [&] { peer.announce({"Later::Thing"}, "x", Peer::id(3)); }, &C::unknownTypes,
-            ": entity of unknown type Later::Thing"},
+           {"a write to what this side owns", [&] { peer.record(EntityId::assigned(3, 0, 1), 388, 1u); },
+            &C::refusedWrites, ": write-update from readonly proxy refused"},
+           {"an orphan of a type of later", [&] { peer.announce({"Later::Thing"}, "x", Peer::id(3)); },
+            &C::unknownTypes, ": entity of unknown type Later::Thing"},
            {"and a record of it", [&] { peer.record(Peer::id(3), 388, 1u); }, &C::unknownTypes, nullptr},
            {"an orphan without parameters that it needs",
             [&] { peer.announce({"Hardware::ClariPhy::Cl10010Status"}, "x", Peer::id(4)); }, &C::badValues,
             ": orphan announcement: "},
            {"an orphan's record of another attribute", [&] { peer.record(orphanAnnouncement, 388, 1u); },
             &C::unknownAttributes, nullptr},
-           {"a refresh of what this side has not", [&] { peer.out->control(Refresh{EntityId::assigned(9, 0, 1), 388, "x"}); },
+           {"a refresh of what this side has not",
+            [&] {
+               peer.out->control(Refresh{EntityId::assigned(9, 0, 1), 388, "x"});
+            },
             nullptr, nullptr},
         }) {
       SCOPED_TRACE(what);
@@ -142,23 +151,28 @@ TEST_F(Told, WhatBreaksTheProtocolEndsThisConnectionOnly) {
    };
    auto const announce = [&](EntityId id) { return [this, id] { announceMember("more", id); }; };
    for (auto const& [what, say, text] : std::vector<Case>{
-           {"this side's identifier", announce(EntityId::assigned(5, 0, 1)), "not an identifier of the announcing side"},
+           {"this side's identifier", announce(EntityId::assigned(5, 0, 1)),
+            "not an identifier of the announcing side"},
            {"null", announce({}), "not an identifier of the announcing side"},
            {"the reserved one", announce(orphanAnnouncement), "not an identifier of the announcing side"},
            {"a slot far ahead", announce(Peer::id(5000)), "expected a slot below "},
            {"a slot past all", announce(Peer::id(Demuxer::highestSlot + 1)), "expected slots up to 16777215"},
            {"a new generation of a slot in use", announce(Peer::id(2, 2)), "the slot is in use under generation 1"},
-           {"a generation used before", [&] {
+           {"a generation used before",
+            [&] {
                announceMember("gone", Peer::id(3, 5));
                peer.out->control(Retire{Peer::id(3, 5)});
                announceMember("gone", Peer::id(3, 5));
-            }, "the slot has been used up to generation 5"},
-           {"a root under this side's identifier", [&] { peer.grant(1, EntityId::assigned(5, 0, 1)); }, "announcing side"},
+            },
+            "the slot has been used up to generation 5"},
+           {"a root under this side's identifier", [&] { peer.grant(1, EntityId::assigned(5, 0, 1)); },
+            "announcing side"},
            {"a retirement of this side's identifier", [&] { peer.out->control(Retire{EntityId::assigned(1, 0, 1)}); },
             "which is not its own"},
            {"a record of a slot past all", [&] { peer.record(Peer::id(Demuxer::highestSlot + 1), 388, 1u); },
             "expected up to 16777215"},
-           {"an acknowledgement of what was not sent", [&] { peer.out->control(Acknowledgement{1}); }, "acknowledges 1"},
+           {"an acknowledgement of what was not sent", [&] { peer.out->control(Acknowledgement{1}); },
+            "acknowledges 1"},
            {"a second hello", [&] { peer.out->control(Hello{.highestSlot = 1, .name = "again"}); }, "a second hello"},
         }) {
       SCOPED_TRACE(what);
@@ -304,7 +318,8 @@ TEST(Damage, AnyBytesEndInARecordASkipOrAClosedConnection) {
       for (auto [at, size] : frames) {
          if (below(40) == 0) // another frame, once more, or none
             std::tie(at, size) = frames[below(frames.size())];
-         Bytes one(good.begin() + static_cast<std::ptrdiff_t>(at), good.begin() + static_cast<std::ptrdiff_t>(at + size));
+         Bytes one(good.begin() + static_cast<std::ptrdiff_t>(at),
+                   good.begin() + static_cast<std::ptrdiff_t>(at + size));
          if (below(15) == 0 && size > 8)
             for (std::size_t flips = 1 + below(3); flips-- > 0;) {
                std::size_t const where = isWhole ? 4 + below(size - 5) : below(size);
@@ -320,9 +335,8 @@ TEST(Damage, AnyBytesEndInARecordASkipOrAClosedConnection) {
       auto const states = end.mount<Cl10010StatusDir>("status");
       auto const ours = make<Cl10010ConfigDir>("ours");
       end.exportRoot(ours);
-      auto const watch = on(mirror, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir&, Name const& name) {
-         ours->phyConfigIs(name);
-      });
+      auto const watch = on(mirror, Cl10010ConfigDir::Attr::phyConfig,
+                            [&](Cl10010ConfigDir&, Name const& name) { ours->phyConfigIs(name); });
       end.connected();
       for (std::size_t at = 0; at < bytes.size();) {
          std::size_t const n = std::min(bytes.size() - at, 1 + below(2000));

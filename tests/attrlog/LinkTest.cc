@@ -70,30 +70,59 @@ TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
    auto& counters = link.right().demuxer().counters();
    struct Case {
       char const* what;
-      std::function<void()> write;      ///< here, and for some at the owner meanwhile
+      std::function<void()> write; ///< here, and for some at the owner meanwhile
       std::function<bool()> stands;
       char const* thrown;
-      Lines told;                       ///< once, when the owner's value is back
+      Lines told; ///< once, when the owner's value is back
    };
    for (auto const& [what, write, stands, thrown, told] : std::vector<Case>{
-           {"a scalar", [&] { mirror->refClockIs(9); }, [&] { return mirror->refClock() == 9; },
-            "/config/port.refClock is read-only here", {"refClock"}},
-           {"one that the owner changes to the same", [&] {
+           {"a scalar",
+            [&] { mirror->refClockIs(9); },
+            [&] { return mirror->refClock() == 9; },
+            "/config/port.refClock is read-only here",
+            {"refClock"}},
+           {"one that the owner changes to the same",
+            [&] {
                port->refClockIs(11);
                mirror->refClockIs(11);
-            }, [&] { return mirror->refClock() == 11; }, "refClock is read-only", {"refClock"}},
-           {"one of the base", [&] { mirror->wakeupTimeIs(3); }, [&] { return mirror->wakeupTime() == 3; },
-            "wakeupTime is read-only", {"wakeupTime"}},
-           {"an increment", [&] { mirror->diagsModeEpochInc(1); }, [&] { return mirror->diagsModeEpoch() == 1; },
-            "diagsModeEpoch is read-only", {"diagsModeEpoch"}},
-           {"a key", [&] { mirror->calibrationIs(CfpxHostChannel::channel1, {2, 2, 2}); },
-            [&] { return mirror->calibration(CfpxHostChannel::channel1).gain == 2; }, "calibration is", {"calibration"}},
-           {"a key that the owner does not have", [&] { mirror->calibrationIs(CfpxHostChannel::channel0, {2, 2, 2}); },
-            [&] { return mirror->calibration().size() == 2; }, "calibration is", {"calibration"}},
-           {"the loss of a key", [&] { mirror->calibrationDel(CfpxHostChannel::channel1); },
-            [&] { return mirror->calibration().empty(); }, "calibration is", {"calibration"}},
-           {"a member", [&] { theirs->phyConfigIs("mine"); }, [&] { return theirs->phyConfig().contains("mine"); },
-            "/config.phyConfig is read-only", {"mine gone"}},
+            },
+            [&] { return mirror->refClock() == 11; },
+            "refClock is read-only",
+            {"refClock"}},
+           {"one of the base",
+            [&] { mirror->wakeupTimeIs(3); },
+            [&] { return mirror->wakeupTime() == 3; },
+            "wakeupTime is read-only",
+            {"wakeupTime"}},
+           {"an increment",
+            [&] { mirror->diagsModeEpochInc(1); },
+            [&] { return mirror->diagsModeEpoch() == 1; },
+            "diagsModeEpoch is read-only",
+            {"diagsModeEpoch"}},
+           {"a key",
+            [&] {
+               mirror->calibrationIs(CfpxHostChannel::channel1, {2, 2, 2});
+            },
+            [&] { return mirror->calibration(CfpxHostChannel::channel1).gain == 2; },
+            "calibration is",
+            {"calibration"}},
+           {"a key that the owner does not have",
+            [&] {
+               mirror->calibrationIs(CfpxHostChannel::channel0, {2, 2, 2});
+            },
+            [&] { return mirror->calibration().size() == 2; },
+            "calibration is",
+            {"calibration"}},
+           {"the loss of a key",
+            [&] { mirror->calibrationDel(CfpxHostChannel::channel1); },
+            [&] { return mirror->calibration().empty(); },
+            "calibration is",
+            {"calibration"}},
+           {"a member",
+            [&] { theirs->phyConfigIs("mine"); },
+            [&] { return theirs->phyConfig().contains("mine"); },
+            "/config.phyConfig is read-only",
+            {"mine gone"}},
         }) {
       SCOPED_TRACE(what);
       log.clear();
@@ -212,7 +241,9 @@ TEST_F(Mirrored, AReactorMayEndTheMirrorInTheMiddleOfWhatIsApplied) {
    // While a member is made, while a key is stored, and from within a member's own notification.
    for (auto const& change : std::vector<std::function<void()>>{
            [&] { ours->phyConfigIs("fresh"); },
-           [&] { port->calibrationIs(CfpxHostChannel::channel6, {6, 6, 6}); },
+           [&] {
+              port->calibrationIs(CfpxHostChannel::channel6, {6, 6, 6});
+           },
            [&] {
               link.left().demuxer().out()->markIs(0);
               ours->phyConfigDel("port");
@@ -225,8 +256,8 @@ TEST_F(Mirrored, AReactorMayEndTheMirrorInTheMiddleOfWhatIsApplied) {
       settle();
       auto const end = [&](auto&&...) { link.right().unmount("config"); };
       watch = on(theirs, Cl10010ConfigDir::Attr::phyConfig, end);
-      auto const member =
-         on(theirs->phyConfig("port"), Cl10010Config::Attr::calibration, [&](auto&, auto) { link.right().unmount("config"); });
+      auto const member = on(theirs->phyConfig("port"), Cl10010Config::Attr::calibration,
+                             [&](auto&, auto) { link.right().unmount("config"); });
       change();
       link.settle();
       EXPECT_FALSE(link.right().hasMounts());
@@ -245,9 +276,8 @@ TEST_F(Mirrored, WhatAReactorWritesWhileARecordIsAppliedGoesItsOwnWay) {
       auto const config = d.phyConfig(name);
       auto const status = answer->phyStatusIs(name, config, nullptr); // refers to the mirror that is just being made
       status->rollOffIs(0.25F);
-      watches.push_back(on(config, Cl10010Config::Attr::refClock, [status](Cl10010Config& c) {
-         status->fecFramesInc(c.refClock());
-      }));
+      watches.push_back(
+         on(config, Cl10010Config::Attr::refClock, [status](Cl10010Config& c) { status->fecFramesInc(c.refClock()); }));
    }));
    auto const fresh = ours->phyConfigIs("fresh");
    settle();

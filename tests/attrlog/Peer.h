@@ -73,7 +73,8 @@ inline Lines linesOf(In& in, std::span<std::uint8_t const> bytes) {
 /// The other side of one end, played by hand: it says what a test wants, true or not.
 class Peer {
 public:
-   explicit Peer(LinkEnd& end, Hello const& hello = {.incarnation = 7, .highestSlot = 1000, .window = 1, .name = "peer"})
+   explicit Peer(LinkEnd& end,
+                 Hello const& hello = {.incarnation = 7, .highestSlot = 1000, .window = 1, .name = "peer"})
       : end_(end) {
       end_.onReport([this](std::string const& text) { reports.push_back(text); });
       end_.connected();
@@ -96,7 +97,8 @@ public:
    template <class... Parameters>
    void announce(std::vector<std::string_view> const& chain, std::string_view name, EntityId entity,
                  Parameters const&... parameters) {
-      Record r(*out, {.entity = orphanAnnouncement, .attribute = static_cast<std::int32_t>(attr::orphan), .variable = 1});
+      Record r(*out,
+               {.entity = orphanAnnouncement, .attribute = static_cast<std::int32_t>(attr::orphan), .variable = 1});
       out->currentPayloadSectionIs(1);
       for (std::string_view const type : chain)
          *out << TypeId{type};

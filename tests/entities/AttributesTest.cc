@@ -103,9 +103,9 @@ template <class X> struct EveryAttribute : testing::Test {
    }
 };
 
-using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo,
-                             Fru::IntCtrl, Hardware::Led::LedConfig, Hardware::Dpll::PllStatus, Xcvr::XcvrConfig,
-                             Xcvr::XcvrStatus>;
+using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus,
+                             Fru::Gpo, Fru::IntCtrl, Hardware::Led::LedConfig, Hardware::Dpll::PllStatus,
+                             Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
 TYPED_TEST_SUITE(EveryAttribute, Types);
 
 TYPED_TEST(EveryAttribute, CountsAndTellsAChangeOnceAndAnEqualValueNever) {
@@ -205,8 +205,8 @@ TEST(Maps, IteratorsDeleteUnderChangeAndAllGoOneByOne) {
    auto const before = port->changeCount();
    port->calibrationDelAll();
    port->calibrationDelAll();
-   EXPECT_EQ(recorder->taken(), (Told{{389, "channel1"}, {389, "channel3"}, {389, "channel5"}, {389, "channel9"},
-                                      {389, "channel14"}}));
+   EXPECT_EQ(recorder->taken(),
+             (Told{{389, "channel1"}, {389, "channel3"}, {389, "channel5"}, {389, "channel9"}, {389, "channel14"}}));
    EXPECT_EQ(port->changeCount() - before, 5u);
 }
 
@@ -234,7 +234,8 @@ TEST(Construction, SetsTheDefaultsOfTheTypeOverThoseOfItsBase) {
       if constexpr (requires { cell.empty(); } && A::isKeyed) {
          EXPECT_TRUE(cell.empty());
       } else if constexpr (!A::isKeyed) {
-         bool const isSet = A::name == "wakeupTime" || (A::name == "rollOff" && std::same_as<typename A::Owner, Cl10010Config>);
+         bool const isSet =
+            A::name == "wakeupTime" || (A::name == "rollOff" && std::same_as<typename A::Owner, Cl10010Config>);
          EXPECT_NE(cell == typename A::Value{}, isSet);
       }
    };
@@ -251,10 +252,18 @@ TEST(AttributeNames, ComeFromTheLevelThatOwnsTheNumber) {
       char const* name;
    };
    for (auto const& [entity, id, name] : {
-           Case{*config, 386, "spiAccel"}, Case{*config, 394, "rollOff"}, Case{*config, 395, "unknown"},
-           Case{*config, 290, "wakeupTime"}, Case{*config, 269, "unknown"}, Case{*config, 130, "name"},
-           Case{*config, 131, "parent"}, Case{*config, 0, "unknown"}, Case{*config, 0xffffffff, "unknown"},
-           Case{*status, 258, "phyConfig"}, Case{*status, 259, "ethIntfStatus"}, Case{*status, 447, "rollOff"},
+           Case{*config, 386, "spiAccel"},
+           Case{*config, 394, "rollOff"},
+           Case{*config, 395, "unknown"},
+           Case{*config, 290, "wakeupTime"},
+           Case{*config, 269, "unknown"},
+           Case{*config, 130, "name"},
+           Case{*config, 131, "parent"},
+           Case{*config, 0, "unknown"},
+           Case{*config, 0xffffffff, "unknown"},
+           Case{*status, 258, "phyConfig"},
+           Case{*status, 259, "ethIntfStatus"},
+           Case{*status, 447, "rollOff"},
            Case{*status, 394, "hostEgressLaneAligned"},
         })
       EXPECT_EQ(entity.attributeString(id), name) << id;

@@ -153,7 +153,8 @@ TEST(StatusDirectory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    };
    std::string const start = R"(Reinstantiating the entity with name "po\"rt" where constructor parameter attribute )";
    for (auto const& [config, interface, reads, text] : {
-           Case{two, ethernet, 1, "_phyConfig has a different value of /config/two%2F2 than the current value of /config/one"},
+           Case{two, ethernet, 1,
+                "_phyConfig has a different value of /config/two%2F2 than the current value of /config/one"},
            Case{nullptr, nullptr, 1, "_phyConfig has a different value of null than the current value of /config/one"},
            Case{one, ethernet, 2, "_ethIntfStatus has a different value of /ethernet than the current value of null"},
         }) {
