@@ -93,6 +93,7 @@ void Demuxer::cut() noexcept {
    for (PeerSlot& slot : gone)
       release(slot);
    reidentified_.clear();
+   retiredMembers_.clear();
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = 0;
    peerHighestSlot_ = highestSlot;
@@ -678,8 +679,25 @@ Ptr<Entity> Demuxer::entityOf(EntityId wireId) {
 void Demuxer::retired(EntityId wireId) {
    if (wireId.side() != 1)
       throw ProtocolException(in_->where() + ": retires " + textOf(wireId) + ", which is not its own");
-   if (PeerSlot* const slot = peerSlot(wireId))
-      release(*slot);
+   PeerSlot* const slot = peerSlot(wireId);
+   if (slot == nullptr)
+      return;
+   if (Entity const* const parent = slot->entity ? slot->entity->moxRawParent() : nullptr)
+      if (Sa const* const sa = adapterOf(*parent); sa != nullptr && sa->isMirror()) {
+         // The retirement has overtaken the loss of the member, which is still told: that it has gone, or that its name is
+         // another's now. What was told meanwhile has left its parent.
+         if (retiredMembers_.size() == retiredMembers_.capacity())
+            std::erase_if(retiredMembers_, [](Ptr<Entity> const& member) { return member->moxRawParent() == nullptr; });
+         retiredMembers_.push_back(slot->entity);
+      }
+   release(*slot);
+}
+
+bool Demuxer::isOfAnother(Entity const& member, EntityId id) {
+   if (std::erase(retiredMembers_, &member) != 0)
+      return true;
+   Sa const* const sa = adapterOf(member);
+   return sa != nullptr && sa->entityId().isAssigned() && sa->entityId() != ofPeer(id);
 }
 
 void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view key) {

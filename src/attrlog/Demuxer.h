@@ -105,6 +105,8 @@ public:
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
    void retired(EntityId wireId);
+   /// Whether `member` was announced on this connection under another identifier than `id`, which its name has now.
+   bool isOfAnother(Entity const& member, EntityId id);
    void refresh(EntityId wireId, std::int32_t attribute, std::string_view key);
    /// Every entity that the peer has announced has been told whole.
    bool isSynced() const noexcept { return syncing_ == 0; }
@@ -261,6 +263,7 @@ private:
    FlowOut* tail_ = nullptr;
    std::vector<Sa*> parkedAdapters_;
    std::vector<Entity const*> reidentified_;
+   std::vector<Ptr<Entity>> retiredMembers_; ///< mirrors whose identifier went before they left their parent
    Ptr<Entity> wanted_;
 
    DeserializingEidAnchor* anchor_ = nullptr;

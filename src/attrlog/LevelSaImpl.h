@@ -675,8 +675,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    demuxer.checkAnnounced(id);
    auto& cell = A::cell(object());
    if (auto* const present = cell.find(name))
-      if (auto* const sa = demuxer.adapterOf(*present);
-          sa != nullptr && sa->entityId().isAssigned() && sa->entityId() != Demuxer::ofPeer(id)) {
+      if (demuxer.isOfAnother(*present, id)) {
          // The name was announced under another identifier on this connection: this is another entity.
          ++demuxer.counters().renamedMembers;
          dropHere(a, name);

@@ -2,6 +2,7 @@
 
 #include "Peer.h"
 #include "attrlog/Demuxer.h"
+#include "attrlog/LevelSaImpl.h" // the bodies of a flow's keyed setters
 #include "entities/Cl10010ConfigLog.h"
 #include "entities/Cl10010StatusDirLog.h"
 #include "siblings/LedConfig.h"
