@@ -30,6 +30,9 @@ template <class A> class DirtyKey final : public DirtyKeyBase<A> {
 public:
    DirtyKey(typename A::Key const& key, bool dirty) : DirtyKeyBase<A>(key, dirty) {}
 
+   /// The peer can know the key: it was announced, this or an earlier entity of that name. Only such a key leaves a mark behind
+   /// when it goes.
+   bool isKnown = true;
    /// The key was absent when it was last marked.
    bool isGone = false;
 };

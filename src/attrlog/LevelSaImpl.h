@@ -150,8 +150,18 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    Flow& flow = neededFlow();
    auto& cell = A::cell(object());
    auto* const present = cell.find(key);
-   // Also for a name that was never announced: a raw create may have taken the place of a member that was, and told nobody.
+   auto* const before = flow.keys(a) == nullptr ? nullptr : flow.keys(a)->map.find(key);
+   if (present == nullptr && before != nullptr && !before->isKnown) {
+      flow.dirtyKeyDel(a, key);
+      return;
+   }
    DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
+   if (before == nullptr)
+      if constexpr (A::kind == Kind::hashCollection) {
+         // Present and never announced: the peer can't know the name. Absent: it was there before, so the peer can.
+         auto* const child = present == nullptr ? nullptr : this->demuxer_->adapterOf(*present);
+         dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced());
+      }
    auto& keys = *flow.keys(a);
    keys.gone += (present == nullptr ? 1u : 0u) - (dirty.isGone ? 1u : 0u);
    dirty.isGone = present == nullptr;
