@@ -222,14 +222,15 @@ private:
       bool isUsed = false;
    };
 
-   PeerSlot* peerSlot(EntityId wireId) noexcept;
+   // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
+   inline PeerSlot* peerSlot(EntityId wireId) noexcept;
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
    void readOrphan(In& in);
-   void applyRecord(Sa& sa, In& in);
+   inline void applyRecord(Sa& sa, In& in);
    void flushRetirements();
    void owedAllPaid();
    void reidentifiedMarked();

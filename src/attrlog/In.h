@@ -110,7 +110,13 @@ public:
 
    ControlKind controlKind() const noexcept { return controlKind_; }
    /// Decodes the control frame in hand. \throws ProtocolException when it is too short for C's fields
-   template <ControlFrame C> C control() const { return decode<C>(body_, where()); }
+   template <ControlFrame C> C control() const {
+      try {
+         return decode<C>(body_);
+      } catch (ProtocolException const& e) {
+         throw ProtocolException(where() + ": " + e.what()); // no text is put together for a frame that is well
+      }
+   }
    /// Decodes the control frame in hand and calls `handler(frame)` with the struct of its kind.
    template <class H> void dispatchControl(H&& handler) const {
       withControlKind(controlKind_, [&]<class C>() { handler(control<C>()); });
@@ -201,10 +207,11 @@ private:
       return p;
    }
 
-   bool step(std::uint8_t const*& frame);
+   // Inline, although defined in In.cc alone: a shared library inlines no other function, in case a program replaces it.
+   inline bool step(std::uint8_t const*& frame);
    bool stepCarried(std::uint8_t const*& frame);
-   void checkLength(std::uint32_t word);
-   bool accept(std::uint8_t const* frame, std::size_t size);
+   inline void checkLength(std::uint32_t word);
+   inline bool accept(std::uint8_t const* frame, std::size_t size);
    bool acceptControl(std::uint8_t const* at, std::uint8_t const* end);
    void acceptFirst();
    std::string whoseRecord() const;

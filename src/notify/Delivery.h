@@ -6,6 +6,21 @@
 
 namespace Mox {
 
+namespace detail {
+
+template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst& reactor, Key const&... key) {
+   using Reactor = typename A::Owner::NotifieeConst;
+   try {
+      // Reactors of a base interface, down to one that watches any entity, may stand on the same list.
+      if (reactor.isOfClass<Reactor>())
+         A::fire(static_cast<Reactor&>(reactor), key...);
+   } catch (...) {
+      reactor.onNotificationException(A::id);
+   }
+}
+
+} // namespace detail
+
 /// The delivery pass: calls `A`'s notification on every reactor that is registered when the pass starts, in list order.
 ///
 /// *Re-entrancy*: a reactor may register, take off or drop any reactor, and change the entity, which runs a nested and
@@ -16,17 +31,15 @@ namespace Mox {
 /// *Cost*: no allocation; one comparison per reactor for its interface.
 template <class A, class... Key>
 [[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
-   using Owner = typename A::Owner;
-   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(entity.moxReactors()); it; it.advance()) {
-      try {
-         // Reactors of a base interface, down to one that watches any entity, may stand on the same list.
-         if (!(*it).template isOfClass<typename Owner::NotifieeConst>())
-            continue;
-         A::fire(static_cast<typename Owner::NotifieeConst&>(*it), key...);
-      } catch (...) {
-         (*it).onNotificationException(A::id);
-      }
+   auto const& reactors = entity.moxReactors();
+   if (reactors.size() == 1) {
+      // The commonest list, an adapter or a single watch: there is nothing to remember but the reactor itself.
+      Ptr<PtrInterface::NotifieeConst> const only(reactors.first());
+      detail::notify<A>(*only, key...);
+      return;
    }
+   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())
+      detail::notify<A>(*it, key...);
 }
 
 template <class A> void announce(typename A::Owner const& entity) {
