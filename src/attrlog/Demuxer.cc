@@ -74,9 +74,10 @@ void Demuxer::cut() noexcept {
    for (PeerSlot& slot : peer_) {
       if (!slot.sa)
          continue;
-      slot.sa->flowInIs(attr::none);
+      slot.sa->flowsInDelAll();
       slot.sa->entityIdIs({});
       slot.sa->isSyncingIs(false);
+      slot.sa->isAwaitedIs(false);
       for (auto& untold : slot.sa->untold())
          untold = {untold.mark, false, true};
       waiting_.push_back(std::move(slot));
@@ -121,6 +122,12 @@ Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
    sa->isRootIs(true);
    assign(*sa);
    return sa;
+}
+
+Ptr<Demuxer::Sa> Demuxer::announcedUnder(EntityId id) const {
+   if (!id.isAssigned() || id.slot() >= own_.size() || own_[id.slot()].generation != id.generation())
+      return nullptr;
+   return own_[id.slot()].sa;
 }
 
 void Demuxer::assign(Sa& sa) {
@@ -233,10 +240,11 @@ EntityId Demuxer::entityIdFor(Entity const* target) {
       }
       return {};
    }
-   if (Sa const* const sa = adapterOf(*target)) {
+   if (Sa* const sa = adapterOf(*target)) {
       if (sa->isMirror()) {
          if (sa->entityId().isAssigned())
             return sa->entityId();
+         sa->isAwaitedIs(true);
          throw NoEntityIdException(std::string(std::string_view(target->fullName())) +
                                    " has no identifier on this stream until its owner announces it again");
       }
@@ -382,8 +390,8 @@ FlowOut& Demuxer::createFlowOut(Sa& sa, AttributeId startAttribute) {
       Ptr<FlowOut> const flow = sa.flowOutIs(startAttribute);
       flow->ownerIs(&sa);
       sa.flowIs(flow);
-      enqueue(*flow);
    }
+   enqueue(*sa.flow()); // one that waits for an identifier stands outside
    return *sa.flow();
 }
 
@@ -426,8 +434,6 @@ bool Demuxer::step(FlowOut& flow) {
          flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
          flow.cursorIs(next);
          parkedIs(*sa);
-         if (flow.holdsBookmark(flow.suspendedAt().attribute))
-            return true; // a resend stands still at this key until there is an identifier
          sa->parked().push_back(flow.suspendedAt());
          sa->unmark(flow.suspendedAt());
          enqueue(flow);
@@ -440,8 +446,13 @@ bool Demuxer::step(FlowOut& flow) {
             flow.isResendIs(false);
          }
          if (!flow.hasDirtyAttributes()) {
+            dequeue(flow); // a mark on the way, which has gone out by now, may have put it back
             sa->flowIs(nullptr);
             flow.ownerIs(nullptr);
+            return true;
+         }
+         if (!flow.hasWork()) {
+            dequeue(flow); // until what it waits for has an identifier, or something else changes
             return true;
          }
       }
@@ -473,8 +484,8 @@ void Demuxer::owedAllPaid() {
       Ptr<FlowOut> const before = sa->flow();
       Ptr<FlowOut> const flow = sa->flowOutIs(attr::none);
       if (before) {
-         if (before->bookmark().attribute != attr::none)
-            flow->pendingAbortIs(before->bookmark().attribute);
+         flow->pendingAborts() = std::move(before->pendingAborts());
+         before->openCollections(flow->pendingAborts());
          dequeue(*before);
          before->ownerIs(nullptr);
       }
@@ -523,9 +534,11 @@ void Demuxer::wake() {
       sa->parked().clear();
       for (Mark const& mark : marks)
          sa->markAgain(mark);
-      if (sa->flow())
+      if (sa->flow()) {
+         sa->flow()->woken();
          enqueue(*sa->flow());
-      counters_.woken += std::max<std::size_t>(marks.size(), 1);
+      }
+      counters_.woken += marks.size();
    }
 }
 
@@ -621,11 +634,13 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    PeerSlot& slot = peer_[id.slot()];
    if (slot.isUsed && slot.entity == &entity && slot.sa)
       return;
-   if (slot.isUsed)
+   bool const wasTold = slot.isUsed;
+   if (wasTold)
       release(slot);
    Ptr<Sa> sa(adapterOf(entity));
    if (sa && sa->entityId().isAssigned()) {
-      // Announced twice: the older identifier loses its entity.
+      // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
+      reidentified_.push_back(&entity);
       sa->detach();
       sa = nullptr;
    }
@@ -636,6 +651,9 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    sa->entityIdIs(ofPeer(id));
    peer_[id.slot()] = {sa, Ptr<Entity>(&entity), id.generation(), true};
    syncing(*sa, true);
+   // Another one had the name here when it was told: the owner, who knows of no other, is asked to tell it again.
+   if (wasTold)
+      sa->owesAllIs();
    newIdentifiers_ = true;
 }
 
@@ -646,7 +664,7 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    slot.entity = nullptr;
    slot.isUsed = false;
    if (gone.sa) {
-      gone.sa->flowInIs(attr::none);
+      gone.sa->flowsInDelAll();
       try {
          while (!gone.sa->untold().empty() && gone.sa->entity() != nullptr)
             gone.sa->tellUntold(Mark(gone.sa->untold().back().mark));
@@ -751,6 +769,26 @@ void Demuxer::remountEnded() {
       else
          release(slot);
    }
+}
+
+bool Demuxer::isWaiting() const noexcept {
+   return isOpen_ && !owes() && std::any_of(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
+             return slot.sa->isAwaited() && !slot.sa->entityId().isAssigned();
+          });
+}
+
+bool Demuxer::waitsBroken() {
+   auto const isLet = [&](PeerSlot const& slot) {
+      return slot.sa->isAwaited() && !slot.sa->entityId().isAssigned() && !isBelowWaitingRoot(slot.entity.get());
+   };
+   // Taken out first: what goes may run reactors that look for mirrors here.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
+   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
+   waiting_.erase(behind, waiting_.end());
+   for (PeerSlot& slot : gone)
+      release(slot);
+   counters_.brokenWaits += gone.size();
+   return !gone.empty();
 }
 
 void Demuxer::isNoMember(Entity& member) {

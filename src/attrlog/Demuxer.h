@@ -50,6 +50,8 @@ public:
    void mirrorRootIs(Entity& root);
    /// The adapter of `entity` on this stream, or null.
    Sa* adapterOf(Entity const& entity) const noexcept;
+   /// The adapter that this side has announced under `id`, or null.
+   Ptr<Sa> announcedUnder(EntityId id) const;
    /// Gives an identifier of this side; retirements that are due go out before.
    void assign(Sa& sa);
    /// The identifier under which a reference to `target` travels now. Announces it first where this side must: as a member of
@@ -116,6 +118,11 @@ public:
    /// The peer's collection holds `member` no more. A mirror of an earlier connection waits for nothing then: who refers to it
    /// would wait for the end of the remount, which may wait for that very reference.
    void isNoMember(Entity& member);
+   /// Nothing is owed but what waits for mirrors of an earlier connection that the peer has not announced again.
+   bool isWaiting() const noexcept;
+   /// The peer waits for this side in turn: no such mirror will be announced before what waits for it has been told. Lets them go,
+   /// so that they are announced from here. \return whether there were any
+   bool waitsBroken();
    /// Ends the mirrors below `top`; with null all of them.
    void forgetMirrors(Entity* top);
 
@@ -171,6 +178,7 @@ public:
       U64 refreshesAnswered = 0;
       U64 renamedMembers = 0; ///< a name announced under another identifier within the connection
       U64 belowCursor = 0;    ///< marks set behind a flow's position, which a further round sends
+      U64 brokenWaits = 0;    ///< mirrors let go because both ends waited for each other
    };
    Counters& counters() noexcept { return counters_; }
    Counters const& counters() const noexcept { return counters_; }

@@ -67,7 +67,6 @@ public:
 
    /// Resends that an earlier flow of this entity left open: the peer is told before anything else goes out.
    std::vector<AttributeId>& pendingAborts() noexcept { return pendingAborts_; }
-   void pendingAbortIs(AttributeId id) { pendingAborts_.push_back(id); }
 
    /// What could not be written because its target has no identifier yet; meaningful while `suspended` is set.
    Mark const& suspendedAt() const noexcept { return suspendedAt_; }
@@ -77,6 +76,12 @@ public:
    virtual bool hasDirtyAttributes() const { return false; }
    /// Whether every collection has been sent whole.
    virtual bool collectionsHaveSynced() const { return true; }
+   /// Whether a turn has anything to write. Without, what is owed waits for an identifier.
+   virtual bool hasWork() const { return false; }
+   /// A parked key is back among the marks: what waited for it is looked at again.
+   virtual void woken() {}
+   /// Appends the collections whose begin the peer has been sent and whose end it has not.
+   virtual void openCollections(std::vector<AttributeId>&) const {}
    /// Keys marked, over all collections: what the flow's memory grows with.
    virtual std::size_t dirtyKeys() const { return 0; }
 

@@ -34,6 +34,7 @@ enum class ControlKind : std::uint8_t {
    ping,
    pong,
    confirmedAt,
+   waiting,
 };
 
 /// Set in a control frame's flags: a reader that does not know the kind must close the connection.
@@ -203,8 +204,16 @@ struct ConfirmedAt {
    }
 };
 
-using ControlFrames =
-   std::tuple<Hello, Acknowledgement, Refused, Mount, Unmount, Mounted, Retire, Refresh, Ping, Pong, ConfirmedAt>;
+/// With `count` records applied, all that the sender still owes waits for entities that the reader has to announce.
+struct Waiting {
+   static constexpr ControlKind kind = ControlKind::waiting;
+   static constexpr char const* title = "waiting";
+   U64 count = 0;
+   static void fields(auto& self, auto& field) { field("count", self.count); }
+};
+
+using ControlFrames = std::tuple<Hello, Acknowledgement, Refused, Mount, Unmount, Mounted, Retire, Refresh, Ping, Pong,
+                                 ConfirmedAt, Waiting>;
 
 template <class C>
 concept ControlFrame = requires {

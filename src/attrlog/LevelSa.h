@@ -81,12 +81,26 @@ public:
 
    bool hasDirtyAttributes() const override;
    bool collectionsHaveSynced() const override;
+   bool hasWork() const override;
+   void woken() override { still_ = {}; }
+   void openCollections(std::vector<AttributeId>& ids) const override;
    std::size_t dirtyKeys() const override;
 
    template <class A> bool dirtyBit(A) const noexcept { return (bits_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
    template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(bits_, A::bit, on); }
    template <class A> bool hasSynced(A a) const noexcept { return dirtyBit(a); }
    template <class A> void hasSyncedIs(A a, bool on) noexcept { dirtyBitIs(a, on); }
+
+   /// Every member of the collection has been written or parked; its end marker waits for those.
+   template <class A> bool isWalked(A) const noexcept { return (walked_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
+   template <class A> void isWalkedIs(A, bool on) noexcept {
+      bitIs(walked_, A::bit, on);
+      bitIs(still_, A::bit, false);
+   }
+   /// A walked collection has nothing to write before a parked key of it wakes.
+   template <class A> void isStillIs(A, bool on) noexcept { bitIs(still_, A::bit, on); }
+   /// The collection is owed whole, from its begin on.
+   template <class A> void restarted(A a);
 
    /// Sets the value of the key's entry, inserting it if it is missing. \return the entry
    template <class A> DirtyKey<A>& dirtyKeyIs(A, typename A::Key const& key, bool dirty);
@@ -97,7 +111,7 @@ public:
       return std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).get();
    }
 
-   /// The first attribute from `id` on of which anything is owed; past the last when there is none.
+   /// The first attribute from `id` on of which a turn can write anything; past the last when there is none.
    AttributeId nextPending(AttributeId id) const noexcept;
 
 private:
@@ -106,6 +120,7 @@ private:
       words_[bit / 32] = on ? words_[bit / 32] | mask : words_[bit / 32] & ~mask;
    }
    std::uint32_t pending(unsigned word) const noexcept { return (bits_[word] ^ collections()[word]) | haveKeys_[word]; }
+   std::uint32_t workable(unsigned word) const noexcept { return pending(word) & (~still_[word] | haveKeys_[word]); }
    static constexpr Words collections() noexcept {
       Words w{};
       X::MoxAttributes::forEach([&](auto a) {
@@ -117,6 +132,8 @@ private:
 
    Words bits_{};
    Words haveKeys_{};
+   Words walked_{};
+   Words still_{};
    typename detail::DirtyKeysOf<typename X::MoxAttributes>::Type keys_;
 };
 
@@ -142,6 +159,7 @@ public:
 
    void marksDel(AttributeId id) override;
    void tellUntold(Mark const& mark) override;
+   void memberLeft(Mark const& mark) override;
 
    LevelSa(Mox_BitSet flags, Ptr<X> const& entity, Demuxer* demuxer) : Base(flags, entity, demuxer) {}
 
@@ -177,6 +195,8 @@ private:
    template <class A> bool serializeCollection(A, Flow& flow);
    template <class A> bool resendCollection(A, Flow& flow);
    template <class A> bool sendDirtyKeys(A, Flow& flow);
+   template <class A> void endCollection(A, Flow& flow);
+   void parkedIs(Flow& flow, Mark mark);
    void suspendedIs(Flow& flow, Mark mark);
    template <class A> void read(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readValue(A, In& in, bool isLocal);
@@ -209,10 +229,9 @@ public:
    }
 
    template <class A, class... Key> void forward(A, Key const&... key) {
-      // The framework's own attributes are not replicated: a mirror has its own parent.
-      if constexpr (!std::same_as<typename A::Owner, Entity>)
-         if (sa_ != nullptr)
-            A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
+      // The framework's own attributes are not replicated: a mirror has its own parent. The base adapter takes note of it.
+      if (sa_ != nullptr)
+         A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
    }
 };
 

@@ -32,6 +32,31 @@ template <class X> bool LevelFlow<X>::collectionsHaveSynced() const {
    return Base::collectionsHaveSynced();
 }
 
+template <class X> bool LevelFlow<X>::hasWork() const {
+   for (unsigned w = 0; w < words; ++w)
+      if (workable(w) != 0)
+         return true;
+   return Base::hasWork();
+}
+
+template <class X> void LevelFlow<X>::openCollections(std::vector<AttributeId>& ids) const {
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (a.isKeyed)
+         if (isWalked(a) || this->holdsBookmark(a.id))
+            ids.push_back(a.id);
+   });
+   Base::openCollections(ids);
+}
+
+template <class X> template <class A> void LevelFlow<X>::restarted(A a) {
+   dirtyKeysDelAll(a);
+   hasSyncedIs(a, false);
+   isWalkedIs(a, false);
+   if (this->holdsBookmark(A::id))
+      this->bookmarkDel();
+   std::erase_if(this->owner()->parked(), [](Mark const& mark) { return mark.attribute == A::id; });
+}
+
 template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
    std::size_t count = Base::dirtyKeys();
    X::MoxAttributes::forEach([&](auto a) {
@@ -45,7 +70,7 @@ template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
 template <class X> AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
    unsigned const bit = id - first;
    for (unsigned w = bit / 32; w < words; ++w) {
-      std::uint32_t left = pending(w);
+      std::uint32_t left = workable(w);
       if (w == bit / 32)
          left &= ~0u << bit % 32;
       if (left != 0)
@@ -135,6 +160,13 @@ template <class X> void LevelSa<X>::suspendedIs(Flow& flow, Mark mark) {
    flow.moxDataBitsIs(flow.moxDataBits() | FlowOut::suspended);
 }
 
+template <class X> void LevelSa<X>::parkedIs(Flow& flow, Mark mark) {
+   flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
+   this->unmark(mark);
+   this->parked_.push_back(std::move(mark));
+   this->demuxer_->parkedIs(*this);
+}
+
 template <class X> typename LevelSa<X>::Flow& LevelSa<X>::neededFlow() {
    return static_cast<Flow&>(this->demuxer_->createFlowOut(*this));
 }
@@ -151,6 +183,7 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    auto& cell = A::cell(object());
    auto* const present = cell.find(key);
    auto* const before = flow.keys(a) == nullptr ? nullptr : flow.keys(a)->map.find(key);
+   [[maybe_unused]] bool const isSuccessor = this->successorTaken(Mark(A::id, key));
    if (present == nullptr && before != nullptr && !before->isKnown) {
       flow.dirtyKeyDel(a, key);
       return;
@@ -160,17 +193,15 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
       if constexpr (A::kind == Kind::hashCollection) {
          // Present and never announced: the peer can't know the name. Absent: it was there before, so the peer can.
          auto* const child = present == nullptr ? nullptr : this->demuxer_->adapterOf(*present);
-         dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced());
+         // Present without having been announced, in the place of one that was: it can.
+         dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced()) || isSuccessor;
       }
    auto& keys = *flow.keys(a);
    keys.gone += (present == nullptr ? 1u : 0u) - (dirty.isGone ? 1u : 0u);
    dirty.isGone = present == nullptr;
    // More keys to say "gone" of than there are: the whole collection says it shorter, and its sweep deletes the rest.
    if (keys.gone > std::max<std::size_t>(64, cell.size())) {
-      flow.dirtyKeysDelAll(a);
-      flow.hasSyncedIs(a, false);
-      if (flow.holdsBookmark(A::id))
-         flow.bookmarkDel();
+      flow.restarted(a);
       ++this->demuxer_->counters().collectionRestarts;
    }
    if (flow.cursor() > A::id)
@@ -218,6 +249,7 @@ template <class X> template <class A> bool LevelSa<X>::serialize(A a, typename A
    }
    if (Flow* const flow = flowOut())
       flow->dirtyKeyDel(a, key);
+   this->successorTaken(Mark(A::id, key));
    return writeKeyNow(a, key);
 }
 
@@ -274,7 +306,8 @@ template <class A>
 void LevelSa<X>::writeEntry(A a, typename A::Key const& key, typename A::Entry& entry) {
    if constexpr (A::kind == Kind::hashCollection) {
       Expect const scope(NoEntityIdException::kind);
-      childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry));
+      if (!childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry)))
+         throw NoEntityIdException(std::string(std::string_view(entry.fullName())) + " could not be announced");
    } else {
       this->demuxer_->beforeRecord();
       Out& out = *this->demuxer_->out();
@@ -295,7 +328,7 @@ template <class X> template <class A> void LevelSa<X>::writeRemoval(A, typename 
 
 template <class X>
 template <class A>
-Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A a, Mox_BitSet flags, Ptr<typename A::Entry> const& child) {
+Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child) {
    Demuxer& demuxer = *this->demuxer_;
    Ptr<Entity::MoxNboAttrLogSa> sa(demuxer.adapterOf(*child));
    if (sa && sa->isOrphan()) {
@@ -344,7 +377,6 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A a, Mox_BitSet flags, P
             ++demuxer.counters().unfinishedAnnouncements;
             demuxer.report("announcement of " + std::string(std::string_view(child->fullName())) + " given up after " +
                            std::to_string(restarts) + " restarts");
-            markKey(a, child->moxName());
             return nullptr;
          }
          ++demuxer.counters().restartedAnnouncements;
@@ -352,6 +384,7 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A a, Mox_BitSet flags, P
       }
    }
    discard.sa = nullptr;
+   sa->memberOfIs(this->entityId_);
    demuxer.announced(*sa, isNew);
    return sa;
 }
@@ -433,9 +466,27 @@ template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) 
 }
 
 template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, Flow& flow) {
-   if ((flow.moxDataBits() & FlowOut::noCollectionResend) == 0 && !flow.hasSynced(a) && !resendCollection(a, flow))
+   if ((flow.moxDataBits() & FlowOut::noCollectionResend) == 0 && !flow.hasSynced(a) && !flow.isWalked(a)) {
+      if (!resendCollection(a, flow))
+         return false;
+      endCollection(a, flow);
+   }
+   if (!sendDirtyKeys(a, flow))
       return false;
-   return sendDirtyKeys(a, flow);
+   if (flow.isWalked(a) && this->flow_.get() == &flow)
+      endCollection(a, flow);
+   return true;
+}
+
+/// The end marker of a collection that has been walked, unless a member is parked: the sweep would delete it.
+template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& flow) {
+   if (std::any_of(this->parked_.begin(), this->parked_.end(), [](Mark const& m) { return m.attribute == A::id; })) {
+      flow.isStillIs(a, true);
+      return;
+   }
+   this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
+   flow.isWalkedIs(a, false);
+   flow.hasSyncedIs(a, true);
 }
 
 template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flow& flow) {
@@ -454,11 +505,10 @@ template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flo
    while (entry != nullptr) {
       Ptr<typename A::Entry> const current(entry);
       typename A::Key const key = entry->fwkKey();
-      if (!writeKeyNow(a, key)) {
-         flow.moxFlowOutBookmarkEnq(Mark(A::id, key));
-         return false;
-      }
-      flow.dirtyKeyDel(a, key);
+      if (writeKeyNow(a, key))
+         flow.dirtyKeyDel(a, key);
+      else
+         parkedIs(flow, Mark(A::id, key)); // what it waits for may wait for a member behind it
       entry = cell.next(*current);
       if (entry != nullptr && !demuxer.continueFlowOut()) {
          flow.moxFlowOutBookmarkEnq(Mark(A::id, entry->fwkKey()));
@@ -467,13 +517,12 @@ template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flo
          return false;
       }
    }
-   this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
-   flow.hasSyncedIs(a, true);
+   flow.isWalkedIs(a, true);
    return true;
 }
 
 template <class X> template <class A> bool LevelSa<X>::sendDirtyKeys(A a, Flow& flow) {
-   if (!flow.hasSynced(a)) {
+   if (!flow.hasSynced(a) && !flow.isWalked(a)) {
       flow.hasSyncedIs(a, true);
       this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
    }
@@ -501,11 +550,7 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
       } else if (m.hasKey) {
          markKey(a, m.template as<typename A::Key>());
       } else {
-         Flow& flow = neededFlow();
-         flow.dirtyKeysDelAll(a);
-         flow.hasSyncedIs(a, false);
-         if (flow.holdsBookmark(A::id))
-            flow.bookmarkDel();
+         neededFlow().restarted(a);
       }
    });
    if (!known)
@@ -516,10 +561,16 @@ template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
    this->markAgain(m); // first: while it has an identifier, the peer is seen to know the name
    visitAttribute<X>(m.attribute, [&](auto a) {
       using A = decltype(a);
-      if constexpr (A::kind == Kind::hashCollection)
-         if (m.hasKey)
-            if (auto* const member = A::cell(object()).find(m.name))
-               this->demuxer_->reidentify(*member);
+      if constexpr (A::kind == Kind::hashCollection) {
+         if (!m.hasKey)
+            return;
+         // The peer waits for an answer: also when the name is gone before it is told.
+         if (auto* const keys = flowOut() == nullptr ? nullptr : flowOut()->keys(a))
+            if (auto* const dirty = keys->map.find(m.name))
+               dirty->isKnown = true;
+         if (auto* const member = A::cell(object()).find(m.name))
+            this->demuxer_->reidentify(*member);
+      }
    });
 }
 
@@ -727,15 +778,13 @@ template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTr
             marksIs(a, true);
             break;
          case AttrTransactionType::end:
-            if (this->flowIn() == aid) {
-               // First: the sweep takes the marks along, and may throw.
-               this->flowIn_ = attr::none;
+            // First: the sweep takes the marks along, and may throw.
+            if (this->flowInTaken(aid))
                sweep(a);
-            }
             break;
          case AttrTransactionType::abort:
-            if (this->flowIn() == aid)
-               this->flowInIs(attr::none);
+            if (this->flowInTaken(aid))
+               marksIs(a, false);
             break;
          }
       }
@@ -761,6 +810,16 @@ template <class X> void LevelSa<X>::tellUntold(Mark const& m) {
              apply(a, [] {});
        }))
       Base::tellUntold(m);
+}
+
+template <class X> void LevelSa<X>::memberLeft(Mark const& m) {
+   if (!visitAttribute<X>(m.attribute, [&](auto a) {
+          using A = decltype(a);
+          if constexpr (A::kind == Kind::hashCollection)
+             if (A::cell(object()).find(m.name) != nullptr)
+                this->successors_.push_back(m);
+       }))
+      Base::memberLeft(m);
 }
 
 template <class X> template <class A> void LevelSa<X>::marksIs(A, bool marked) {
@@ -793,9 +852,10 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
          again = again || cell.version() != version + 1;
       }
    }
-   // Keys deleted here on an earlier connection, and absent at the owner by now: the reactors were never told.
+   // Keys deleted here, and absent at the owner by now: the reactors were never told, and an answer to come will find them told.
    for (std::size_t i = this->untold_.size(); i-- > 0;)
-      if (i < this->untold_.size() && this->untold_[i].isOld && this->untold_[i].mark.attribute == A::id) {
+      if (i < this->untold_.size() && (this->untold_[i].isOld || this->untold_[i].isAsked) &&
+          this->untold_[i].mark.attribute == A::id) {
          typename A::Key const key = this->untold_[i].mark.template as<typename A::Key>();
          if (cell.find(key) == nullptr)
             dropHere(a, key);

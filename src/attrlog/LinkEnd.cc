@@ -129,6 +129,7 @@ void LinkEnd::connected() {
    isConnected_ = true;
    remountEnded_ = false;
    peerApplied_ = 0;
+   told_ = peers_ = {};
    Hello hello;
    hello.incarnation = incarnation_;
    hello.attempt = ++attempt_;
@@ -192,8 +193,25 @@ std::span<std::uint8_t const> LinkEnd::bytesToSend() {
    if (!isConnected_)
       return {};
    demuxer_.drain();
+   settleWaits();
    demuxer_.acknowledgeIfSent();
    return demuxer_.out()->pending();
+}
+
+/// Each end may wait for what the other can't announce before this one has: two that stand still with every record applied would
+/// stand for ever.
+void LinkEnd::settleWaits() {
+   if (!demuxer_.isWaiting())
+      return;
+   Standstill const now{demuxer_.applied(), demuxer_.out()->recordsWritten()};
+   if (peers_ == now && demuxer_.waitsBroken()) {
+      demuxer_.drain();
+      return;
+   }
+   if (told_ == now || demuxer_.out()->hasPending())
+      return;
+   told_ = now;
+   demuxer_.out()->control(Waiting{now.applied});
 }
 
 void LinkEnd::bytesSent(std::size_t n) {
@@ -223,10 +241,20 @@ void LinkEnd::on(Hello const& hello) {
 }
 
 void LinkEnd::on(Acknowledgement const& ack) {
-   if (ack.count > demuxer_.out()->recordsWritten() || ack.count < peerApplied_)
-      throw ProtocolException(demuxer_.in()->where() + ": acknowledges " + std::to_string(ack.count) + ", expected " +
-                              std::to_string(peerApplied_) + " to " + std::to_string(demuxer_.out()->recordsWritten()));
-   peerApplied_ = ack.count;
+   peerApplied_ = checkedCount(ack.count, "acknowledges ");
+}
+
+void LinkEnd::on(Waiting const& waiting) {
+   peers_ = {demuxer_.applied(), checkedCount(waiting.count, "waits with a count of ")};
+}
+
+/// What the peer says that it has applied. \throws ProtocolException where that can't be
+U64 LinkEnd::checkedCount(U64 count, char const* what) const {
+   U64 const written = demuxer_.out()->recordsWritten();
+   if (count > written || count < peerApplied_)
+      throw ProtocolException(demuxer_.in()->where() + ": " + what + std::to_string(count) + ", expected " +
+                              std::to_string(peerApplied_) + " to " + std::to_string(written));
+   return count;
 }
 
 void LinkEnd::on(Refused const& refused) {

@@ -117,6 +117,8 @@ private:
    void answer(Request& request);
    void stateIs(Mount& mount, State state);
    void settleStates();
+   void settleWaits();
+   U64 checkedCount(U64 count, char const* what) const;
    void end(State state);
 
    void on(NboAttrLog::Hello const& hello);
@@ -130,6 +132,7 @@ private:
    void on(NboAttrLog::Ping const& ping);
    void on(NboAttrLog::Pong const&) {}
    void on(NboAttrLog::ConfirmedAt const&) {}
+   void on(NboAttrLog::Waiting const& waiting);
 
    static constexpr std::size_t mostRequests = 1024;
 
@@ -151,6 +154,15 @@ private:
    std::string peerName_;
    U64 peerIncarnation_ = 0;
    U64 peerApplied_ = 0;
+
+   /// Records in either direction when an end had nothing to write but what waits for the other.
+   struct Standstill {
+      U64 applied = ~0ull;
+      U64 written = ~0ull;
+      friend bool operator==(Standstill const&, Standstill const&) = default;
+   };
+   Standstill told_; ///< the last that this end told of itself
+   Standstill peers_;
 };
 
 char const* textOf(LinkEnd::State state) noexcept;

@@ -156,9 +156,33 @@ NboAttrLog::Mark Sa::readKey(AttributeId id, NboAttrLog::In&) const {
 }
 
 void Sa::flowInIs(AttributeId id) {
-   if (flowIn_ != attr::none && flowIn_ != id)
-      marksDel(flowIn_);
-   flowIn_ = id;
+   if (std::find(flowsIn_.begin(), flowsIn_.end(), id) == flowsIn_.end())
+      flowsIn_.push_back(id);
+}
+
+bool Sa::flowInTaken(AttributeId id) noexcept {
+   return std::erase(flowsIn_, id) != 0;
+}
+
+void Sa::flowsInDelAll() noexcept {
+   for (AttributeId const id : std::exchange(flowsIn_, {}))
+      if (entity_ != nullptr)
+         marksDel(id);
+}
+
+void Sa::memberLeft(NboAttrLog::Mark const&) {}
+
+void Sa::onParent() noexcept {
+   if (demuxer_ == nullptr || isMirror() || isOrphan_ || !isAnnounced() || entity_->moxRawParent() != nullptr)
+      return;
+   Ptr<Sa> const parent = demuxer_->announcedUnder(memberOf_);
+   if (!parent)
+      return;
+   try {
+      parent->memberLeft(NboAttrLog::Mark(entity_->parentAttrId(), entity_->moxName()));
+   } catch (std::exception const&) {
+      parent->owesAllIs();
+   }
 }
 
 void Sa::onZeroReferences() {
@@ -210,10 +234,13 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
 
 void Sa::refusedIs(NboAttrLog::Mark mark) noexcept {
    try {
-      auto const same = [&](Untold const& u) { return u.mark == mark; };
-      if (std::any_of(untold_.begin(), untold_.end(), same))
+      auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
+      if (at == untold_.end())
+         untold_.push_back({std::move(mark), false, !entityId_.isAssigned()});
+      else if (at->isOld && entityId_.isAssigned())
+         at->isOld = false; // written again while the resend goes on, which may be past it
+      else
          return;
-      untold_.push_back({std::move(mark)});
       demuxer_->untoldNoticed();
    } catch (std::bad_alloc const&) {
       owesAllIs();

@@ -143,6 +143,8 @@ public:
    virtual void announceMember(AttributeId id, Entity& member);
    /// The open resend of `id` has ended without its end marker: takes its marks along.
    virtual void marksDel(AttributeId id);
+   /// The announced member `mark` has left the collection: silently, where another one has its name now.
+   virtual void memberLeft(NboAttrLog::Mark const& mark);
    /// Tells the reactors what `mark`, which was written here and never told, is now: nobody will put it right any more.
    virtual void tellUntold(NboAttrLog::Mark const& mark);
    /// The body of a `refresh` for `mark`'s key.
@@ -151,7 +153,8 @@ public:
 
    virtual void onZeroReferences();
    virtual void onNotificationException(AttributeId id);
-   void onParent() {}
+   /// The announced entity may have left its collection.
+   void onParent() noexcept;
 
    Entity* entity() const noexcept { return entity_; }
    Ptr<NboAttrLog::FlowOut> const& flow() const noexcept { return flow_; }
@@ -188,7 +191,7 @@ public:
    struct Untold {
       NboAttrLog::Mark mark;
       bool isAsked = false;
-      bool isOld = false; ///< of an earlier connection: the resend answers it
+      bool isOld = false; ///< written before this connection told the entity: the resend answers it
    };
    std::vector<Untold>& untold() noexcept { return untold_; }
 
@@ -197,9 +200,21 @@ public:
    /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
    void detach() noexcept;
 
-   /// The collection whose resend the peer has open for this entity; 0 for none.
-   AttributeId flowIn() const noexcept { return flowIn_; }
+   /// Whether the peer has a resend of a collection of this entity open.
+   bool hasFlowIn() const noexcept { return !flowsIn_.empty(); }
+   /// The peer has opened a resend of `id`.
    void flowInIs(AttributeId id);
+   /// Ends the flow-in of `id`, its marks apart. \return whether there was one
+   bool flowInTaken(AttributeId id) noexcept;
+   /// Ends every flow-in, with its marks.
+   void flowsInDelAll() noexcept;
+
+   /// The adapter, by its identifier, under which this member was announced.
+   void memberOfIs(EntityId parent) noexcept { memberOf_ = parent; }
+
+   /// Something here can't be told before the peer announces this mirror again.
+   bool isAwaited() const noexcept { return isAwaited_; }
+   void isAwaitedIs(bool awaited) noexcept { isAwaited_ = awaited; }
 
    /// The reactor's raw way back to its adapter; cleared when the adapter goes.
    class ReactorLink {
@@ -251,6 +266,10 @@ protected:
    void applyingConsumed() noexcept { flagIs(applying, false); }
    /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
    void refusedIs(NboAttrLog::Mark mark) noexcept;
+   /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
+   bool successorTaken(NboAttrLog::Mark const& mark) noexcept {
+      return !successors_.empty() && std::erase(successors_, mark) != 0;
+   }
    /// Whether `mark` was written here and not told; forgets it.
    bool untoldTaken(NboAttrLog::Mark const& mark);
 
@@ -261,13 +280,16 @@ protected:
    bool isSyncing_ = false;
    bool owesAll_ = false;
    bool isPaused_ = false;
+   bool isAwaited_ = false;
    AttributeId applyingId_ = attr::none;
-   AttributeId flowIn_ = attr::none;
+   EntityId memberOf_;
    ReactorLink* link_ = nullptr;
    Ptr<PtrInterface::NotifieeConst> adapter_;
    Ptr<NboAttrLog::FlowOut> flow_;
    std::vector<NboAttrLog::Mark> parked_;
    std::vector<Untold> untold_;
+   std::vector<AttributeId> flowsIn_;
+   std::vector<NboAttrLog::Mark> successors_; ///< at most one per member
 };
 
 } // namespace Mox

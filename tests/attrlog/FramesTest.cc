@@ -463,7 +463,8 @@ TEST(Control, EachKindHasItsBytesAndComesBackFromThem) {
    check(Pong{8}, "0000000000000008");
    check(ConfirmedAt{9, 10}, "00000009"
                              "000000000000000a");
-   EXPECT_EQ(std::tuple_size_v<ControlFrames>, 11u) << "a kind without its row above";
+   check(Waiting{11}, "000000000000000b");
+   EXPECT_EQ(std::tuple_size_v<ControlFrames>, 12u) << "a kind without its row above";
 }
 
 TEST(Control, WhatCannotTravelLeavesTheStreamAsItWas) {

@@ -337,6 +337,68 @@ TEST_F(Mirrored, EntitiesWithoutAPlaceComeAsReferencesToThem) {
    EXPECT_EQ(theirPll->references(), 1u) << "the stream holds it no more";
 }
 
+/// Statuses on both sides, each with a configuration that belongs to the other side and to no directory.
+TEST(Resends, ThatWaitForEachOtherComeToAnEnd) {
+   LocalLink link;
+   auto const ours = make<Cl10010StatusDir>("ours"), yours = make<Cl10010StatusDir>("yours");
+   link.left().exportRoot(ours);
+   link.right().exportRoot(yours);
+   auto const oursThere = link.right().mount<Cl10010StatusDir>("ours");
+   auto const yoursHere = link.left().mount<Cl10010StatusDir>("yours");
+   auto const expectLive = [&] {
+      link.settle();
+      for (LinkEnd* const end : {&link.left(), &link.right()}) {
+         auto const f = end->demuxer().footprint();
+         EXPECT_EQ(f.waiting + f.parked + f.flows, 0u);
+      }
+      EXPECT_EQ(link.left().state("yours"), LinkEnd::State::live);
+      EXPECT_EQ(link.right().state("ours"), LinkEnd::State::live);
+   };
+   // The one that waits stands before the one that brings what the other side waits for.
+   Name first("one"), second("two");
+   {
+      auto const order = make<Cl10010StatusDir>("order");
+      order->phyStatusIs(first, nullptr, nullptr);
+      order->phyStatusIs(second, nullptr, nullptr);
+      if ((*order->phyStatus().begin()).moxName() != first)
+         std::swap(first, second);
+   }
+   ours->phyStatusIs(second, make<Cl10010Config>("x"), nullptr);
+   yours->phyStatusIs(second, make<Cl10010Config>("y"), nullptr);
+   link.settle();
+   auto const x = oursThere->phyStatus(second)->phyConfig(), y = yoursHere->phyStatus(second)->phyConfig();
+   ours->phyStatusIs(first, y, nullptr);
+   yours->phyStatusIs(first, x, nullptr);
+   expectLive();
+
+   Lines log;
+   auto const told = [&](Cl10010StatusDir& d, Name const& name) {
+      log.push_back(text(d.fullName()) + "/" + std::string(std::string_view(name)) +
+                    (d.phyStatus().contains(name) ? " here" : " gone"));
+   };
+   auto const watchOurs = on(oursThere, Cl10010StatusDir::Attr::phyStatus, told);
+   auto const watchYours = on(yoursHere, Cl10010StatusDir::Attr::phyStatus, told);
+   link.cut();
+   link.reconnect();
+   expectLive();
+   EXPECT_EQ(log, Lines{}) << "nothing differs";
+   EXPECT_EQ(link.left().demuxer().counters().brokenWaits + link.right().demuxer().counters().brokenWaits, 0u);
+
+   // Each side lets its own go while they are apart, and neither can say so: it would have to come to the end of its resend.
+   link.cut();
+   ours->phyStatusDel(second);
+   yours->phyStatusDel(second);
+   link.reconnect();
+   expectLive();
+   ASSERT_NE(oursThere->phyStatus(first), nullptr);
+   ASSERT_NE(yoursHere->phyStatus(first), nullptr);
+   y->managingMediaIs(!y->managingMedia()); // its owner knows it no more: here it is an entity like any other
+   link.settle();
+   auto const yThere = oursThere->phyStatus(first)->phyConfig();
+   EXPECT_EQ(yThere->name(), "y");
+   EXPECT_EQ(yThere->managingMedia(), y->managingMedia());
+}
+
 TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    LocalLink link;
    auto const config = make<Cl10010ConfigDir>("x");

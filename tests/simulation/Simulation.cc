@@ -260,8 +260,7 @@ void Run::cut(Words& words) {
    throwIfWrong();
    bool isInside = false;
    for (World& world : worlds_)
-      world.demuxer().forEachAdapter(
-         [&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.flowIn() != attr::none; });
+      world.demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.hasFlowIn(); });
    if (isInside)
       count("cut between begin and end");
    // One side may learn of it no sooner than with the next connection.
@@ -335,7 +334,7 @@ void Run::finish() {
          throw Divergence(std::string("side ") + world.side() + " is quiet and still has flows " +
                           std::to_string(f.flows) + ", dirty keys " + std::to_string(f.dirtyKeys) + ", parked " +
                           std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements) + ", waiting " +
-                          std::to_string(f.waiting));
+                          std::to_string(f.waiting) + "\n" + world.lastReports());
       for (Ptr<Entity> const& mirror : world.mirrors())
          if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
             throw Divergence(std::string("side ") + world.side() + ": " + mirror->name().str() + " is " +

@@ -341,8 +341,14 @@ std::size_t World::survivors() const {
                                                  [](auto const& w) { return static_cast<bool>(w->notifier()); }));
 }
 
-std::string World::lastReports() const {
+std::string World::lastReports() {
    std::string text;
+   if (end_)
+      demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+         if (sa.isSyncing())
+            text += std::string("   ") + side_ + ": syncing " + sa.entity()->fullName().str() + " slot " +
+                    std::to_string(sa.entityId().slot()) + "\n";
+      });
    for (std::string const& report : reports_)
       text += std::string("   ") + side_ + ": " + report + "\n";
    return text;

@@ -72,7 +72,7 @@ public:
    void checkHistories();
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
-   std::string lastReports() const;
+   std::string lastReports();
 
    // Context.
    std::vector<Ptr<Entity>> targets() override;
