@@ -634,8 +634,7 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    PeerSlot& slot = peer_[id.slot()];
    if (slot.isUsed && slot.entity == &entity && slot.sa)
       return;
-   bool const wasTold = slot.isUsed;
-   if (wasTold)
+   if (slot.isUsed)
       release(slot);
    Ptr<Sa> sa(adapterOf(entity));
    if (sa && sa->entityId().isAssigned()) {
@@ -651,9 +650,6 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    sa->entityIdIs(ofPeer(id));
    peer_[id.slot()] = {sa, Ptr<Entity>(&entity), id.generation(), true};
    syncing(*sa, true);
-   // Another one had the name here when it was told: the owner, who knows of no other, is asked to tell it again.
-   if (wasTold)
-      sa->owesAllIs();
    newIdentifiers_ = true;
 }
 
@@ -677,6 +673,11 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    if (gone.entity && gone.entity->references() > 1)
       reidentified_.push_back(gone.entity.get());
    newIdentifiers_ = true;
+}
+
+Ptr<Entity> Demuxer::mirrorOf(EntityId wireId) noexcept {
+   PeerSlot const* const slot = peerSlot(wireId);
+   return slot == nullptr ? nullptr : slot->entity;
 }
 
 Ptr<Entity> Demuxer::entityOf(EntityId wireId) {

@@ -106,6 +106,8 @@ public:
    void checkAnnounced(EntityId id) const;
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
+   /// The entity that `wireId` of the peer is bound to; null for none.
+   Ptr<Entity> mirrorOf(EntityId wireId) noexcept;
    void retired(EntityId wireId);
    /// Whether `member` was announced on this connection under another identifier than `id`, which its name has now.
    bool isOfAnother(Entity const& member, EntityId id);

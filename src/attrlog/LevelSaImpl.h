@@ -741,6 +741,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          ++demuxer.counters().renamedMembers;
          dropHere(a, name);
       }
+   Ptr<Entity> const before = demuxer.mirrorOf(id);
    typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id);
    auto const instantiate = [&] {
       apply(
@@ -764,6 +765,10 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {
       member->moxMarkedForDeletionIs(false);
       demuxer.bind(id, *member);
+      // Somebody here has put another in the place of what was announced under this identifier, which others have been told to
+      // refer to. The owner, who knows of one only, is asked to announce it anew.
+      if (before && before != member)
+         this->refusedIs(Mark(A::id, name));
    }
 }
 

@@ -149,10 +149,12 @@ void Run::step(Step const& step) {
          Type::of(*entity).change(*entity, words, world);
       }
       break;
-   case Kind::failAllocation:
+   case Kind::failAllocation: {
+      Deeper const still(depth_), silent(depth_); // what reactors do, the pipes above all, has the memory that it needs
       if (world.changeWithoutMemory(words))
          fault("allocation failure");
       break;
+   }
    case Kind::release:
       world.releaseHeld(words);
       break;
@@ -244,10 +246,11 @@ bool Run::carry(std::size_t from, Words& words, bool isWhole) {
 void Run::connect() {
    if (isUp_)
       return;
-   isUp_ = true;
    fault("reconnect");
    for (World& world : worlds_)
-      world.end().connected();
+      world.end()
+         .connected(); // an end that learns only now of the cut runs reactors, and what they carry has no stream yet
+   isUp_ = true;
 }
 
 void Run::cut(Words& words) {
