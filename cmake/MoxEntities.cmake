@@ -6,11 +6,20 @@
 #   IMPORT   schemas that the files refer to and that no earlier call has compiled
 #   PREFIX   folder of the headers as include lines name it; the target's name in small letters if absent
 #   UNIT     name of the registration unit, which makes the types known when the library is loaded; the target's name if
-#            absent. A unit that registers nothing is not written.
+#            absent. A unit that registers nothing is not written. One name, one unit of a statically linked program.
 #
 # Everything that earlier calls compiled may be referred to without an IMPORT.
 
-set_property(GLOBAL PROPERTY MOX_SCHEMAS "")
+# mox_keep_units(TARGET UNIT...): has whatever links TARGET, a static library, take these registration units from it. Nobody
+# refers to them, so a linker would leave them in the archive, and the types would be unknown by name.
+function(mox_keep_units target)
+   get_target_property(type ${target} TYPE)
+   if(type STREQUAL "STATIC_LIBRARY")
+      foreach(unit ${ARGN})
+         target_link_options(${target} INTERFACE LINKER:--undefined=moxInit${unit})
+      endforeach()
+   endif()
+endfunction()
 
 function(mox_add_entities target)
    cmake_parse_arguments(arg "" "PREFIX;UNIT" "IMPORT" ${ARGN})
@@ -21,7 +30,7 @@ function(mox_add_entities target)
       string(TOLOWER ${target} arg_PREFIX)
    endif()
    if(NOT DEFINED arg_UNIT)
-      set(arg_UNIT ${target})
+      string(MAKE_C_IDENTIFIER ${target} arg_UNIT)
    endif()
    set(folder ${CMAKE_CURRENT_BINARY_DIR}/gen)
 
@@ -73,11 +82,13 @@ function(mox_add_entities target)
 
    add_custom_command(
       OUTPUT ${outputs}
-      COMMAND moxc --out ${folder} --unit ${arg_UNIT} ${imports} --prefix ${arg_PREFIX} ${schemas}
-      DEPENDS moxc ${schemas} ${inputs}
+      COMMAND Kestrel::moxc --out ${folder} --unit ${arg_UNIT} ${imports} --prefix ${arg_PREFIX} ${schemas}
+      DEPENDS $<TARGET_FILE:Kestrel::moxc> ${schemas} ${inputs}
       COMMENT "Compiling the entity schemas of ${target}"
       VERBATIM)
    target_sources(${target} PRIVATE ${outputs})
+   set_property(TARGET ${target} APPEND PROPERTY MOX_UNITS ${arg_UNIT})
+   mox_keep_units(${target} ${arg_UNIT})
    target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${folder}>)
    # Others include the headers, so they must not compile before these are there.
    add_custom_target(${target}_headers DEPENDS ${outputs})

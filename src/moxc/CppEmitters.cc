@@ -393,10 +393,12 @@ std::string emitRegistration(Model const& model, std::string const& unit) {
       }
    return "// Made by moxc: the types of " + unit + ", made known when the library is loaded.\n" + includes(headers) +
           fill(R"(
-namespace {
-
-void moxInit$Unit$() {
+// Has a name that a linker can be told, which takes the unit from a static library although nothing calls into it; hidden,
+// because two libraries of one process may have a unit of the same name.
+extern "C" [[gnu::visibility("hidden")]] void moxInit$Unit$() {
 $calls$}
+
+namespace {
 
 Mox::TypeRegistration const registration(&moxInit$Unit$);
 

@@ -4,13 +4,15 @@
 #include "rack/Fan.h"
 #include "rack/Unit.h"
 
-namespace {
-
-void moxInitRack() {
+// Has a name that a linker can be told, which takes the unit from a static library although nothing calls into it; hidden,
+// because two libraries of one process may have a unit of the same name.
+extern "C" [[gnu::visibility("hidden")]] void moxInitRack() {
    Rack::Unit::_fwkType();
    Rack::Fan::_fwkType();
    Rack::Cooling::_fwkType();
 }
+
+namespace {
 
 Mox::TypeRegistration const registration(&moxInitRack);
 
