@@ -69,6 +69,18 @@ public:
          baselineNs.push_back(secondsOf(baseline, baselineCount) * 1e9 / static_cast<double>(baselineCount));
          ratios.push_back(oursNs.back() / baselineNs.back());
       }
+      row(question, target, ratios, oursNs, baselineNs);
+   }
+
+   /// Whether a program that times by itself is to answer `question`, and which side of it.
+   bool asks(std::string_view question, std::string_view side) const {
+      return question_.empty() || (question_ == question && side_ == side);
+   }
+   std::size_t count(std::size_t otherwise) const { return question_.empty() ? otherwise : count_; }
+
+   /// One row of the table: of ratios of neighbours, and of what the two took.
+   static void row(std::string_view question, double target, std::vector<double> const& ratios,
+                   std::vector<double> const& oursNs, std::vector<double> const& baselineNs) {
       double const ratio = median(ratios);
       char goal[32] = "-";
       if (target != 0)
@@ -77,6 +89,10 @@ public:
                   *std::min_element(ratios.begin(), ratios.end()), *std::max_element(ratios.begin(), ratios.end()),
                   goal, median(oursNs), median(baselineNs));
       std::fflush(stdout);
+   }
+   static double median(std::vector<double> v) {
+      std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
+      return v[v.size() / 2];
    }
 
 private:
@@ -88,10 +104,6 @@ private:
       for (int i = 0; i < 3; ++i)
          best = std::min(best, secondsOf(run, count));
       return std::max<std::size_t>(1, static_cast<std::size_t>(static_cast<double>(count) * secondsEach / best));
-   }
-   static double median(std::vector<double> v) {
-      std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
-      return v[v.size() / 2];
    }
 
    std::string question_;
