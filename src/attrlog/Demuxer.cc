@@ -138,7 +138,8 @@ void Demuxer::assign(Sa& sa) {
          throw InternalException("stream \"" + name() + "\" has no identifier left: the peer takes slots up to " +
                                  std::to_string(peerHighestSlot_));
       // Room first, so that giving an identifier back never fails.
-      own_.reserve(slot + 1);
+      if (own_.capacity() <= slot)
+         own_.reserve(std::max(slot + 1, 2 * own_.capacity()));
       freeSlots_.reserve(own_.capacity());
       retirements_.reserve(own_.capacity());
       own_.resize(slot + 1);
