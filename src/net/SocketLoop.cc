@@ -1,5 +1,6 @@
 #include "net/SocketLoop.h"
 
+#include "attrlog/LinkEnd.h"
 #include "core/Exceptions.h"
 
 #include <asio/io_context.hpp>
@@ -49,6 +50,11 @@ bool SocketLoop::waitUntil(std::function<bool()> const& done, Milliseconds timeo
 void SocketLoop::tell(PeerEvent const& event) const {
    if (told_)
       told_(event);
+}
+
+Traffic SocketLoop::trafficOf(LinkEnd const& end) noexcept {
+   auto const& demuxer = end.demuxer();
+   return {demuxer.out()->recordsWritten(), demuxer.applied(), demuxer.out()->bytesSent()};
 }
 
 } // namespace Mox

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/Identifiers.h"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -10,6 +12,8 @@ class io_context;
 }
 
 namespace Mox {
+
+class LinkEnd;
 
 /// Something that happened to a connection.
 struct PeerEvent {
@@ -23,6 +27,20 @@ struct PeerEvent {
    unsigned long process; ///< of the peer, as the kernel told at connect
    unsigned long user;
    std::string reason; ///< ready to print; empty for `joined`
+};
+
+/// What this process has done over the connections that are open now.
+struct Traffic {
+   U64 recordsSent = 0;
+   U64 recordsApplied = 0;
+   U64 bytesSent = 0;
+
+   Traffic& operator+=(Traffic const& other) noexcept {
+      recordsSent += other.recordsSent;
+      recordsApplied += other.recordsApplied;
+      bytesSent += other.bytesSent;
+      return *this;
+   }
 };
 
 /// The event loop of a server or client: everything happens inside these calls, in the thread that makes them.
@@ -53,6 +71,7 @@ protected:
    virtual void flush() = 0;
    asio::io_context& context() noexcept { return *context_; }
    void tell(PeerEvent const& event) const;
+   static Traffic trafficOf(LinkEnd const& end) noexcept;
 
 private:
    std::unique_ptr<asio::io_context> context_;

@@ -45,6 +45,7 @@ public:
    void onReport(std::function<void(std::string const&)> told) { end_.onReport(std::move(told)); }
    /// Whether the server has everything, and said so; also true where nobody is connected.
    bool quiet() const { return !isConnected() || end_.quiet(); }
+   Traffic traffic() const noexcept { return trafficOf(end_); }
 
 private:
    void flush() override;

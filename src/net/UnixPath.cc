@@ -92,9 +92,9 @@ void removeStale(std::string const& path, sockaddr_un const& address) {
    ::fcntl(probe.get(), F_SETFL, O_NONBLOCK);
    int const error = connectTo(probe.get(), address);
    if (error == 0 || error == EAGAIN || error == EINPROGRESS)
-      fail(path, "taken: a live process listens on it");
+      fail(path, "expected a free name or an old socket, got one that a live process listens on");
    if (error == EACCES || error == EPERM)
-      fail(path, "taken: it belongs to another user");
+      fail(path, "expected a free name or an old socket, got one of another user");
    if (error != ECONNREFUSED)
       fail(path, "could not tell whether it is in use: " + errorText(error));
    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
@@ -124,7 +124,7 @@ BoundSocket::BoundSocket(std::string path) : path_(std::move(path)) {
    std::string const folder = folderOf(path_);
    Descriptor const lock(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
    if (lock.get() < 0)
-      fail(path_, "its folder '" + folder + "' can't be opened: " + errorText(errno));
+      fail(path_, "expected a folder, '" + folder + "', got: " + errorText(errno));
    while (::flock(lock.get(), LOCK_EX) != 0)
       if (errno != EINTR)
          fail(path_, "its folder '" + folder + "' can't be locked: " + errorText(errno));
@@ -136,7 +136,7 @@ BoundSocket::BoundSocket(std::string path) : path_(std::move(path)) {
    if (::fchmod(socket.get(), S_IRUSR | S_IWUSR) != 0)
       fail(path_, "could not make it private: " + errorText(errno));
    if (::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
-      fail(path_, "could not be created in '" + folder + "': " + errorText(errno));
+      fail(path_, "expected to create it in '" + folder + "', got: " + errorText(errno));
    struct stat made {};
    if (::lstat(path_.c_str(), &made) == 0) {
       device_ = made.st_dev;

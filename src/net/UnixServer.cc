@@ -93,6 +93,13 @@ bool UnixServer::quiet() const {
                       [](auto const& peer) { return !peer->isOpen() || peer->end.quiet(); });
 }
 
+Traffic UnixServer::traffic() const noexcept {
+   Traffic sum;
+   for (auto const& peer : peers_)
+      sum += trafficOf(peer->end);
+   return sum;
+}
+
 void UnixServer::flush() {
    // By index: what a drain runs may mount, which can add a peer.
    for (std::size_t i = 0; i < peers_.size(); ++i)

@@ -54,6 +54,8 @@ public:
    std::size_t peerCount() const noexcept;
    /// Whether each connected client has everything, and said so.
    bool quiet() const;
+   /// Of all clients together.
+   Traffic traffic() const noexcept;
 
 private:
    struct Peer;

@@ -65,11 +65,10 @@ TEST(UnixPath, NamesThatCannotBeHadAreRefusedAndLeftAlone) {
       {"file", file, "socket '" + file + "': expected a free name or an old socket, got a file"},
       {"folder", folder.path(), "socket '" + folder.path() + "': expected a free name or an old socket, got a folder"},
       {"no such folder", "/nowhere/s",
-       "socket '/nowhere/s': its folder '/nowhere' can't be opened: "
-       "No such file or directory"},
-      {"below a file", file + "/s",
-       "socket '" + file + "/s': its folder '" + file + "' can't be opened: Not a directory"},
-      {"live", live, "socket '" + live + "': taken: a live process listens on it"},
+       "socket '/nowhere/s': expected a folder, '/nowhere', got: No such file or directory"},
+      {"below a file", file + "/s", "socket '" + file + "/s': expected a folder, '" + file + "', got: Not a directory"},
+      {"live", live,
+       "socket '" + live + "': expected a free name or an old socket, got one that a live process listens on"},
    };
    for (auto const& c : table) {
       SCOPED_TRACE(c.name);
@@ -129,7 +128,8 @@ TEST(UnixPath, OtherUsersAreKeptOut) {
    fs::permissions(folder.path(), fs::perms(0755));
    EXPECT_EQ(connectAsNobody(), denied) << "so is the socket";
    EXPECT_EQ(asNobody([&] { return messageOf([&] { BoundSocket s(folder.path() + "/t"); }); }),
-             "socket '" + folder.path() + "/t': could not be created in '" + folder.path() + "': Permission denied");
+             "socket '" + folder.path() + "/t': expected to create it in '" + folder.path() +
+                "', got: Permission denied");
 
    // And root does not take a stranger's process for its server.
    fs::permissions(folder.path(), fs::perms(0777));
