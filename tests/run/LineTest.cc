@@ -1,7 +1,9 @@
 #include "run/Line.h"
+#include "run/Channel.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -18,49 +20,121 @@ TEST(Line, QFactorFollowsFromTheErrorRatio) {
    EXPECT_EQ(qFactor(0.5), 0);
 }
 
-TEST(Line, AlarmRisesAtOneLimitAndClearsBelowAnother) {
-   PortLine line;
+TEST(Line, AlarmsRiseAtOneLimitAndClearBelowAnother) {
    struct {
-      double worst;
-      bool alarm, changed;
-   } const steps[] = {{3.9e-3, false, false}, {4.0e-3, true, true},  {3.5e-3, true, false},
-                      {3.0e-3, true, false},  {2.9e-3, false, true}, {3.5e-3, false, false}};
+      double average, worst;
+      bool outOfFrame, lossOfFrame;
+   } const steps[] = {{1.0e-3, 3.9e-3, false, false},   {1.0e-3, 4.0e-3, true, false},  {1.0e-3, 3.5e-3, true, false},
+                      {1.0e-3, 3.0e-3, true, false},    {1.0e-3, 2.9e-3, false, false}, {3.5e-3, 3.6e-3, false, false},
+                      {4.0e-3, 5.0e-3, true, true},     {3.5e-3, 3.6e-3, true, true},   {2.9e-3, 2.9e-3, false, false},
+                      {noSignal, noSignal, true, true}, {3.5e-3, 3.5e-3, true, true},   {0, 0, false, false}};
+   Channel channel(1, 0);
    std::int64_t minute = 100;
    for (auto const& s : steps) {
-      SCOPED_TRACE(s.worst);
-      Reading const r = line.next({minute++, 1e-3, s.worst});
-      EXPECT_EQ(r.frameLoss, s.alarm);
-      EXPECT_EQ(r.frameLossChanged, s.changed);
-      EXPECT_NEAR(static_cast<double>(r.bitErrors) / (static_cast<double>(r.frames) * 130560), 1e-3, 1e-12);
+      SCOPED_TRACE(testing::Message() << s.average << ", " << s.worst);
+      Reading const r = channel.next({minute++, s.average, s.worst}, 900);
+      EXPECT_EQ(r.outOfFrame, s.outOfFrame);
+      EXPECT_EQ(r.lossOfFrame, s.lossOfFrame);
+      EXPECT_EQ(r.light, s.average < noSignal);
+      EXPECT_EQ(r.light, r.frames > 0);
    }
 }
 
-TEST(Line, SimulatedLineIsSeededAndHasItsEvent) {
-   Trace const a = simulatedTrace(12, 100, 7);
-   Trace const b = simulatedTrace(12, 100, 7);
-   Trace const other = simulatedTrace(12, 100, 8);
-   ASSERT_EQ(a.ports.size(), 12u);
-   unsigned equalToOther = 0;
-   for (std::size_t p = 0; p < a.ports.size(); ++p) {
-      SCOPED_TRACE(a.ports[p].name());
-      ASSERT_EQ(a.ports[p].samples.size(), 100u);
-      PortLine line;
-      unsigned rises = 0;
-      bool last = false;
-      for (std::size_t s = 0; s < 100; ++s) {
-         Sample const& sample = a.ports[p].samples[s];
-         ASSERT_EQ(sample.average, b.ports[p].samples[s].average);
-         equalToOther += sample.average == other.ports[p].samples[s].average;
-         ASSERT_GE(sample.worst, sample.average);
-         ASSERT_LT(sample.worst, 0.05);
-         Reading const r = line.next(sample);
-         rises += r.frameLoss && r.frameLossChanged;
-         last = r.frameLoss;
+TEST(Line, MeasurementsOfOneIntervalBelongTogether) {
+   Channel channel(3, 5);
+   double lastWordErrors = -1;
+   for (double ratio : {0.0, 8.8e-6, 1.5e-3, 3.5e-3, 4.0e-3, 4.5e-3, 5.0e-3, 8.0e-3}) {
+      SCOPED_TRACE(ratio);
+      Reading const r = channel.next({0, ratio, ratio}, 3600);
+      auto const bits = static_cast<double>(r.frames) * Channel::frameBits;
+      EXPECT_NEAR(bits / 3600, 111.8e9, 0.1e9) << "bits in a second";
+      EXPECT_NEAR(static_cast<double>(r.bitErrors), bits * ratio, 1);
+      EXPECT_EQ(static_cast<double>(r.words) * Channel::wordBits, bits);
+      auto const wordErrors = static_cast<double>(r.wordErrors) / static_cast<double>(r.words);
+      EXPECT_GE(wordErrors, lastWordErrors);
+      lastWordErrors = wordErrors;
+      // Both polarisations' ratios, from their Q-factors back, have the whole one as their mean.
+      auto const half = [](std::uint16_t q) { return std::erfc(q / 1000.0 / std::sqrt(2.0)) / 2; };
+      if (ratio > 0) {
+         EXPECT_NEAR((half(r.qFactorH) + half(r.qFactorV)) / 2 / ratio, 1, 5e-3);
       }
-      EXPECT_EQ(rises > 0, p % 2 == 0);
+      if (ratio == 1.5e-3) {
+         EXPECT_EQ(wordErrors, 0);
+      } else if (ratio == Channel::alarmAt) {
+         EXPECT_NEAR(wordErrors, 1e-3, 0.5e-3);
+      }
+   }
+}
+
+TEST(Line, DriftIsSlow) {
+   Channel channel(1, 2);
+   struct Range {
+      double low = 1e9, high = -1e9, last = 0, jump = 0;
+      void add(double v) {
+         jump = low > high ? 0 : std::max(jump, std::abs(v - last));
+         low = std::min(low, v);
+         high = std::max(high, v);
+         last = v;
+      }
+   } dispersion, offset;
+   for (std::int64_t quarter = 0; quarter < 4 * 24 * 7; ++quarter) {
+      Reading const r = channel.next({quarter * 15, 1e-3, 1e-3}, 900);
+      dispersion.add(r.dispersion);
+      offset.add(r.frequencyOffset);
+   }
+   EXPECT_LT(dispersion.jump, 15) << "ps/nm";
+   EXPECT_GT(dispersion.high - dispersion.low, 10);
+   EXPECT_LT(dispersion.high - dispersion.low, 100);
+   EXPECT_LT(offset.jump, 100) << "MHz";
+   EXPECT_GT(offset.high - offset.low, 200);
+   EXPECT_LT(offset.high - offset.low, 2500);
+}
+
+TEST(Line, SimulatedLineIsSeededAndHasItsEvent) {
+   constexpr std::size_t ports = 12, steps = 100;
+   auto const a = simulatedLine(ports, steps, 7);
+   auto const b = simulatedLine(ports, steps, 7);
+   auto const other = simulatedLine(ports, steps, 8);
+   ASSERT_EQ(a->ports().size(), ports);
+   unsigned equalToOther = 0;
+   for (std::size_t p = 0; p < ports; ++p) {
+      SCOPED_TRACE(a->ports()[p]);
+      Channel channel(7, p);
+      unsigned dark = 0, outOfFrame = 0;
+      bool last = true;
+      for (std::size_t s = 0; s < steps; ++s) {
+         Sample const sample = *a->next(p, s);
+         ASSERT_EQ(sample.average, b->next(p, s)->average);
+         equalToOther += sample.average == other->next(p, s)->average && sample.average != noSignal;
+         ASSERT_GE(sample.worst, sample.average);
+         Reading const r = channel.next(sample, a->interval());
+         dark += !r.light;
+         outOfFrame += r.outOfFrame;
+         last = r.outOfFrame;
+      }
+      EXPECT_EQ(dark > 0, p % 2 == 0);
+      EXPECT_EQ(outOfFrame > dark, p % 2 == 0) << "it is bent before it breaks";
+      EXPECT_LT(dark, 5u);
       EXPECT_FALSE(last) << "recovered at the end";
    }
    EXPECT_EQ(equalToOther, 0u);
+}
+
+TEST(Line, RecordingPlaysItsMomentsInOrder) {
+   Trace trace;
+   trace.ports = {{"T1", "/1", 'A', {{60, 0.1, 0.1}, {180, 0.2, 0.2}}},
+                  {"T2", "/1", 'Z', {{60, 0.3, 0.3}, {120, 0.4, 0.4}}},
+                  {"T3", "/1", 'Z', {{0, 0.3, 0.3}}}};
+   trace.interval = 60;
+   auto const line = recordedLine(trace, 2, 2);
+   EXPECT_EQ(line->ports(), (std::vector<std::string>{"T1/1/A", "T2/1/Z"}));
+   EXPECT_EQ(line->steps(), 2u) << "the third moment, and that of the third port, are left";
+   EXPECT_EQ(line->interval(), 3600);
+   EXPECT_EQ(line->next(0, 0)->average, 0.1);
+   EXPECT_EQ(line->next(1, 0)->average, 0.3);
+   EXPECT_FALSE(line->next(0, 1)) << "not measured then";
+   EXPECT_EQ(line->next(1, 1)->average, 0.4);
+   EXPECT_EQ(recordedLine(trace, 0, 0)->steps(), 4u);
 }
 
 } // namespace

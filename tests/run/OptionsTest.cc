@@ -14,15 +14,18 @@ Options parse(std::vector<char const*> arguments) {
 }
 
 TEST(Options, WhatIsGivenArrivesAndTheRestHasItsDefault) {
-   Options const all = parse(
-      {"--ports", "50", "--steps=7", "--seed", "18446744073709551615", "--trace", "a b.csv", "--socket", "/tmp/x"});
+   Options const all = parse({"--ports", "50", "--steps=7", "--seed", "18446744073709551615", "--trace", "a b.csv",
+                              "--socket", "/tmp/x", "--speed", "2.5e-1", "--json"});
    EXPECT_EQ(all.ports, 50u);
    EXPECT_EQ(all.steps, 7u);
    EXPECT_EQ(all.seed, 18446744073709551615u);
    EXPECT_EQ(all.trace, "a b.csv");
    EXPECT_EQ(all.socket, "/tmp/x");
+   EXPECT_EQ(all.speed, 0.25);
+   EXPECT_TRUE(all.json);
    Options const none = parse({});
-   EXPECT_TRUE(none.trace.empty() && none.socket.empty() && none.help.empty() && !none.driver);
+   EXPECT_TRUE(none.trace.empty() && none.socket.empty() && none.help.empty() && !none.driver && !none.json);
+   EXPECT_GT(none.speed, 0);
    EXPECT_EQ(none.seed, 1u);
    EXPECT_NE(parse({"--help"}).help.find("--trace FILE"), std::string::npos);
 }
@@ -39,8 +42,12 @@ TEST(Options, WrongUseIsOneClearLine) {
       {{"--seed", "18446744073709551616"},
        "--seed: expected a number from 0 to 18446744073709551615, got '18446744073709551616'"},
       {{"--seed", "-1"}, "--seed: expected a number from 0 to 18446744073709551615, got '-1'"},
-      {{"--port", "3"}, "The following arguments were not expected: 3 --port"},
-      {{"trace.csv"}, "The following argument was not expected: trace.csv"},
+      {{"--speed", "-0.1"}, "--speed: expected a number from 0 to 1000000, got '-0.1'"},
+      {{"--speed", "nan"}, "--speed: expected a number from 0 to 1000000, got 'nan'"},
+      {{"--speed", "inf"}, "--speed: expected a number from 0 to 1000000, got 'inf'"},
+      {{"--ports", "3\n\x1b[2J"}, "--ports: expected a number from 1 to 10000, got '3..[2J'"},
+      {{"--port", "3"}, "expected the options that --help lists, got '--port'"},
+      {{"trace.csv"}, "expected the options that --help lists, got 'trace.csv'"},
       {{"--trace", ""}, "--trace: expected a path, got an empty text"},
    };
    for (auto const& c : table) {

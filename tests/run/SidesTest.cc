@@ -42,7 +42,7 @@ int falseDriver(int argc, char** argv) {
       while (pipe.line(0ms) != word)
          client.pollOnce(5ms);
       if (word == word::stop)
-         pipe.sendLine(word::stopped);
+         pipe.sendLine(std::string(word::stopped) + " 0 0 0 0");
    }
    pipe.sendText("/a = 1\n");
    return 0;
@@ -64,7 +64,7 @@ TEST(Sides, DriverThatHoldsSomethingElseIsADifferenceAndOneThatLeavesIsLost) {
       ::setenv(faultVariable, c.fault, 1);
       testing::internal::CaptureStdout();
       testing::internal::CaptureStderr();
-      Outcome const outcome = configure(Options(), simulatedTrace(2, 5, 1), 0);
+      Outcome const outcome = configure(Options(), simulatedLine(2, 5, 1), 0);
       std::string const out = testing::internal::GetCapturedStdout();
       EXPECT_EQ(testing::internal::GetCapturedStderr(), c.error);
       EXPECT_EQ(outcome, c.outcome);

@@ -48,6 +48,7 @@ TEST(Trace, RowsOfAnyOrderBecomeSamplesByPortAndTime) {
    ASSERT_EQ(samples.size(), 2u) << "a time with no average is no sample";
    EXPECT_EQ(samples[0].minute, 10957 * 1440 + 23 * 60 + 5);
    EXPECT_EQ(samples[1].minute - samples[0].minute, 55);
+   EXPECT_EQ(trace.interval, 55);
    EXPECT_DOUBLE_EQ(samples[0].average, 8.4e-6);
    EXPECT_DOUBLE_EQ(samples[0].worst, 8.4e-6) << "no highest ratio told: the average";
    EXPECT_DOUBLE_EQ(samples[1].worst, 0.004);
@@ -61,7 +62,9 @@ TEST(Trace, BadRowsAreSkippedWithLineAndReason) {
       {"only commas", ",,,,,,,,,,", "empty row"},
       {"nothing", "", "empty row"},
       {"a field short", "T1,/1/2/L1,preFecBer,avg,0.1,7,1,1,2000/1/1 00:00,A", "expected 11 fields, got 10"},
-      {"no device", ",x,preFecBer,avg,0.1,7,1,1,2000/1/1 00:00,A,p", "device_name: expected a name, got ''"},
+      {"no device", ",x,preFecBer,avg,0.1,7,1,1,2000/1/1 00:00,A,p", "device_name: expected a printable name, got ''"},
+      {"name with an escape", "T1,/\x1b[2J,preFecBer,avg,0.1,7,1,1,2000/1/1 00:00,A,p",
+       "logical_name: expected a printable name, got '/.[2J'"},
       {"another item", row("avg", "0.1", "2000/1/1 00:00", "A", "osnr"), "item: expected preFecBer, got 'osnr'"},
       {"no number", row("avg", "abc", "2000/1/1 00:00"), "value: expected a ratio from 0 to 0.5, got 'abc'"},
       {"number and more", row("avg", "0.1x", "2000/1/1 00:00"), "value: expected a ratio from 0 to 0.5, got '0.1x'"},

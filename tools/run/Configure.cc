@@ -1,6 +1,9 @@
 #include "run/Sides.h"
 
+#include "run/Answers.h"
 #include "run/Pipe.h"
+#include "run/Result.h"
+#include "run/Terminal.h"
 
 #include "entities/Cl10010Config.h"
 #include "entities/Cl10010ConfigDir.h"
@@ -15,11 +18,15 @@
 #include "notify/Observe.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <csignal>
+#include <iomanip>
 #include <iostream>
-#include <map>
 #include <optional>
 #include <sstream>
+
+#include <unistd.h>
 
 namespace Job {
 
@@ -34,69 +41,33 @@ using Mox::Ptr;
 constexpr auto patience = 30s;
 
 std::sig_atomic_t volatile interrupted = 0;
-extern "C" void interrupt(int) {
-   interrupted = 1;
+extern "C" void interrupt(int signal) {
+   interrupted = signal;
 }
 
-/// Answers a rising error rate of a port by widening its roll-off, once per rise.
-class Answers {
+/// A key, a closing terminal or a supervisor may ask the job to end while this object lives. What whoever started the program
+/// has it ignore, as `nohup` does, stays ignored.
+class Interrupts {
 public:
-   explicit Answers(Ptr<Cl10010ConfigDir> config, Ptr<Cl10010StatusDir> const& status) : config_(std::move(config)) {
-      members_ = Mox::on(status, Cl10010StatusDir::Attr::phyStatus,
-                         [this](Cl10010StatusDir& directory, Name const& name) { follow(directory, name); });
+   Interrupts() {
+      interrupted = 0;
+      for (std::size_t i = 0; i < signals.size(); ++i)
+         if ((before_[i] = std::signal(signals[i], interrupt)) == SIG_IGN)
+            std::signal(signals[i], SIG_IGN);
    }
-
-   unsigned given() const noexcept { return given_; }
-   double highestRatio() const noexcept { return highest_; }
-   std::string const& highestPort() const noexcept { return highestPort_; }
+   ~Interrupts() {
+      for (std::size_t i = 0; i < signals.size(); ++i)
+         std::signal(signals[i], before_[i]);
+   }
+   Interrupts(Interrupts const&) = delete;
+   Interrupts& operator=(Interrupts const&) = delete;
 
 private:
-   static constexpr float risenAt = 2.5e-3F;
-   static constexpr float calmBelow = 2.0e-3F;
-
-   struct Port {
-      Mox::Watch watch;
-      bool risen = false;
-   };
-
-   void follow(Cl10010StatusDir& directory, Name const& name) {
-      auto const status = directory.phyStatus(name);
-      if (!status) {
-         ports_.erase(std::string(name));
-         return;
-      }
-      ports_[std::string(name)].watch =
-         Mox::on(status, Cl10010Status::Attr::currPreFecErrorRate, [this](Cl10010Status& s) { judge(s); });
-      judge(*status);
-   }
-
-   void judge(Cl10010Status const& status) {
-      float const ratio = status.currPreFecErrorRate();
-      std::string const name(status.name());
-      if (ratio > highest_) {
-         highest_ = ratio;
-         highestPort_ = name;
-      }
-      bool& risen = ports_[name].risen;
-      if (!risen && ratio >= risenAt) {
-         if (auto const config = config_->phyConfig(name)) {
-            float const now = config->rollOff();
-            config->rollOffIs(now < 0.975F ? now + 0.025F : 0.2F);
-            ++given_;
-         }
-      }
-      risen = ratio >= (risen ? calmBelow : risenAt);
-   }
-
-   Ptr<Cl10010ConfigDir> config_;
-   Mox::Watch members_;
-   std::map<std::string, Port> ports_;
-   unsigned given_ = 0;
-   double highest_ = 0;
-   std::string highestPort_ = "none";
+   static constexpr std::array signals{SIGINT, SIGTERM, SIGHUP};
+   std::array<void (*)(int), signals.size()> before_{};
 };
 
-void fill(Cl10010ConfigDir& directory, Trace const& trace) {
+void fill(Cl10010ConfigDir& directory, Line const& line) {
    // What every port shares is made here, has no parent, and travels because a configuration refers to it.
    auto const spi = Mox::make<Hardware::Spi::Accelerator>("spi-0");
    spi->clockRateIs(25'000'000);
@@ -104,9 +75,9 @@ void fill(Cl10010ConfigDir& directory, Trace const& trace) {
    auto const pll = Mox::make<Hardware::Dpll::PllStatus>("pll-0");
    pll->lockedIs(true);
    std::uint32_t number = 0;
-   for (PortTrace const& port : trace.ports) {
-      auto const config = directory.phyConfigIs(Name(port.name()));
-      auto const reset = Mox::make<Fru::Gpo>(Name("reset-" + port.name()));
+   for (std::string const& port : line.ports()) {
+      auto const config = directory.phyConfigIs(Name(port));
+      auto const reset = Mox::make<Fru::Gpo>(Name("reset-" + port));
       reset->assertedIs(number % 2 == 0);
       config->spiAccelIs(spi);
       config->pllStatusIs(pll);
@@ -120,13 +91,17 @@ void fill(Cl10010ConfigDir& directory, Trace const& trace) {
          config->initialIngressAmpIs(key, Xcvr::CfpxTiaOutputVoltage(350'000 + number));
       }
       config->wakeupTimeIs(0.25);
+      config->diagsModeEpochInc(1);
       config->configReadyIs(true);
       ++number;
    }
 }
 
 std::vector<std::string> driverArguments(Options const& options, std::string const& path) {
-   std::vector<std::string> arguments{"run", "--driver", "--socket", path, "--seed", std::to_string(options.seed)};
+   std::ostringstream speed;
+   speed << options.speed;
+   std::vector<std::string> arguments{"run",     "--driver", "--socket", path, "--seed", std::to_string(options.seed),
+                                      "--speed", speed.str()};
    if (!options.trace.empty())
       arguments.insert(arguments.end(), {"--trace", options.trace});
    if (options.ports != 0)
@@ -143,123 +118,176 @@ struct Lost : std::runtime_error {
 /// The configuring process from the first connection to the comparison.
 class Session {
 public:
-   Session(Mox::UnixServer& server, Child& driver) : server_(server), driver_(driver) {
-      server_.onPeer([this](Mox::PeerEvent const& event) {
+   /// \param folder of the socket, where it is private: it goes as soon as the driver is in
+   Session(Options const& options, Line const& line, std::string const& path, std::optional<Mox::PrivateFolder>& folder)
+      : steps_(line.steps()),
+        config_(Mox::make<Cl10010ConfigDir>("config")),
+        server_(std::in_place, path, "configuring process"),
+        progress_(Terminal::of(STDERR_FILENO)) {
+      fill(*config_, line);
+      server_->onReport([this](std::string const& text) { say(text); });
+      server_->onPeer([this, &folder](Mox::PeerEvent const& event) {
          if (event.kind == Mox::PeerEvent::Kind::lost)
             lost_ = event.reason;
          else if (event.kind == Mox::PeerEvent::Kind::refused)
-            std::cerr << "run: " << event.reason << '\n';
+            say(event.reason);
+         else
+            folder.reset();
       });
+      server_->exportRoot(config_);
+      status_ = server_->mount<Cl10010StatusDir>("status");
+      answers_.emplace(config_, status_);
+      driver_.emplace(driverArguments(options, path));
+   }
+   Session(Session const&) = delete;
+   Session& operator=(Session const&) = delete;
+
+   /// Ends the driver, if it is still there, and gives it the time to do so by itself.
+   ~Session() {
+      driver_->pipe().sendLine(word::leave);
+      server_.reset();
+      driver_->end(1s);
    }
 
-   /// Polls until the driver says a line that begins with `word`; returns what stands behind it. \throws Lost
+   /// \throws Lost, Interrupted
+   void run(Result& result) {
+      awaitWord(word::played);
+      await([this] { return answers_->open() == 0 && server_->quiet(); });
+      driver_->pipe().sendLine(word::stop);
+      auto const driver = DriverFigures::of(awaitWord(word::stopped));
+      await([this] { return server_->quiet(); });
+      driver_->pipe().sendLine(word::dump);
+      auto const theirs = driver_->pipe().text(patience);
+      if (!theirs)
+         lose();
+      progress_.clear();
+
+      std::ostringstream ours;
+      Mox::dump(*config_, ours);
+      Mox::dump(*status_, ours);
+      result.differences = differences(ours.str(), *theirs, 20);
+      result.comparedLines = static_cast<std::size_t>(std::count(theirs->begin(), theirs->end(), '\n'));
+      result.changes = driver.changes;
+      Mox::Traffic const traffic = server_->traffic();
+      result.recordsSent = traffic.recordsSent + driver.recordsSent;
+      result.recordsApplied = traffic.recordsApplied + driver.recordsApplied;
+      result.bytes = traffic.bytesSent + driver.bytesSent;
+      result.worst = answers_->worst();
+      result.signalLosses = answers_->signalLosses();
+      result.answers = answers_->given();
+   }
+
+   std::size_t stepsPlayed() const noexcept { return played_; }
+
+private:
+   /// Polls until the driver says a line that begins with `word`; returns what stands behind it.
    std::string awaitWord(std::string_view word) {
-      std::optional<std::string> line;
-      await([&] {
-         line = driver_.pipe().line(0ms);
-         return line && line->starts_with(word);
-      });
-      return line->substr(std::min(line->size(), word.size() + 1));
+      await([&] { return said_ && said_->starts_with(word); });
+      std::string const text = said_->substr(std::min(said_->size(), word.size() + 1));
+      said_.reset();
+      return text;
    }
 
-   /// Polls until the driver has said that it has everything. \throws Lost
-   void awaitQuiet() {
-      await([this] { return server_.quiet(); });
+   /// The driver may take its time, as long as something moves: bytes on the link, or words.
+   template <class Done> void await(Done done) {
+      for (auto last = Clock::now();;) {
+         bool moved = server_->pollOnce(5ms);
+         while (auto const line = driver_->pipe().line(0ms)) {
+            moved = true;
+            heard(*line);
+         }
+         if (done())
+            return;
+         if (moved)
+            last = Clock::now();
+         if (interrupted != 0)
+            throw Interrupted{interrupted};
+         if (lost_ || driver_->end() || Clock::now() - last >= patience)
+            lose();
+         tell();
+      }
    }
 
-   void say(std::string_view word) {
-      if (!driver_.pipe().sendLine(word))
-         check(false);
+   void heard(std::string const& line) {
+      if (line.starts_with(word::step))
+         std::from_chars(line.data() + word::step.size() + 1, line.data() + line.size(), played_);
+      else
+         said_ = line;
+   }
+
+   void tell() {
+      auto const all = grouped(steps_);
+      std::ostringstream text;
+      text << std::setw(static_cast<int>(all.size())) << grouped(played_) << " of " << all << " steps, "
+           << grouped(server_->traffic().recordsApplied) << " records";
+      if (auto const& worst = answers_->worst(); !worst.port.empty())
+         text << ", worst " << std::setprecision(2) << worst.errorRate << " at " << worst.port;
+      progress_.show(static_cast<double>(played_) / static_cast<double>(steps_), text.str());
+   }
+
+   void say(std::string const& text) {
+      progress_.clear();
+      std::cerr << "run: " << text << '\n';
    }
 
    [[noreturn]] void lose() {
-      auto const how = driver_.end(500ms);
+      auto const how = driver_->end(500ms);
       throw Lost(how     ? "the driver process ended too early: " + *how
                  : lost_ ? "the driver process was lost: " + *lost_
                          : "the driver process does not answer");
    }
 
-private:
-   /// The driver may take its time, as long as something moves: bytes on the link, or words.
-   template <class Done> void await(Done done) {
-      auto last = std::chrono::steady_clock::now();
-      while (!done()) {
-         if (server_.pollOnce(5ms))
-            last = std::chrono::steady_clock::now();
-         check(std::chrono::steady_clock::now() - last < patience);
-      }
-   }
+   using Clock = std::chrono::steady_clock;
 
-   void check(bool alive) {
-      if (interrupted != 0)
-         throw Lost("interrupted");
-      if (!alive || lost_ || driver_.end())
-         lose();
-   }
-
-   Mox::UnixServer& server_;
-   Child& driver_;
+   std::size_t steps_;
+   Ptr<Cl10010ConfigDir> config_;
+   Ptr<Cl10010StatusDir> status_;
+   std::optional<Mox::UnixServer> server_;
+   std::optional<Answers> answers_;
+   std::optional<Child> driver_;
    std::optional<std::string> lost_;
+   std::optional<std::string> said_; ///< the driver's last line, if it was no `step`
+   std::size_t played_ = 0;
+   ProgressLine progress_;
 };
-
-std::string dumped(Mox::Entity const& entity) {
-   std::ostringstream text;
-   Mox::dump(entity, text);
-   return text.str();
-}
 
 } // namespace
 
-Outcome configure(Options const& options, Trace const& trace, std::size_t badRows) {
-   std::signal(SIGINT, interrupt);
-   std::signal(SIGTERM, interrupt);
+Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_t badRows) {
+   auto const started = std::chrono::steady_clock::now();
+   Result result;
+   result.line = options.trace.empty() ? "simulated" : options.trace;
+   result.seed = options.seed;
+   result.ports = line->ports().size();
+   result.steps = line->steps();
+   result.badRows = badRows;
+
+   Interrupts const interrupts;
    std::signal(SIGPIPE, SIG_IGN);
    std::optional<Mox::PrivateFolder> folder;
    std::string path = options.socket;
    if (path.empty())
       path = folder.emplace().path() + "/link";
-
-   auto const started = std::chrono::steady_clock::now();
-   auto const config = Mox::make<Cl10010ConfigDir>("config");
-   fill(*config, trace);
-   Mox::UnixServer server(path, "configuring process");
-   server.onReport([](std::string const& text) { std::cerr << "run: " << text << '\n'; });
-   server.exportRoot(config);
-   auto const status = server.mount<Cl10010StatusDir>("status");
-   Answers const answers(config, status);
-
-   std::string figures, ours, theirs;
-   try {
-      Child driver(driverArguments(options, path));
-      Session session(server, driver);
-      figures = session.awaitWord(word::played);
-      session.say(word::stop);
-      session.awaitWord(word::stopped);
-      session.awaitQuiet();
-      session.say(word::dump);
-      auto const text = driver.pipe().text(patience);
-      if (!text)
-         session.lose();
-      theirs = *text;
-      ours = dumped(*config) + dumped(*status);
-   } catch (Lost const& e) {
-      std::cerr << "run: " << e.what() << '\n';
-      return Outcome::peerLost;
+   {
+      Session session(options, *line, path, folder);
+      if (!options.json)
+         print(
+            "playing " + std::to_string(result.steps) + " steps of " +
+            (options.trace.empty() ? "a simulated line, seed " + std::to_string(options.seed) : shown(options.trace)) +
+            ", to " + std::to_string(result.ports) + " ports\n");
+      try {
+         session.run(result);
+      } catch (Lost const& e) {
+         std::cerr << "run: " << e.what() << '\n';
+         return Outcome::peerLost;
+      } catch (Interrupted const&) {
+         std::cerr << "run: interrupted after " << session.stepsPlayed() << " of " << result.steps << " steps\n";
+         throw;
+      }
    }
-
-   auto const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-   std::cout << "ports " << trace.ports.size() << ", bad rows " << badRows << ", " << figures << ", seconds " << seconds
-             << '\n'
-             << "highest error ratio " << answers.highestRatio() << " at " << answers.highestPort() << '\n'
-             << "configuration answers " << answers.given() << '\n';
-   if (ours == theirs) {
-      std::cout << "both sides agree: " << std::count(ours.begin(), ours.end(), '\n') << " lines each\n";
-      return Outcome::agree;
-   }
-   std::cout << "the sides differ\n";
-   for (std::string const& line : differences(ours, theirs, 20))
-      std::cout << "   " << line << '\n';
-   return Outcome::differ;
+   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+   print(options.json ? result.json() : result.table(Terminal::of(STDOUT_FILENO)));
+   return result.agree() ? Outcome::agree : Outcome::differ;
 }
 
 } // namespace Job

@@ -1,26 +1,19 @@
 #include "run/Sides.h"
 
-#include "run/Line.h"
 #include "run/Pipe.h"
+#include "run/Port.h"
 
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010Status.h"
-#include "entities/Cl10010StatusDir.h"
+#include "net/SocketException.h"
 #include "net/UnixClient.h"
 #include "notify/Dump.h"
-#include "notify/Observe.h"
-#include "siblings/EthPhyIntfStatus.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <optional>
-#include <set>
 #include <sstream>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace Job {
@@ -29,6 +22,7 @@ namespace {
 
 using namespace Hardware::ClariPhy;
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 using Mox::Name;
 using Mox::Ptr;
 
@@ -36,71 +30,16 @@ struct Lost : std::runtime_error {
    using std::runtime_error::runtime_error;
 };
 
-/// One port: its line, its status, and the configuration that it follows.
-class DrivenPort {
-public:
-   DrivenPort(PortTrace const& trace, std::uint32_t number, Cl10010ConfigDir& configs, Cl10010StatusDir& statuses)
-      : trace_(trace), next_(trace.samples.begin()), config_(configs.phyConfig(Name(trace.name()))) {
-      auto const interface = Mox::make<Interface::EthPhyIntfStatus>(Name("ethernet-" + trace.name()));
-      interface->intfIdIs(Plex::IntfId(number + 1));
-      interface->linkUpIs(true);
-      status_ = statuses.phyStatusIs(Name(trace.name()), config_, interface);
-      interface_ = interface;
-      status_->rollOffIs(config_->rollOff());
-      watch_ = Mox::on(config_, Cl10010Config::Attr::rollOff, [this](Cl10010Config& c) { reconfigure(c); });
-   }
-   DrivenPort(DrivenPort const&) = delete;
-   DrivenPort& operator=(DrivenPort const&) = delete;
-
-   /// Reads the chip out, if the trace has a sample of that minute.
-   void play(std::int64_t minute) {
-      if (next_ == trace_.samples.end() || next_->minute != minute)
-         return;
-      Reading const r = line_.next(*next_++);
-      time_ = r.time;
-      status_->currPreFecErrorRateIs(static_cast<float>(r.errorRatio));
-      status_->qFactorFromBerIs(static_cast<float>(r.qFactor));
-      status_->fecFramesInc(r.frames);
-      status_->fecErrorsInc(r.bitErrors);
-      status_->performanceMonitorCountInc(1);
-      if (r.frameLossChanged) {
-         auto const changed = [&](Kiln::ConditionStat before, bool now) {
-            return Kiln::ConditionStat{now, before.count + 1, r.time};
-         };
-         status_->otuLossOfAnyFrameIs(changed(status_->otuLossOfAnyFrame(), r.frameLoss));
-         status_->signalLockIs(changed(status_->signalLock(), !r.frameLoss));
-         interface_->linkUpIs(!r.frameLoss);
-      }
-   }
-
-   void stop() { watch_.stop(); }
-   unsigned reconfigurations() const noexcept { return reconfigurations_; }
-   std::uint32_t changes() const noexcept { return status_->changeCount(); }
-
-private:
-   void reconfigure(Cl10010Config const& config) {
-      ++reconfigurations_;
-      status_->rollOffIs(config.rollOff());
-      status_->firmwareSmStateIs(static_cast<std::uint16_t>(status_->firmwareSmState() ^ 1));
-      status_->firmwareSmStateChangesInc(1);
-      status_->lastFirmwareSmStateChangedIs(time_);
-   }
-
-   PortTrace const& trace_;
-   std::vector<Sample>::const_iterator next_;
-   PortLine line_;
-   Ptr<Cl10010Config> config_;
-   Ptr<Cl10010Status> status_;
-   Ptr<Interface::EthPhyIntfStatus> interface_;
-   Mox::Watch watch_;
-   double time_ = 0;
-   unsigned reconfigurations_ = 0;
-};
+struct Dismissed {};
 
 class Driver {
 public:
-   Driver(Options const& options, Trace const& trace)
-      : trace_(trace), pipe_(STDIN_FILENO, STDOUT_FILENO), status_(Mox::make<Cl10010StatusDir>("status")) {
+   Driver(Options const& options, Line& line)
+      : line_(line),
+        seed_(options.seed),
+        speed_(options.speed),
+        pipe_(STDIN_FILENO, STDOUT_FILENO),
+        status_(Mox::make<Cl10010StatusDir>("status")) {
       client_.onPeer([this](Mox::PeerEvent const& event) {
          if (event.kind == Mox::PeerEvent::Kind::lost)
             lost_ = event.reason;
@@ -108,19 +47,24 @@ public:
       client_.onReport([](std::string const& text) { std::cerr << "run: driver: " << text << '\n'; });
       client_.exportRoot(status_);
       config_ = client_.mount<Cl10010ConfigDir>("config");
-      client_.connect(options.socket);
+      try {
+         client_.connect(options.socket);
+      } catch (Mox::SocketException const& e) {
+         lose(e.what());
+      }
    }
 
    void run() {
       awaitConfiguration();
       play();
-      say(std::string(word::played) + ' ' + figures());
+      // The last answers of the configuring process are to what it has seen.
+      settle();
+      say(word::played);
       awaitWord(word::stop);
       for (auto& port : ports_)
-         port->stop();
-      while (!client_.quiet())
-         poll(5ms);
-      say(word::stopped);
+         port->driven.stop();
+      settle();
+      say(std::string(word::stopped) + ' ' + figures().text());
       awaitWord(word::dump);
       std::ostringstream text;
       Mox::dump(*config_, text);
@@ -129,58 +73,105 @@ public:
    }
 
 private:
+   struct Port {
+      Port(std::string const& name, std::uint32_t number, std::uint64_t seed, Driver& driver, double time)
+         : channel(seed, number), driven(name, number, *driver.config_, *driver.status_, time) {}
+      Channel channel;
+      DrivenPort driven;
+   };
+
    void awaitConfiguration() {
       auto const ready = [this] {
-         return std::all_of(trace_.ports.begin(), trace_.ports.end(), [this](PortTrace const& port) {
-            auto const config = config_->phyConfig(Name(port.name()));
+         return std::all_of(line_.ports().begin(), line_.ports().end(), [this](std::string const& port) {
+            auto const config = config_->phyConfig(Name(port));
             return config && config->configReady();
          });
       };
       while (client_.state("config") != Mox::LinkEnd::State::live || !ready())
          poll(20ms);
-      for (PortTrace const& port : trace_.ports)
-         ports_.push_back(
-            std::make_unique<DrivenPort>(port, static_cast<std::uint32_t>(ports_.size()), *config_, *status_));
    }
 
+   /// Steps are due at equal distances from the first one; a late one does not put off the next.
    void play() {
-      std::set<std::int64_t> minutes;
-      for (PortTrace const& port : trace_.ports)
-         for (Sample const& sample : port.samples)
-            minutes.insert(sample.minute);
-      for (std::int64_t const minute : minutes) {
-         for (auto& port : ports_)
-            port->play(minute);
-         poll(1ms);
-         ++steps_;
+      auto const start = Clock::now();
+      ports_.resize(line_.ports().size());
+      for (std::size_t step = 0; step < line_.steps(); ++step) {
+         if (speed_ > 0) {
+            auto const due = start + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(static_cast<double>(step) / speed_));
+            for (auto now = Clock::now(); now < due; now = Clock::now())
+               pollAndTell(std::min(std::chrono::ceil<std::chrono::milliseconds>(due - now), 50ms), step);
+         }
+         for (std::size_t p = 0; p < ports_.size(); ++p) {
+            if (auto const sample = line_.next(p, step))
+               read(p, *sample);
+            // Many ports make a long step, and the peer wants its bytes.
+            if (p % 64 == 63)
+               pollAndTell(0ms, step);
+         }
+         pollAndTell(0ms, step + 1);
       }
    }
 
-   std::string figures() const {
-      unsigned answered = 0;
-      U64 changes = 0;
-      for (auto const& port : ports_) {
-         answered += port->reconfigurations();
-         changes += port->changes();
+   /// Says now and then how far it is, also while nothing happens: the peer takes silence for a death.
+   void pollAndTell(std::chrono::milliseconds timeout, std::size_t steps) {
+      poll(timeout);
+      if (auto const now = Clock::now(); now - told_ >= 100ms) {
+         told_ = now;
+         say(std::string(word::step) + ' ' + std::to_string(steps));
       }
-      return "steps " + std::to_string(steps_) + ", changes " + std::to_string(changes) +
-             ", reconfigurations while playing " + std::to_string(answered);
+   }
+
+   void settle() {
+      while (!client_.quiet())
+         poll(5ms);
+   }
+
+   /// A port begins with its first sample.
+   void read(std::size_t number, Sample const& sample) {
+      auto& port = ports_[number];
+      if (!port)
+         port = std::make_unique<Port>(line_.ports()[number], static_cast<std::uint32_t>(number), seed_, *this,
+                                       static_cast<double>(sample.minute) * 60 - line_.interval());
+      port->driven.read(port->channel.next(sample, line_.interval()));
+   }
+
+   DriverFigures figures() const {
+      DriverFigures f;
+      for (auto const& port : ports_)
+         f.changes += port ? port->driven.changes() : 0;
+      Mox::Traffic const traffic = client_.traffic();
+      f.recordsSent = traffic.recordsSent;
+      f.recordsApplied = traffic.recordsApplied;
+      f.bytesSent = traffic.bytesSent;
+      return f;
    }
 
    void poll(Mox::SocketLoop::Milliseconds timeout) {
       client_.pollOnce(timeout);
       if (lost_)
-         throw Lost("the configuring process was lost: " + *lost_);
+         lose(*lost_);
    }
 
-   void say(std::string_view word) {
-      if (!pipe_.sendLine(word))
+   [[noreturn]] void lose(std::string const& how) {
+      // One that has asked this process to end has hung up as well.
+      while (auto const line = pipe_.line(0ms))
+         if (*line == word::leave)
+            throw Dismissed();
+      throw Lost("the configuring process was lost: " + how);
+   }
+
+   void say(std::string_view text) {
+      if (!pipe_.sendLine(text))
          throw Lost("the configuring process was lost: it reads no more");
    }
 
-   void awaitWord(std::string_view word) {
+   void awaitWord(std::string_view expected) {
       for (;;) {
-         if (auto const line = pipe_.line(0ms); line && *line == word)
+         auto const line = pipe_.line(0ms);
+         if (line && *line == word::leave)
+            throw Dismissed();
+         if (line && *line == expected)
             return;
          if (pipe_.ended())
             throw Lost("the configuring process was lost: it says no more");
@@ -188,26 +179,43 @@ private:
       }
    }
 
-   using U64 = Mox::U64;
-
-   Trace const& trace_;
+   Line& line_;
+   std::uint64_t seed_;
+   double speed_; ///< steps in a second; 0 for as fast as it goes
    Pipe pipe_;
    Ptr<Cl10010StatusDir> status_;
    Ptr<Cl10010ConfigDir> config_;
    Mox::UnixClient client_{"driver process"};
-   std::vector<std::unique_ptr<DrivenPort>> ports_;
+   std::vector<std::unique_ptr<Port>> ports_; ///< null before the port's first sample
    std::optional<std::string> lost_;
-   unsigned steps_ = 0;
+   Clock::time_point told_{};
 };
 
 } // namespace
 
-Outcome drive(Options const& options, Trace const& trace) {
-   // A key that interrupts the program reaches both processes: the other one decides, and this one sees it go.
+std::string DriverFigures::text() const {
+   std::ostringstream out;
+   out << changes << ' ' << recordsSent << ' ' << recordsApplied << ' ' << bytesSent;
+   return out.str();
+}
+
+DriverFigures DriverFigures::of(std::string const& text) {
+   DriverFigures f;
+   std::istringstream in(text);
+   if (!(in >> f.changes >> f.recordsSent >> f.recordsApplied >> f.bytesSent))
+      return {};
+   return f;
+}
+
+Outcome drive(Options const& options, std::unique_ptr<Line> line) {
+   // A key that interrupts the program, or a terminal that goes, reaches both processes: the other one decides, and this
+   // one is told, or sees it go.
    std::signal(SIGINT, SIG_IGN);
+   std::signal(SIGHUP, SIG_IGN);
    std::signal(SIGPIPE, SIG_IGN);
    try {
-      Driver(options, trace).run();
+      Driver(options, *line).run();
+   } catch (Dismissed) {
    } catch (Lost const& e) {
       std::cerr << "run: driver: " << e.what() << '\n';
       return Outcome::peerLost;

@@ -1,13 +1,23 @@
 #include "run/Options.h"
 
+#include "run/Trace.h"
+
 #include <CLI/CLI.hpp>
 
 #include <charconv>
+#include <iomanip>
 #include <limits>
+#include <sstream>
 
 namespace Job {
 
 namespace {
+
+template <class Number> std::string textOf(Number number) {
+   std::ostringstream out;
+   out << std::setprecision(std::numeric_limits<double>::digits10) << number;
+   return out.str();
+}
 
 template <class Number>
 void addNumber(CLI::App& app, std::string const& name, Number& target, Number low, Number high,
@@ -15,36 +25,51 @@ void addNumber(CLI::App& app, std::string const& name, Number& target, Number lo
    auto const parse = [&target, name, low, high](std::string const& text) {
       Number n{};
       auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), n);
-      if (text.empty() || error != std::errc() || end != text.data() + text.size() || n < low || n > high)
-         throw UsageError(name + ": expected a number from " + std::to_string(low) + " to " + std::to_string(high) +
-                          ", got '" + text + "'");
+      // The comparisons fail for what is not a number.
+      if (text.empty() || error != std::errc() || end != text.data() + text.size() || !(n >= low && n <= high))
+         throw UsageError(name + ": expected a number from " + textOf(low) + " to " + textOf(high) + ", got '" +
+                          shown(text) + "'");
       target = n;
    };
-   app.add_option_function<std::string>(name, parse, description)->type_name("N");
+   app.add_option_function<std::string>(name, parse, description)->type_name(std::is_integral_v<Number> ? "N" : "X");
 }
 
 } // namespace
 
 Options parseOptions(int argc, char const* const* argv) {
    Options options;
-   CLI::App app(
-      "Mirrors the configuration of PHYs to a driver process and their status back, over one unix socket, while a "
-      "recorded or simulated line plays, and compares both processes at the end.",
-      "run");
-   app.add_option("--socket", options.socket, "Path of the socket; default: in a private folder, removed at the end")
+   CLI::App app("Mirrors the configuration of PHYs to a driver process and their status back, over\n"
+                "one unix socket, while a recorded or simulated line plays, and compares both\n"
+                "processes at the end.",
+                "./run");
+   app.allow_extras();
+   app.get_formatter()->column_width(18);
+   app.add_option("--trace", options.trace, "Play a recording in place of a simulated line")->type_name("FILE");
+   app.add_option("--socket", options.socket, "Path of the socket (default: in a folder of its own)")
       ->type_name("PATH");
-   app.add_option("--trace", options.trace,
-                  "Play this file: comma-separated rows below a header with the columns device_name, logical_name, "
-                  "item (preFecBer), stats_type (avg, max, min, instant), value, time (2000/1/31 23:05) and side (A or "
-                  "Z). Default: a simulated line")
-      ->type_name("FILE");
-   addNumber(app, "--ports", options.ports, 1u, 10000u, "Number of ports; of a trace, at most that many of its ports");
-   addNumber(app, "--steps", options.steps, 1u, 1000000u, "Number of steps in time; of a trace, at most that many");
+   addNumber(app, "--ports", options.ports, 1u, 10000u,
+             "Ports (default " + std::to_string(usualPorts) + "; all of a recording)");
+   addNumber(app, "--steps", options.steps, 1u, 1000000u,
+             "Steps in time (default " + std::to_string(usualSteps) + "; all of a recording)");
    addNumber(app, "--seed", options.seed, std::uint64_t{0}, std::numeric_limits<std::uint64_t>::max(),
-             "Seed of the simulated line");
+             "Seed of what is simulated (default " + std::to_string(options.seed) + ")");
+   addNumber(app, "--speed", options.speed, 0.0, 1e6,
+             "Steps in a second (default " + textOf(options.speed) + "; 0 is as fast as possible)");
+   app.add_flag("--json", options.json, "Print the result as one JSON object");
    app.add_flag("--driver", options.driver)->group("");
-   app.footer("Exit status: 0 both sides agree, 1 they differ, 2 wrong use or bad input, 3 set-up or build failed, 4 a "
-              "process was lost.");
+   app.footer("A recording is a file of comma-separated rows below a header that names the\n"
+              "columns. Order of rows and columns is free, and other columns are left:\n"
+              "  device_name, logical_name   together with the side, the name of a port\n"
+              "  side                        A or Z, the end of the channel\n"
+              "  time                        as 2000/1/31 23:05\n"
+              "  item                        preFecBer\n"
+              "  stats_type                  avg and max play; min and instant are left\n"
+              "  value                       bit error ratio before correction, 0 to 0.5;\n"
+              "                              from 0.1 on there is no signal\n"
+              "An example: tools/run/example-trace.csv\n\n"
+              "Exit status: 0 both sides agree, 1 they differ, 2 wrong use or bad input,\n"
+              "3 set-up or build failed, 4 a process was lost; where a signal ended the job,\n"
+              "128 and its number.");
    try {
       app.parse(argc, argv);
    } catch (CLI::CallForHelp const&) {
@@ -57,6 +82,8 @@ Options parseOptions(int argc, char const* const* argv) {
             c = ' ';
       throw UsageError(text);
    }
+   if (auto const extras = app.remaining(); !extras.empty())
+      throw UsageError("expected the options that --help lists, got '" + shown(extras.front()) + "'");
    for (auto const& [name, value] : {std::pair("--socket", options.socket), std::pair("--trace", options.trace)})
       if (app.count(name) > 0 && value.empty())
          throw UsageError(std::string(name) + ": expected a path, got an empty text");

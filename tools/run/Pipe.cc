@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <cstring>
 #include <system_error>
 #include <thread>
 
@@ -126,7 +127,7 @@ std::optional<std::string> Child::end() {
    int status;
    if (!end_ && ::waitpid(process_, &status, WNOHANG) == process_) {
       if (WIFSIGNALED(status))
-         end_ = "signal " + std::to_string(WTERMSIG(status));
+         end_ = "signal " + std::to_string(WTERMSIG(status)) + " (" + ::strsignal(WTERMSIG(status)) + ")";
       else
          end_ = "exit status " + std::to_string(WEXITSTATUS(status));
    }

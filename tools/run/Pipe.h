@@ -50,7 +50,7 @@ public:
    Child& operator=(Child const&) = delete;
 
    Pipe& pipe() noexcept { return *pipe_; }
-   /// How it ended ("exit status 3", "signal 9"), once it has.
+   /// How it ended ("exit status 3", "signal 9 (Killed)"), once it has.
    std::optional<std::string> end();
    /// Waits for the end for a while; then as `end`.
    std::optional<std::string> end(std::chrono::milliseconds timeout);

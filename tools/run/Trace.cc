@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -23,12 +24,9 @@ enum Column : std::size_t { device, port, item, statistic, value, time, side, co
 constexpr std::array<std::string_view, columnCount> columnNames{"device_name", "logical_name", "item", "stats_type",
                                                                 "value",       "time",         "side"};
 
-/// Text from a file as it may stand in a message: short, and printable.
-std::string shown(std::string_view text) {
-   std::string out;
-   for (char const c : text.substr(0, 60))
-      out += c >= 0x20 && c < 0x7f ? c : '.';
-   return text.size() > 60 ? out + "..." : out;
+/// Whether a name can stand in a table or a message as it is.
+bool isPrintable(std::string_view name) {
+   return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
 }
 
 void split(std::string_view line, std::vector<std::string_view>& fields) {
@@ -142,10 +140,9 @@ private:
       auto const wrong = [&](Column c, char const* expected) {
          return std::string(columnNames[c]) + ": expected " + expected + ", got '" + shown(field(c)) + "'";
       };
-      if (field(device).empty())
-         return wrong(device, "a name");
-      if (field(port).empty())
-         return wrong(port, "a name");
+      for (Column const name : {device, port})
+         if (!isPrintable(field(name)))
+            return wrong(name, "a printable name");
       if (field(item) != "preFecBer")
          return wrong(item, "preFecBer");
       if (field(side) != "A" && field(side) != "Z")
@@ -167,15 +164,21 @@ private:
    }
 
    Trace samples() const {
+      constexpr auto unknown = std::numeric_limits<std::int64_t>::max();
+      std::int64_t shortest = unknown;
       Trace trace;
       for (auto const& [key, minutes] : ports_) {
          PortTrace port{std::get<0>(key), std::get<1>(key), std::get<2>(key), {}};
          for (auto const& [minute, ratios] : minutes)
             if (ratios.average)
                port.samples.push_back({minute, *ratios.average, ratios.highest.value_or(*ratios.average)});
+         for (std::size_t i = 1; i < port.samples.size(); ++i)
+            shortest = std::min(shortest, port.samples[i].minute - port.samples[i - 1].minute);
          if (!port.samples.empty())
             trace.ports.push_back(std::move(port));
       }
+      if (shortest != unknown)
+         trace.interval = shortest;
       if (trace.ports.empty())
          throw TraceError(std::string(file_) + ": expected rows of average error ratios, got none in " +
                           std::to_string(lines_.number() - 1) + " rows (" + std::to_string(badRows_.count()) +
@@ -193,6 +196,13 @@ private:
 };
 
 } // namespace
+
+std::string shown(std::string_view text) {
+   std::string out;
+   for (char const c : text.substr(0, 60))
+      out += c >= 0x20 && c < 0x7f ? c : '.';
+   return text.size() > 60 ? out + "..." : out;
+}
 
 void BadRows::add(std::size_t line, std::string_view reason) {
    ++count_;

@@ -16,6 +16,14 @@ public:
    using std::runtime_error::runtime_error;
 };
 
+/// Text from outside as it may stand in a message: short, and printable.
+std::string shown(std::string_view text);
+
+/// Ratio of a receiver without a signal: it guesses.
+inline constexpr double noSignal = 0.5;
+/// From this ratio on there is no signal; no error correction comes near it.
+inline constexpr double noSignalFrom = 0.1;
+
 /// One measured interval of one port.
 struct Sample {
    std::int64_t minute; ///< minutes since 1970, local time as written
@@ -33,9 +41,10 @@ struct PortTrace {
    std::string name() const { return device + port + '/' + side; }
 };
 
-/// Error ratios of the ports of a line, recorded or simulated.
+/// Recorded error ratios of the ports of a line.
 struct Trace {
    std::vector<PortTrace> ports; ///< by device, port and side
+   std::int64_t interval = 15;   ///< minutes between two samples of a port: the shortest that occurs
 };
 
 /// Rows that a reader skipped. Keeps the number of all and the place and reason of the first few stretches.

@@ -1,78 +1,73 @@
 #include "run/Line.h"
 #include "run/Options.h"
+#include "run/Result.h"
 #include "run/Sides.h"
 #include "run/Trace.h"
 
 #include "net/SocketException.h"
 
-#include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <exception>
 #include <iostream>
-#include <set>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
 using namespace Job;
 
-/// Keeps the first ports, and of those the first moments.
-void limit(Trace& trace, Options const& options) {
-   if (options.ports != 0 && trace.ports.size() > options.ports)
-      trace.ports.resize(options.ports);
-   if (options.steps == 0)
-      return;
-   std::set<std::int64_t> minutes;
-   for (PortTrace const& port : trace.ports)
-      for (Sample const& sample : port.samples)
-         minutes.insert(sample.minute);
-   if (minutes.size() <= options.steps)
-      return;
-   std::int64_t const end = *std::next(minutes.begin(), options.steps);
-   for (PortTrace& port : trace.ports)
-      std::erase_if(port.samples, [end](Sample const& sample) { return sample.minute >= end; });
+/// A program may be started with a standard stream closed. The next file that it opens would get that number, and the result
+/// would go into a socket: something that fails takes its place.
+void keepStandardStreams() {
+   for (int const fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+      if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+         ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
 Outcome run(int argc, char** argv) {
    Options const options = parseOptions(argc, argv);
    if (!options.help.empty()) {
-      std::cout << options.help;
+      print(options.help);
       return Outcome::agree;
    }
    BadRows badRows;
-   Trace trace;
-   if (options.trace.empty()) {
-      constexpr unsigned usualPorts = 8;
-      constexpr unsigned usualSteps = 200;
-      trace = simulatedTrace(options.ports != 0 ? options.ports : usualPorts,
-                             options.steps != 0 ? options.steps : usualSteps, options.seed);
-   } else {
-      trace = readTraceFile(options.trace, badRows);
-      limit(trace, options);
-   }
+   std::unique_ptr<Line> line;
+   if (options.trace.empty())
+      line = simulatedLine(options.ports != 0 ? options.ports : usualPorts,
+                           options.steps != 0 ? options.steps : usualSteps, options.seed);
+   else
+      line = recordedLine(readTraceFile(options.trace, badRows), options.ports, options.steps);
    if (options.driver)
-      return drive(options, trace);
+      return drive(options, std::move(line));
    badRows.report(std::cerr, options.trace);
-   return configure(options, trace, badRows.count());
+   return configure(options, std::move(line), badRows.count());
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-   Outcome outcome = Outcome::badInput;
+   keepStandardStreams();
+   std::signal(SIGPIPE, SIG_IGN);
    try {
-      outcome = run(argc, argv);
+      return static_cast<int>(run(argc, argv));
+   } catch (Interrupted const& i) {
+      // As if nobody had caught it: who started this program sees what ended it.
+      std::signal(i.signal, SIG_DFL);
+      std::raise(i.signal);
+      return 128 + i.signal;
    } catch (UsageError const& e) {
       std::cerr << "run: " << e.what() << '\n';
    } catch (TraceError const& e) {
+      std::cerr << "run: " << e.what() << '\n';
+   } catch (OutputError const& e) {
       std::cerr << "run: " << e.what() << '\n';
    } catch (Mox::SocketException const& e) {
       std::cerr << "run: " << e.what() << '\n';
    } catch (std::exception const& e) {
       std::cerr << "run: " << e.what() << '\n';
-      outcome = Outcome::setupFailed;
+      return static_cast<int>(Outcome::setupFailed);
    }
-   if (!std::cout.flush()) {
-      std::cerr << "run: expected a standard output that takes the result, got a write error\n";
-      outcome = Outcome::badInput;
-   }
-   return static_cast<int>(outcome);
+   return static_cast<int>(Outcome::badInput);
 }

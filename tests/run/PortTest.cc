@@ -1,0 +1,164 @@
+#include "run/Port.h"
+
+#include "run/Answers.h"
+#include "run/Options.h"
+
+#include "attrlog/LocalLink.h"
+#include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusReactor.h"
+#include "notify/Dump.h"
+#include "siblings/PllStatus.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Job;
+using namespace Hardware::ClariPhy;
+using Mox::Name;
+using Mox::Ptr;
+
+/// Both sides of the main job with everything between them but the processes.
+struct BothSides {
+   explicit BothSides(Line& played) : line(played) {
+      auto const pll = Mox::make<Hardware::Dpll::PllStatus>("pll");
+      pll->lockedIs(true);
+      link.left().exportRoot(config);
+      mirroredConfig = link.right().mount<Cl10010ConfigDir>("config");
+      link.right().exportRoot(status);
+      mirroredStatus = link.left().mount<Cl10010StatusDir>("status");
+      answers = std::make_unique<Answers>(config, mirroredStatus);
+      for (std::string const& port : line.ports()) {
+         auto const made = config->phyConfigIs(Name(port));
+         made->pllStatusIs(pll);
+         made->diagsModeEpochInc(1);
+      }
+      link.settle();
+   }
+
+   template <class AfterReading> void play(AfterReading after) {
+      std::vector<std::unique_ptr<Channel>> channels;
+      std::vector<std::unique_ptr<DrivenPort>> ports;
+      for (std::size_t p = 0; p < line.ports().size(); ++p) {
+         channels.push_back(std::make_unique<Channel>(1, p));
+         ports.push_back(std::make_unique<DrivenPort>(line.ports()[p], static_cast<std::uint32_t>(p), *mirroredConfig,
+                                                      *status, 946684800 - line.interval()));
+      }
+      for (std::size_t step = 0; step < line.steps(); ++step) {
+         for (std::size_t p = 0; p < ports.size(); ++p)
+            if (auto const sample = line.next(p, step)) {
+               Reading const reading = channels[p]->next(*sample, line.interval());
+               ports[p]->read(reading);
+               after(*status->phyStatus(Name(line.ports()[p])), reading);
+            }
+         link.settle();
+      }
+      for (auto const& port : ports)
+         changes += port->changes();
+   }
+
+   Line& line;
+   Mox::LocalLink link;
+   Ptr<Cl10010ConfigDir> config = Mox::make<Cl10010ConfigDir>("config");
+   Ptr<Cl10010ConfigDir> mirroredConfig;
+   Ptr<Cl10010StatusDir> status = Mox::make<Cl10010StatusDir>("status");
+   Ptr<Cl10010StatusDir> mirroredStatus;
+   std::unique_ptr<Answers> answers;
+   std::uint64_t changes = 0;
+};
+
+template <class X> std::string unchanged(std::set<Mox::AttributeId> const& changed) {
+   std::string names;
+   X::MoxAttributes::forEach([&](auto a) {
+      if constexpr (!a.isKeyed)
+         if (!changed.contains(a.id))
+            names += std::string(a.name) + ' ';
+   });
+   return names;
+}
+
+TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
+   auto const line = simulatedLine(usualPorts, usualSteps, 1);
+   BothSides job(*line);
+   std::set<Mox::AttributeId> changed;
+   std::uint64_t changes = 0;
+   std::vector<Mox::Watch> watches;
+   auto const members =
+      Mox::on(job.status, Cl10010StatusDir::Attr::phyStatus, [&](Cl10010StatusDir& directory, Name const& name) {
+         watches.push_back(Mox::onAny(directory.phyStatus(name), [&](Cl10010Status&, Mox::AttributeId id) {
+            changed.insert(id);
+            ++changes;
+         }));
+      });
+   job.play([](Cl10010Status const&, Reading const&) {});
+
+   EXPECT_EQ(unchanged<Cl10010Status>(changed), "");
+   // Of the base: what belongs to other kinds of PHY (10GBASE-T, XAUI, energy-efficient Ethernet, code groups, validity of
+   // what this chip doesn't tell), and what nobody asks for (diagnostics, loopback, resets, trouble with the module).
+   EXPECT_EQ(unchanged<Hardware::Phy::PhyStatus>(changed),
+             "pmaPmdDebugSignalDetectValid tenGBaseTDebugState pcsRxLpiReceived pcsRxLpiChanges lastPcsRxLpiChange "
+             "pcsRxLpiValid pcsSyncStatus pcsSyncStatusChanges lastPcsSyncStatusChange pcsSyncStatusValid "
+             "phyXsTxLinkStatus phyXsTxLinkStatusChanges lastPhyXsTxLinkStatusChange phyXsRxFault phyXsRxFaultChanges "
+             "lastPhyXsRxFaultChange phyXsTxFault phyXsTxFaultChanges lastPhyXsTxFaultChange phyXsLane0To3Sync "
+             "phyXsLane0To3SyncChanges lastPhyXsLane0To3SyncChange phyXsLaneAlignmentStatus "
+             "phyXsLaneAlignmentStatusChanges lastPhyXsLaneAlignmentStatusChange phyXsDebugStateValid anegDebugState "
+             "xcvrEepromReadTimeouts lastXcvrEepromReadTimeout phantomXcvrDetections lastPhantomXcvrDetection diagsMode "
+             "loopback nextPhyEntityFullName xauiSyncsUntilAlignHwm lastXauiSyncsUntilAlignHwmIncrement "
+             "excessiveXauiSyncUntilAlign lastExcessiveXauiSyncUntilAlign resetAndReInitRequired ");
+   EXPECT_EQ(job.changes, changes);
+
+   EXPECT_TRUE(Mox::diff(*job.config, *job.mirroredConfig).empty());
+   EXPECT_TRUE(Mox::diff(*job.status, *job.mirroredStatus).empty());
+   EXPECT_EQ(job.answers->open(), 0u);
+   EXPECT_EQ(job.answers->signalLosses(), usualPorts / 2);
+   EXPECT_FALSE(job.answers->given().empty());
+}
+
+TEST(Port, WhatIsStoredBelongsTogether) {
+   auto const line = simulatedLine(4, 100, 9);
+   BothSides job(*line);
+   struct Before {
+      std::vector<Kiln::ConditionStat> conditions;
+      std::uint32_t samples = 0;
+      long long sum = 0;
+   };
+   std::map<std::string, Before> before;
+   unsigned moved = 0;
+   job.play([&](Cl10010Status const& s, Reading const& r) {
+      Before& b = before[std::string(s.name())];
+      std::size_t at = 0;
+      Cl10010Status::MoxAttributes::forEach([&](auto a) {
+         if constexpr (std::is_same_v<typename decltype(a)::Value, Kiln::ConditionStat> && !a.isKeyed) {
+            SCOPED_TRACE(a.name);
+            Kiln::ConditionStat const& now = a.cell(s);
+            if (at == b.conditions.size())
+               b.conditions.push_back(now);
+            Kiln::ConditionStat& was = b.conditions[at++];
+            if (now.condition != was.condition) {
+               EXPECT_EQ(now.count, was.count + 1);
+               EXPECT_EQ(now.time, r.time);
+               ++moved;
+            } else {
+               EXPECT_EQ(now, was);
+            }
+            was = now;
+         }
+      });
+      EXPECT_EQ(s.performanceMonitorCount(), b.samples + (r.light ? 1 : 0));
+      EXPECT_EQ(s.cumCarrierFreqOffset(), b.sum + (r.light ? s.carrierFreqOffset() : 0));
+      b.samples = s.performanceMonitorCount();
+      b.sum = s.cumCarrierFreqOffset();
+      EXPECT_EQ(s.totalLdpcWords(), s.fecFrames() * 4);
+      EXPECT_LE(s.ldpcWordErrors(), s.totalLdpcWords());
+      EXPECT_EQ(s.qFactorFromBer(), static_cast<float>(qFactor(r.errorRatio)));
+      EXPECT_EQ(s.phyState() == Hardware::Phy::PhyState::linkUp, s.ethIntfStatus()->linkUp());
+   });
+   EXPECT_GT(moved, 40u);
+}
+
+} // namespace
