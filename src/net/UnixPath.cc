@@ -107,7 +107,7 @@ PrivateFolder::PrivateFolder() {
    std::error_code error;
    std::string pattern = std::filesystem::temp_directory_path(error).string();
    if (error)
-      throw SocketException("no folder for temporary files: " + error.message());
+      throw SocketException("expected a folder for temporary files, in TMPDIR or /tmp, got: " + error.message());
    pattern += "/kestrel-XXXXXX";
    if (::mkdtemp(pattern.data()) == nullptr)
       throw SocketException("could not create a private folder '" + pattern + "': " + errorText(errno));

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -100,16 +102,17 @@ TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
    EXPECT_EQ(unchanged<Cl10010Status>(changed), "");
    // Of the base: what belongs to other kinds of PHY (10GBASE-T, XAUI, energy-efficient Ethernet, code groups, validity of
    // what this chip doesn't tell), and what nobody asks for (diagnostics, loopback, resets, trouble with the module).
-   EXPECT_EQ(unchanged<Hardware::Phy::PhyStatus>(changed),
-             "pmaPmdDebugSignalDetectValid tenGBaseTDebugState pcsRxLpiReceived pcsRxLpiChanges lastPcsRxLpiChange "
-             "pcsRxLpiValid pcsSyncStatus pcsSyncStatusChanges lastPcsSyncStatusChange pcsSyncStatusValid "
-             "phyXsTxLinkStatus phyXsTxLinkStatusChanges lastPhyXsTxLinkStatusChange phyXsRxFault phyXsRxFaultChanges "
-             "lastPhyXsRxFaultChange phyXsTxFault phyXsTxFaultChanges lastPhyXsTxFaultChange phyXsLane0To3Sync "
-             "phyXsLane0To3SyncChanges lastPhyXsLane0To3SyncChange phyXsLaneAlignmentStatus "
-             "phyXsLaneAlignmentStatusChanges lastPhyXsLaneAlignmentStatusChange phyXsDebugStateValid anegDebugState "
-             "xcvrEepromReadTimeouts lastXcvrEepromReadTimeout phantomXcvrDetections lastPhantomXcvrDetection diagsMode "
-             "loopback nextPhyEntityFullName xauiSyncsUntilAlignHwm lastXauiSyncsUntilAlignHwmIncrement "
-             "excessiveXauiSyncUntilAlign lastExcessiveXauiSyncUntilAlign resetAndReInitRequired ");
+   EXPECT_EQ(
+      unchanged<Hardware::Phy::PhyStatus>(changed),
+      "pmaPmdDebugSignalDetectValid tenGBaseTDebugState pcsRxLpiReceived pcsRxLpiChanges lastPcsRxLpiChange "
+      "pcsRxLpiValid pcsSyncStatus pcsSyncStatusChanges lastPcsSyncStatusChange pcsSyncStatusValid "
+      "phyXsTxLinkStatus phyXsTxLinkStatusChanges lastPhyXsTxLinkStatusChange phyXsRxFault phyXsRxFaultChanges "
+      "lastPhyXsRxFaultChange phyXsTxFault phyXsTxFaultChanges lastPhyXsTxFaultChange phyXsLane0To3Sync "
+      "phyXsLane0To3SyncChanges lastPhyXsLane0To3SyncChange phyXsLaneAlignmentStatus "
+      "phyXsLaneAlignmentStatusChanges lastPhyXsLaneAlignmentStatusChange phyXsDebugStateValid anegDebugState "
+      "xcvrEepromReadTimeouts lastXcvrEepromReadTimeout phantomXcvrDetections lastPhantomXcvrDetection diagsMode "
+      "loopback nextPhyEntityFullName xauiSyncsUntilAlignHwm lastXauiSyncsUntilAlignHwmIncrement "
+      "excessiveXauiSyncUntilAlign lastExcessiveXauiSyncUntilAlign resetAndReInitRequired ");
    EXPECT_EQ(job.changes, changes);
 
    EXPECT_TRUE(Mox::diff(*job.config, *job.mirroredConfig).empty());
@@ -125,7 +128,7 @@ TEST(Port, WhatIsStoredBelongsTogether) {
    struct Before {
       std::vector<Kiln::ConditionStat> conditions;
       std::uint32_t samples = 0;
-      long long sum = 0;
+      std::array<double, 6> sums{};
    };
    std::map<std::string, Before> before;
    unsigned moved = 0;
@@ -150,9 +153,22 @@ TEST(Port, WhatIsStoredBelongsTogether) {
          }
       });
       EXPECT_EQ(s.performanceMonitorCount(), b.samples + (r.light ? 1 : 0));
-      EXPECT_EQ(s.cumCarrierFreqOffset(), b.sum + (r.light ? s.carrierFreqOffset() : 0));
       b.samples = s.performanceMonitorCount();
-      b.sum = s.cumCarrierFreqOffset();
+      std::array<double, 6> const last{static_cast<double>(s.diffGroupDelay()),
+                                       static_cast<double>(s.chromaticDispersion()),
+                                       static_cast<double>(s.polarizationDepLoss()),
+                                       static_cast<double>(s.carrierFreqOffset()),
+                                       static_cast<double>(s.qFactorH()),
+                                       static_cast<double>(s.qFactorV())};
+      std::array<double, 6> const sums{static_cast<double>(s.cumDiffGroupDelay()),
+                                       static_cast<double>(s.cumChromaticDispersion()),
+                                       static_cast<double>(s.cumPolarizationDepLoss()),
+                                       static_cast<double>(s.cumCarrierFreqOffset()),
+                                       static_cast<double>(s.cumQFactorH()),
+                                       static_cast<double>(s.cumQFactorV())};
+      for (std::size_t i = 0; i < sums.size(); ++i)
+         EXPECT_EQ(sums[i], b.sums[i] + (r.light ? last[i] : 0)) << i;
+      b.sums = sums;
       EXPECT_EQ(s.totalLdpcWords(), s.fecFrames() * 4);
       EXPECT_LE(s.ldpcWordErrors(), s.totalLdpcWords());
       EXPECT_EQ(s.qFactorFromBer(), static_cast<float>(qFactor(r.errorRatio)));

@@ -71,9 +71,8 @@ void Answers::judgeFrames(Port& port, Cl10010Status const& status) {
    if (!lost.condition || lost.count == 1)
       return;
    if (auto const config = config_->phyConfig(status.name())) {
-      answer(port, {"debug snapshot", Clock::now(), [asked = lost.time](Cl10010Status const& s) {
-                       return s.debugStateSnapshotTimestamp() >= asked;
-                    }});
+      answer(port, {"debug snapshot", Clock::now(),
+                    [asked = lost.time](Cl10010Status const& s) { return s.debugStateSnapshotTimestamp() >= asked; }});
       config->debugStateSnapshotRequestIs(lost.time);
    }
 }

@@ -57,9 +57,13 @@ double qFactor(double errorRatio) {
 
 Channel::Channel(std::uint64_t seed, std::size_t port)
    // Other numbers than the simulated line's of the same port.
-   : dice_(seed, ~std::uint64_t{port}), length_(dice_.uniform(200, 1500)), laser_(dice_.uniform(-900, 900)),
-     temperaturePhase_(dice_.uniform(0, 24)), loss_(dice_.uniform(0.5, 1.5)),
-     delay_{dice_.noise(), dice_.noise(), dice_.noise()}, centre_(dice_.uniform(1900, 2200)) {}
+   : dice_(seed, ~std::uint64_t{port}),
+     length_(dice_.uniform(200, 1500)),
+     laser_(dice_.uniform(-900, 900)),
+     temperaturePhase_(dice_.uniform(0, 24)),
+     loss_(dice_.uniform(0.5, 1.5)),
+     delay_{dice_.noise(), dice_.noise(), dice_.noise()},
+     centre_(dice_.uniform(1900, 2200)) {}
 
 Reading Channel::next(Sample const& sample, double interval) {
    Reading r;

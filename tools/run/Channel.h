@@ -20,11 +20,11 @@ struct Reading {
    double time = 0; ///< end of the interval, in seconds since 1970
 
    // The line.
-   bool light = false;        ///< a signal comes in
-   bool outOfFrame = true;    ///< in the worst moment the error correction could not keep up
-   bool lossOfFrame = true;   ///< over the whole interval it could not
-   double errorRatio = 0.5;   ///< bits in error before the correction
-   double qFactor = 0;        ///< of `errorRatio`
+   bool light = false;         ///< a signal comes in
+   bool outOfFrame = true;     ///< in the worst moment the error correction could not keep up
+   bool lossOfFrame = true;    ///< over the whole interval it could not
+   double errorRatio = 0.5;    ///< bits in error before the correction
+   double qFactor = 0;         ///< of `errorRatio`
    std::uint16_t qFactorH = 0; ///< of the horizontal polarisation, in thousandths
    std::uint16_t qFactorV = 0;
    std::uint64_t frames = 0;
@@ -33,12 +33,12 @@ struct Reading {
    std::uint64_t wordErrors = 0; ///< of those, beyond repair
 
    // What the signal processor finds while it follows the signal.
-   std::int32_t dispersion = 0;          ///< in ps/nm
-   std::int32_t groupDelay = 0;          ///< differential, in tenths of a picosecond
-   std::uint32_t polarisationLoss = 0;   ///< in hundredths of a decibel
-   std::int32_t frequencyOffset = 0;     ///< in MHz
-   std::uint16_t polarisationRate = 0;   ///< in rad/s
-   std::uint16_t centreH = 0;            ///< of the equaliser's taps, in sixteenths of a tap
+   std::int32_t dispersion = 0;        ///< in ps/nm
+   std::int32_t groupDelay = 0;        ///< differential, in tenths of a picosecond
+   std::uint32_t polarisationLoss = 0; ///< in hundredths of a decibel
+   std::int32_t frequencyOffset = 0;   ///< in MHz
+   std::uint16_t polarisationRate = 0; ///< in rad/s
+   std::uint16_t centreH = 0;          ///< of the equaliser's taps, in sixteenths of a tap
    std::uint16_t centreV = 0;
 
    // Around the chip.
@@ -68,11 +68,11 @@ private:
    void measure(Reading& reading, double disturbance);
 
    Dice dice_;
-   double length_;                            // of the fibre, in km
-   double laser_;                             // offset of the laser, in MHz
-   double temperaturePhase_;                  // of the day, in hours
-   double loss_;                              // polarisation-dependent, in dB
-   std::array<double, 3> delay_;              // of the fibre's two principal states, in ps; a vector on the sphere
+   double length_;                               // of the fibre, in km
+   double laser_;                                // offset of the laser, in MHz
+   double temperaturePhase_;                     // of the day, in hours
+   double loss_;                                 // polarisation-dependent, in dB
+   std::array<double, 3> delay_;                 // of the fibre's two principal states, in ps; a vector on the sphere
    std::array<double, 3> polarisation_{0, 0, 1}; // of the light on arrival, of length 1
    double centre_;
    unsigned hostAway_ = 0; // intervals until the host sends again

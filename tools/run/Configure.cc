@@ -200,8 +200,10 @@ private:
             return;
          if (moved)
             last = Clock::now();
-         if (interrupted != 0)
+         if (interrupted != 0) {
+            progress_.clear();
             throw Interrupted{interrupted};
+         }
          if (lost_ || driver_->end() || Clock::now() - last >= patience)
             lose();
          tell();
@@ -231,6 +233,7 @@ private:
    }
 
    [[noreturn]] void lose() {
+      progress_.clear();
       auto const how = driver_->end(500ms);
       throw Lost(how     ? "the driver process ended too early: " + *how
                  : lost_ ? "the driver process was lost: " + *lost_

@@ -45,7 +45,8 @@ DrivenPort::DrivenPort(std::string const& name, std::uint32_t number, Cl10010Con
                        Cl10010StatusDir& statuses, double time)
    : config_(configs.phyConfig(Name(name))),
      interface_(Mox::make<Interface::EthPhyIntfStatus>(Name("ethernet-" + name))),
-     module_(Mox::make<Xcvr::XcvrStatus>(Name("module-" + name))), time_(time) {
+     module_(Mox::make<Xcvr::XcvrStatus>(Name("module-" + name))),
+     time_(time) {
    interface_->intfIdIs(Plex::IntfId(number + 1));
    module_->presentIs(true);
    module_->mediaTypeIs("100G coherent");
@@ -103,7 +104,8 @@ void DrivenPort::read(Reading const& reading) {
       measure(reading);
    firmwareIs(reading.light ? tracking : acquiring);
    bool const up = !reading.lossOfFrame && reading.hostSignal;
-   observedIs(Attr::phyState, Attr::phyStateChanges, Attr::lastPhyStateChange, up ? PhyState::linkUp : PhyState::linkDown);
+   observedIs(Attr::phyState, Attr::phyStateChanges, Attr::lastPhyStateChange,
+              up ? PhyState::linkUp : PhyState::linkDown);
    interface_->linkUpIs(up);
    if (alarmsMoved_)
       status_->interruptCountIs(status_->interruptCount() + 1);

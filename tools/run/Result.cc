@@ -182,8 +182,8 @@ void print(std::string_view text) {
    while (!text.empty()) {
       ssize_t const n = ::write(STDOUT_FILENO, text.data(), text.size());
       if (n < 0 && errno != EINTR)
-         throw OutputError("standard output: expected to write " + std::to_string(text.size()) + " bytes, got: " +
-                           std::generic_category().message(errno));
+         throw OutputError("standard output: expected to write " + std::to_string(text.size()) +
+                           " bytes, got: " + std::generic_category().message(errno));
       text.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
    }
 }
