@@ -100,14 +100,14 @@ void fill(Cl10010ConfigDir& directory, Line const& line) {
 std::vector<std::string> driverArguments(Options const& options, std::string const& path) {
    std::ostringstream speed;
    speed << options.speed;
-   std::vector<std::string> arguments{"run",     "--driver", "--socket", path, "--seed", std::to_string(options.seed),
-                                      "--speed", speed.str()};
+   std::vector<std::string> arguments{"run", "--driver", "--socket=" + path, "--seed=" + std::to_string(options.seed),
+                                      "--speed=" + speed.str()};
    if (!options.trace.empty())
-      arguments.insert(arguments.end(), {"--trace", options.trace});
+      arguments.push_back("--trace=" + options.trace);
    if (options.ports != 0)
-      arguments.insert(arguments.end(), {"--ports", std::to_string(options.ports)});
+      arguments.push_back("--ports=" + std::to_string(options.ports));
    if (options.steps != 0)
-      arguments.insert(arguments.end(), {"--steps", std::to_string(options.steps)});
+      arguments.push_back("--steps=" + std::to_string(options.steps));
    return arguments;
 }
 
@@ -127,11 +127,14 @@ public:
       fill(*config_, line);
       server_->onReport([this](std::string const& text) { say(text); });
       server_->onPeer([this, &folder](Mox::PeerEvent const& event) {
+         if (event.kind == Mox::PeerEvent::Kind::refused)
+            say(event.reason);
+         // Others may come and go: a job that asks whether the socket is alive, for one.
+         if (event.process != static_cast<unsigned long>(driver_->process()))
+            return;
          if (event.kind == Mox::PeerEvent::Kind::lost)
             lost_ = event.reason;
-         else if (event.kind == Mox::PeerEvent::Kind::refused)
-            say(event.reason);
-         else
+         else if (event.kind == Mox::PeerEvent::Kind::joined)
             folder.reset();
       });
       server_->exportRoot(config_);

@@ -50,6 +50,7 @@ public:
    Child& operator=(Child const&) = delete;
 
    Pipe& pipe() noexcept { return *pipe_; }
+   pid_t process() const noexcept { return process_; }
    /// How it ended ("exit status 3", "signal 9 (Killed)"), once it has.
    std::optional<std::string> end();
    /// Waits for the end for a while; then as `end`.
