@@ -160,9 +160,8 @@ public:
       auto const driver = DriverFigures::of(awaitWord(word::stopped));
       await([this] { return server_->quiet(); });
       driver_->pipe().sendLine(word::dump);
-      auto const theirs = driver_->pipe().text(patience);
-      if (!theirs)
-         lose();
+      std::optional<std::string> theirs;
+      await([&] { return (theirs = driver_->pipe().text(50ms)).has_value(); });
       progress_.clear();
 
       std::ostringstream ours;
@@ -185,39 +184,35 @@ public:
 private:
    /// Polls until the driver says a line that begins with `word`; returns what stands behind it.
    std::string awaitWord(std::string_view word) {
-      await([&] { return said_ && said_->starts_with(word); });
-      std::string const text = said_->substr(std::min(said_->size(), word.size() + 1));
-      said_.reset();
-      return text;
+      std::optional<std::string> line;
+      await([&] {
+         while ((line = driver_->pipe().line(0ms)) && !line->starts_with(word))
+            if (line->starts_with(word::step))
+               std::from_chars(line->data() + word::step.size() + 1, line->data() + line->size(), played_);
+         return line.has_value();
+      });
+      return line->substr(std::min(line->size(), word.size() + 1));
    }
 
    /// The driver may take its time, as long as something moves: bytes on the link, or words.
    template <class Done> void await(Done done) {
       for (auto last = Clock::now();;) {
-         bool moved = server_->pollOnce(5ms);
-         while (auto const line = driver_->pipe().line(0ms)) {
-            moved = true;
-            heard(*line);
-         }
+         auto const before = driver_->pipe().received();
+         bool const moved = server_->pollOnce(5ms);
+         // Asked before: what the driver said at its end is still to be read.
+         bool const isGone = lost_ || driver_->end();
          if (done())
             return;
-         if (moved)
+         if (moved || driver_->pipe().received() != before)
             last = Clock::now();
          if (interrupted != 0) {
             progress_.clear();
             throw Interrupted{interrupted};
          }
-         if (lost_ || driver_->end() || Clock::now() - last >= patience)
+         if (isGone || Clock::now() - last >= patience)
             lose();
          tell();
       }
-   }
-
-   void heard(std::string const& line) {
-      if (line.starts_with(word::step))
-         std::from_chars(line.data() + word::step.size() + 1, line.data() + line.size(), played_);
-      else
-         said_ = line;
    }
 
    void tell() {
@@ -252,7 +247,6 @@ private:
    std::optional<Answers> answers_;
    std::optional<Child> driver_;
    std::optional<std::string> lost_;
-   std::optional<std::string> said_; ///< the driver's last line, if it was no `step`
    std::size_t played_ = 0;
    ProgressLine progress_;
 };

@@ -53,10 +53,12 @@ bool Pipe::fill(milliseconds timeout) {
       return false;
    char bytes[65536];
    ssize_t const n = ::read(from_, bytes, sizeof bytes);
-   if (n > 0)
+   if (n > 0) {
       buffer_.append(bytes, static_cast<std::size_t>(n));
-   else if (n == 0 || errno != EINTR)
+      received_ += static_cast<std::size_t>(n);
+   } else if (n == 0 || errno != EINTR) {
       ended_ = true;
+   }
    return n > 0;
 }
 
@@ -73,15 +75,19 @@ std::optional<std::string> Pipe::line(milliseconds timeout) {
 
 std::optional<std::string> Pipe::text(milliseconds timeout) {
    auto const end = Clock::now() + timeout;
-   auto const length = line(timeout);
-   std::size_t size = 0;
-   if (!length || std::from_chars(length->data(), length->data() + length->size(), size).ec != std::errc())
-      return std::nullopt;
-   while (buffer_.size() < size + 1)
+   if (!textSize_) {
+      auto const length = line(timeout);
+      std::size_t size = 0;
+      if (!length || std::from_chars(length->data(), length->data() + length->size(), size).ec != std::errc())
+         return std::nullopt;
+      textSize_ = size;
+   }
+   while (buffer_.size() < *textSize_ + 1)
       if (!fill(until(end)) && (ended_ || Clock::now() >= end))
          return std::nullopt;
-   std::string text = buffer_.substr(0, size);
-   buffer_.erase(0, size + 1);
+   std::string text = buffer_.substr(0, *textSize_);
+   buffer_.erase(0, *textSize_ + 1);
+   textSize_.reset();
    return text;
 }
 

@@ -25,8 +25,10 @@ public:
    bool sendText(std::string_view text);
    /// The next line, if it is there within `timeout`.
    std::optional<std::string> line(std::chrono::milliseconds timeout);
-   /// A text sent by `sendText`; nothing where it doesn't come whole within `timeout`.
+   /// A text sent by `sendText`; nothing where it isn't whole within `timeout`: what has come of it waits for the next call.
    std::optional<std::string> text(std::chrono::milliseconds timeout);
+   /// Bytes that have come so far.
+   std::size_t received() const noexcept { return received_; }
    /// Whether the other side has closed and everything was read.
    bool ended() const noexcept { return ended_ && buffer_.empty(); }
 
@@ -36,6 +38,8 @@ private:
    int from_;
    int to_;
    std::string buffer_;
+   std::optional<std::size_t> textSize_; ///< of the text that has begun to come
+   std::size_t received_ = 0;
    bool ended_ = false;
 };
 
