@@ -159,6 +159,8 @@ public:
       driver_->pipe().sendLine(word::stop);
       auto const driver = DriverFigures::of(awaitWord(word::stopped));
       await([this] { return server_->quiet(); });
+      // Before the driver may go: the counts are the connection's.
+      Mox::Traffic const traffic = server_->traffic();
       driver_->pipe().sendLine(word::dump);
       std::optional<std::string> theirs;
       await([&] { return (theirs = driver_->pipe().text(50ms)).has_value(); });
@@ -170,7 +172,6 @@ public:
       result.differences = differences(ours.str(), *theirs, 20);
       result.comparedLines = static_cast<std::size_t>(std::count(theirs->begin(), theirs->end(), '\n'));
       result.changes = driver.changes;
-      Mox::Traffic const traffic = server_->traffic();
       result.recordsSent = traffic.recordsSent + driver.recordsSent;
       result.recordsApplied = traffic.recordsApplied + driver.recordsApplied;
       result.bytes = traffic.bytesSent + driver.bytesSent;
