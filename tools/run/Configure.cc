@@ -273,16 +273,17 @@ Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_
       Session session(options, *line, path, folder);
       if (!options.json)
          print(
-            "playing " + std::to_string(result.steps) + " steps of " +
+            "playing " + counted(result.steps, "step") + " of " +
             (options.trace.empty() ? "a simulated line, seed " + std::to_string(options.seed) : shown(options.trace)) +
-            ", to " + std::to_string(result.ports) + " ports\n");
+            ", to " + counted(result.ports, "port") + "\n");
       try {
          session.run(result);
       } catch (Lost const& e) {
          std::cerr << "run: " << e.what() << '\n';
          return Outcome::peerLost;
       } catch (Interrupted const&) {
-         std::cerr << "run: interrupted after " << session.stepsPlayed() << " of " << result.steps << " steps\n";
+         std::cerr << "run: interrupted after " << grouped(session.stepsPlayed()) << " of " << counted(result.steps, "step")
+                   << '\n';
          throw;
       }
    }

@@ -52,10 +52,6 @@ std::string moment(double seconds) {
    return out.str();
 }
 
-template <class Number> std::string counted(Number count, std::string const& what) {
-   return grouped(count) + ' ' + what + (count == 1 ? "" : "s");
-}
-
 /// Rows of a label and a text, drawn as the terminal can.
 class Table {
 public:
@@ -98,6 +94,10 @@ std::string grouped(std::uint64_t number) {
       text.insert(at, ",");
    }
    return text;
+}
+
+std::string counted(std::uint64_t count, std::string_view what) {
+   return grouped(count) + ' ' + std::string(what) + (count == 1 ? "" : "s");
 }
 
 std::string Result::table(Terminal const& terminal) const {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Job {
@@ -38,6 +39,8 @@ struct Result {
 
 /// 34210 as "34,210".
 std::string grouped(std::uint64_t number);
+/// "1 port", "2 ports".
+std::string counted(std::uint64_t count, std::string_view what);
 
 /// Standard output does not take what is to be printed.
 class OutputError : public std::runtime_error {
