@@ -282,8 +282,8 @@ Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_
          std::cerr << "run: " << e.what() << '\n';
          return Outcome::peerLost;
       } catch (Interrupted const&) {
-         std::cerr << "run: interrupted after " << grouped(session.stepsPlayed()) << " of " << counted(result.steps, "step")
-                   << '\n';
+         std::cerr << "run: interrupted after " << grouped(session.stepsPlayed()) << " of "
+                   << counted(result.steps, "step") << '\n';
          throw;
       }
    }
