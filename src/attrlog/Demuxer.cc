@@ -79,7 +79,7 @@ void Demuxer::cut() noexcept {
       slot.sa->isSyncingIs(false);
       slot.sa->isAwaitedIs(false);
       for (auto& untold : slot.sa->untold())
-         untold = {untold.mark, false, true};
+         untold = {untold.mark, false, untold.isTold, true};
       waiting_.push_back(std::move(slot));
    }
    peer_.clear();

@@ -768,7 +768,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       // Somebody here has put another in the place of what was announced under this identifier, which others have been told to
       // refer to. The owner, who knows of one only, is asked to announce it anew.
       if (before && before != member)
-         this->refusedIs(Mark(A::id, name));
+         this->refusedIs(Mark(A::id, name), true);
    }
 }
 

@@ -232,15 +232,16 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
    demuxer_->out()->transactionMarker(entityId_, id, type, count);
 }
 
-void Sa::refusedIs(NboAttrLog::Mark mark) noexcept {
+void Sa::refusedIs(NboAttrLog::Mark mark, bool isTold) noexcept {
    try {
       auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
-      if (at == untold_.end())
-         untold_.push_back({std::move(mark), false, !entityId_.isAssigned()});
-      else if (at->isOld && entityId_.isAssigned())
-         at->isOld = false; // written again while the resend goes on, which may be past it
-      else
-         return;
+      if (at == untold_.end()) {
+         untold_.push_back({std::move(mark), false, isTold, !entityId_.isAssigned()});
+      } else {
+         at->isTold = at->isTold && isTold;
+         if (at->isOld && entityId_.isAssigned())
+            at->isOld = false; // written again while the resend goes on, which may be past it
+      }
       demuxer_->untoldNoticed();
    } catch (std::bad_alloc const&) {
       owesAllIs();
@@ -252,8 +253,9 @@ bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
    if (at == untold_.end())
       return false;
    // An answer that is still to come finds nothing to tell.
+   bool const isOwed = !at->isTold;
    untold_.erase(at);
-   return true;
+   return isOwed;
 }
 
 void Sa::doSerializeOrphan() {

@@ -191,7 +191,8 @@ public:
    struct Untold {
       NboAttrLog::Mark mark;
       bool isAsked = false;
-      bool isOld = false; ///< written before this connection told the entity: the resend answers it
+      bool isTold = false; ///< the reactors know what is here: the answer tells them a difference or nothing
+      bool isOld = false;  ///< written before this connection told the entity: the resend answers it
    };
    std::vector<Untold>& untold() noexcept { return untold_; }
 
@@ -265,12 +266,12 @@ protected:
    void checkPeerMayWrite(AttributeId id) const;
    void applyingConsumed() noexcept { flagIs(applying, false); }
    /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
-   void refusedIs(NboAttrLog::Mark mark) noexcept;
+   void refusedIs(NboAttrLog::Mark mark, bool isTold = false) noexcept;
    /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept {
       return !successors_.empty() && std::erase(successors_, mark) != 0;
    }
-   /// Whether `mark` was written here and not told; forgets it.
+   /// Whether the reactors are owed word of `mark`, which was written here and not told; forgets it.
    bool untoldTaken(NboAttrLog::Mark const& mark);
 
    Entity* entity_;
