@@ -27,7 +27,7 @@ using Hardware::ClariPhy::Cl10010ConfigDir;
 
 /// Polls all ends in turn until `done()`.
 template <class Done, class... Loops> bool together(Done done, Loops&... loops) {
-   auto const end = std::chrono::steady_clock::now() + 10s;
+   auto const end = std::chrono::steady_clock::now() + 60s; // for one that hangs
    while (!done()) {
       if (std::chrono::steady_clock::now() > end)
          return false;
