@@ -57,6 +57,9 @@ std::vector<ValueType> builtins() {
    return types;
 }
 
+/// Elements of an array.
+constexpr long long mostElements = 1024;
+
 class Checker {
 public:
    explicit Checker(Diagnostics& diagnostics) : diagnostics_(diagnostics) {}
@@ -153,6 +156,17 @@ private:
       type.alignment = static_cast<unsigned>(alignment);
       type.isLarge = type.pass == Pass::byReference;
       type.isKey = decl.key;
+      if (decl.count) {
+         long long const count = decl.count->value;
+         if (!decl.key)
+            error(decl.count->at, "\"count\" says how many keys there are, but " + inQuotes(decl.name.value) +
+                                     " is not declared with key = true");
+         else if (count < 1 || count > mostElements)
+            error(decl.count->at, "\"count\" must be from 1 to " + std::to_string(mostElements) +
+                                     ", because arrays are stored inside their entities, but is " +
+                                     std::to_string(count));
+         type.count = static_cast<unsigned>(count);
+      }
       type.zero = decl.zero;
       type.doc = decl.doc;
       valueIs(type, decl.name.at);
@@ -413,6 +427,10 @@ private:
       attribute.key = value->second.first;
       if (!attribute.key->isKey) {
          error(name.at, inQuotes(name.value) + " cannot be a key: the value type is not declared with key = true");
+         earlier(value->second.second, inQuotes(name.value));
+      } else if (attribute.kind->isFixed() && attribute.key->count == 0) {
+         error(name.at, inQuotes(name.value) + " cannot be the key of " + phrase(attribute) +
+                           ": the value type is not declared with a \"count\" of its keys");
          earlier(value->second.second, inQuotes(name.value));
       }
    }

@@ -36,13 +36,19 @@ std::string defaultText(Attribute const& a) {
    case Holds::value:
       break;
    }
-   if (a.kind->isKeyed())
+   if (a.kind->isKeyed() && !a.kind->isFixed())
       return "empty";
    std::string_view text = a.defaultValue.empty() ? std::string_view(a.value->zero) : a.defaultValue;
    // The suffix tells the C++ compiler that a number is a float; people need none.
    if (text.size() > 1 && text.back() == 'F' && text[text.size() - 2] >= '0' && text[text.size() - 2] <= '9')
       text.remove_suffix(1);
-   return code(text);
+   return (a.kind->isFixed() ? "each " : "") + code(text);
+}
+
+std::string keyText(Attribute const& a) {
+   if (a.key == nullptr)
+      return {};
+   return code(a.key->name) + (a.kind->isFixed() ? ", 0 to " + std::to_string(a.key->count - 1) : "");
 }
 
 std::string typeSection(EntityType const& type) {
@@ -72,8 +78,7 @@ std::string typeSection(EntityType const& type) {
    for (Attribute const* a : type.attributes) {
       text += "| " + std::to_string(*a->id) + " | " + code(a->name) + " | " +
               std::string(a->isParameter ? std::string_view("parameter") : a->kind->word()) + " | " + valueText(*a) +
-              " | " + (a->key != nullptr ? code(a->key->name) : std::string()) + " | " + defaultText(*a) + " | " +
-              cell(a->doc) + " |\n";
+              " | " + keyText(*a) + " | " + defaultText(*a) + " | " + cell(a->doc) + " |\n";
    }
    std::string notes;
    if (!type.note.empty())

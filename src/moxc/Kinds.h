@@ -32,6 +32,8 @@ public:
    virtual bool hasKeyType() const noexcept { return false; }
    /// Whether a notification carries a key: kinds with a key type, and collections keyed by their members' names.
    virtual bool isKeyed() const noexcept { return hasKeyType(); }
+   /// Whether there is a value for each key, so that the key type must say how many keys there are.
+   virtual bool isFixed() const noexcept { return false; }
    virtual bool mayHaveDefault() const noexcept { return false; }
    /// Whether a constructor parameter can be of this kind.
    virtual bool mayBeParameter() const noexcept { return false; }

@@ -29,6 +29,7 @@ struct ValueType {
    bool isLarge = false;   ///< accessors hand out a reference
    unsigned width = 0;     ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
    bool isKey = false;
+   unsigned count = 0;    ///< of a bounded key: there are the keys 0 to `count` - 1; 0 otherwise
    bool isNumber = false; ///< an integer that a counter can hold
    std::string zero;      ///< what a default-constructed value reads as
    std::string doc;

@@ -116,6 +116,41 @@ template <class A> void mapDelAll(typename A::Owner& entity) {
       mapDel<A>(entity, it);
 }
 
+// Fixed arrays: the elements are always there, and deleting one stores the default.
+
+template <class A>
+inline void arrayIs(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
+   auto& array = A::cell(entity);
+   if (array[key] == value)
+      return; // also where the array is not populated: it stays so
+   array.store(key, value);
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+}
+
+/// \return the value that was there; a default one was no change
+/// \throws RangeException for a key whose number was set past its range; nothing has changed then
+template <class A> typename A::Value arrayDel(typename A::Owner& entity, typename A::Key const& key) {
+   auto& array = A::cell(entity);
+   typename A::Value const before = array[key];
+   array.reset(key);
+   if (before == typename A::Value{})
+      return {};
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+   return before;
+}
+
+/// The element under the iterator, which stays where it is; at the end nothing, and the default.
+template <class A> typename A::Value arrayDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
+   return it ? arrayDel<A>(entity, it.key()) : typename A::Value{};
+}
+
+template <class A> void arrayDelAll(typename A::Owner& entity) {
+   for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
+      arrayDel<A>(entity, it);
+}
+
 // Instantiating collections: the member is the entry.
 
 /// Creates a member under `name` and puts it in the place of a present one, which loses its parent. Counts and tells nothing:

@@ -138,6 +138,27 @@ template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words
       write(e, cellOf(A::id, it.key()), context, [&] { del(it); });
 }
 
+template <class A> void changeArray(typename A::Owner& e, Words& words, Context& context) {
+   auto const key = makeKey<typename A::Key>(words);
+   Cell const cell = cellOf(A::id, key);
+   std::size_t const what = words.below(100);
+   if (what < 60) {
+      auto const value = makeValue<typename A::Value>(words);
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   } else if (what < 72) {
+      write(e, cell, context, [&] { A::drop(e, key); });
+   } else if (what < 78) {
+      write(e, cell, context, [&] { keyNotify<A>(e, key); });
+   } else if (what < 90) {
+      // Element by element, so that a refusal says which one it was.
+      for (typename A::Container::Iterator it(A::cell(e), key); it; it.advance())
+         write(e, cellOf(A::id, it.key()), context, [&] { arrayDel<A>(e, it); });
+   } else {
+      auto const value = A::cell(e)[key];
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   }
+}
+
 template <class A> void changeMap(typename A::Owner& e, Words& words, Context& context) {
    auto const key = makeKey<typename A::Key>(words);
    Cell const cell = cellOf(A::id, key);
@@ -248,8 +269,10 @@ void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key con
       put(const_cast<Entity*>(static_cast<Entity const*>(A::cell(e).get())));
    else if constexpr (!A::isKeyed)
       into.cells[cell] = textOf(A::cell(e));
+   else if constexpr (!A::hasEntries)
+      (..., (into.cells[cell] = textOf(A::cell(e)[key])));
    else if (auto* const entry = A::cell(e).find(key...)) {
-      if constexpr (A::kind == Mox::Kind::hashCollection)
+      if constexpr (A::ownsMembers)
          put(entry);
       else
          into.cells[cell] = textOf(entry->value());
@@ -268,7 +291,7 @@ public:
          if (!entity || entity->moxIsDying() || budget_ == 0)
             return;
          Ptr<Entity> member;
-         if constexpr (A::kind == Mox::Kind::hashCollection)
+         if constexpr (A::ownsMembers)
             member = A::cell(*entity).find(key...);
          context_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
       }
@@ -300,7 +323,7 @@ public:
          context_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
          told.cells[cell] = text;
          for (auto const& [where, target] : now.entities)
-            context_.seen(*target, A::kind == Mox::Kind::hashCollection);
+            context_.seen(*target, A::ownsMembers);
       }
    }
 
@@ -326,8 +349,10 @@ public:
       };
       auto const change = [&](auto a) {
          using A = decltype(a);
-         if constexpr (A::kind == Mox::Kind::hashCollection)
+         if constexpr (A::ownsMembers)
             changeMembers<A>(e, words, context);
+         else if constexpr (A::kind == Mox::Kind::array)
+            changeArray<A>(e, words, context);
          else if constexpr (A::isKeyed)
             changeMap<A>(e, words, context);
          else
@@ -359,7 +384,9 @@ public:
       X& e = static_cast<X&>(entity);
       Snapshot all;
       forEachAttribute<X>([&](auto a) {
-         if constexpr (a.isKeyed) {
+         if constexpr (a.kind == Mox::Kind::array) {
+            a.cell(e).forEach([&](auto key, auto const&) { snapshotCell(e, a, all, entityText, key); });
+         } else if constexpr (a.isKeyed) {
             for (auto* entry = a.cell(e).first(); entry != nullptr; entry = a.cell(e).next(*entry))
                snapshotCell(e, a, all, entityText, entry->fwkKey());
          } else {
@@ -378,7 +405,7 @@ public:
    std::size_t mostDirtyKeys(Entity const& entity) const override {
       std::size_t most = 0;
       forEachAttribute<X>([&](auto a) {
-         if constexpr (a.isKeyed)
+         if constexpr (a.hasEntries)
             most += 2 * a.cell(static_cast<X const&>(entity)).size() + 64;
       });
       return most;

@@ -42,6 +42,7 @@ Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> Cooling::moxNboAttrLogSaIs(
 template void Mox::announceKey<Rack::Cooling::Attr::fan_t>(Rack::Cooling const&, Mox::Name const&);
 template void Mox::announceKey<Rack::Cooling::Attr::limit_t>(Rack::Cooling const&, std::uint8_t const&);
 template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Cooling const&, Mox::Name const&);
+template void Mox::announceKey<Rack::Cooling::Attr::pressure_t>(Rack::Cooling const&, Rack::Zone const&);
 template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);
 
 // The log's templates for this level, compiled here once.

@@ -1,6 +1,7 @@
 // Made by moxc from Cooling.toml: change that file, not this one.
 #pragma once
 
+#include "containers/DynArray.h"
 #include "containers/HashMap.h"
 #include "containers/MapEntries.h"
 #include "containers/RbTreeMap.h"
@@ -9,6 +10,7 @@
 #include "notify/Mutators.h"
 #include "rack/Fan.h"
 #include "rack/Unit.h"
+#include "rack/Zone.h"
 
 #include <cstdint>
 #include <string_view>
@@ -57,6 +59,7 @@ public:
       using HashMapEntry::HashMapEntry;
    };
    using MoxCurveMap = Mox::HashMap<MoxCurve, Mox::Name, std::int32_t>;
+   using MoxPressureArray = Mox::DynArray<float, Rack::Zone, 6>;
 
    /// The fans.
    MoxFanMap const& fan() const noexcept { return fan_; }
@@ -97,6 +100,16 @@ public:
    void curveDelAll() { Mox::mapDelAll<Attr::curve_t>(*this); }
    void curveNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::curve_t>(*this, key); }
 
+   /// Pressure in each zone, in pascals.
+   MoxPressureArray const& pressure() const noexcept { return pressure_; }
+   MoxPressureArray& pressure() noexcept { return pressure_; }
+   float pressure(Rack::Zone key) const { return pressure_[key]; }
+   void pressureIs(Rack::Zone key, float v) { Mox::arrayIs<Attr::pressure_t>(*this, key, v); }
+   float pressureDel(Rack::Zone key) { return Mox::arrayDel<Attr::pressure_t>(*this, key); }
+   float pressureDel(MoxPressureArray::Iterator& it) { return Mox::arrayDel<Attr::pressure_t>(*this, it); }
+   void pressureDelAll() { Mox::arrayDelAll<Attr::pressure_t>(*this); }
+   void pressureNotify(Rack::Zone key) const { Mox::keyNotify<Attr::pressure_t>(*this, key); }
+
    /// Fan under observation, or null.
    Mox::Ptr<Rack::Fan const> const& watched() const noexcept { return watched_; }
    void watchedIs(Mox::Ptr<Rack::Fan const> const& v) { Mox::scalarIs<Attr::watched_t>(*this, v); }
@@ -129,6 +142,14 @@ public:
          static void fire(auto& to, auto const& key) { to.onCurve(key); }
       };
       static constexpr curve_t curve{};
+      struct pressure_t : Mox::ArrayAttribute<Cooling, 389, MoxPressureArray> {
+         static constexpr std::string_view name = "pressure";
+         static auto& cell(auto& e) noexcept { return e.pressure_; }
+         static void put(auto& e, auto const& key, auto const& v) { e.pressureIs(key, v); }
+         static void drop(auto& e, auto const& key) { e.pressureDel(key); }
+         static void fire(auto& to, auto const& key) { to.onPressure(key); }
+      };
+      static constexpr pressure_t pressure{};
       struct watched_t : Mox::ReferenceAttribute<Cooling, 390, Rack::Fan const> {
          static constexpr std::string_view name = "watched";
          static auto& cell(auto& e) noexcept { return e.watched_; }
@@ -138,7 +159,7 @@ public:
       static constexpr watched_t watched{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
-   using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::watched_t>;
+   using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::pressure_t, Attr::watched_t>;
    /// Constructor parameters behind the name that can be read back, in order.
    using MoxParameters = Mox::TypeList<>;
 
@@ -147,6 +168,7 @@ private:
    MoxLimitMap limit_;
    MoxCurveMap curve_{4};
    Mox::Ptr<Rack::Fan const> watched_;
+   MoxPressureArray pressure_;
 };
 
 } // namespace Rack
@@ -155,4 +177,5 @@ private:
 extern template void Mox::announceKey<Rack::Cooling::Attr::fan_t>(Rack::Cooling const&, Mox::Name const&);
 extern template void Mox::announceKey<Rack::Cooling::Attr::limit_t>(Rack::Cooling const&, std::uint8_t const&);
 extern template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Cooling const&, Mox::Name const&);
+extern template void Mox::announceKey<Rack::Cooling::Attr::pressure_t>(Rack::Cooling const&, Rack::Zone const&);
 extern template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);

@@ -26,6 +26,7 @@ public:
    }
    virtual void onLimit(std::uint8_t key) { changed(Attr::limit, key); }
    virtual void onCurve(Mox::Name key) { changed(Attr::curve, key); }
+   virtual void onPressure(Rack::Zone key) { changed(Attr::pressure, key); }
    virtual void onWatched() { changed(Attr::watched); }
 };
 
@@ -49,6 +50,7 @@ public:
    void newMoxIsCurveDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::curve, key, dirty); }
    void moxIsCurveDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::curve, key, dirty); }
    void moxIsCurveDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::curve, key); }
+   void moxIsPressureDirtyIs(bool dirty) { dirtyBitIs(Attr::pressure, dirty); }
    void moxIsWatchedDirtyIs(bool dirty) { dirtyBitIs(Attr::watched, dirty); }
 };
 

@@ -21,6 +21,9 @@ public:
    virtual void onCurve(Mox::Name) {}
    virtual void onCurvemoxImmediate() {}
    virtual void onCurve() {}
+   virtual void onPressure(Rack::Zone) {}
+   virtual void onPressuremoxImmediate() {}
+   virtual void onPressure() {}
    virtual void onWatched() {}
 
    Mox::Ptr<Cooling const> notifier() const noexcept { return notifierOfType<Cooling>(); }
@@ -45,6 +48,8 @@ public:
    void onLimit(std::uint8_t key) override { this->self().forward(Attr::limit, key); }
    using Interface::onCurve;
    void onCurve(Mox::Name key) override { this->self().forward(Attr::curve, key); }
+   using Interface::onPressure;
+   void onPressure(Rack::Zone key) override { this->self().forward(Attr::pressure, key); }
    void onWatched() override { this->self().forward(Attr::watched); }
 };
 
