@@ -195,9 +195,9 @@ private:
          diagnostics_.note(before->second, "the other schema is here");
       }
       if (decl.member) {
-         type->hashMember = decl.member->value == "hash";
-         if (!type->hashMember)
-            error(decl.member->at, "unknown \"member\" " + inQuotes(decl.member->value) + "; expected \"hash\"");
+         type->member = decl.member->value;
+         if (type->member != "hash" && type->member != "tree")
+            error(decl.member->at, "unknown \"member\" " + inQuotes(type->member) + "; expected \"hash\" or \"tree\"");
       }
       entities_.emplace(type->name, Declared{type.get(), &decl});
       model_.entities.push_back(std::move(type));
@@ -231,7 +231,7 @@ private:
       if (type.isAbstract)
          return;
       for (Attribute const* parameter : type.parameters)
-         if (!parameter->id && (type.log || type.hashMember)) {
+         if (!parameter->id && (type.log || !type.member.empty())) {
             error(places_.at(parameter),
                   "the parameter " + inQuotes(parameter->name) +
                      " has no identifier, so nobody but its maker can create the type; give it one, or the entity "
@@ -400,9 +400,9 @@ private:
          if (isMember && attribute.entity->isAbstract) {
             error(name.at, inQuotes(name.value) + " is abstract, but " + phrase(attribute) + " creates its members");
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
-         } else if (isMember && !attribute.entity->hashMember) {
+         } else if (isMember && attribute.entity->member != attribute.kind->memberLink()) {
             error(name.at, inQuotes(name.value) + " cannot be a member of " + phrase(attribute) +
-                              ": its schema has no member = \"hash\"");
+                              ": its schema has no member = " + inQuotes(attribute.kind->memberLink()));
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
          }
       } else if (auto const value = values_.find(name.value); value != values_.end()) {

@@ -69,8 +69,10 @@ std::vector<Member> members(EntityType const& type) {
    std::vector<Member> result;
    for (Attribute const* a : stored(type))
       result.push_back({a->kind->storage(*a), a->name, a->isParameter});
-   if (type.hashMember)
+   if (type.member == "hash")
       result.push_back({{"Mox::Ptr<" + type.shortName + '>', "", 8}, "moxNext", false});
+   if (type.member == "tree")
+      result.push_back({{"Mox::RbTreeLinks<" + type.shortName + '>', "", 8}, "moxTreeLinks", false});
    std::stable_sort(result.begin(), result.end(),
                     [](Member const& a, Member const& b) { return a.storage.alignment > b.storage.alignment; });
    return result;
@@ -132,6 +134,8 @@ std::string emitClass(EntityType const& type) {
       for (std::string& header : a->kind->headers(*a))
          headers.insert(std::move(header));
    }
+   if (type.member == "tree")
+      headers.insert("containers/RbTreeMap.h");
    headers.insert({"<string_view>", "core/Ptr.h", "core/String8.h"});
 
    auto const own = changeable(type);
@@ -181,7 +185,14 @@ std::string emitClass(EntityType const& type) {
       text += '\n' + nested;
    for (Attribute const* a : stored(type))
       text += '\n' + docComment(3, a->doc) + a->kind->memberFunctions(*a);
-   if (type.hashMember)
+   if (type.member == "tree")
+      text += fill(R"(
+   // The links of the collection's tree.
+   Mox::Name const& fwkKey() const noexcept { return moxName(); }
+   Mox::RbTreeLinks<$X$>& moxTreeLinks() noexcept { return moxTreeLinks_; }
+)",
+                   {{"X", type.shortName}});
+   if (type.member == "hash")
       text += fill(R"(
    // The link of the directory's hash bucket.
    Mox::Name const& fwkKey() const noexcept { return moxName(); }

@@ -56,8 +56,9 @@ std::string typeSection(EntityType const& type) {
    text += "Base " + code(type.baseName()) + ", level " + std::to_string(type.level) + ", own identifiers from " +
            std::to_string(firstId(type.level)) + " to " + std::to_string(lastId(type.level)) + '.';
    text += type.log ? "\n" : " Without an attribute log: a mirrored reference to it arrives as null.\n";
-   if (type.hashMember)
-      text += "Can be a member of a hash collection, under its name.\n";
+   if (!type.member.empty())
+      text += std::string("Can be a member of ") + (type.member == "hash" ? "a hash" : "an ordered") +
+              " collection, under its name.\n";
    if (!type.parameters.empty()) {
       text += "\nConstructed from its name and, in this order:\n\n";
       for (Attribute const* p : type.parameters) {

@@ -354,19 +354,18 @@ public:
    Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
 };
 
-class HashCollection final : public Keyed {
+/// Entities that the attribute owns, under their names.
+class Members : public Keyed {
 public:
-   std::string_view word() const noexcept override { return "hashCollection"; }
-   std::string_view meaning() const noexcept override {
-      return "entities that the attribute creates by name and owns, in the order of the names' hashes";
-   }
    Holds holds() const noexcept override { return Holds::member; }
 
-   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
-   std::vector<std::string> headers(Attribute const&) const override { return {"containers/HashMap.h"}; }
+   /// The container template, "RbTreeMap" or "HashMap".
+   virtual std::string container() const = 0;
+
+   std::vector<std::string> headers(Attribute const&) const override { return {"containers/" + container() + ".h"}; }
    std::string valueSpelling(Attribute const& a) const override { return a.entity->name; }
    std::string nestedTypes(Attribute const& a) const override {
-      return wrapped(3, "using " + map(a) + " = Mox::HashMap<" + a.entity->name + ", " + key(a) + ", " +
+      return wrapped(3, "using " + map(a) + " = Mox::" + container() + '<' + a.entity->name + ", " + key(a) + ", " +
                            a.entity->name + ">;");
    }
    std::string memberFunctions(Attribute const& a) const override {
@@ -387,8 +386,9 @@ public:
              commonFunctions(a, "member", pointer);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::hashCollection, $X$, $id$, $Key$, $M$, $M$, $Map$>",
-                  {{"X", a.owner->shortName},
+      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $M$, $M$, $Map$>",
+                  {{"kind", word()},
+                   {"X", a.owner->shortName},
                    {"id", std::to_string(a.id.value_or(0))},
                    {"Key", key(a)},
                    {"M", a.entity->name},
@@ -417,6 +417,28 @@ public:
    }
 };
 
+class Collection final : public Members {
+public:
+   std::string_view word() const noexcept override { return "collection"; }
+   std::string_view meaning() const noexcept override {
+      return "entities that the attribute creates by name and owns, in ascending order of the names";
+   }
+   std::string_view memberLink() const noexcept override { return "tree"; }
+   std::string container() const override { return "RbTreeMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "", 8}; }
+};
+
+class HashCollection final : public Members {
+public:
+   std::string_view word() const noexcept override { return "hashCollection"; }
+   std::string_view meaning() const noexcept override {
+      return "entities that the attribute creates by name and owns, in the order of the names' hashes";
+   }
+   std::string_view memberLink() const noexcept override { return "hash"; }
+   std::string container() const override { return "HashMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+};
+
 } // namespace
 
 std::vector<AttributeKind const*> const& allKinds() {
@@ -427,9 +449,10 @@ std::vector<AttributeKind const*> const& allKinds() {
    static Array const array;
    static Map const map;
    static HashMap const hashMap;
+   static Collection const collection;
    static HashCollection const hashCollection;
-   static std::vector<AttributeKind const*> const kinds{&scalar, &optional, &counter, &reference,
-                                                        &array,  &map,      &hashMap, &hashCollection};
+   static std::vector<AttributeKind const*> const kinds{&scalar, &optional, &counter,    &reference,     &array,
+                                                        &map,    &hashMap,  &collection, &hashCollection};
    return kinds;
 }
 

@@ -34,6 +34,8 @@ public:
    virtual bool isKeyed() const noexcept { return hasKeyType(); }
    /// Whether there is a value for each key, so that the key type must say how many keys there are.
    virtual bool isFixed() const noexcept { return false; }
+   /// The link that members carry, in the word of their schemas' field `member`; empty for kinds without members.
+   virtual std::string_view memberLink() const noexcept { return {}; }
    virtual bool mayHaveDefault() const noexcept { return false; }
    /// Whether a constructor parameter can be of this kind.
    virtual bool mayBeParameter() const noexcept { return false; }

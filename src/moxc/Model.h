@@ -68,7 +68,7 @@ struct EntityType {
    EntityType const* base = nullptr; ///< null: Mox::Entity
    unsigned level = 2;
    std::vector<std::string> baseArguments; ///< C++ expressions, the name's included
-   bool hashMember = false;                ///< carries the link of a hash collection's bucket
+   std::string member; ///< the collection's link that instances carry, "hash" or "tree"; empty for none
    bool log = true;
    bool virtualMutators = false;
    bool imported = false; ///< known but not to be emitted

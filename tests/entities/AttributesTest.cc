@@ -1,5 +1,6 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
 #include "notify/Observe.h"
 #include "siblings/AcceleratorReactor.h"
 #include "siblings/EthPhyIntfStatusReactor.h"
@@ -104,9 +105,9 @@ template <class X> struct EveryAttribute : testing::Test {
    }
 };
 
-using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus,
-                             Fru::Gpo, Fru::IntCtrl, Hardware::Led::LedConfig, Hardware::Dpll::PllStatus,
-                             Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
+using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::ClariPhy::FecHistogram, Hardware::Spi::Accelerator,
+                             Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Hardware::Led::LedConfig,
+                             Hardware::Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
 TYPED_TEST_SUITE(EveryAttribute, Types);
 
 TYPED_TEST(EveryAttribute, CountsAndTellsAChangeOnceAndAnEqualValueNever) {

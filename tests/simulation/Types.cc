@@ -8,6 +8,7 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDirReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
 #include "mox/MoxType.h"
 #include "siblings/AcceleratorReactor.h"
 #include "siblings/EthPhyIntfStatusReactor.h"
@@ -435,9 +436,10 @@ template <class... Xs> std::map<MoxType const*, std::unique_ptr<Type>> table() {
 
 Type const& Type::of(Entity const& entity) {
    using namespace Hardware;
-   static auto const types = table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir,
-                                   ClariPhy::Cl10010StatusDir, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo,
-                                   Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
+   static auto const types =
+      table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
+            ClariPhy::FecHistogram, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl,
+            Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
    return *types.at(entity.fwkType().get());
 }
 

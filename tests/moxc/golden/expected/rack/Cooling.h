@@ -9,6 +9,7 @@
 #include "core/String8.h"
 #include "notify/Mutators.h"
 #include "rack/Fan.h"
+#include "rack/Probe.h"
 #include "rack/Unit.h"
 #include "rack/Zone.h"
 
@@ -30,7 +31,7 @@ public:
    static constexpr unsigned moxLevel = 3;
    /// Lowest and highest identifier among the level's own attributes.
    static constexpr Mox::AttributeId moxFirstAttribute = 386;
-   static constexpr Mox::AttributeId moxLastAttribute = 390;
+   static constexpr Mox::AttributeId moxLastAttribute = 391;
    /// Whether the log cannot create the type, because its constructor takes what the log does not carry.
    static constexpr bool moxIsAbstract = false;
 
@@ -60,6 +61,7 @@ public:
    };
    using MoxCurveMap = Mox::HashMap<MoxCurve, Mox::Name, std::int32_t>;
    using MoxPressureArray = Mox::DynArray<float, Rack::Zone, 6>;
+   using MoxProbeMap = Mox::RbTreeMap<Rack::Probe, Mox::Name, Rack::Probe>;
 
    /// The fans.
    MoxFanMap const& fan() const noexcept { return fan_; }
@@ -114,6 +116,17 @@ public:
    Mox::Ptr<Rack::Fan const> const& watched() const noexcept { return watched_; }
    void watchedIs(Mox::Ptr<Rack::Fan const> const& v) { Mox::scalarIs<Attr::watched_t>(*this, v); }
 
+   /// The probes.
+   MoxProbeMap const& probe() const noexcept { return probe_; }
+   MoxProbeMap& probe() noexcept { return probe_; }
+   Mox::Ptr<Rack::Probe> probe(Mox::Name const& key) const { return Mox::memberFind<Attr::probe_t>(*this, key); }
+   Mox::Ptr<Rack::Probe> probeIs(Mox::Name const& key) { return Mox::memberIs<Attr::probe_t>(*this, key); }
+   Mox::Ptr<Rack::Probe> newProbe(Mox::Name const& key) { return Mox::newMember<Attr::probe_t>(*this, key); }
+   Mox::Ptr<Rack::Probe> probeDel(Mox::Name const& key) { return Mox::memberDel<Attr::probe_t>(*this, key); }
+   Mox::Ptr<Rack::Probe> probeDel(MoxProbeMap::Iterator& it) { return Mox::memberDel<Attr::probe_t>(*this, it); }
+   void probeDelAll() { Mox::memberDelAll<Attr::probe_t>(*this); }
+   void probeNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::probe_t>(*this, key); }
+
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
       struct fan_t
@@ -157,9 +170,19 @@ public:
          static void fire(auto& to) { to.onWatched(); }
       };
       static constexpr watched_t watched{};
+      struct probe_t
+         : Mox::KeyedAttribute<Mox::Kind::collection, Cooling, 391, Mox::Name, Rack::Probe, Rack::Probe, MoxProbeMap> {
+         static constexpr std::string_view name = "probe";
+         static auto& cell(auto& e) noexcept { return e.probe_; }
+         static auto put(auto& e, auto const& key, auto const&... more) { return e.probeIs(key, more...); }
+         static void drop(auto& e, auto const& key) { e.probeDel(key); }
+         static void fire(auto& to, auto const& key) { to.onProbe(key); }
+      };
+      static constexpr probe_t probe{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
-   using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::pressure_t, Attr::watched_t>;
+   using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::pressure_t, Attr::watched_t,
+                                       Attr::probe_t>;
    /// Constructor parameters behind the name that can be read back, in order.
    using MoxParameters = Mox::TypeList<>;
 
@@ -168,6 +191,7 @@ private:
    MoxLimitMap limit_;
    MoxCurveMap curve_{4};
    Mox::Ptr<Rack::Fan const> watched_;
+   MoxProbeMap probe_;
    MoxPressureArray pressure_;
 };
 
@@ -179,3 +203,4 @@ extern template void Mox::announceKey<Rack::Cooling::Attr::limit_t>(Rack::Coolin
 extern template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Cooling const&, Mox::Name const&);
 extern template void Mox::announceKey<Rack::Cooling::Attr::pressure_t>(Rack::Cooling const&, Rack::Zone const&);
 extern template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);
+extern template void Mox::announceKey<Rack::Cooling::Attr::probe_t>(Rack::Cooling const&, Mox::Name const&);

@@ -4,6 +4,7 @@
 #include "attrlog/LevelSa.h"
 #include "rack/CoolingReactor.h"
 #include "rack/FanLog.h"
+#include "rack/ProbeLog.h"
 #include "rack/UnitLog.h"
 
 namespace Rack {
@@ -28,6 +29,15 @@ public:
    virtual void onCurve(Mox::Name key) { changed(Attr::curve, key); }
    virtual void onPressure(Rack::Zone key) { changed(Attr::pressure, key); }
    virtual void onWatched() { changed(Attr::watched); }
+   virtual void onProbe(Mox::Name key) { changed(Attr::probe, key); }
+   Mox::Ptr<Rack::Probe::MoxNboAttrLogSa> probeNboAttrLogAdapterIs(
+      Mox::Mox_BitSet flags, Mox::Ptr<Rack::Probe> const& child, unsigned sequence,
+      Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {
+      return childAdapterIs(Attr::probe, flags, child, sequence, out, parent);
+   }
+   Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> probeNboAttrLogAdapterDel(Mox::Ptr<Rack::Probe> const& child) {
+      return childAdapterDel(child);
+   }
 };
 
 /// Backlog of one `Cooling` on one stream.
@@ -52,6 +62,11 @@ public:
    void moxIsCurveDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::curve, key); }
    void moxIsPressureDirtyIs(bool dirty) { dirtyBitIs(Attr::pressure, dirty); }
    void moxIsWatchedDirtyIs(bool dirty) { dirtyBitIs(Attr::watched, dirty); }
+   using MoxMoxIsProbeDirty = Mox::NboAttrLog::DirtyKey<Attr::probe_t>;
+   void moxProbeHasSyncedIs(bool synced) { hasSyncedIs(Attr::probe, synced); }
+   void newMoxIsProbeDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
+   void moxIsProbeDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
+   void moxIsProbeDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::probe, key); }
 };
 
 /// The reactor through which the entity reaches its adapter.

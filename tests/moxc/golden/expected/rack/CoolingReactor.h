@@ -25,6 +25,9 @@ public:
    virtual void onPressuremoxImmediate() {}
    virtual void onPressure() {}
    virtual void onWatched() {}
+   virtual void onProbe(Mox::Name) {}
+   virtual void onProbemoxImmediate() {}
+   virtual void onProbe() {}
 
    Mox::Ptr<Cooling const> notifier() const noexcept { return notifierOfType<Cooling>(); }
 
@@ -51,6 +54,8 @@ public:
    using Interface::onPressure;
    void onPressure(Rack::Zone key) override { this->self().forward(Attr::pressure, key); }
    void onWatched() override { this->self().forward(Attr::watched); }
+   using Interface::onProbe;
+   void onProbe(Mox::Name key) override { this->self().forward(Attr::probe, key); }
 };
 
 } // namespace Rack
