@@ -7,6 +7,7 @@
 #include "notify/Mutators.h"
 #include "values/Print.h"
 
+#include <exception>
 #include <sstream>
 #include <string_view>
 
@@ -29,7 +30,30 @@ template <class X, class Visitor> void forEachOwned(Visitor&& visit) {
 }
 
 template <class X> void membersDelAll(Entity& entity) {
-   forEachOwned<X>([&](auto a) { memberDelAll<decltype(a)>(static_cast<X&>(entity)); });
+   std::exception_ptr first;
+   forEachOwned<X>([&](auto a) {
+      using A = decltype(a);
+      auto& owner = static_cast<X&>(entity);
+      auto& cell = A::cell(owner);
+      for (typename A::Container::Iterator it(cell); it; it.advance()) {
+         try {
+            memberDel<A>(owner, it);
+         } catch (...) {
+            if (!first)
+               first = std::current_exception();
+         }
+      }
+      // What reactors have put behind the position meanwhile must not keep a parent that is gone.
+      while (auto* const left = cell.first())
+         try {
+            cell.remove(*left)->parentIs(nullptr);
+         } catch (...) {
+            if (!first)
+               first = std::current_exception();
+         }
+   });
+   if (first)
+      std::rethrow_exception(first);
 }
 
 template <class X> void visitMembers(Entity& entity, void* context, void (*visit)(void*, AttributeId, Entity&)) {
