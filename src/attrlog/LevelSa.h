@@ -18,7 +18,9 @@
 
 namespace Mox::NboAttrLog {
 
-template <class A> constexpr bool isHashed = A::kind == Kind::hashMap || A::kind == Kind::hashCollection;
+template <class A>
+constexpr bool isHashed =
+   A::kind == Kind::hashMap || A::kind == Kind::hashCollection || A::kind == Kind::hashReferences;
 
 template <class A> class DirtyKey;
 template <class A>
@@ -210,6 +212,7 @@ private:
    template <class A> void readValue(A, In& in, bool isLocal);
    template <class A> void readElement(A, In& in, bool isLocal);
    template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> void readTarget(A, In& in, bool isLocal);
    template <class A> void readMember(A, In& in, bool isLocal);
    template <class A> void dropHere(A, typename A::Key const& key);
    template <class A, class Put, class... Key> void apply(A, Put put, Key const&... key);

@@ -321,6 +321,18 @@ void LevelSa<X>::writeEntry(A a, typename A::Key const& key, typename A::Entry& 
       Expect const scope(NoEntityIdException::kind);
       if (!childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry)))
          throw NoEntityIdException(std::string(std::string_view(entry.fullName())) + " could not be announced");
+   } else if constexpr (A::kind == Kind::hashReferences) {
+      Expect const scope(NoEntityIdException::kind);
+      EntityId const target = this->demuxer_->entityIdFor(entry.value().get());
+      if (!target.isAssigned()) {
+         writeRemoval(a, key); // a type without a log: where it would be null, there is no entry
+         return;
+      }
+      this->demuxer_->beforeRecord();
+      Out& out = *this->demuxer_->out();
+      Record record(out, detail::headerOf<A>(this->entityId_));
+      out.put(target);
+      record.close();
    } else {
       this->demuxer_->beforeRecord();
       Out& out = *this->demuxer_->out();
@@ -644,6 +656,10 @@ template <class X> void LevelSa<X>::markReferencesTo(std::vector<Entity const*> 
       if constexpr (A::kind == Kind::reference) {
          if (auto const& target = A::cell(object()); target && isTarget(target.get()))
             mark(a);
+      } else if constexpr (A::kind == Kind::hashReferences) {
+         for (auto const [name, target] : std::as_const(A::cell(object())))
+            if (isTarget(target.get()))
+               markKey(a, name);
       } else if constexpr (A::ownsMembers) {
          if constexpr (A::Entry::MoxParameters::size != 0) {
             for (auto* m = A::cell(object()).first(); m != nullptr; m = A::cell(object()).next(*m)) {
@@ -714,6 +730,8 @@ template <class X> template <class A> void LevelSa<X>::read(A a, bool isRemoval,
       readValue(a, in, isLocal);
    else if constexpr (A::ownsMembers)
       isRemoval ? readEntry(a, true, in, isLocal) : readMember(a, in, isLocal);
+   else if constexpr (A::kind == Kind::hashReferences)
+      isRemoval ? readEntry(a, true, in, isLocal) : readTarget(a, in, isLocal);
    else if constexpr (!A::hasEntries)
       readElement(a, in, isLocal);
    else
@@ -743,9 +761,28 @@ template <class X> template <class A> void LevelSa<X>::readElement(A a, In& in, 
          a, [&] { A::put(object(), key, value); }, key);
 }
 
+template <class X> template <class A> void LevelSa<X>::readTarget(A a, In& in, bool isLocal) {
+   auto const target = detail::readReference<typename A::Target>(in, *this->demuxer_);
+   if (!target)
+      return; // retired meanwhile, and counted as that: its owner tells the entry again
+   Name const name = target->moxName();
+   if (isLocal) {
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
+      return;
+   }
+   apply(
+      a,
+      [&, &entity = object()] {
+         A::put(entity, target);
+         if (auto* const entry = A::cell(entity).find(name))
+            entry->moxMarkedForDeletionIs(false);
+      },
+      name);
+}
+
 template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
-   if constexpr (!A::ownsMembers) {
+   if constexpr (!A::ownsMembers && A::kind != Kind::hashReferences) {
       if (!isRemoval) {
          auto const value = Wire<typename A::Value>::read(in);
          if (isLocal) {

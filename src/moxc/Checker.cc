@@ -359,10 +359,10 @@ private:
          error(decl.at, phrase(attribute) + " has no \"key\"; it is required");
       else if (!kind.hasKeyType() && decl.key)
          error(decl.key->at, phrase(attribute) + " takes no \"key\"" +
-                                (kind.holds() == Holds::member ? "; its members are keyed by their names" : ""));
+                                (kind.isKeyed() ? "; its entities are keyed by their names" : ""));
       else if (decl.key)
          resolveKey(attribute, *decl.key);
-      else if (kind.holds() == Holds::member)
+      else if (kind.isKeyed())
          attribute.key = values_.find("Name")->second.first;
       if (decl.defaultValue && (!kind.mayHaveDefault() || isParameter))
          error(decl.defaultValue->at, isParameter

@@ -30,7 +30,7 @@ std::string defaultText(Attribute const& a) {
       return "as constructed";
    switch (a.kind->holds()) {
    case Holds::reference:
-      return "null";
+      return a.kind->isKeyed() ? "empty" : "null";
    case Holds::member:
       return "empty";
    case Holds::value:

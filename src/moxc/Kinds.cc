@@ -439,6 +439,54 @@ public:
    Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
 };
 
+/// Entities that live elsewhere, under their own names.
+class HashReferences final : public Keyed {
+public:
+   std::string_view word() const noexcept override { return "hashReferences"; }
+   std::string_view meaning() const noexcept override {
+      return "counted references to entities that live elsewhere, under the entities' names, in the order of their "
+             "hashes";
+   }
+   Holds holds() const noexcept override { return Holds::reference; }
+
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+   std::vector<std::string> headers(Attribute const&) const override {
+      return {"containers/HashMap.h", "containers/MapEntries.h"};
+   }
+   std::string valueSpelling(Attribute const& a) const override { return "Mox::Ptr<" + entitySpelling(a) + '>'; }
+   std::string nestedTypes(Attribute const& a) const override {
+      std::string const types = '<' + entry(a) + ", ";
+      return docComment(3, "Entry of " + quotedName(a) + '.') +
+             derivedClass(3, "class " + entry(a) + " final",
+                          "public Mox::HashReferenceEntry" + types + entitySpelling(a) + '>') +
+             "   public:\n      using HashReferenceEntry::HashReferenceEntry;\n   };\n" +
+             wrapped(3, "using " + map(a) + " = Mox::HashMap" + types + key(a) + ", " + entitySpelling(a) + ">;");
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const argument = '(' + valueSpelling(a) + " const& v)";
+      std::string const call = "<Attr::" + x + "_t>(*this, v);";
+      return containerAccess(a) + inlineFunction(3, "void " + x + "Is" + argument, "Mox::referenceIs" + call) +
+             inlineFunction(3, "Mox::Ptr<" + entry(a) + "> new" + capitalised(x) + argument,
+                            "return Mox::newReferenceEntry" + call) +
+             commonFunctions(a, "map", valueSpelling(a));
+   }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::ReferencesAttribute<$X$, $id$, $T$, $Entry$, $Map$>", {{"X", a.owner->shortName},
+                                                                               {"id", std::to_string(a.id.value_or(0))},
+                                                                               {"T", entitySpelling(a)},
+                                                                               {"Entry", entry(a)},
+                                                                               {"Map", map(a)}});
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      return fill(R"(         static void put(auto& e, auto const& v) { e.$x$Is(v); }
+         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
+         static void fire(auto& to, auto const& key) { to.on$X$(key); }
+)",
+                  {{"x", a.name}, {"X", capitalised(a.name)}});
+   }
+};
+
 } // namespace
 
 std::vector<AttributeKind const*> const& allKinds() {
@@ -451,8 +499,9 @@ std::vector<AttributeKind const*> const& allKinds() {
    static HashMap const hashMap;
    static Collection const collection;
    static HashCollection const hashCollection;
-   static std::vector<AttributeKind const*> const kinds{&scalar, &optional, &counter,    &reference,     &array,
-                                                        &map,    &hashMap,  &collection, &hashCollection};
+   static HashReferences const hashReferences;
+   static std::vector<AttributeKind const*> const kinds{
+      &scalar, &optional, &counter, &reference, &array, &map, &hashMap, &collection, &hashCollection, &hashReferences};
    return kinds;
 }
 

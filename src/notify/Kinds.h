@@ -2,6 +2,7 @@
 
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
+#include "core/String8.h"
 
 #include <array>
 #include <cstddef>
@@ -23,6 +24,7 @@ enum class Kind {
    hashMap,
    collection,
    hashCollection,
+   hashReferences,
 };
 
 /// Base of an attribute's descriptor: who owns it, its number, its value.
@@ -71,6 +73,12 @@ struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
    static constexpr bool isKeyed = true;
    static constexpr bool hasEntries = true;
    static constexpr bool ownsMembers = kind == Kind::collection || kind == Kind::hashCollection;
+};
+
+/// Counted references to entities that the owner does not own, under their own names; `Target` may be const.
+template <class Owner, AttributeId id, class Target_, class Entry, class Container>
+struct ReferencesAttribute : KeyedAttribute<Kind::hashReferences, Owner, id, Name, Ptr<Target_>, Entry, Container> {
+   using Target = Target_;
 };
 
 /// One value for each key of a bounded type.

@@ -100,10 +100,10 @@ TEST_F(Histograms, AllGoInTheOrderOfTheirNamesWhileReactorsChangeThem) {
    watch->then = [&](Mox::Name const& name) {
       if (name != "c" || !std::exchange(isOnce, false))
          return;
-      status->ldpcHistogramsDel("d");    // the next one
-      status->ldpcHistogramsIs("e");     // ahead: goes too
-      status->ldpcHistogramsIs("a");     // behind: stays
-      status->newLdpcHistograms("f");    // in the place of another
+      status->ldpcHistogramsDel("d"); // the next one
+      status->ldpcHistogramsIs("e");  // ahead: goes too
+      status->ldpcHistogramsIs("a");  // behind: stays
+      status->newLdpcHistograms("f"); // in the place of another
       throw 1;
    };
    EXPECT_EQ(after(7, 0, [&] { status->ldpcHistogramsDelAll(); }),
@@ -119,10 +119,10 @@ TEST_F(Histograms, CountersHaveFortyEightBitsAndThirtyTwoPlaces) {
    EXPECT_EQ(histogram->histogram(31), most);
    histogram->histogramIs(5, 1);
    Log told;
-   auto const counts = Mox::on(histogram, FecHistogram::Attr::histogram,
-                               [&](FecHistogram&, ClariPhyTypes::LdpcHistogramIterNum i) {
-                                  told.push_back(std::to_string(i.number()));
-                               });
+   auto const counts =
+      Mox::on(histogram, FecHistogram::Attr::histogram, [&](FecHistogram&, ClariPhyTypes::LdpcHistogramIterNum i) {
+         told.push_back(std::to_string(i.number()));
+      });
    auto const changes = histogram->changeCount();
    struct Case {
       std::function<void()> call;

@@ -5,8 +5,10 @@
 #include "attrlog/StateAdapter.h"
 #include "core/Exceptions.h"
 #include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigPtrDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusPtrDirReactor.h"
 #include "entities/Cl10010StatusReactor.h"
 #include "entities/FecHistogramReactor.h"
 #include "mox/MoxType.h"
@@ -189,6 +191,34 @@ template <class A> void changeMap(typename A::Owner& e, Words& words, Context& c
    }
 }
 
+template <class A> void changeReferences(typename A::Owner& e, Words& words, Context& context) {
+   auto const target = pick<typename A::Target>(words, context);
+   auto const& some = A::cell(e);
+   Name const name = target ? target->moxName() : some.empty() ? makeName(words) : some.first()->fwkKey();
+   Cell const cell = cellOf(A::id, name);
+   std::size_t const what = words.below(100);
+   if (what < 60) {
+      if (target)
+         write(e, cell, context, [&] { A::put(e, target); });
+   } else if (what < 72) {
+      write(e, cell, context, [&] { A::drop(e, name); });
+   } else if (what < 78) {
+      write(e, cell, context, [&] { keyNotify<A>(e, name); });
+   } else if (what < 82) {
+      if (auto const* const first = some.first())
+         write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
+   } else if (what < 90) {
+      deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
+   } else if (target && isOurs(e)) {
+      newReferenceEntry<A>(e, target);
+      Ptr<typename A::Owner> const owner(&e);
+      context.madeSilently([owner, name] {
+         if (isOurs(*owner))
+            keyNotify<A>(*owner, name);
+      });
+   }
+}
+
 template <class A> void createMember(typename A::Owner& e, Name const& name, Words& words, Context& context) {
    using Parameters = typename A::Entry::MoxParameters;
    std::apply(
@@ -275,6 +305,8 @@ void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key con
    else if (auto* const entry = A::cell(e).find(key...)) {
       if constexpr (A::ownsMembers)
          put(entry);
+      else if constexpr (A::kind == Mox::Kind::hashReferences)
+         put(const_cast<Entity*>(static_cast<Entity const*>(entry->value().get())));
       else
          into.cells[cell] = textOf(entry->value());
    }
@@ -354,6 +386,8 @@ public:
             changeMembers<A>(e, words, context);
          else if constexpr (A::kind == Mox::Kind::array)
             changeArray<A>(e, words, context);
+         else if constexpr (A::kind == Mox::Kind::hashReferences)
+            changeReferences<A>(e, words, context);
          else if constexpr (A::isKeyed)
             changeMap<A>(e, words, context);
          else
@@ -438,8 +472,9 @@ Type const& Type::of(Entity const& entity) {
    using namespace Hardware;
    static auto const types =
       table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
-            ClariPhy::FecHistogram, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl,
-            Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
+            ClariPhy::FecHistogram, ClariPhy::Cl10010ConfigPtrDir, ClariPhy::Cl10010StatusPtrDir, Spi::Accelerator,
+            Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig,
+            Xcvr::XcvrStatus>();
    return *types.at(entity.fwkType().get());
 }
 

@@ -45,6 +45,7 @@ template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Cooling const
 template void Mox::announceKey<Rack::Cooling::Attr::pressure_t>(Rack::Cooling const&, Rack::Zone const&);
 template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);
 template void Mox::announceKey<Rack::Cooling::Attr::probe_t>(Rack::Cooling const&, Mox::Name const&);
+template void Mox::announceKey<Rack::Cooling::Attr::spare_t>(Rack::Cooling const&, Mox::Name const&);
 
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Cooling>;

@@ -31,7 +31,7 @@ public:
    static constexpr unsigned moxLevel = 3;
    /// Lowest and highest identifier among the level's own attributes.
    static constexpr Mox::AttributeId moxFirstAttribute = 386;
-   static constexpr Mox::AttributeId moxLastAttribute = 391;
+   static constexpr Mox::AttributeId moxLastAttribute = 392;
    /// Whether the log cannot create the type, because its constructor takes what the log does not carry.
    static constexpr bool moxIsAbstract = false;
 
@@ -62,6 +62,12 @@ public:
    using MoxCurveMap = Mox::HashMap<MoxCurve, Mox::Name, std::int32_t>;
    using MoxPressureArray = Mox::DynArray<float, Rack::Zone, 6>;
    using MoxProbeMap = Mox::RbTreeMap<Rack::Probe, Mox::Name, Rack::Probe>;
+   /// Entry of `spare`.
+   class MoxSpare final : public Mox::HashReferenceEntry<MoxSpare, Rack::Fan> {
+   public:
+      using HashReferenceEntry::HashReferenceEntry;
+   };
+   using MoxSpareMap = Mox::HashMap<MoxSpare, Mox::Name, Rack::Fan>;
 
    /// The fans.
    MoxFanMap const& fan() const noexcept { return fan_; }
@@ -127,6 +133,16 @@ public:
    void probeDelAll() { Mox::memberDelAll<Attr::probe_t>(*this); }
    void probeNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::probe_t>(*this, key); }
 
+   /// Fans that could take over.
+   MoxSpareMap const& spare() const noexcept { return spare_; }
+   MoxSpareMap& spare() noexcept { return spare_; }
+   void spareIs(Mox::Ptr<Rack::Fan> const& v) { Mox::referenceIs<Attr::spare_t>(*this, v); }
+   Mox::Ptr<MoxSpare> newSpare(Mox::Ptr<Rack::Fan> const& v) { return Mox::newReferenceEntry<Attr::spare_t>(*this, v); }
+   Mox::Ptr<Rack::Fan> spareDel(Mox::Name const& key) { return Mox::mapDel<Attr::spare_t>(*this, key); }
+   Mox::Ptr<Rack::Fan> spareDel(MoxSpareMap::Iterator& it) { return Mox::mapDel<Attr::spare_t>(*this, it); }
+   void spareDelAll() { Mox::mapDelAll<Attr::spare_t>(*this); }
+   void spareNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::spare_t>(*this, key); }
+
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
       struct fan_t
@@ -179,10 +195,18 @@ public:
          static void fire(auto& to, auto const& key) { to.onProbe(key); }
       };
       static constexpr probe_t probe{};
+      struct spare_t : Mox::ReferencesAttribute<Cooling, 392, Rack::Fan, MoxSpare, MoxSpareMap> {
+         static constexpr std::string_view name = "spare";
+         static auto& cell(auto& e) noexcept { return e.spare_; }
+         static void put(auto& e, auto const& v) { e.spareIs(v); }
+         static void drop(auto& e, auto const& key) { e.spareDel(key); }
+         static void fire(auto& to, auto const& key) { to.onSpare(key); }
+      };
+      static constexpr spare_t spare{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
    using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::pressure_t, Attr::watched_t,
-                                       Attr::probe_t>;
+                                       Attr::probe_t, Attr::spare_t>;
    /// Constructor parameters behind the name that can be read back, in order.
    using MoxParameters = Mox::TypeList<>;
 
@@ -192,6 +216,7 @@ private:
    MoxCurveMap curve_{4};
    Mox::Ptr<Rack::Fan const> watched_;
    MoxProbeMap probe_;
+   MoxSpareMap spare_{4};
    MoxPressureArray pressure_;
 };
 
@@ -204,3 +229,4 @@ extern template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Coolin
 extern template void Mox::announceKey<Rack::Cooling::Attr::pressure_t>(Rack::Cooling const&, Rack::Zone const&);
 extern template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);
 extern template void Mox::announceKey<Rack::Cooling::Attr::probe_t>(Rack::Cooling const&, Mox::Name const&);
+extern template void Mox::announceKey<Rack::Cooling::Attr::spare_t>(Rack::Cooling const&, Mox::Name const&);

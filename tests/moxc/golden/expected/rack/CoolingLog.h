@@ -38,6 +38,7 @@ public:
    Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> probeNboAttrLogAdapterDel(Mox::Ptr<Rack::Probe> const& child) {
       return childAdapterDel(child);
    }
+   virtual void onSpare(Mox::Name key) { changed(Attr::spare, key); }
 };
 
 /// Backlog of one `Cooling` on one stream.
@@ -67,6 +68,11 @@ public:
    void newMoxIsProbeDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
    void moxIsProbeDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
    void moxIsProbeDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::probe, key); }
+   using MoxMoxIsSpareDirty = Mox::NboAttrLog::DirtyKey<Attr::spare_t>;
+   void moxSpareHasSyncedIs(bool synced) { hasSyncedIs(Attr::spare, synced); }
+   void newMoxIsSpareDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::spare, key, dirty); }
+   void moxIsSpareDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::spare, key, dirty); }
+   void moxIsSpareDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::spare, key); }
 };
 
 /// The reactor through which the entity reaches its adapter.

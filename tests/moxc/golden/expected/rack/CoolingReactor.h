@@ -28,6 +28,9 @@ public:
    virtual void onProbe(Mox::Name) {}
    virtual void onProbemoxImmediate() {}
    virtual void onProbe() {}
+   virtual void onSpare(Mox::Name) {}
+   virtual void onSparemoxImmediate() {}
+   virtual void onSpare() {}
 
    Mox::Ptr<Cooling const> notifier() const noexcept { return notifierOfType<Cooling>(); }
 
@@ -56,6 +59,8 @@ public:
    void onWatched() override { this->self().forward(Attr::watched); }
    using Interface::onProbe;
    void onProbe(Mox::Name key) override { this->self().forward(Attr::probe, key); }
+   using Interface::onSpare;
+   void onSpare(Mox::Name key) override { this->self().forward(Attr::spare, key); }
 };
 
 } // namespace Rack
