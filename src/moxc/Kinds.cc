@@ -54,8 +54,8 @@ public:
       return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "changed(Attr::" + a.name + ");");
    }
    std::string flowOperations(Attribute const& a) const override { return dirtyBit(a); }
-   std::string announcement(Attribute const& a) const override {
-      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", a.owner->name}, {"x", a.name}});
+   std::string announcement(Attribute const& a, std::string_view owner) const override {
+      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", owner}, {"x", a.name}});
    }
    std::string memberFunctions(Attribute const& a) const override {
       std::string const v = a.name + "_";
@@ -212,9 +212,9 @@ public:
                             "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
              inlineFunction(3, "void moxIs" + X + "DirtyDel(" + k + " key)", "dirtyKeyDel(Attr::" + x + ", key);");
    }
-   std::string announcement(Attribute const& a) const override {
+   std::string announcement(Attribute const& a, std::string_view owner) const override {
       return fill("template void Mox::announceKey<$X$::Attr::$x$_t>($X$ const&, $Key$ const&);",
-                  {{"X", a.owner->name}, {"x", a.name}, {"Key", key(a)}});
+                  {{"X", owner}, {"x", a.name}, {"Key", key(a)}});
    }
 
 protected:

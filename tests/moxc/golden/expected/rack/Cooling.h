@@ -83,7 +83,6 @@ public:
    Mox::Ptr<Rack::Fan> fanDel(MoxFanMap::Iterator& it) { return Mox::memberDel<Attr::fan_t>(*this, it); }
    void fanDelAll() { Mox::memberDelAll<Attr::fan_t>(*this); }
    void fanNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::fan_t>(*this, key); }
-
    /// Highest temperature of each zone.
    MoxLimitMap const& limit() const noexcept { return limit_; }
    MoxLimitMap& limit() noexcept { return limit_; }
@@ -94,7 +93,6 @@ public:
    float limitDel(MoxLimitMap::Iterator& it) { return Mox::mapDel<Attr::limit_t>(*this, it); }
    void limitDelAll() { Mox::mapDelAll<Attr::limit_t>(*this); }
    void limitNotify(std::uint8_t key) const { Mox::keyNotify<Attr::limit_t>(*this, key); }
-
    /// Speed to ask for, by profile.
    MoxCurveMap const& curve() const noexcept { return curve_; }
    MoxCurveMap& curve() noexcept { return curve_; }
@@ -107,7 +105,6 @@ public:
    std::int32_t curveDel(MoxCurveMap::Iterator& it) { return Mox::mapDel<Attr::curve_t>(*this, it); }
    void curveDelAll() { Mox::mapDelAll<Attr::curve_t>(*this); }
    void curveNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::curve_t>(*this, key); }
-
    /// Pressure in each zone, in pascals.
    MoxPressureArray const& pressure() const noexcept { return pressure_; }
    MoxPressureArray& pressure() noexcept { return pressure_; }
@@ -117,11 +114,9 @@ public:
    float pressureDel(MoxPressureArray::Iterator& it) { return Mox::arrayDel<Attr::pressure_t>(*this, it); }
    void pressureDelAll() { Mox::arrayDelAll<Attr::pressure_t>(*this); }
    void pressureNotify(Rack::Zone key) const { Mox::keyNotify<Attr::pressure_t>(*this, key); }
-
    /// Fan under observation, or null.
    Mox::Ptr<Rack::Fan const> const& watched() const noexcept { return watched_; }
    void watchedIs(Mox::Ptr<Rack::Fan const> const& v) { Mox::scalarIs<Attr::watched_t>(*this, v); }
-
    /// The probes.
    MoxProbeMap const& probe() const noexcept { return probe_; }
    MoxProbeMap& probe() noexcept { return probe_; }
@@ -132,7 +127,6 @@ public:
    Mox::Ptr<Rack::Probe> probeDel(MoxProbeMap::Iterator& it) { return Mox::memberDel<Attr::probe_t>(*this, it); }
    void probeDelAll() { Mox::memberDelAll<Attr::probe_t>(*this); }
    void probeNotify(Mox::Name const& key) const { Mox::keyNotify<Attr::probe_t>(*this, key); }
-
    /// Fans that could take over.
    MoxSpareMap const& spare() const noexcept { return spare_; }
    MoxSpareMap& spare() noexcept { return spare_; }
@@ -145,64 +139,58 @@ public:
 
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
-      struct fan_t
+      static constexpr struct fan_t
          : Mox::KeyedAttribute<Mox::Kind::hashCollection, Cooling, 386, Mox::Name, Rack::Fan, Rack::Fan, MoxFanMap> {
          static constexpr std::string_view name = "fan";
          static auto& cell(auto& e) noexcept { return e.fan_; }
          static auto put(auto& e, auto const& key, auto const&... more) { return e.fanIs(key, more...); }
          static void drop(auto& e, auto const& key) { e.fanDel(key); }
          static void fire(auto& to, auto const& key) { to.onFan(key); }
-      };
-      static constexpr fan_t fan{};
-      struct limit_t : Mox::KeyedAttribute<Mox::Kind::map, Cooling, 387, std::uint8_t, float, MoxLimit, MoxLimitMap> {
+      } fan{};
+      static constexpr struct limit_t
+         : Mox::KeyedAttribute<Mox::Kind::map, Cooling, 387, std::uint8_t, float, MoxLimit, MoxLimitMap> {
          static constexpr std::string_view name = "limit";
          static auto& cell(auto& e) noexcept { return e.limit_; }
          static void put(auto& e, auto const& key, auto const& v) { e.limitIs(key, v); }
          static void drop(auto& e, auto const& key) { e.limitDel(key); }
          static void fire(auto& to, auto const& key) { to.onLimit(key); }
-      };
-      static constexpr limit_t limit{};
-      struct curve_t
+      } limit{};
+      static constexpr struct curve_t
          : Mox::KeyedAttribute<Mox::Kind::hashMap, Cooling, 388, Mox::Name, std::int32_t, MoxCurve, MoxCurveMap> {
          static constexpr std::string_view name = "curve";
          static auto& cell(auto& e) noexcept { return e.curve_; }
          static void put(auto& e, auto const& key, auto const& v) { e.curveIs(key, v); }
          static void drop(auto& e, auto const& key) { e.curveDel(key); }
          static void fire(auto& to, auto const& key) { to.onCurve(key); }
-      };
-      static constexpr curve_t curve{};
-      struct pressure_t : Mox::ArrayAttribute<Cooling, 389, MoxPressureArray> {
+      } curve{};
+      static constexpr struct pressure_t : Mox::ArrayAttribute<Cooling, 389, MoxPressureArray> {
          static constexpr std::string_view name = "pressure";
          static auto& cell(auto& e) noexcept { return e.pressure_; }
          static void put(auto& e, auto const& key, auto const& v) { e.pressureIs(key, v); }
          static void drop(auto& e, auto const& key) { e.pressureDel(key); }
          static void fire(auto& to, auto const& key) { to.onPressure(key); }
-      };
-      static constexpr pressure_t pressure{};
-      struct watched_t : Mox::ReferenceAttribute<Cooling, 390, Rack::Fan const> {
+      } pressure{};
+      static constexpr struct watched_t : Mox::ReferenceAttribute<Cooling, 390, Rack::Fan const> {
          static constexpr std::string_view name = "watched";
          static auto& cell(auto& e) noexcept { return e.watched_; }
          static void put(auto& e, auto const& v) { e.watchedIs(v); }
          static void fire(auto& to) { to.onWatched(); }
-      };
-      static constexpr watched_t watched{};
-      struct probe_t
+      } watched{};
+      static constexpr struct probe_t
          : Mox::KeyedAttribute<Mox::Kind::collection, Cooling, 391, Mox::Name, Rack::Probe, Rack::Probe, MoxProbeMap> {
          static constexpr std::string_view name = "probe";
          static auto& cell(auto& e) noexcept { return e.probe_; }
          static auto put(auto& e, auto const& key, auto const&... more) { return e.probeIs(key, more...); }
          static void drop(auto& e, auto const& key) { e.probeDel(key); }
          static void fire(auto& to, auto const& key) { to.onProbe(key); }
-      };
-      static constexpr probe_t probe{};
-      struct spare_t : Mox::ReferencesAttribute<Cooling, 392, Rack::Fan, MoxSpare, MoxSpareMap> {
+      } probe{};
+      static constexpr struct spare_t : Mox::ReferencesAttribute<Cooling, 392, Rack::Fan, MoxSpare, MoxSpareMap> {
          static constexpr std::string_view name = "spare";
          static auto& cell(auto& e) noexcept { return e.spare_; }
          static void put(auto& e, auto const& v) { e.spareIs(v); }
          static void drop(auto& e, auto const& key) { e.spareDel(key); }
          static void fire(auto& to, auto const& key) { to.onSpare(key); }
-      };
-      static constexpr spare_t spare{};
+      } spare{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
    using MoxAttributes = Mox::TypeList<Attr::fan_t, Attr::limit_t, Attr::curve_t, Attr::pressure_t, Attr::watched_t,

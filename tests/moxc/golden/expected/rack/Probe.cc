@@ -35,8 +35,12 @@ Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> Probe::moxNboAttrLogSaIs(
 
 } // namespace Rack
 
+namespace {
+using X = Rack::Probe;
+}
+
 // The delivery passes, one per attribute.
-template void Mox::announce<Rack::Probe::Attr::temperature_t>(Rack::Probe const&);
+template void Mox::announce<X::Attr::temperature_t>(X const&);
 
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Probe>;

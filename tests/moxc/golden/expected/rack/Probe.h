@@ -50,13 +50,12 @@ public:
 
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
-      struct temperature_t : Mox::ScalarAttribute<Probe, 258, float> {
+      static constexpr struct temperature_t : Mox::ScalarAttribute<Probe, 258, float> {
          static constexpr std::string_view name = "temperature";
          static auto& cell(auto& e) noexcept { return e.temperature_; }
          static void put(auto& e, auto const& v) { e.temperatureIs(v); }
          static void fire(auto& to) { to.onTemperature(); }
-      };
-      static constexpr temperature_t temperature{};
+      } temperature{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
    using MoxAttributes = Mox::TypeList<Attr::temperature_t>;
