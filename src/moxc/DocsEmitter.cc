@@ -111,7 +111,8 @@ is never given to another attribute. Where a unit is not named, the value is raw
       text += "| " + code(kind->word()) + " | " + std::string(kind->meaning()) + " |\n";
    text += R"(| `parameter` | handed to the constructor, read with `x()`, never changed |
 
-Keyed kinds have `xIs(k, v)`, `xDel(k)`, `xDelAll()` and `xNotify(k)`; a collection has `xIs(name)`, which finds or creates.
+Keyed kinds have `xIs(k, v)`, `xDel(k)`, `xDelAll()` and `xNotify(k)`; a collection has `xIs(name)`, which finds or
+creates, and references are set with `xIs(entity)`.
 
 ## Value types
 
