@@ -527,7 +527,9 @@ void Demuxer::reidentifiedMarked() {
             continue;
          TypeOperations const* const operations = logOperationsOf(*sa->entity());
          auto const refers = [&](Entity const* target) { return operations->hasParameter(*sa->entity(), *target); };
-         if (sa->isOrphan() && std::any_of(targets.begin(), targets.end(), refers))
+         // What no collection announces again: an orphan, and a former member that somebody still refers to.
+         bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
+         if (isLoose && std::any_of(targets.begin(), targets.end(), refers))
             reidentify(*sa->entity());
          else
             sa->markReferencesTo(targets);

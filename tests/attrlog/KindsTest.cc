@@ -209,6 +209,29 @@ TEST_F(Both, AReferenceResolvesToTheReadersOwnEntity) {
    EXPECT_EQ(target("a"), configs->phyConfig("a"));
 }
 
+TEST(References, ToAFormerMemberFollowWhatItsConstructorRefersTo) {
+   LocalLink link;
+   auto const states = make<Cl10010StatusDir>("states");
+   auto const chosen = make<Cl10010StatusPtrDir>("chosen");
+   auto const configs = make<Cl10010ConfigDir>("configs");
+   link.left().exportRoot(states);
+   link.left().exportRoot(chosen);
+   auto const theirStates = link.right().mount<Cl10010StatusDir>("states");
+   auto const theirChosen = link.right().mount<Cl10010StatusPtrDir>("chosen");
+   chosen->phyStatusIs(states->phyStatusIs("port", configs->phyConfigIs("c"), nullptr));
+   link.settle();
+   states->phyStatusDel("port");
+   link.settle();
+   // The configuration, announced without a parent so far, becomes a member of what is mirrored.
+   link.left().exportRoot(configs);
+   auto const theirConfigs = link.right().mount<Cl10010ConfigDir>("configs");
+   link.settle();
+   auto const* const entry = theirChosen->phyStatus().find("port");
+   ASSERT_NE(entry, nullptr);
+   ASSERT_NE(theirConfigs->phyConfig("c"), nullptr);
+   EXPECT_EQ(entry->value()->phyConfig(), theirConfigs->phyConfig("c"));
+}
+
 TEST(References, ToAnotherTypeAreRefusedAndNamed) {
    LinkEnd end{"end"};
    auto const refs = end.mount<Cl10010StatusPtrDir>("refs");
