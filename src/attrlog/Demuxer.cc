@@ -84,10 +84,14 @@ void Demuxer::cut() noexcept {
    }
    peer_.clear();
    syncing_ = 0;
-   // A former member without a parent is never bound again: the owner would announce it as another entity. Waiting for it would
-   // keep what refers to it from the peer, which may wait for that in turn.
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
-      return slot.sa->isRoot() || slot.sa->isOrphan() || slot.entity->moxRawParent() != nullptr;
+   // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
+   // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [this](PeerSlot const& slot) {
+      Entity const* top = slot.entity.get();
+      while (top->moxRawParent() != nullptr)
+         top = top->moxRawParent();
+      Sa const* const sa = adapterOf(*top);
+      return sa != nullptr && (sa->isRoot() || sa->isOrphan());
    });
    std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
    waiting_.erase(behind, waiting_.end());
@@ -287,6 +291,13 @@ void collectTree(Entity& top, std::vector<Ptr<Entity>>& tree) {
          visit(top, &tree, [](void* context, AttributeId, Entity& member) {
             collectTree(member, *static_cast<std::vector<Ptr<Entity>>*>(context));
          });
+}
+
+bool isAtOrBelow(Entity const* entity, Entity const& top) noexcept {
+   for (; entity != nullptr; entity = entity->moxRawParent())
+      if (entity == &top)
+         return true;
+   return false;
 }
 
 } // namespace
@@ -516,7 +527,9 @@ void Demuxer::reidentifiedMarked() {
             continue;
          TypeOperations const* const operations = logOperationsOf(*sa->entity());
          auto const refers = [&](Entity const* target) { return operations->hasParameter(*sa->entity(), *target); };
-         if (sa->isOrphan() && std::any_of(targets.begin(), targets.end(), refers))
+         // What no collection announces again: an orphan, and a former member that somebody still refers to.
+         bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
+         if (isLoose && std::any_of(targets.begin(), targets.end(), refers))
             reidentify(*sa->entity());
          else
             sa->markReferencesTo(targets);
@@ -780,8 +793,15 @@ bool Demuxer::isWaiting() const noexcept {
 }
 
 bool Demuxer::waitsBroken() {
+   // With what is awaited goes what lies below it: whoever announces it from now on announces its members too.
    auto const isLet = [&](PeerSlot const& slot) {
-      return slot.sa->isAwaited() && !slot.sa->entityId().isAssigned() && !isBelowWaitingRoot(slot.entity.get());
+      if (slot.sa->entityId().isAssigned() || isBelowWaitingRoot(slot.entity.get()))
+         return false;
+      for (Entity const* e = slot.entity.get(); e != nullptr; e = e->moxRawParent())
+         if (Sa const* const sa = adapterOf(*e);
+             sa != nullptr && sa->isMirror() && sa->isAwaited() && !sa->entityId().isAssigned())
+            return true;
+      return false;
    };
    // Taken out first: what goes may run reactors that look for mirrors here.
    auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
@@ -797,31 +817,26 @@ void Demuxer::isNoMember(Entity& member) {
    Sa const* const sa = adapterOf(member);
    if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
       return;
-   auto const at =
-      std::find_if(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return slot.entity == &member; });
-   if (at == waiting_.end())
-      return;
-   PeerSlot slot = std::move(*at);
-   waiting_.erase(at);
-   release(slot);
+   // With it goes what lies below it, as in `waitsBroken`.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) {
+      return slot.sa->entityId().isAssigned() || !isAtOrBelow(slot.entity.get(), member);
+   });
+   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
+   waiting_.erase(behind, waiting_.end());
+   for (PeerSlot& slot : gone)
+      release(slot);
 }
 
 void Demuxer::forgetMirrors(Entity* top) {
-   auto const isBelow = [&](Entity const* e) {
-      for (; e != nullptr; e = e->moxRawParent())
-         if (e == top)
-            return true;
-      return false;
-   };
    auto const forget = [&](PeerSlot& slot) {
-      if (slot.entity && (top == nullptr || isBelow(slot.entity.get())))
+      if (slot.entity && (top == nullptr || isAtOrBelow(slot.entity.get(), *top)))
          release(slot);
    };
    for (std::size_t i = 0; i < peer_.size(); ++i)
       forget(peer_[i]);
    // Taken out first: what goes may run reactors that look for mirrors here.
    auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) {
-      return top != nullptr && !isBelow(slot.entity.get());
+      return top != nullptr && !isAtOrBelow(slot.entity.get(), *top);
    });
    std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
    waiting_.erase(behind, waiting_.end());

@@ -18,7 +18,9 @@
 
 namespace Mox::NboAttrLog {
 
-template <class A> constexpr bool isHashed = A::kind == Kind::hashMap || A::kind == Kind::hashCollection;
+template <class A>
+constexpr bool isHashed =
+   A::kind == Kind::hashMap || A::kind == Kind::hashCollection || A::kind == Kind::hashReferences;
 
 template <class A> class DirtyKey;
 template <class A>
@@ -51,7 +53,7 @@ namespace detail {
 template <class List> struct DirtyKeysOf;
 template <class... As> struct DirtyKeysOf<TypeList<As...>> {
    using Type = decltype(std::tuple_cat(
-      std::declval<std::conditional_t<As::isKeyed, std::tuple<std::unique_ptr<DirtyKeys<As>>>, std::tuple<>>>()...));
+      std::declval<std::conditional_t<As::hasEntries, std::tuple<std::unique_ptr<DirtyKeys<As>>>, std::tuple<>>>()...));
 };
 
 template <class X> struct BaseLog {
@@ -68,7 +70,7 @@ struct BaseLog<X> {
 } // namespace detail
 
 /// The dirty state of the attributes that the level of `X` adds: a bit per attribute, and the changed keys of each collection.
-/// A scalar's bit says dirty, a collection's says that it has been sent whole.
+/// A scalar's bit says dirty, and so does an array's, which is sent whole; a collection's says that it has been sent whole.
 template <class X> class LevelFlow : public detail::BaseLog<X>::Flow {
 public:
    using Base = typename detail::BaseLog<X>::Flow;
@@ -88,6 +90,13 @@ public:
 
    template <class A> bool dirtyBit(A) const noexcept { return (bits_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
    template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(bits_, A::bit, on); }
+   /// An element of an array has changed behind the position of a resend: the array is sent once more.
+   template <class A> void isOwedAgainIs(A) noexcept { bitIs(haveKeys_, A::bit, true); }
+   /// The array has been sent: clean, unless it is owed again.
+   template <class A> void elementsSent(A a) noexcept {
+      dirtyBitIs(a, (haveKeys_[A::bit / 32] >> A::bit % 32 & 1u) != 0);
+      bitIs(haveKeys_, A::bit, false);
+   }
    template <class A> bool hasSynced(A a) const noexcept { return dirtyBit(a); }
    template <class A> void hasSyncedIs(A a, bool on) noexcept { dirtyBitIs(a, on); }
 
@@ -124,14 +133,14 @@ private:
    static constexpr Words collections() noexcept {
       Words w{};
       X::MoxAttributes::forEach([&](auto a) {
-         if (a.isKeyed)
+         if (a.hasEntries)
             w[a.bit / 32] |= 1u << a.bit % 32;
       });
       return w;
    }
 
    Words bits_{};
-   Words haveKeys_{};
+   Words haveKeys_{}; ///< collections with dirty keys, and arrays that are owed again
    Words walked_{};
    Words still_{};
    typename detail::DirtyKeysOf<typename X::MoxAttributes>::Type keys_;
@@ -185,14 +194,15 @@ protected:
 
 private:
    Flow& neededFlow();
-   template <class A> void mark(A);
+   template <class A, class... Key> void mark(A, Key const&... key);
    template <class A> void markKey(A, typename A::Key const& key);
-   template <class A> void writeNow(A);
+   template <class A, class... Key> void writeNow(A, Key const&... key);
    template <class A> bool writeKeyNow(A, typename A::Key const& key);
    template <class A> bool serialize(A, typename A::Key const& key);
    template <class A> void writeEntry(A, typename A::Key const& key, typename A::Entry& entry);
    template <class A> void writeRemoval(A, typename A::Key const& key);
    template <class A> bool serializeCollection(A, Flow& flow);
+   template <class A> bool serializeArray(A, Flow& flow);
    template <class A> bool resendCollection(A, Flow& flow);
    template <class A> bool sendDirtyKeys(A, Flow& flow);
    template <class A> void endCollection(A, Flow& flow);
@@ -200,7 +210,9 @@ private:
    void suspendedIs(Flow& flow, Mark mark);
    template <class A> void read(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readValue(A, In& in, bool isLocal);
+   template <class A> void readElement(A, In& in, bool isLocal);
    template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> void readTarget(A, In& in, bool isLocal);
    template <class A> void readMember(A, In& in, bool isLocal);
    template <class A> void dropHere(A, typename A::Key const& key);
    template <class A, class Put, class... Key> void apply(A, Put put, Key const&... key);

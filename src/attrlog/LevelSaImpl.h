@@ -15,7 +15,7 @@ namespace Mox::NboAttrLog {
 
 template <class X> LevelFlow<X>::LevelFlow(AttributeId startAttribute) : Base(startAttribute) {
    X::MoxAttributes::forEach(
-      [&](auto a) { dirtyBitIs(a, a.isKeyed ? startAttribute > a.id : startAttribute <= a.id); });
+      [&](auto a) { dirtyBitIs(a, a.hasEntries ? startAttribute > a.id : startAttribute <= a.id); });
 }
 
 template <class X> bool LevelFlow<X>::hasDirtyAttributes() const {
@@ -60,7 +60,7 @@ template <class X> template <class A> void LevelFlow<X>::restarted(A a) {
 template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
    std::size_t count = Base::dirtyKeys();
    X::MoxAttributes::forEach([&](auto a) {
-      if constexpr (a.isKeyed)
+      if constexpr (a.hasEntries)
          if (auto const* const k = keys(a))
             count += k->map.size();
    });
@@ -118,9 +118,16 @@ template <class A> MsgHeader headerOf(EntityId id, bool isRemoval = false) {
    if constexpr (!A::isKeyed && A::kind != Kind::reference)
       header.fixedSize = Wire<typename A::Value>::fixedSize;
    header.variable = header.fixedSize == 0 ? 1 : 0;
-   if constexpr (A::kind == Kind::hashCollection)
+   if constexpr (A::ownsMembers)
       header.kind = isRemoval ? kind::value : kind::childLog;
    return header;
+}
+
+template <class Value> Value const& valueIn(Value const& cell) {
+   return cell;
+}
+template <class Array, class Key> auto const& valueIn(Array const& cell, Key const& key) {
+   return cell[key];
 }
 
 template <class Container> std::size_t buckets(Container const& cell) {
@@ -171,9 +178,12 @@ template <class X> typename LevelSa<X>::Flow& LevelSa<X>::neededFlow() {
    return static_cast<Flow&>(this->demuxer_->createFlowOut(*this));
 }
 
-template <class X> template <class A> void LevelSa<X>::mark(A a) {
+template <class X> template <class A, class... Key> void LevelSa<X>::mark(A a, Key const&... key) {
    Flow& flow = neededFlow();
    flow.dirtyBitIs(a, true);
+   if constexpr (A::isKeyed)
+      if (flow.holdsBookmark(A::id) && (... || (key.number() < flow.bookmark().number)))
+         flow.isOwedAgainIs(a);
    if (flow.cursor() > A::id)
       ++this->demuxer_->counters().belowCursor;
 }
@@ -190,7 +200,7 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    }
    DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
    if (before == nullptr)
-      if constexpr (A::kind == Kind::hashCollection) {
+      if constexpr (A::ownsMembers) {
          // Present and never announced: the peer can't know the name. Absent: it was there before, so the peer can.
          auto* const child = present == nullptr ? nullptr : this->demuxer_->adapterOf(*present);
          // Present without having been announced, in the place of one that was: it can.
@@ -212,7 +222,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
    if (this->hasFlag(StreamAdapter::inert))
       return;
    if (this->handlingFlowInFor(A::id)) {
-      if constexpr (A::kind == Kind::hashCollection)
+      if constexpr (A::ownsMembers)
          // The new member gets its adapter before any other reactor can write to it.
          if (auto const* const anchor = this->demuxer_->anchor())
             if (auto* const member = A::cell(object()).find(key...))
@@ -224,20 +234,22 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
        this->demuxer_ == nullptr)
       return;
    if (this->hasFlag(StreamAdapter::readOnlyCopy) && !this->convertedToWritable(false)) {
-      if constexpr (A::isKeyed)
+      if constexpr (A::hasEntries)
          if (auto* const entry = A::cell(object()).find(key...))
             entry->moxMarkedForDeletionIs(false);
       this->refusedIs(Mark(A::id, key...));
       this->doThrowReadOnly(A::id);
    }
-   if constexpr (A::isKeyed) {
+   if constexpr (A::hasEntries) {
       serialize(a, key...);
    } else if (this->prepareImmediateTransmission(A::id, !this->demuxer_->out()->hasSufficientBuffer())) {
-      if (Flow* const flow = flowOut())
-         flow->dirtyBitIs(a, false);
-      writeNow(a);
+      // One element pays nothing of what an array owes: it is sent whole.
+      if constexpr (!A::isKeyed)
+         if (Flow* const flow = flowOut())
+            flow->dirtyBitIs(a, false);
+      writeNow(a, key...);
    } else {
-      mark(a);
+      mark(a, key...);
    }
 }
 
@@ -253,9 +265,9 @@ template <class X> template <class A> bool LevelSa<X>::serialize(A a, typename A
    return writeKeyNow(a, key);
 }
 
-template <class X> template <class A> void LevelSa<X>::writeNow(A a) {
+template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A a, Key const&... key) {
    Demuxer& demuxer = *this->demuxer_;
-   auto const& value = A::cell(object());
+   auto const& value = detail::valueIn(A::cell(object()), key...);
    EntityId target;
    if constexpr (A::kind == Kind::reference) {
       Expect const scope(NoEntityIdException::kind);
@@ -271,6 +283,7 @@ template <class X> template <class A> void LevelSa<X>::writeNow(A a) {
    Out& out = *demuxer.out();
    try {
       Record record(out, detail::headerOf<A>(this->entityId_));
+      (Wire<Key>::write(out, key), ...);
       if constexpr (A::kind == Kind::reference)
          out.put(target);
       else
@@ -304,10 +317,22 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
 template <class X>
 template <class A>
 void LevelSa<X>::writeEntry(A a, typename A::Key const& key, typename A::Entry& entry) {
-   if constexpr (A::kind == Kind::hashCollection) {
+   if constexpr (A::ownsMembers) {
       Expect const scope(NoEntityIdException::kind);
       if (!childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry)))
          throw NoEntityIdException(std::string(std::string_view(entry.fullName())) + " could not be announced");
+   } else if constexpr (A::kind == Kind::hashReferences) {
+      Expect const scope(NoEntityIdException::kind);
+      EntityId const target = this->demuxer_->entityIdFor(entry.value().get());
+      if (!target.isAssigned()) {
+         writeRemoval(a, key); // a type without a log: where it would be null, there is no entry
+         return;
+      }
+      this->demuxer_->beforeRecord();
+      Out& out = *this->demuxer_->out();
+      Record record(out, detail::headerOf<A>(this->entityId_));
+      out.put(target);
+      record.close();
    } else {
       this->demuxer_->beforeRecord();
       Out& out = *this->demuxer_->out();
@@ -401,7 +426,7 @@ template <class X> Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterDel(Ptr<
 template <class X> void LevelSa<X>::announceMember(AttributeId id, Entity& member) {
    bool const known = visitAttribute<X>(id, [&](auto a) {
       using A = decltype(a);
-      if constexpr (A::kind == Kind::hashCollection) {
+      if constexpr (A::ownsMembers) {
          auto& entry = static_cast<typename A::Entry&>(member);
          childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry));
          if (Flow* const flow = flowOut())
@@ -448,7 +473,10 @@ template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) 
          using A = decltype(a);
          if constexpr (A::isKeyed) {
             isCollection = true;
-            isComplete = serializeCollection(a, *flow);
+            if constexpr (A::hasEntries)
+               isComplete = serializeCollection(a, *flow);
+            else
+               isComplete = serializeArray(a, *flow);
          } else {
             A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this));
          }
@@ -487,6 +515,32 @@ template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& 
    this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
    flow.isWalkedIs(a, false);
    flow.hasSyncedIs(a, true);
+}
+
+template <class X> template <class A> bool LevelSa<X>::serializeArray(A a, Flow& flow) {
+   using Key = typename A::Key;
+   std::int64_t index = 0;
+   if (flow.holdsBookmark(A::id)) {
+      index = flow.bookmark().number;
+      flow.bookmarkDel();
+   } else {
+      this->sendTransactionMarker(A::id, AttrTransactionType::begin, 0);
+   }
+   for (;; ++index) {
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), Key(index));
+      if (this->flow_.get() != &flow)
+         return true;
+      if (index == Key::maximum)
+         break;
+      if (!this->demuxer_->continueFlowOut()) {
+         flow.moxFlowOutBookmarkEnq(Mark(A::id, Key(index + 1)));
+         ++this->demuxer_->counters().pausedCollections;
+         return false;
+      }
+   }
+   this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
+   flow.elementsSent(a);
+   return true;
 }
 
 template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flow& flow) {
@@ -547,6 +601,8 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
       using A = decltype(a);
       if constexpr (!A::isKeyed) {
          mark(a);
+      } else if constexpr (!A::hasEntries) {
+         m.hasKey ? mark(a, m.template as<typename A::Key>()) : mark(a, typename A::Key());
       } else if (m.hasKey) {
          markKey(a, m.template as<typename A::Key>());
       } else {
@@ -561,7 +617,7 @@ template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
    this->markAgain(m); // first: while it has an identifier, the peer is seen to know the name
    visitAttribute<X>(m.attribute, [&](auto a) {
       using A = decltype(a);
-      if constexpr (A::kind == Kind::hashCollection) {
+      if constexpr (A::ownsMembers) {
          if (!m.hasKey)
             return;
          // The peer waits for an answer: also when the name is gone before it is told.
@@ -584,7 +640,7 @@ template <class X> void LevelSa<X>::unmark(Mark const& m) {
       return;
    bool const known = visitAttribute<X>(m.attribute, [&](auto a) {
       using A = decltype(a);
-      if constexpr (!A::isKeyed)
+      if constexpr (!A::hasEntries)
          flow->dirtyBitIs(a, false);
       else
          flow->dirtyKeyDel(a, m.template as<typename A::Key>());
@@ -600,7 +656,11 @@ template <class X> void LevelSa<X>::markReferencesTo(std::vector<Entity const*> 
       if constexpr (A::kind == Kind::reference) {
          if (auto const& target = A::cell(object()); target && isTarget(target.get()))
             mark(a);
-      } else if constexpr (A::kind == Kind::hashCollection) {
+      } else if constexpr (A::kind == Kind::hashReferences) {
+         for (auto const [name, target] : std::as_const(A::cell(object())))
+            if (isTarget(target.get()))
+               markKey(a, name);
+      } else if constexpr (A::ownsMembers) {
          if constexpr (A::Entry::MoxParameters::size != 0) {
             for (auto* m = A::cell(object()).first(); m != nullptr; m = A::cell(object()).next(*m)) {
                bool refers = false;
@@ -640,7 +700,12 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
    if (!in)
       this->checkPeerMayWrite(id);
    In& input = in ? *in : *this->demuxer_->in();
-   bool const known = visitAttribute<X>(id, [&](auto a) { read(a, aid < 0, input, static_cast<bool>(in)); });
+   bool known = false;
+   visitAttribute<X>(id, [&](auto a) {
+      known = aid >= 0 || a.hasEntries; // only entries can be removed
+      if (known)
+         read(a, aid < 0, input, static_cast<bool>(in));
+   });
    return known ? 1 : 0;
 }
 
@@ -663,8 +728,12 @@ template <class X> template <class A, class Put, class... Key> void LevelSa<X>::
 template <class X> template <class A> void LevelSa<X>::read(A a, bool isRemoval, In& in, bool isLocal) {
    if constexpr (!A::isKeyed)
       readValue(a, in, isLocal);
-   else if constexpr (A::kind == Kind::hashCollection)
+   else if constexpr (A::ownsMembers)
       isRemoval ? readEntry(a, true, in, isLocal) : readMember(a, in, isLocal);
+   else if constexpr (A::kind == Kind::hashReferences)
+      isRemoval ? readEntry(a, true, in, isLocal) : readTarget(a, in, isLocal);
+   else if constexpr (!A::hasEntries)
+      readElement(a, in, isLocal);
    else
       readEntry(a, isRemoval, in, isLocal);
 }
@@ -682,9 +751,38 @@ template <class X> template <class A> void LevelSa<X>::readValue(A a, In& in, bo
       apply(a, [&] { A::put(object(), value); });
 }
 
+template <class X> template <class A> void LevelSa<X>::readElement(A a, In& in, bool isLocal) {
+   auto const key = Wire<typename A::Key>::read(in);
+   auto const value = Wire<typename A::Value>::read(in);
+   if (isLocal)
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
+   else
+      apply(
+         a, [&] { A::put(object(), key, value); }, key);
+}
+
+template <class X> template <class A> void LevelSa<X>::readTarget(A a, In& in, bool isLocal) {
+   auto const target = detail::readReference<typename A::Target>(in, *this->demuxer_);
+   if (!target)
+      return; // retired meanwhile, and counted as that: its owner tells the entry again
+   Name const name = target->moxName();
+   if (isLocal) {
+      A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
+      return;
+   }
+   apply(
+      a,
+      [&, &entity = object()] {
+         A::put(entity, target);
+         if (auto* const entry = A::cell(entity).find(name))
+            entry->moxMarkedForDeletionIs(false);
+      },
+      name);
+}
+
 template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
-   if constexpr (A::kind != Kind::hashCollection) {
+   if constexpr (!A::ownsMembers && A::kind != Kind::hashReferences) {
       if (!isRemoval) {
          auto const value = Wire<typename A::Value>::read(in);
          if (isLocal) {
@@ -709,7 +807,7 @@ template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRem
 }
 
 template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A::Key const& key) {
-   if constexpr (A::kind == Kind::hashCollection) {
+   if constexpr (A::ownsMembers) {
       if (this->demuxer_ == nullptr)
          return;
       Ptr<Entity> const member(A::cell(object()).find(key));
@@ -780,16 +878,19 @@ template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTr
             if (this->hasFlag(StreamAdapter::inert))
                break;
             this->flowInIs(aid);
-            marksIs(a, true);
+            if constexpr (a.hasEntries)
+               marksIs(a, true);
             break;
          case AttrTransactionType::end:
             // First: the sweep takes the marks along, and may throw.
             if (this->flowInTaken(aid))
-               sweep(a);
+               if constexpr (a.hasEntries)
+                  sweep(a);
             break;
          case AttrTransactionType::abort:
             if (this->flowInTaken(aid))
-               marksIs(a, false);
+               if constexpr (a.hasEntries)
+                  marksIs(a, false);
             break;
          }
       }
@@ -799,7 +900,7 @@ template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTr
 
 template <class X> void LevelSa<X>::marksDel(AttributeId id) {
    if (!visitAttribute<X>(id, [&](auto a) {
-          if constexpr (a.isKeyed)
+          if constexpr (a.hasEntries)
              marksIs(a, false);
        }))
       Base::marksDel(id);
@@ -820,7 +921,7 @@ template <class X> void LevelSa<X>::tellUntold(Mark const& m) {
 template <class X> void LevelSa<X>::memberLeft(Mark const& m) {
    if (!visitAttribute<X>(m.attribute, [&](auto a) {
           using A = decltype(a);
-          if constexpr (A::kind == Kind::hashCollection)
+          if constexpr (A::ownsMembers)
              if (A::cell(object()).find(m.name) != nullptr)
                 this->successors_.push_back(m);
        }))

@@ -2,6 +2,7 @@
 
 #include "containers/RbTreeMap.h"
 #include "core/Ptr.h"
+#include "core/String8.h"
 
 #include <utility>
 
@@ -41,6 +42,24 @@ public:
 
 private:
    Ptr<Self> next_;
+};
+
+/// Entry of a hash map of references to named objects that live elsewhere. Its key is the target's own name (`moxName()`), read
+/// whenever it is needed; the target is never null, and only another of the same name takes its place.
+template <class Self, class Target> class HashReferenceEntry : public PtrInterface {
+public:
+   explicit HashReferenceEntry(Ptr<Target> target) : target_(std::move(target)) {}
+
+   Name const& fwkKey() const noexcept { return target_->moxName(); }
+   Ptr<Target> const& value() const noexcept { return target_; }
+   /// Lets go of the target before, which may run reactors.
+   void valueIs(Ptr<Target> const& target) { target_ = target; }
+   Ptr<Self> const& moxNext() const noexcept { return next_; }
+   void moxNextIs(Ptr<Self> const& next) noexcept { next_ = next; }
+
+private:
+   Ptr<Target> target_;
+   Ptr<Self> next_; // behind the target: it is let go of first
 };
 
 } // namespace Mox

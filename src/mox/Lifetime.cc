@@ -33,6 +33,21 @@ PtrInterface::~PtrInterface() {
    }
 }
 
+namespace {
+
+/// One step of an object's end. What it throws stops nothing: only a reactor whose own onNotificationException throws does.
+template <class Step> void whileGoing(Step step) noexcept {
+   try {
+      step();
+   } catch (std::exception const& e) {
+      std::fprintf(stderr, "Mox: ignored while an object goes: %s\n", e.what());
+   } catch (...) {
+      std::fputs("Mox: ignored while an object goes: an exception of a foreign type\n", stderr);
+   }
+}
+
+} // namespace
+
 void PtrInterface::lastReference() const noexcept {
    auto* const self = const_cast<PtrInterface*>(this);
    // Back to one: a Ptr taken and dropped from here on can't bring the count to zero a second time.
@@ -43,11 +58,7 @@ void PtrInterface::lastReference() const noexcept {
       static_cast<Entity*>(self)->moxEnd();
    } else {
       self->flagIs(dyingFlag, true);
-      try {
-         self->zeroReferencesIs(false);
-      } catch (std::exception const& e) {
-         std::fprintf(stderr, "Mox: ignored while an object goes: %s\n", e.what());
-      }
+      whileGoing([&] { self->zeroReferencesIs(false); });
    }
    delete self;
 }
@@ -56,15 +67,10 @@ void Entity::moxEnd() noexcept {
    if (flag(dyingFlag))
       return;
    flagIs(dyingFlag, true);
-   try {
-      zeroReferencesIs(false);
-      for (Ptr<MoxType const> type = fwkType(); type; type = type->base())
-         if (auto const membersDelAll = type->operations().membersDelAll)
-            membersDelAll(*this);
-   } catch (std::exception const& e) {
-      // Only a reactor whose own onNotificationException throws gets here; the entity goes all the same.
-      std::fprintf(stderr, "Mox: ignored while an entity goes: %s\n", e.what());
-   }
+   whileGoing([&] { zeroReferencesIs(false); });
+   for (Ptr<MoxType const> type = fwkType(); type; type = type->base())
+      if (auto const membersDelAll = type->operations().membersDelAll)
+         whileGoing([&] { membersDelAll(*this); });
    // One at a time from the head: letting go of a reactor may run code that takes others off.
    while (auto* const reactor = reactors_.first()) {
       reactors_.unlink(*reactor);

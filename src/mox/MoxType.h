@@ -18,7 +18,8 @@ struct TypeOperations;
 
 /// What the framework does to an entity whose type it does not know. One table per type, filled by the templates.
 struct EntityOperations {
-   /// Deletes the members of every collection that this level of the type owns, with notifications.
+   /// Deletes the members of every collection that this level of the type owns, with notifications: all of them, whatever
+   /// reactors throw or put back. The first exception leaves when they are gone.
    void (*membersDelAll)(Entity&) = nullptr;
    /// Calls `visit(context, attribute, member)` for every member that this level owns, in iteration order.
    void (*visitMembers)(Entity&, void* context, void (*visit)(void*, AttributeId, Entity&)) = nullptr;

@@ -57,6 +57,9 @@ std::vector<ValueType> builtins() {
    return types;
 }
 
+/// Elements of an array.
+constexpr long long mostElements = 1024;
+
 class Checker {
 public:
    explicit Checker(Diagnostics& diagnostics) : diagnostics_(diagnostics) {}
@@ -153,6 +156,17 @@ private:
       type.alignment = static_cast<unsigned>(alignment);
       type.isLarge = type.pass == Pass::byReference;
       type.isKey = decl.key;
+      if (decl.count) {
+         long long const count = decl.count->value;
+         if (!decl.key)
+            error(decl.count->at, "\"count\" says how many keys there are, but " + inQuotes(decl.name.value) +
+                                     " is not declared with key = true");
+         else if (count < 1 || count > mostElements)
+            error(decl.count->at, "\"count\" must be from 1 to " + std::to_string(mostElements) +
+                                     ", because arrays are stored inside their entities, but is " +
+                                     std::to_string(count));
+         type.count = static_cast<unsigned>(count);
+      }
       type.zero = decl.zero;
       type.doc = decl.doc;
       valueIs(type, decl.name.at);
@@ -181,9 +195,9 @@ private:
          diagnostics_.note(before->second, "the other schema is here");
       }
       if (decl.member) {
-         type->hashMember = decl.member->value == "hash";
-         if (!type->hashMember)
-            error(decl.member->at, "unknown \"member\" " + inQuotes(decl.member->value) + "; expected \"hash\"");
+         type->member = decl.member->value;
+         if (type->member != "hash" && type->member != "tree")
+            error(decl.member->at, "unknown \"member\" " + inQuotes(type->member) + "; expected \"hash\" or \"tree\"");
       }
       entities_.emplace(type->name, Declared{type.get(), &decl});
       model_.entities.push_back(std::move(type));
@@ -217,7 +231,7 @@ private:
       if (type.isAbstract)
          return;
       for (Attribute const* parameter : type.parameters)
-         if (!parameter->id && (type.log || type.hashMember)) {
+         if (!parameter->id && (type.log || !type.member.empty())) {
             error(places_.at(parameter),
                   "the parameter " + inQuotes(parameter->name) +
                      " has no identifier, so nobody but its maker can create the type; give it one, or the entity "
@@ -345,10 +359,10 @@ private:
          error(decl.at, phrase(attribute) + " has no \"key\"; it is required");
       else if (!kind.hasKeyType() && decl.key)
          error(decl.key->at, phrase(attribute) + " takes no \"key\"" +
-                                (kind.holds() == Holds::member ? "; its members are keyed by their names" : ""));
+                                (kind.isKeyed() ? "; its entities are keyed by their names" : ""));
       else if (decl.key)
          resolveKey(attribute, *decl.key);
-      else if (kind.holds() == Holds::member)
+      else if (kind.isKeyed())
          attribute.key = values_.find("Name")->second.first;
       if (decl.defaultValue && (!kind.mayHaveDefault() || isParameter))
          error(decl.defaultValue->at, isParameter
@@ -386,9 +400,9 @@ private:
          if (isMember && attribute.entity->isAbstract) {
             error(name.at, inQuotes(name.value) + " is abstract, but " + phrase(attribute) + " creates its members");
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
-         } else if (isMember && !attribute.entity->hashMember) {
+         } else if (isMember && attribute.entity->member != attribute.kind->memberLink()) {
             error(name.at, inQuotes(name.value) + " cannot be a member of " + phrase(attribute) +
-                              ": its schema has no member = \"hash\"");
+                              ": its schema has no member = " + inQuotes(attribute.kind->memberLink()));
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
          }
       } else if (auto const value = values_.find(name.value); value != values_.end()) {
@@ -413,6 +427,10 @@ private:
       attribute.key = value->second.first;
       if (!attribute.key->isKey) {
          error(name.at, inQuotes(name.value) + " cannot be a key: the value type is not declared with key = true");
+         earlier(value->second.second, inQuotes(name.value));
+      } else if (attribute.kind->isFixed() && attribute.key->count == 0) {
+         error(name.at, inQuotes(name.value) + " cannot be the key of " + phrase(attribute) +
+                           ": the value type is not declared with a \"count\" of its keys");
          earlier(value->second.second, inQuotes(name.value));
       }
    }

@@ -69,8 +69,10 @@ std::vector<Member> members(EntityType const& type) {
    std::vector<Member> result;
    for (Attribute const* a : stored(type))
       result.push_back({a->kind->storage(*a), a->name, a->isParameter});
-   if (type.hashMember)
+   if (type.member == "hash")
       result.push_back({{"Mox::Ptr<" + type.shortName + '>', "", 8}, "moxNext", false});
+   if (type.member == "tree")
+      result.push_back({{"Mox::RbTreeLinks<" + type.shortName + '>', "", 8}, "moxTreeLinks", false});
    std::stable_sort(result.begin(), result.end(),
                     [](Member const& a, Member const& b) { return a.storage.alignment > b.storage.alignment; });
    return result;
@@ -98,16 +100,13 @@ std::string descriptors(EntityType const& type) {
    std::string text = docComment(3, "The attributes as values, for `Mox::on` and its like.");
    text += "   struct Attr : MoxBase::Attr {\n";
    for (Attribute const* a : type.attributes) {
-      text += derivedClass(6, "struct " + a->name + "_t", a->kind->descriptorBase(*a));
+      text += derivedClass(6, "static constexpr struct " + a->name + "_t", a->kind->descriptorBase(*a));
       text += fill(R"(         static constexpr std::string_view name = "$x$";
          static auto& cell(auto& e) noexcept { return e.$x$_; }
 )",
                    {{"x", a->name}});
       text += a->kind->descriptorCalls(*a);
-      text += fill(R"(      };
-      static constexpr $x$_t $x${};
-)",
-                   {{"x", a->name}});
+      text += "      } " + a->name + "{};\n";
    }
    return text + "   };\n";
 }
@@ -132,6 +131,8 @@ std::string emitClass(EntityType const& type) {
       for (std::string& header : a->kind->headers(*a))
          headers.insert(std::move(header));
    }
+   if (type.member == "tree")
+      headers.insert("containers/RbTreeMap.h");
    headers.insert({"<string_view>", "core/Ptr.h", "core/String8.h"});
 
    auto const own = changeable(type);
@@ -179,9 +180,17 @@ std::string emitClass(EntityType const& type) {
       text += "   bool moxHasAttrLogInterface() const override { return false; }\n";
    if (std::string const nested = forEach(own, &AttributeKind::nestedTypes); !nested.empty())
       text += '\n' + nested;
+   text += '\n';
    for (Attribute const* a : stored(type))
-      text += '\n' + docComment(3, a->doc) + a->kind->memberFunctions(*a);
-   if (type.hashMember)
+      text += docComment(3, a->doc) + a->kind->memberFunctions(*a);
+   if (type.member == "tree")
+      text += fill(R"(
+   // The links of the collection's tree.
+   Mox::Name const& fwkKey() const noexcept { return moxName(); }
+   Mox::RbTreeLinks<$X$>& moxTreeLinks() noexcept { return moxTreeLinks_; }
+)",
+                   {{"X", type.shortName}});
+   if (type.member == "hash")
       text += fill(R"(
    // The link of the directory's hash bucket.
    Mox::Name const& fwkKey() const noexcept { return moxName(); }
@@ -208,7 +217,7 @@ std::string emitClass(EntityType const& type) {
    if (!own.empty()) {
       text += "\n// The delivery passes are compiled with the type, so that nobody else needs its reactor interface.\n";
       for (Attribute const* a : own)
-         text += wrapped(0, "extern " + a->kind->announcement(*a));
+         text += wrapped(0, "extern " + a->kind->announcement(*a, type.name));
    }
    return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + text;
 }
@@ -363,9 +372,16 @@ Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
                    {{"X", X}});
    text = inNamespace(type, text);
    if (!changeable(type).empty())
-      text += "\n// The delivery passes, one per attribute.\n";
+      text += fill(R"(
+namespace {
+using X = $X$;
+}
+
+// The delivery passes, one per attribute.
+)",
+                   {{"X", type.name}});
    for (Attribute const* a : changeable(type))
-      text += wrapped(0, a->kind->announcement(*a));
+      text += wrapped(0, a->kind->announcement(*a, "X"));
    if (type.log)
       text += fill(R"(
 // The log's templates for this level, compiled here once.

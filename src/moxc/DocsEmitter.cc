@@ -30,19 +30,25 @@ std::string defaultText(Attribute const& a) {
       return "as constructed";
    switch (a.kind->holds()) {
    case Holds::reference:
-      return "null";
+      return a.kind->isKeyed() ? "empty" : "null";
    case Holds::member:
       return "empty";
    case Holds::value:
       break;
    }
-   if (a.kind->isKeyed())
+   if (a.kind->isKeyed() && !a.kind->isFixed())
       return "empty";
    std::string_view text = a.defaultValue.empty() ? std::string_view(a.value->zero) : a.defaultValue;
    // The suffix tells the C++ compiler that a number is a float; people need none.
    if (text.size() > 1 && text.back() == 'F' && text[text.size() - 2] >= '0' && text[text.size() - 2] <= '9')
       text.remove_suffix(1);
-   return code(text);
+   return (a.kind->isFixed() ? "each " : "") + code(text);
+}
+
+std::string keyText(Attribute const& a) {
+   if (a.key == nullptr)
+      return {};
+   return code(a.key->name) + (a.kind->isFixed() ? ", 0 to " + std::to_string(a.key->count - 1) : "");
 }
 
 std::string typeSection(EntityType const& type) {
@@ -50,8 +56,9 @@ std::string typeSection(EntityType const& type) {
    text += "Base " + code(type.baseName()) + ", level " + std::to_string(type.level) + ", own identifiers from " +
            std::to_string(firstId(type.level)) + " to " + std::to_string(lastId(type.level)) + '.';
    text += type.log ? "\n" : " Without an attribute log: a mirrored reference to it arrives as null.\n";
-   if (type.hashMember)
-      text += "Can be a member of a hash collection, under its name.\n";
+   if (!type.member.empty())
+      text += std::string("Can be a member of ") + (type.member == "hash" ? "a hash" : "an ordered") +
+              " collection, under its name.\n";
    if (!type.parameters.empty()) {
       text += "\nConstructed from its name and, in this order:\n\n";
       for (Attribute const* p : type.parameters) {
@@ -72,8 +79,7 @@ std::string typeSection(EntityType const& type) {
    for (Attribute const* a : type.attributes) {
       text += "| " + std::to_string(*a->id) + " | " + code(a->name) + " | " +
               std::string(a->isParameter ? std::string_view("parameter") : a->kind->word()) + " | " + valueText(*a) +
-              " | " + (a->key != nullptr ? code(a->key->name) : std::string()) + " | " + defaultText(*a) + " | " +
-              cell(a->doc) + " |\n";
+              " | " + keyText(*a) + " | " + defaultText(*a) + " | " + cell(a->doc) + " |\n";
    }
    std::string notes;
    if (!type.note.empty())
@@ -105,7 +111,8 @@ is never given to another attribute. Where a unit is not named, the value is raw
       text += "| " + code(kind->word()) + " | " + std::string(kind->meaning()) + " |\n";
    text += R"(| `parameter` | handed to the constructor, read with `x()`, never changed |
 
-Keyed kinds have `xIs(k, v)`, `xDel(k)`, `xDelAll()` and `xNotify(k)`; a collection has `xIs(name)`, which finds or creates.
+Keyed kinds have `xIs(k, v)`, `xDel(k)`, `xDelAll()` and `xNotify(k)`; a collection has `xIs(name)`, which finds or
+creates, and references are set with `xIs(entity)`.
 
 ## Value types
 

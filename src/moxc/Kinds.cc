@@ -3,6 +3,8 @@
 #include "moxc/CppText.h"
 #include "moxc/Model.h"
 
+#include <algorithm>
+
 namespace moxc {
 
 namespace {
@@ -23,6 +25,21 @@ std::string quotedName(Attribute const& a) {
    return '`' + a.name + '`';
 }
 
+/// The calls of attributes that hold values under keys.
+std::string keyedCalls(Attribute const& a) {
+   return fill(R"(         static void put(auto& e, auto const& key, auto const& v) { e.$x$Is(key, v); }
+         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
+         static void fire(auto& to, auto const& key) { to.on$X$(key); }
+)",
+               {{"x", a.name}, {"X", capitalised(a.name)}});
+}
+
+/// The setter of a dirty bit.
+std::string dirtyBit(Attribute const& a) {
+   return inlineFunction(3, "void moxIs" + capitalised(a.name) + "DirtyIs(bool dirty)",
+                         "dirtyBitIs(Attr::" + a.name + ", dirty);");
+}
+
 /// Kinds whose notification has no key: one cell, one value.
 class Single : public AttributeKind {
 public:
@@ -36,12 +53,9 @@ public:
    std::string adapterHandlers(Attribute const& a) const override {
       return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "changed(Attr::" + a.name + ");");
    }
-   std::string flowOperations(Attribute const& a) const override {
-      return inlineFunction(3, "void moxIs" + capitalised(a.name) + "DirtyIs(bool dirty)",
-                            "dirtyBitIs(Attr::" + a.name + ", dirty);");
-   }
-   std::string announcement(Attribute const& a) const override {
-      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", a.owner->name}, {"x", a.name}});
+   std::string flowOperations(Attribute const& a) const override { return dirtyBit(a); }
+   std::string announcement(Attribute const& a, std::string_view owner) const override {
+      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", owner}, {"x", a.name}});
    }
    std::string memberFunctions(Attribute const& a) const override {
       std::string const v = a.name + "_";
@@ -198,9 +212,9 @@ public:
                             "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
              inlineFunction(3, "void moxIs" + X + "DirtyDel(" + k + " key)", "dirtyKeyDel(Attr::" + x + ", key);");
    }
-   std::string announcement(Attribute const& a) const override {
+   std::string announcement(Attribute const& a, std::string_view owner) const override {
       return fill("template void Mox::announceKey<$X$::Attr::$x$_t>($X$ const&, $Key$ const&);",
-                  {{"X", a.owner->name}, {"x", a.name}, {"Key", key(a)}});
+                  {{"X", owner}, {"x", a.name}, {"Key", key(a)}});
    }
 
 protected:
@@ -210,23 +224,72 @@ protected:
    static std::string keyArgument(Attribute const& a) { return a.key->argument(); }
    static std::string entry(Attribute const& a) { return "Mox" + capitalised(a.name); }
    static std::string map(Attribute const& a) { return entry(a) + "Map"; }
+   /// The alias of the container's type.
+   virtual std::string containerName(Attribute const& a) const { return map(a); }
 
    /// Operations that every keyed kind has with the same text: deleting and re-announcing.
-   static std::string commonFunctions(Attribute const& a, std::string const& prefix, std::string const& removed) {
+   std::string commonFunctions(Attribute const& a, std::string const& prefix, std::string const& removed) const {
       std::string const x = a.name;
       std::string const descriptor = "<Attr::" + x + "_t>(*this";
       std::string const k = keyArgument(a);
       return inlineFunction(3, removed + ' ' + x + "Del(" + k + " key)",
                             "return Mox::" + prefix + "Del" + descriptor + ", key);") +
-             inlineFunction(3, removed + ' ' + x + "Del(" + map(a) + "::Iterator& it)",
+             inlineFunction(3, removed + ' ' + x + "Del(" + containerName(a) + "::Iterator& it)",
                             "return Mox::" + prefix + "Del" + descriptor + ", it);") +
              inlineFunction(3, "void " + x + "DelAll()", "Mox::" + prefix + "DelAll" + descriptor + ");") +
              inlineFunction(3, "void " + x + "Notify(" + k + " key) const", "Mox::keyNotify" + descriptor + ", key);");
    }
-   static std::string containerAccess(Attribute const& a) {
-      return inlineFunction(3, map(a) + " const& " + a.name + "() const noexcept", "return " + a.name + "_;") +
-             inlineFunction(3, map(a) + "& " + a.name + "() noexcept", "return " + a.name + "_;");
+   std::string containerAccess(Attribute const& a) const {
+      std::string const type = containerName(a);
+      return inlineFunction(3, type + " const& " + a.name + "() const noexcept", "return " + a.name + "_;") +
+             inlineFunction(3, type + "& " + a.name + "() noexcept", "return " + a.name + "_;");
    }
+};
+
+/// One value for each key.
+class Array final : public Keyed {
+public:
+   std::string_view word() const noexcept override { return "array"; }
+   std::string_view meaning() const noexcept override {
+      return "one value for each key, never absent: deleting one puts back its default";
+   }
+   Holds holds() const noexcept override { return Holds::value; }
+   bool hasKeyType() const noexcept override { return true; }
+   bool isFixed() const noexcept override { return true; }
+   std::vector<std::string> operations(std::string_view name) const override {
+      return {std::string(name), joined(name, "Is"), joined(name, "Del"), joined(name, "DelAll"),
+              joined(name, "Notify")};
+   }
+
+   Storage storage(Attribute const& a) const override {
+      return {containerName(a), "", std::max(a.value->alignment, 4u)}; // the array has counts of its own
+   }
+   std::vector<std::string> headers(Attribute const&) const override { return {"containers/DynArray.h"}; }
+   std::string valueSpelling(Attribute const& a) const override { return a.value->cppType; }
+   std::string nestedTypes(Attribute const& a) const override {
+      return wrapped(3, "using " + containerName(a) + " = Mox::DynArray<" + a.value->cppType + ", " + key(a) + ", " +
+                           std::to_string(a.key->count) + ">;");
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const t = a.value->cppType;
+      return containerAccess(a) +
+             inlineFunction(3, (a.value->isLarge ? t + " const& " : t + ' ') + x + '(' + keyArgument(a) + " key) const",
+                            "return " + x + "_[key];") +
+             inlineFunction(3, "void " + x + "Is(" + keyArgument(a) + " key, " + a.value->argument() + " v)",
+                            "Mox::arrayIs<Attr::" + x + "_t>(*this, key, v);") +
+             commonFunctions(a, "array", t);
+   }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::ArrayAttribute<$X$, $id$, $Array$>",
+                  {{"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Array", containerName(a)}});
+   }
+   std::string descriptorCalls(Attribute const& a) const override { return keyedCalls(a); }
+   /// No key is ever marked: an array is sent whole.
+   std::string flowOperations(Attribute const& a) const override { return dirtyBit(a); }
+
+protected:
+   std::string containerName(Attribute const& a) const override { return entry(a) + "Array"; }
 };
 
 /// Values under keys.
@@ -272,13 +335,7 @@ public:
                    {"Entry", entry(a)},
                    {"Map", map(a)}});
    }
-   std::string descriptorCalls(Attribute const& a) const override {
-      return fill(R"(         static void put(auto& e, auto const& key, auto const& v) { e.$x$Is(key, v); }
-         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
-         static void fire(auto& to, auto const& key) { to.on$X$(key); }
-)",
-                  {{"x", a.name}, {"X", capitalised(a.name)}});
-   }
+   std::string descriptorCalls(Attribute const& a) const override { return keyedCalls(a); }
 };
 
 class Map final : public ValueMap {
@@ -297,19 +354,18 @@ public:
    Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
 };
 
-class HashCollection final : public Keyed {
+/// Entities that the attribute owns, under their names.
+class Members : public Keyed {
 public:
-   std::string_view word() const noexcept override { return "hashCollection"; }
-   std::string_view meaning() const noexcept override {
-      return "entities that the attribute creates by name and owns, in the order of the names' hashes";
-   }
    Holds holds() const noexcept override { return Holds::member; }
 
-   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
-   std::vector<std::string> headers(Attribute const&) const override { return {"containers/HashMap.h"}; }
+   /// The container template, "RbTreeMap" or "HashMap".
+   virtual std::string container() const = 0;
+
+   std::vector<std::string> headers(Attribute const&) const override { return {"containers/" + container() + ".h"}; }
    std::string valueSpelling(Attribute const& a) const override { return a.entity->name; }
    std::string nestedTypes(Attribute const& a) const override {
-      return wrapped(3, "using " + map(a) + " = Mox::HashMap<" + a.entity->name + ", " + key(a) + ", " +
+      return wrapped(3, "using " + map(a) + " = Mox::" + container() + '<' + a.entity->name + ", " + key(a) + ", " +
                            a.entity->name + ">;");
    }
    std::string memberFunctions(Attribute const& a) const override {
@@ -330,8 +386,9 @@ public:
              commonFunctions(a, "member", pointer);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::hashCollection, $X$, $id$, $Key$, $M$, $M$, $Map$>",
-                  {{"X", a.owner->shortName},
+      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $M$, $M$, $Map$>",
+                  {{"kind", word()},
+                   {"X", a.owner->shortName},
                    {"id", std::to_string(a.id.value_or(0))},
                    {"Key", key(a)},
                    {"M", a.entity->name},
@@ -360,6 +417,76 @@ public:
    }
 };
 
+class Collection final : public Members {
+public:
+   std::string_view word() const noexcept override { return "collection"; }
+   std::string_view meaning() const noexcept override {
+      return "entities that the attribute creates by name and owns, in ascending order of the names";
+   }
+   std::string_view memberLink() const noexcept override { return "tree"; }
+   std::string container() const override { return "RbTreeMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "", 8}; }
+};
+
+class HashCollection final : public Members {
+public:
+   std::string_view word() const noexcept override { return "hashCollection"; }
+   std::string_view meaning() const noexcept override {
+      return "entities that the attribute creates by name and owns, in the order of the names' hashes";
+   }
+   std::string_view memberLink() const noexcept override { return "hash"; }
+   std::string container() const override { return "HashMap"; }
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+};
+
+/// Entities that live elsewhere, under their own names.
+class HashReferences final : public Keyed {
+public:
+   std::string_view word() const noexcept override { return "hashReferences"; }
+   std::string_view meaning() const noexcept override {
+      return "counted references to entities that live elsewhere, under the entities' names, in the order of their "
+             "hashes";
+   }
+   Holds holds() const noexcept override { return Holds::reference; }
+
+   Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
+   std::vector<std::string> headers(Attribute const&) const override {
+      return {"containers/HashMap.h", "containers/MapEntries.h"};
+   }
+   std::string valueSpelling(Attribute const& a) const override { return "Mox::Ptr<" + entitySpelling(a) + '>'; }
+   std::string nestedTypes(Attribute const& a) const override {
+      std::string const types = '<' + entry(a) + ", ";
+      return docComment(3, "Entry of " + quotedName(a) + '.') +
+             derivedClass(3, "class " + entry(a) + " final",
+                          "public Mox::HashReferenceEntry" + types + entitySpelling(a) + '>') +
+             "   public:\n      using HashReferenceEntry::HashReferenceEntry;\n   };\n" +
+             wrapped(3, "using " + map(a) + " = Mox::HashMap" + types + key(a) + ", " + entitySpelling(a) + ">;");
+   }
+   std::string memberFunctions(Attribute const& a) const override {
+      std::string const x = a.name;
+      std::string const argument = '(' + valueSpelling(a) + " const& v)";
+      std::string const call = "<Attr::" + x + "_t>(*this, v);";
+      return containerAccess(a) + inlineFunction(3, "void " + x + "Is" + argument, "Mox::referenceIs" + call) +
+             inlineFunction(3, "Mox::Ptr<" + entry(a) + "> new" + capitalised(x) + argument,
+                            "return Mox::newReferenceEntry" + call) +
+             commonFunctions(a, "map", valueSpelling(a));
+   }
+   std::string descriptorBase(Attribute const& a) const override {
+      return fill("Mox::ReferencesAttribute<$X$, $id$, $T$, $Entry$, $Map$>", {{"X", a.owner->shortName},
+                                                                               {"id", std::to_string(a.id.value_or(0))},
+                                                                               {"T", entitySpelling(a)},
+                                                                               {"Entry", entry(a)},
+                                                                               {"Map", map(a)}});
+   }
+   std::string descriptorCalls(Attribute const& a) const override {
+      return fill(R"(         static void put(auto& e, auto const& v) { e.$x$Is(v); }
+         static void drop(auto& e, auto const& key) { e.$x$Del(key); }
+         static void fire(auto& to, auto const& key) { to.on$X$(key); }
+)",
+                  {{"x", a.name}, {"X", capitalised(a.name)}});
+   }
+};
+
 } // namespace
 
 std::vector<AttributeKind const*> const& allKinds() {
@@ -367,11 +494,14 @@ std::vector<AttributeKind const*> const& allKinds() {
    static Optional const optional;
    static Counter const counter;
    static Reference const reference;
+   static Array const array;
    static Map const map;
    static HashMap const hashMap;
+   static Collection const collection;
    static HashCollection const hashCollection;
-   static std::vector<AttributeKind const*> const kinds{&scalar, &optional, &counter,       &reference,
-                                                        &map,    &hashMap,  &hashCollection};
+   static HashReferences const hashReferences;
+   static std::vector<AttributeKind const*> const kinds{
+      &scalar, &optional, &counter, &reference, &array, &map, &hashMap, &collection, &hashCollection, &hashReferences};
    return kinds;
 }
 

@@ -32,6 +32,10 @@ public:
    virtual bool hasKeyType() const noexcept { return false; }
    /// Whether a notification carries a key: kinds with a key type, and collections keyed by their members' names.
    virtual bool isKeyed() const noexcept { return hasKeyType(); }
+   /// Whether there is a value for each key, so that the key type must say how many keys there are.
+   virtual bool isFixed() const noexcept { return false; }
+   /// The link that members carry, in the word of their schemas' field `member`; empty for kinds without members.
+   virtual std::string_view memberLink() const noexcept { return {}; }
    virtual bool mayHaveDefault() const noexcept { return false; }
    /// Whether a constructor parameter can be of this kind.
    virtual bool mayBeParameter() const noexcept { return false; }
@@ -66,8 +70,8 @@ public:
    virtual std::string adapterHandlers(Attribute const& a) const = 0;
    /// Operations of the adapter's backlog.
    virtual std::string flowOperations(Attribute const& a) const = 0;
-   /// Declaration that instantiates the delivery pass.
-   virtual std::string announcement(Attribute const& a) const = 0;
+   /// Declaration that instantiates the delivery pass; `owner` spells the attribute's class.
+   virtual std::string announcement(Attribute const& a, std::string_view owner) const = 0;
 };
 
 std::vector<AttributeKind const*> const& allKinds();

@@ -29,6 +29,7 @@ struct ValueType {
    bool isLarge = false;   ///< accessors hand out a reference
    unsigned width = 0;     ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
    bool isKey = false;
+   unsigned count = 0;    ///< of a bounded key: there are the keys 0 to `count` - 1; 0 otherwise
    bool isNumber = false; ///< an integer that a counter can hold
    std::string zero;      ///< what a default-constructed value reads as
    std::string doc;
@@ -67,7 +68,7 @@ struct EntityType {
    EntityType const* base = nullptr; ///< null: Mox::Entity
    unsigned level = 2;
    std::vector<std::string> baseArguments; ///< C++ expressions, the name's included
-   bool hashMember = false;                ///< carries the link of a hash collection's bucket
+   std::string member; ///< the collection's link that instances carry, "hash" or "tree"; empty for none
    bool log = true;
    bool virtualMutators = false;
    bool imported = false; ///< known but not to be emitted

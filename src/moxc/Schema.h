@@ -59,6 +59,7 @@ struct ValueDecl {
    Located<long long> width; ///< bytes of a value of fixed width on the wire, 0 otherwise
    Located<long long> alignment;
    bool key = false;
+   std::optional<Located<long long>> count;
    std::string zero;
    std::string doc;
 };

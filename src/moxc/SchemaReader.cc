@@ -247,6 +247,8 @@ private:
       if (auto const alignment = fields.optional<std::int64_t>("align"))
          decl.alignment = {alignment->value, alignment->at};
       decl.key = fields.flag("key", false);
+      if (auto const count = fields.optional<std::int64_t>("count"))
+         decl.count = Located<long long>{count->value, count->at};
       decl.zero = fields.text("zero", "0");
       decl.doc = fields.required("doc").value;
       fields.finish();

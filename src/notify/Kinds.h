@@ -2,6 +2,7 @@
 
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
+#include "core/String8.h"
 
 #include <array>
 #include <cstddef>
@@ -11,8 +12,20 @@
 namespace Mox {
 
 /// What a schema line calls `kind`. Each has its storage, its mutators (notify/Mutators.h) and its way over the log
-/// (attrlog/Strategies.h); nothing else asks.
-enum class Kind { scalar, optional, counter, reference, parameter, map, hashMap, hashCollection };
+/// (attrlog/LevelSaImpl.h); nothing else asks.
+enum class Kind {
+   scalar,
+   optional,
+   counter,
+   reference,
+   parameter,
+   array,
+   map,
+   hashMap,
+   collection,
+   hashCollection,
+   hashReferences,
+};
 
 /// Base of an attribute's descriptor: who owns it, its number, its value.
 ///
@@ -24,7 +37,12 @@ template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct Attrib
    using Value = Value_;
    static constexpr Kind kind = kind_;
    static constexpr AttributeId id = id_;
+   /// Whether notifications carry a key.
    static constexpr bool isKeyed = false;
+   /// Whether there are entries, which come and go. An array has elements, which are always there.
+   static constexpr bool hasEntries = false;
+   /// Whether the entries are entities that the attribute creates and owns.
+   static constexpr bool ownsMembers = false;
    /// Bit of the attribute in its level's dirty set.
    static constexpr unsigned bit = id_ - firstAttributeId(id_ / 128);
 };
@@ -51,6 +69,22 @@ template <Kind kind, class Owner, AttributeId id, class Key_, class Value, class
 struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
    using Key = Key_;
    using Entry = Entry_;
+   using Container = Container_;
+   static constexpr bool isKeyed = true;
+   static constexpr bool hasEntries = true;
+   static constexpr bool ownsMembers = kind == Kind::collection || kind == Kind::hashCollection;
+};
+
+/// Counted references to entities that the owner does not own, under their own names; `Target` may be const.
+template <class Owner, AttributeId id, class Target_, class Entry, class Container>
+struct ReferencesAttribute : KeyedAttribute<Kind::hashReferences, Owner, id, Name, Ptr<Target_>, Entry, Container> {
+   using Target = Target_;
+};
+
+/// One value for each key of a bounded type.
+template <class Owner, AttributeId id, class Container_>
+struct ArrayAttribute : AttributeBase<Kind::array, Owner, id, typename Container_::ValueType> {
+   using Key = typename Container_::KeyType;
    using Container = Container_;
    static constexpr bool isKeyed = true;
 };

@@ -6,6 +6,7 @@
 #include "notify/Kinds.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 // What the mutators of an attribute do, once for each kind. A generated mutator is one call of one of these.
@@ -114,6 +115,79 @@ template <class A> typename A::Value mapDel(typename A::Owner& entity, typename 
 template <class A> void mapDelAll(typename A::Owner& entity) {
    for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
       mapDel<A>(entity, it);
+}
+
+// References to entities that live elsewhere, keyed by the entities' own names.
+
+namespace detail {
+
+/// \throws RangeException always: a null reference has no name
+[[noreturn]] void throwNullTarget(Ptr<MoxType const> (*type)(), std::string_view attribute);
+
+template <class A> void checkTarget(typename A::Value const& target) {
+   if (!target)
+      throwNullTarget(&A::Owner::_fwkType, A::name);
+}
+
+} // namespace detail
+
+/// Puts a new entry into the map, in the place of one with that name. Counts and tells nothing.
+template <class A>
+Ptr<typename A::Entry> newReferenceEntry(typename A::Owner& entity, typename A::Value const& target) {
+   detail::checkTarget<A>(target);
+   auto entry = make<typename A::Entry>(target);
+   A::cell(entity).insert(entry);
+   return entry;
+}
+
+/// \throws RangeException for null; nothing has changed then
+template <class A> void referenceIs(typename A::Owner& entity, typename A::Value const& target) {
+   detail::checkTarget<A>(target);
+   Name const key = target->moxName(); // a reactor may let go of the target
+   if (auto* const entry = A::cell(entity).find(key)) {
+      if (entry->value() == target)
+         return;
+      entry->valueIs(target); // what was there may end, and its reactors run: the entry is not touched behind this
+   } else {
+      newReferenceEntry<A>(entity, target);
+   }
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+}
+
+// Fixed arrays: the elements are always there, and deleting one stores the default.
+
+template <class A>
+inline void arrayIs(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
+   auto& array = A::cell(entity);
+   if (array[key] == value)
+      return; // also where the array is not populated: it stays so
+   array.store(key, value);
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+}
+
+/// \return the value that was there; a default one was no change
+/// \throws RangeException for a key whose number was set past its range; nothing has changed then
+template <class A> typename A::Value arrayDel(typename A::Owner& entity, typename A::Key const& key) {
+   auto& array = A::cell(entity);
+   typename A::Value const before = array[key];
+   array.reset(key);
+   if (before == typename A::Value{})
+      return {};
+   entity.moxChangeCountInc();
+   keyNotify<A>(entity, key);
+   return before;
+}
+
+/// The element under the iterator, which stays where it is; at the end nothing, and the default.
+template <class A> typename A::Value arrayDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
+   return it ? arrayDel<A>(entity, it.key()) : typename A::Value{};
+}
+
+template <class A> void arrayDelAll(typename A::Owner& entity) {
+   for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
+      arrayDel<A>(entity, it);
 }
 
 // Instantiating collections: the member is the entry.

@@ -7,6 +7,7 @@
 #include "notify/Mutators.h"
 #include "values/Print.h"
 
+#include <exception>
 #include <sstream>
 #include <string_view>
 
@@ -16,20 +17,43 @@ namespace detail {
 
 template <class X> constexpr unsigned ownedCollections() {
    unsigned count = 0;
-   X::MoxAttributes::forEach([&](auto a) { count += a.kind == Kind::hashCollection ? 1u : 0u; });
+   X::MoxAttributes::forEach([&](auto a) { count += a.ownsMembers ? 1u : 0u; });
    return count;
 }
 
 /// Calls `visit(attribute)` for the collections whose members the level of `X` owns.
 template <class X, class Visitor> void forEachOwned(Visitor&& visit) {
    X::MoxAttributes::forEach([&](auto a) {
-      if constexpr (a.kind == Kind::hashCollection)
+      if constexpr (a.ownsMembers)
          visit(a);
    });
 }
 
 template <class X> void membersDelAll(Entity& entity) {
-   forEachOwned<X>([&](auto a) { memberDelAll<decltype(a)>(static_cast<X&>(entity)); });
+   std::exception_ptr first;
+   forEachOwned<X>([&](auto a) {
+      using A = decltype(a);
+      auto& owner = static_cast<X&>(entity);
+      auto& cell = A::cell(owner);
+      for (typename A::Container::Iterator it(cell); it; it.advance()) {
+         try {
+            memberDel<A>(owner, it);
+         } catch (...) {
+            if (!first)
+               first = std::current_exception();
+         }
+      }
+      // What reactors have put behind the position meanwhile must not keep a parent that is gone.
+      while (auto* const left = cell.first())
+         try {
+            cell.remove(*left)->parentIs(nullptr);
+         } catch (...) {
+            if (!first)
+               first = std::current_exception();
+         }
+   });
+   if (first)
+      std::rethrow_exception(first);
 }
 
 template <class X> void visitMembers(Entity& entity, void* context, void (*visit)(void*, AttributeId, Entity&)) {
@@ -46,7 +70,7 @@ template <class X> unsigned auditLevel(Entity const& entity, unsigned depth) {
       if constexpr (a.isKeyed) {
          auto const& cell = a.cell(static_cast<X const&>(entity));
          errors += cell.auditErrors();
-         if constexpr (a.kind == Kind::hashCollection)
+         if constexpr (a.ownsMembers)
             for (auto* m = cell.first(); m != nullptr; m = cell.next(*m)) {
                errors += m->moxRawParent() != &entity;
                errors += m->parentAttrId() != a.id;
@@ -73,13 +97,16 @@ template <class X> void dumpLevel(Entity const& entity, std::vector<DumpLine>& l
    std::string const prefix = std::string(std::string_view(entity.fullName())) + ".";
    auto const dumpScalar = [&](auto a) { lines.push_back({prefix + std::string(a.name), textOf(a.cell(object))}); };
    X::MoxAttributes::forEach([&](auto a) {
+      auto const pathOf = [&](auto const& key) { return prefix + std::string(a.name) + "[" + textOf(key) + "]"; };
       if constexpr (!a.isKeyed) {
          dumpScalar(a);
+      } else if constexpr (!a.hasEntries) {
+         a.cell(object).forEach([&](auto key, auto const& v) { lines.push_back({pathOf(key), textOf(v)}); });
       } else {
          auto const& cell = a.cell(object);
          for (auto* entry = cell.first(); entry != nullptr; entry = cell.next(*entry)) {
-            std::string const path = prefix + std::string(a.name) + "[" + textOf(entry->fwkKey()) + "]";
-            if constexpr (a.kind == Kind::hashCollection) {
+            std::string const path = pathOf(entry->fwkKey());
+            if constexpr (a.ownsMembers) {
                lines.push_back({path, "present"});
                std::vector<DumpLine> const below = Mox::dumpLines(*entry);
                lines.insert(lines.end(), below.begin(), below.end());

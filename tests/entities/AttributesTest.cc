@@ -1,5 +1,7 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
+#include "notify/Observe.h"
 #include "siblings/AcceleratorReactor.h"
 #include "siblings/EthPhyIntfStatusReactor.h"
 #include "siblings/GpoReactor.h"
@@ -103,9 +105,9 @@ template <class X> struct EveryAttribute : testing::Test {
    }
 };
 
-using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus,
-                             Fru::Gpo, Fru::IntCtrl, Hardware::Led::LedConfig, Hardware::Dpll::PllStatus,
-                             Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
+using Types = testing::Types<Cl10010Config, Cl10010Status, Hardware::ClariPhy::FecHistogram, Hardware::Spi::Accelerator,
+                             Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Hardware::Led::LedConfig,
+                             Hardware::Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
 TYPED_TEST_SUITE(EveryAttribute, Types);
 
 TYPED_TEST(EveryAttribute, CountsAndTellsAChangeOnceAndAnEqualValueNever) {
@@ -157,6 +159,27 @@ TYPED_TEST(EveryAttribute, CountsAndTellsAChangeOnceAndAnEqualValueNever) {
             EXPECT_EQ(this->after(0, 0, [&] { A::put(e, typename A::Value(-0.0)); }), none);
             EXPECT_FALSE(std::signbit(A::cell(e)));
          }
+      } else if constexpr (A::kind == Kind::array) {
+         auto const key = typename A::Key(2);
+         Told const once{{A::id, "2"}};
+         typename A::Value const fallback{};
+         auto const value = other(fallback);
+         auto& array = A::cell(e);
+         EXPECT_EQ(this->after(0, 0, [&] { A::put(e, key, fallback); }), none);
+         EXPECT_EQ(array.size(), 0u) << "an equal value populates nothing";
+         EXPECT_EQ(this->after(1, 0, [&] { A::put(e, key, value); }), once);
+         EXPECT_EQ(array.size(), unsigned{A::Key::maximum} + 1);
+         array.forEach([&](auto k, auto const& v) { EXPECT_TRUE(v == (k == key ? value : fallback)); });
+         EXPECT_EQ(this->after(0, 0, [&] { A::put(e, key, value); }), none);
+         EXPECT_EQ(this->after(0, 0, [&] { Mox::keyNotify<A>(e, key); }), once);
+         auto const version = array.version();
+         EXPECT_EQ(this->after(1, 0, [&] { EXPECT_TRUE(Mox::arrayDel<A>(e, key) == value); }), once);
+         EXPECT_EQ(this->after(0, 0, [&] { EXPECT_TRUE(Mox::arrayDel<A>(e, key) == fallback); }), none);
+         EXPECT_EQ(array.version(), version + 2) << "the default is stored too";
+         auto beyond = key;
+         beyond.value = A::Key::maximum + 1;
+         EXPECT_EQ(this->after(0, 0, [&] { EXPECT_THROW(Mox::arrayDel<A>(e, beyond), Mox::RangeException); }), none);
+         EXPECT_EQ(this->after(0, 0, [&] { EXPECT_THROW(A::put(e, beyond, value), Mox::RangeException); }), none);
       } else if constexpr (A::kind == Kind::map || A::kind == Kind::hashMap) {
          auto const key = static_cast<typename A::Key>(3);
          std::ostringstream keyText;
@@ -210,6 +233,58 @@ TEST(Maps, IteratorsDeleteUnderChangeAndAllGoOneByOne) {
    EXPECT_EQ(port->changeCount() - before, 5u);
 }
 
+TEST(Arrays, DeleteThroughIteratorsAndAsAWholeWhileReactorsWrite) {
+   auto const status = make<Cl10010Status>("port", nullptr, nullptr);
+   auto const recorder = make<Recorder<Cl10010Status>>();
+   recorder->notifierIs(status);
+   recorder->isRegisteredNotifieeIs(true);
+   Told const none;
+
+   // Announcing again changes nothing, not even whether the array is populated; an iterator does.
+   status->amplitudeNotify(1);
+   EXPECT_EQ(recorder->taken(), (Told{{412, "1"}}));
+   EXPECT_EQ(status->amplitude().size(), 0u);
+   Cl10010Status::MoxAmplitudeArray::IteratorConst const looks(std::as_const(*status).amplitude(), 3);
+   EXPECT_EQ(looks.position(), 3u);
+   EXPECT_EQ(status->amplitude().size(), 4u);
+   EXPECT_EQ(status->meanSquareErrorDel(1), 0);
+   EXPECT_EQ(status->meanSquareError().size(), 4u) << "so does a deletion that finds the default";
+   EXPECT_EQ(recorder->taken(), none);
+
+   status->amplitudeIs(1, 1.5F);
+   Cl10010Status::MoxAmplitudeArray::Iterator it(status->amplitude(), 1);
+   EXPECT_EQ(status->amplitudeDel(it), 1.5F);
+   EXPECT_EQ(it.position(), 1u) << "it stays where it is";
+   EXPECT_EQ(status->amplitudeDel(it), 0.0F);
+   for (int i = 0; i < 3; ++i)
+      it.advance();
+   EXPECT_FALSE(it);
+   EXPECT_EQ(status->amplitudeDel(it), 0.0F) << "at the end nothing happens";
+   EXPECT_EQ(recorder->taken(), (Told{{412, "1"}, {412, "1"}}));
+
+   // Values that reactors put back ahead of the position go as well, those behind it stay.
+   for (int lane : {2, 5, 9})
+      status->hostEgressLaneLossOfFrameIs(lane, {true, 1, 0.0});
+   recorder->taken();
+   auto const before = status->changeCount();
+   auto const watch = Mox::on(status, Cl10010Status::Attr::hostEgressLaneLossOfFrame,
+                              [](Cl10010Status& s, ClariPhyTypes::HostLane lane) {
+                                 if (lane == 5 && !s.hostEgressLaneLossOfFrame(5).condition) {
+                                    s.hostEgressLaneLossOfFrameIs(0, {true, 2, 0.0});
+                                    s.hostEgressLaneLossOfFrameIs(7, {true, 2, 0.0});
+                                 }
+                              });
+   status->hostEgressLaneLossOfFrameDelAll();
+   EXPECT_EQ(recorder->taken(), (Told{{395, "2"}, {395, "5"}, {395, "0"}, {395, "7"}, {395, "7"}, {395, "9"}}));
+   EXPECT_EQ(status->changeCount() - before, 6u);
+   std::vector<unsigned> left;
+   for (auto const [lane, condition] : status->hostEgressLaneLossOfFrame())
+      if (condition.condition)
+         left.push_back(lane);
+   EXPECT_EQ(left, (std::vector<unsigned>{0}));
+   EXPECT_EQ(status->auditErrors(0), 0u);
+}
+
 TEST(Construction, SetsTheDefaultsOfTheTypeOverThoseOfItsBase) {
    auto const config = make<Cl10010Config>("port");
    EXPECT_EQ(config->name(), "port");
@@ -231,7 +306,10 @@ TEST(Construction, SetsTheDefaultsOfTheTypeOverThoseOfItsBase) {
       using A = decltype(a);
       SCOPED_TRACE(A::name);
       auto const& cell = A::cell(static_cast<typename A::Owner const&>(e));
-      if constexpr (requires { cell.empty(); } && A::isKeyed) {
+      if constexpr (A::kind == Kind::array) {
+         cell.forEach([](auto, auto const& v) { EXPECT_TRUE(v == typename A::Value{}); });
+         EXPECT_EQ(cell.size(), 0u);
+      } else if constexpr (A::isKeyed) {
          EXPECT_TRUE(cell.empty());
       } else if constexpr (!A::isKeyed) {
          bool const isSet =

@@ -1,6 +1,10 @@
 #include "core/Exceptions.h"
 #include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigPtrDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusPtrDirReactor.h"
+#include "notify/Observe.h"
 #include "siblings/EthPhyIntfStatus.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +17,7 @@ namespace {
 
 using Hardware::ClariPhy::Cl10010Config;
 using Hardware::ClariPhy::Cl10010ConfigDir;
+using Hardware::ClariPhy::Cl10010ConfigPtrDir;
 using Hardware::ClariPhy::Cl10010Status;
 using Hardware::ClariPhy::Cl10010StatusDir;
 using Mox::make;
@@ -174,6 +179,122 @@ TEST(StatusDirectory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    dir->phyStatusDel("po\"rt");
    EXPECT_EQ(dir->phyStatusIs("po\"rt", two, ethernet)->ethIntfStatus(), ethernet);
    EXPECT_EQ(dir->auditErrors(2), 0u);
+}
+
+struct References : testing::Test {
+   Ptr<Cl10010ConfigPtrDir> refs = make<Cl10010ConfigPtrDir>("refs");
+   Ptr<Cl10010ConfigDir> dir = make<Cl10010ConfigDir>("config");
+   Log log;
+   Mox::Watch watch = Mox::on(refs, Cl10010ConfigPtrDir::Attr::phyConfig, [this](auto& r, Mox::Name const& name) {
+      log.push_back(std::string(std::string_view(name)) + (r.phyConfig().contains(name) ? " here" : " gone"));
+      if (then)
+         then();
+   });
+   std::function<void()> then;
+
+   template <class Change> Log after(unsigned changes, Change change) {
+      auto const before = std::pair(refs->changeCount(), refs->touchCount());
+      change();
+      EXPECT_EQ(refs->changeCount() - before.first, changes);
+      EXPECT_EQ(refs->touchCount(), before.second);
+      EXPECT_EQ(refs->auditErrors(1), 0u);
+      return std::exchange(log, {});
+   }
+};
+
+TEST_F(References, StandUnderTheNamesOfWhatTheyReferTo) {
+   auto const a = dir->phyConfigIs("a");
+   EXPECT_EQ(after(1, [&] { refs->phyConfigIs(a); }), Log{"a here"});
+   EXPECT_EQ(after(0, [&] { refs->phyConfigIs(a); }), Log{}) << "the very same";
+   EXPECT_EQ(a->parent(), dir) << "a reference changes no parent";
+   EXPECT_EQ(a->references(), 3u);
+   EXPECT_EQ(after(0, [&] { refs->phyConfigNotify("a"); }), Log{"a here"});
+
+   // Another of the same name takes its place in the holder that is there.
+   auto const other = make<Cl10010Config>("a");
+   Ptr<Cl10010ConfigPtrDir::MoxPhyConfig> const holder(refs->phyConfig().find("a"));
+   EXPECT_EQ(after(1, [&] { refs->phyConfigIs(other); }), Log{"a here"});
+   EXPECT_EQ(refs->phyConfig().find("a"), holder.get());
+   EXPECT_EQ(holder->value(), other);
+   EXPECT_EQ(a->references(), 2u);
+
+   // The raw step makes another holder and tells nobody.
+   EXPECT_EQ(after(0, [&] { EXPECT_EQ(refs->newPhyConfig(a)->value(), a); }), Log{});
+   EXPECT_EQ(holder->value(), other) << "a holder that has left keeps what it holds";
+   EXPECT_EQ(refs->phyConfig().size(), 1u);
+
+   refs->phyConfigIs(make<Cl10010Config>(""));
+   refs->phyConfigIs(make<Cl10010Config>("b"));
+   log.clear();
+   Log names;
+   for (auto const [name, target] : refs->phyConfig()) {
+      names.push_back(std::string(std::string_view(name)) + " gone");
+      EXPECT_EQ(target->name(), name);
+   }
+   EXPECT_EQ(after(0, [&] { EXPECT_EQ(refs->phyConfigDel("absent"), nullptr); }), Log{});
+   EXPECT_EQ(after(1, [&] { EXPECT_EQ(refs->phyConfigDel("a"), a); }), Log{"a gone"});
+   std::erase(names, "a gone");
+   Cl10010ConfigPtrDir::MoxPhyConfigMap::Iterator it(refs->phyConfig());
+   Mox::Name const first = it.key();
+   EXPECT_EQ(after(1, [&] { EXPECT_EQ(refs->phyConfigDel(it)->name(), first); }), Log{names[0]});
+   EXPECT_EQ(after(0, [&] { EXPECT_EQ(refs->phyConfigDel(it), nullptr); }), Log{}) << "no entry any more";
+   EXPECT_EQ(after(1, [&] { refs->phyConfigDelAll(); }), Log{names[1]});
+   EXPECT_EQ(refs->attributeString(258), "phyConfig");
+}
+
+TEST_F(References, NullIsRefusedInTheTypesWords) {
+   auto const textOf = [](auto call) -> std::string {
+      try {
+         call();
+         return "nothing thrown";
+      } catch (Mox::RangeException const& e) {
+         return e.what();
+      }
+   };
+   std::string const text =
+      R"(null _phyConfig parameter to mutator for Hardware::ClariPhy::Cl10010ConfigPtrDir::phyConfig not allowed")";
+   EXPECT_EQ(after(0, [&] { EXPECT_EQ(textOf([&] { refs->phyConfigIs(nullptr); }), text); }), Log{});
+   EXPECT_EQ(after(0, [&] { EXPECT_EQ(textOf([&] { refs->newPhyConfig(nullptr); }), text); }), Log{});
+   auto const states = make<Hardware::ClariPhy::Cl10010StatusPtrDir>("states");
+   EXPECT_EQ(
+      textOf([&] { states->phyStatusIs(nullptr); }),
+      R"(null _phyStatus parameter to mutator for Hardware::ClariPhy::Cl10010StatusPtrDir::phyStatus not allowed")");
+}
+
+TEST_F(References, ReactorsMayTakeAwayWhatIsBeingReplacedOrDeleted) {
+   // The one that is replaced ends inside the mutator, and its reactor deletes the entry that replaces it.
+   auto dying = make<Cl10010Config>("a");
+   refs->phyConfigIs(dying);
+   /// Tells that what it watches goes.
+   struct Last : Cl10010Config::Notifiee {
+      void onZeroReferences() override { then(); }
+      std::function<void()> then;
+   };
+   auto const last = make<Last>();
+   last->isWeakReferenceIs(true);
+   last->notifierIs(dying);
+   last->isRegisteredNotifieeIs(true);
+   last->then = [&] { refs->phyConfigDel("a"); };
+   dying = nullptr;
+   log.clear();
+   EXPECT_EQ(after(2, [&] { refs->phyConfigIs(make<Cl10010Config>("a")); }), (Log{"a gone", "a gone"}));
+   EXPECT_TRUE(refs->phyConfig().empty());
+
+   // The argument is the holder's own reference, and goes with it.
+   refs->phyConfigIs(make<Cl10010Config>("b"));
+   then = [&] { refs->phyConfigDelAll(); };
+   log.clear();
+   refs->phyConfigIs(make<Cl10010Config>("b"));
+   EXPECT_EQ(log, (Log{"b here", "b gone"}));
+}
+
+TEST_F(References, GoSilentlyWithTheirDirectory) {
+   auto const a = make<Cl10010Config>("a");
+   refs->phyConfigIs(a);
+   log.clear();
+   refs = nullptr;
+   EXPECT_EQ(log, Log{});
+   EXPECT_EQ(a->references(), 1u);
 }
 
 } // namespace

@@ -153,6 +153,44 @@ TEST(Dying, ADirectoryDeletesItsMembersWithNotificationsFromHeapAndStack) {
    EXPECT_EQ(member->parent(), nullptr);
 }
 
+TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
+   /// Puts back what goes, and throws what nobody expects.
+   class Stubborn : public Cl10010ConfigDir::Notifiee {
+   public:
+      void onZeroReferences() override { throw 1; }
+      void onPhyConfig(Mox::Name name) override {
+         log.push_back(std::string(std::string_view(name)));
+         if (isFirst) {
+            isFirst = false;
+            first = name;
+         } else {
+            back = notifier()->newPhyConfig(first); // behind the position
+         }
+         throw 2;
+      }
+      void onNotificationException(Mox::AttributeId) override { throw; }
+      bool isFirst = true;
+      Mox::Name first;
+      Ptr<Cl10010Config> back;
+      Log log;
+   };
+   auto dir = make<Cl10010ConfigDir>("config");
+   Ptr<Cl10010Config> const members[] = {dir->phyConfigIs("a"), dir->phyConfigIs("b"), dir->phyConfigIs("c")};
+   auto const stubborn = make<Stubborn>();
+   stubborn->isWeakReferenceIs(true);
+   stubborn->notifierIs(dir);
+   stubborn->isRegisteredNotifieeIs(true);
+   dir = nullptr;
+   EXPECT_EQ(stubborn->log.size(), 3u);
+   EXPECT_EQ(stubborn->notifier(), nullptr);
+   ASSERT_NE(stubborn->back, nullptr);
+   EXPECT_EQ(stubborn->back->parent(), nullptr);
+   for (auto const& member : members) {
+      EXPECT_EQ(member->parent(), nullptr);
+      EXPECT_EQ(member->references(), 1u);
+   }
+}
+
 TEST(DyingDeathTest, AnObjectThatSomebodyStillReferencesEndsTheProcess) {
    EXPECT_DEATH(
       {

@@ -96,7 +96,7 @@ TEST_F(Moxc, ReportsEveryFaultOfASchemaAndWritesNothing) {
 
 TEST_F(Moxc, EmitsTheSameFilesFromTheSameSchemas) {
    std::string const arguments = "--prefix rack --unit Rack --docs '" + (folder_ / "out/rack/attributes.md").string() +
-                                 "' Unit.toml Fan.toml Cooling.toml";
+                                 "' Unit.toml Fan.toml Probe.toml Cooling.toml";
    fs::path const golden = sources / "golden";
    ASSERT_EQ(run(golden, out() + arguments).errors, "");
    auto const files = tree(folder_ / "out");
@@ -108,7 +108,7 @@ TEST_F(Moxc, EmitsTheSameFilesFromTheSameSchemas) {
    std::string const elsewhere =
       "--prefix rack --unit Rack --docs '" + (folder_ / "again/rack/attributes.md").string() + "' ";
    std::string paths;
-   for (char const* const name : {"Unit", "Fan", "Cooling"})
+   for (char const* const name : {"Unit", "Fan", "Probe", "Cooling"})
       paths += " '" + (golden / "../golden" / name).string() + ".toml'";
    ASSERT_EQ(run("/", "--out '" + (folder_ / "again").string() + "' " + elsewhere + paths).errors, "");
    EXPECT_EQ(tree(folder_ / "again"), files);
@@ -117,7 +117,7 @@ TEST_F(Moxc, EmitsTheSameFilesFromTheSameSchemas) {
 TEST_F(Moxc, LeavesUnchangedFilesAloneAndReplacesAllOrNothing) {
    fs::path const schemas = folder_ / "schemas";
    fs::copy(sources / "golden", schemas);
-   std::string const arguments = out() + "Unit.toml Fan.toml Cooling.toml";
+   std::string const arguments = out() + "Unit.toml Fan.toml Probe.toml Cooling.toml";
    ASSERT_EQ(run(schemas, arguments).status, 0);
    fs::path const fan = folder_ / "out/Fan.h";
    fs::path const unit = folder_ / "out/Unit.h";

@@ -5,9 +5,12 @@
 #include "attrlog/StateAdapter.h"
 #include "core/Exceptions.h"
 #include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigPtrDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusPtrDirReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
 #include "mox/MoxType.h"
 #include "siblings/AcceleratorReactor.h"
 #include "siblings/EthPhyIntfStatusReactor.h"
@@ -138,6 +141,27 @@ template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words
       write(e, cellOf(A::id, it.key()), context, [&] { del(it); });
 }
 
+template <class A> void changeArray(typename A::Owner& e, Words& words, Context& context) {
+   auto const key = makeKey<typename A::Key>(words);
+   Cell const cell = cellOf(A::id, key);
+   std::size_t const what = words.below(100);
+   if (what < 60) {
+      auto const value = makeValue<typename A::Value>(words);
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   } else if (what < 72) {
+      write(e, cell, context, [&] { A::drop(e, key); });
+   } else if (what < 78) {
+      write(e, cell, context, [&] { keyNotify<A>(e, key); });
+   } else if (what < 90) {
+      // Element by element, so that a refusal says which one it was.
+      for (typename A::Container::Iterator it(A::cell(e), key); it; it.advance())
+         write(e, cellOf(A::id, it.key()), context, [&] { arrayDel<A>(e, it); });
+   } else {
+      auto const value = A::cell(e)[key];
+      write(e, cell, context, [&] { A::put(e, key, value); });
+   }
+}
+
 template <class A> void changeMap(typename A::Owner& e, Words& words, Context& context) {
    auto const key = makeKey<typename A::Key>(words);
    Cell const cell = cellOf(A::id, key);
@@ -163,6 +187,34 @@ template <class A> void changeMap(typename A::Owner& e, Words& words, Context& c
       context.madeSilently([owner, key] {
          if (isOurs(*owner))
             keyNotify<A>(*owner, key);
+      });
+   }
+}
+
+template <class A> void changeReferences(typename A::Owner& e, Words& words, Context& context) {
+   auto const target = pick<typename A::Target>(words, context);
+   auto const& some = A::cell(e);
+   Name const name = target ? target->moxName() : some.empty() ? makeName(words) : some.first()->fwkKey();
+   Cell const cell = cellOf(A::id, name);
+   std::size_t const what = words.below(100);
+   if (what < 60) {
+      if (target)
+         write(e, cell, context, [&] { A::put(e, target); });
+   } else if (what < 72) {
+      write(e, cell, context, [&] { A::drop(e, name); });
+   } else if (what < 78) {
+      write(e, cell, context, [&] { keyNotify<A>(e, name); });
+   } else if (what < 82) {
+      if (auto const* const first = some.first())
+         write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
+   } else if (what < 90) {
+      deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
+   } else if (target && isOurs(e)) {
+      newReferenceEntry<A>(e, target);
+      Ptr<typename A::Owner> const owner(&e);
+      context.madeSilently([owner, name] {
+         if (isOurs(*owner))
+            keyNotify<A>(*owner, name);
       });
    }
 }
@@ -248,9 +300,13 @@ void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key con
       put(const_cast<Entity*>(static_cast<Entity const*>(A::cell(e).get())));
    else if constexpr (!A::isKeyed)
       into.cells[cell] = textOf(A::cell(e));
+   else if constexpr (!A::hasEntries)
+      (..., (into.cells[cell] = textOf(A::cell(e)[key])));
    else if (auto* const entry = A::cell(e).find(key...)) {
-      if constexpr (A::kind == Mox::Kind::hashCollection)
+      if constexpr (A::ownsMembers)
          put(entry);
+      else if constexpr (A::kind == Mox::Kind::hashReferences)
+         put(const_cast<Entity*>(static_cast<Entity const*>(entry->value().get())));
       else
          into.cells[cell] = textOf(entry->value());
    }
@@ -268,7 +324,7 @@ public:
          if (!entity || entity->moxIsDying() || budget_ == 0)
             return;
          Ptr<Entity> member;
-         if constexpr (A::kind == Mox::Kind::hashCollection)
+         if constexpr (A::ownsMembers)
             member = A::cell(*entity).find(key...);
          context_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
       }
@@ -300,7 +356,7 @@ public:
          context_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
          told.cells[cell] = text;
          for (auto const& [where, target] : now.entities)
-            context_.seen(*target, A::kind == Mox::Kind::hashCollection);
+            context_.seen(*target, A::ownsMembers);
       }
    }
 
@@ -326,8 +382,12 @@ public:
       };
       auto const change = [&](auto a) {
          using A = decltype(a);
-         if constexpr (A::kind == Mox::Kind::hashCollection)
+         if constexpr (A::ownsMembers)
             changeMembers<A>(e, words, context);
+         else if constexpr (A::kind == Mox::Kind::array)
+            changeArray<A>(e, words, context);
+         else if constexpr (A::kind == Mox::Kind::hashReferences)
+            changeReferences<A>(e, words, context);
          else if constexpr (A::isKeyed)
             changeMap<A>(e, words, context);
          else
@@ -359,7 +419,9 @@ public:
       X& e = static_cast<X&>(entity);
       Snapshot all;
       forEachAttribute<X>([&](auto a) {
-         if constexpr (a.isKeyed) {
+         if constexpr (a.kind == Mox::Kind::array) {
+            a.cell(e).forEach([&](auto key, auto const&) { snapshotCell(e, a, all, entityText, key); });
+         } else if constexpr (a.isKeyed) {
             for (auto* entry = a.cell(e).first(); entry != nullptr; entry = a.cell(e).next(*entry))
                snapshotCell(e, a, all, entityText, entry->fwkKey());
          } else {
@@ -378,7 +440,7 @@ public:
    std::size_t mostDirtyKeys(Entity const& entity) const override {
       std::size_t most = 0;
       forEachAttribute<X>([&](auto a) {
-         if constexpr (a.isKeyed)
+         if constexpr (a.hasEntries)
             most += 2 * a.cell(static_cast<X const&>(entity)).size() + 64;
       });
       return most;
@@ -408,9 +470,11 @@ template <class... Xs> std::map<MoxType const*, std::unique_ptr<Type>> table() {
 
 Type const& Type::of(Entity const& entity) {
    using namespace Hardware;
-   static auto const types = table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir,
-                                   ClariPhy::Cl10010StatusDir, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo,
-                                   Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>();
+   static auto const types =
+      table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
+            ClariPhy::FecHistogram, ClariPhy::Cl10010ConfigPtrDir, ClariPhy::Cl10010StatusPtrDir, Spi::Accelerator,
+            Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig,
+            Xcvr::XcvrStatus>();
    return *types.at(entity.fwkType().get());
 }
 

@@ -19,10 +19,10 @@ using namespace Hardware;
 
 namespace {
 
-constexpr std::size_t rootsEach = 5;
+constexpr std::size_t rootsEach = 7;
 
 std::string rootName(std::size_t which, char side) {
-   char const* const names[rootsEach] = {"config", "status", "single", "pll", "xcvr"};
+   char const* const names[rootsEach] = {"config", "status", "configs", "states", "single", "pll", "xcvr"};
    return names[which] + std::string("-") + side;
 }
 
@@ -34,8 +34,12 @@ Ptr<Entity> makeRoot(std::size_t which, char side) {
    case 1:
       return make<ClariPhy::Cl10010StatusDir>(name);
    case 2:
-      return make<ClariPhy::Cl10010Config>(name);
+      return make<ClariPhy::Cl10010ConfigPtrDir>(name);
    case 3:
+      return make<ClariPhy::Cl10010StatusPtrDir>(name);
+   case 4:
+      return make<ClariPhy::Cl10010Config>(name);
+   case 5:
       return make<Dpll::PllStatus>(name);
    default:
       return make<Xcvr::XcvrStatus>(name);
@@ -45,10 +49,13 @@ Ptr<Entity> makeRoot(std::size_t which, char side) {
 /// Sees whether an entity lives, and keeps it from nothing.
 class Watcher final : public Entity::NotifieeConst {};
 
+/// Members and theirs.
 void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
    if (auto const visit = root.fwkType()->operations().visitMembers)
       visit(root, &to, [](void* context, AttributeId, Entity& member) {
-         static_cast<std::vector<Ptr<Entity>>*>(context)->push_back(Ptr<Entity>(&member));
+         auto& members = *static_cast<std::vector<Ptr<Entity>>*>(context);
+         members.push_back(Ptr<Entity>(&member));
+         addMembers(member, members);
       });
 }
 
@@ -204,12 +211,19 @@ void World::adopt(Words& words) {
 
 Entity* World::oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words) {
    std::vector<Ptr<Entity>> all;
+   std::vector<std::size_t> firsts; // of the roots that have members
    for (Ptr<Entity> const& root : roots)
-      if (root)
+      if (root) {
+         std::size_t const first = all.size();
          addMembers(*root, all);
+         if (all.size() != first)
+            firsts.push_back(first);
+      }
    // A few members get most of the changes: each would be met too seldom otherwise.
-   if (!all.empty() && words.chance(70))
-      return all[words.below(std::min<std::size_t>(all.size(), 6))].get();
+   if (!all.empty() && words.chance(70)) {
+      std::size_t const first = firsts[words.below(firsts.size())];
+      return all[first + words.below(std::min<std::size_t>(all.size() - first, 5))].get();
+   }
    for (Ptr<Entity> const& root : roots)
       if (root)
          all.push_back(root);
@@ -225,7 +239,7 @@ Entity* World::own(Words& words) {
 }
 
 Entity* World::ownDirectory(Words& words) {
-   return roots_[words.below(2)].get();
+   return roots_[words.below(words.chance(80) ? 2 : 4)].get();
 }
 
 Entity* World::mirror(Words& words) {
@@ -234,7 +248,7 @@ Entity* World::mirror(Words& words) {
 
 void World::addReactor(Words& words) {
    Entity* const entity = words.chance(50)   ? own(words)
-                          : words.chance(40) ? mirrors_[words.below(2)].get()
+                          : words.chance(40) ? mirrors_[words.below(4)].get()
                                              : mirror(words);
    if (entity == nullptr)
       return;

@@ -3,7 +3,9 @@
 #include "Types.h"
 #include "attrlog/LinkEnd.h"
 #include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigPtrDir.h"
 #include "entities/Cl10010StatusDir.h"
+#include "entities/Cl10010StatusPtrDir.h"
 #include "siblings/PllStatus.h"
 #include "siblings/XcvrStatus.h"
 

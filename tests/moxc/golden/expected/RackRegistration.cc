@@ -2,6 +2,7 @@
 #include "mox/MoxType.h"
 #include "rack/Cooling.h"
 #include "rack/Fan.h"
+#include "rack/Probe.h"
 #include "rack/Unit.h"
 
 // Has a name that a linker can be told, which takes the unit from a static library although nothing calls into it; hidden,
@@ -9,6 +10,7 @@
 extern "C" [[gnu::visibility("hidden")]] void moxInitRack() {
    Rack::Unit::_fwkType();
    Rack::Fan::_fwkType();
+   Rack::Probe::_fwkType();
    Rack::Cooling::_fwkType();
 }
 
@@ -23,6 +25,7 @@ Mox::TypeRegistration const registration(&moxInitRack);
 [[gnu::section(".mox.type"), gnu::used]] alignas(1) constexpr char typeNames[] =
    "Rack::Unit\0"
    "Rack::Fan\0"
+   "Rack::Probe\0"
    "Rack::Cooling";
 
 } // namespace

@@ -38,11 +38,18 @@ Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> Cooling::moxNboAttrLogSaIs(
 
 } // namespace Rack
 
+namespace {
+using X = Rack::Cooling;
+}
+
 // The delivery passes, one per attribute.
-template void Mox::announceKey<Rack::Cooling::Attr::fan_t>(Rack::Cooling const&, Mox::Name const&);
-template void Mox::announceKey<Rack::Cooling::Attr::limit_t>(Rack::Cooling const&, std::uint8_t const&);
-template void Mox::announceKey<Rack::Cooling::Attr::curve_t>(Rack::Cooling const&, Mox::Name const&);
-template void Mox::announce<Rack::Cooling::Attr::watched_t>(Rack::Cooling const&);
+template void Mox::announceKey<X::Attr::fan_t>(X const&, Mox::Name const&);
+template void Mox::announceKey<X::Attr::limit_t>(X const&, std::uint8_t const&);
+template void Mox::announceKey<X::Attr::curve_t>(X const&, Mox::Name const&);
+template void Mox::announceKey<X::Attr::pressure_t>(X const&, Rack::Zone const&);
+template void Mox::announce<X::Attr::watched_t>(X const&);
+template void Mox::announceKey<X::Attr::probe_t>(X const&, Mox::Name const&);
+template void Mox::announceKey<X::Attr::spare_t>(X const&, Mox::Name const&);
 
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Cooling>;

@@ -4,6 +4,7 @@
 #include "attrlog/LevelSa.h"
 #include "rack/CoolingReactor.h"
 #include "rack/FanLog.h"
+#include "rack/ProbeLog.h"
 #include "rack/UnitLog.h"
 
 namespace Rack {
@@ -26,7 +27,18 @@ public:
    }
    virtual void onLimit(std::uint8_t key) { changed(Attr::limit, key); }
    virtual void onCurve(Mox::Name key) { changed(Attr::curve, key); }
+   virtual void onPressure(Rack::Zone key) { changed(Attr::pressure, key); }
    virtual void onWatched() { changed(Attr::watched); }
+   virtual void onProbe(Mox::Name key) { changed(Attr::probe, key); }
+   Mox::Ptr<Rack::Probe::MoxNboAttrLogSa> probeNboAttrLogAdapterIs(
+      Mox::Mox_BitSet flags, Mox::Ptr<Rack::Probe> const& child, unsigned sequence,
+      Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {
+      return childAdapterIs(Attr::probe, flags, child, sequence, out, parent);
+   }
+   Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> probeNboAttrLogAdapterDel(Mox::Ptr<Rack::Probe> const& child) {
+      return childAdapterDel(child);
+   }
+   virtual void onSpare(Mox::Name key) { changed(Attr::spare, key); }
 };
 
 /// Backlog of one `Cooling` on one stream.
@@ -49,7 +61,18 @@ public:
    void newMoxIsCurveDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::curve, key, dirty); }
    void moxIsCurveDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::curve, key, dirty); }
    void moxIsCurveDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::curve, key); }
+   void moxIsPressureDirtyIs(bool dirty) { dirtyBitIs(Attr::pressure, dirty); }
    void moxIsWatchedDirtyIs(bool dirty) { dirtyBitIs(Attr::watched, dirty); }
+   using MoxMoxIsProbeDirty = Mox::NboAttrLog::DirtyKey<Attr::probe_t>;
+   void moxProbeHasSyncedIs(bool synced) { hasSyncedIs(Attr::probe, synced); }
+   void newMoxIsProbeDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
+   void moxIsProbeDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::probe, key, dirty); }
+   void moxIsProbeDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::probe, key); }
+   using MoxMoxIsSpareDirty = Mox::NboAttrLog::DirtyKey<Attr::spare_t>;
+   void moxSpareHasSyncedIs(bool synced) { hasSyncedIs(Attr::spare, synced); }
+   void newMoxIsSpareDirty(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::spare, key, dirty); }
+   void moxIsSpareDirtyIs(Mox::Name const& key, bool dirty) { dirtyKeyIs(Attr::spare, key, dirty); }
+   void moxIsSpareDirtyDel(Mox::Name const& key) { dirtyKeyDel(Attr::spare, key); }
 };
 
 /// The reactor through which the entity reaches its adapter.

@@ -21,7 +21,16 @@ public:
    virtual void onCurve(Mox::Name) {}
    virtual void onCurvemoxImmediate() {}
    virtual void onCurve() {}
+   virtual void onPressure(Rack::Zone) {}
+   virtual void onPressuremoxImmediate() {}
+   virtual void onPressure() {}
    virtual void onWatched() {}
+   virtual void onProbe(Mox::Name) {}
+   virtual void onProbemoxImmediate() {}
+   virtual void onProbe() {}
+   virtual void onSpare(Mox::Name) {}
+   virtual void onSparemoxImmediate() {}
+   virtual void onSpare() {}
 
    Mox::Ptr<Cooling const> notifier() const noexcept { return notifierOfType<Cooling>(); }
 
@@ -45,7 +54,13 @@ public:
    void onLimit(std::uint8_t key) override { this->self().forward(Attr::limit, key); }
    using Interface::onCurve;
    void onCurve(Mox::Name key) override { this->self().forward(Attr::curve, key); }
+   using Interface::onPressure;
+   void onPressure(Rack::Zone key) override { this->self().forward(Attr::pressure, key); }
    void onWatched() override { this->self().forward(Attr::watched); }
+   using Interface::onProbe;
+   void onProbe(Mox::Name key) override { this->self().forward(Attr::probe, key); }
+   using Interface::onSpare;
+   void onSpare(Mox::Name key) override { this->self().forward(Attr::spare, key); }
 };
 
 } // namespace Rack

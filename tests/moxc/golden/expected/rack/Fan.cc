@@ -35,11 +35,15 @@ Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> Fan::moxNboAttrLogSaIs(
 
 } // namespace Rack
 
+namespace {
+using X = Rack::Fan;
+}
+
 // The delivery passes, one per attribute.
-template void Mox::announce<Rack::Fan::Attr::running_t>(Rack::Fan const&);
-template void Mox::announce<Rack::Fan::Attr::speed_t>(Rack::Fan const&);
-template void Mox::announce<Rack::Fan::Attr::turns_t>(Rack::Fan const&);
-template void Mox::announce<Rack::Fan::Attr::label_t>(Rack::Fan const&);
+template void Mox::announce<X::Attr::running_t>(X const&);
+template void Mox::announce<X::Attr::speed_t>(X const&);
+template void Mox::announce<X::Attr::turns_t>(X const&);
+template void Mox::announce<X::Attr::label_t>(X const&);
 
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Fan>;

@@ -42,20 +42,16 @@ public:
 
    /// Fan that takes over when this one fails, or null.
    Mox::Ptr<Rack::Fan> const& twin() const noexcept { return twin_; }
-
    /// Whether it turns.
    bool running() const noexcept { return running_; }
    void runningIs(bool v) { Mox::scalarIs<Attr::running_t>(*this, v); }
-
    /// Speed, in turns per minute.
    double speed() const noexcept { return speed_; }
    void speedIs(double const& v) { Mox::scalarIs<Attr::speed_t>(*this, v); }
-
    /// Turns so far.
    Mox::U64 turns() const noexcept { return turns_; }
    void turnsIs(Mox::U64 const& v) { Mox::scalarIs<Attr::turns_t>(*this, v); }
    Mox::U64 turnsInc(Mox::U64 const& delta) { return Mox::counterInc<Attr::turns_t>(*this, delta); }
-
    /// What is written on it.
    Mox::String8 const& label() const noexcept { return label_; }
    void labelIs(Mox::String8 const& v) { Mox::scalarIs<Attr::label_t>(*this, v); }
@@ -71,40 +67,35 @@ public:
 
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
-      struct twin_t : Mox::ParameterAttribute<Fan, 258, Rack::Fan> {
+      static constexpr struct twin_t : Mox::ParameterAttribute<Fan, 258, Rack::Fan> {
          static constexpr std::string_view name = "twin";
          static auto& cell(auto& e) noexcept { return e.twin_; }
-      };
-      static constexpr twin_t twin{};
-      struct running_t : Mox::ScalarAttribute<Fan, 259, bool> {
+      } twin{};
+      static constexpr struct running_t : Mox::ScalarAttribute<Fan, 259, bool> {
          static constexpr std::string_view name = "running";
          static auto& cell(auto& e) noexcept { return e.running_; }
          static void put(auto& e, auto const& v) { e.runningIs(v); }
          static void fire(auto& to) { to.onRunning(); }
-      };
-      static constexpr running_t running{};
-      struct speed_t : Mox::ScalarAttribute<Fan, 260, double> {
+      } running{};
+      static constexpr struct speed_t : Mox::ScalarAttribute<Fan, 260, double> {
          static constexpr std::string_view name = "speed";
          static auto& cell(auto& e) noexcept { return e.speed_; }
          static void put(auto& e, auto const& v) { e.speedIs(v); }
          static void fire(auto& to) { to.onSpeed(); }
-      };
-      static constexpr speed_t speed{};
-      struct turns_t : Mox::CounterAttribute<Fan, 262, Mox::U64> {
+      } speed{};
+      static constexpr struct turns_t : Mox::CounterAttribute<Fan, 262, Mox::U64> {
          static constexpr std::string_view name = "turns";
          static auto& cell(auto& e) noexcept { return e.turns_; }
          static void put(auto& e, auto const& v) { e.turnsIs(v); }
          static void fire(auto& to) { to.onTurns(); }
-      };
-      static constexpr turns_t turns{};
-      struct label_t : Mox::OptionalAttribute<Fan, 263, Mox::String8> {
+      } turns{};
+      static constexpr struct label_t : Mox::OptionalAttribute<Fan, 263, Mox::String8> {
          static constexpr std::string_view name = "label";
          static auto& cell(auto& e) noexcept { return e.label_; }
          static void put(auto& e, auto const& v) { e.labelIs(v); }
          static void fire(auto& to) { to.onLabel(); }
          static void drop(auto& e) { e.labelDel(); }
-      };
-      static constexpr label_t label{};
+      } label{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
    using MoxAttributes = Mox::TypeList<Attr::running_t, Attr::speed_t, Attr::turns_t, Attr::label_t>;

@@ -35,8 +35,12 @@ Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> Unit::moxNboAttrLogSaIs(
 
 } // namespace Rack
 
+namespace {
+using X = Rack::Unit;
+}
+
 // The delivery passes, one per attribute.
-template void Mox::announce<Rack::Unit::Attr::height_t>(Rack::Unit const&);
+template void Mox::announce<X::Attr::height_t>(X const&);
 
 // The log's templates for this level, compiled here once.
 template class Mox::NboAttrLog::LevelSa<Rack::Unit>;

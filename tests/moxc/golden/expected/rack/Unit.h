@@ -42,20 +42,18 @@ public:
 
    /// Slot that the unit sits in.
    std::uint8_t slot() const noexcept { return slot_; }
-
    /// Height, in rack units.
    std::uint16_t height() const noexcept { return height_; }
    virtual void heightIs(std::uint16_t v) { Mox::scalarIs<Attr::height_t>(*this, v); }
 
    /// The attributes as values, for `Mox::on` and its like.
    struct Attr : MoxBase::Attr {
-      struct height_t : Mox::ScalarAttribute<Unit, 258, std::uint16_t> {
+      static constexpr struct height_t : Mox::ScalarAttribute<Unit, 258, std::uint16_t> {
          static constexpr std::string_view name = "height";
          static auto& cell(auto& e) noexcept { return e.height_; }
          static void put(auto& e, auto const& v) { e.heightIs(v); }
          static void fire(auto& to) { to.onHeight(); }
-      };
-      static constexpr height_t height{};
+      } height{};
    };
    /// The level's own changeable attributes, in the order of their identifiers.
    using MoxAttributes = Mox::TypeList<Attr::height_t>;
