@@ -91,7 +91,7 @@ std::string grouped(std::uint64_t number) {
    std::string text = std::to_string(number);
    for (std::size_t at = text.size(); at > 3;) {
       at -= 3;
-      text.insert(at, ",");
+      text.insert(at, 1, ',');
    }
    return text;
 }
