@@ -80,7 +80,7 @@ protected:
 };
 
 TEST_F(Steady, ChangesOfAMirroredEntityAllocateNothing) {
-   for (std::size_t reactors : {0, 1, 4, 16, 20}) {
+   for (std::size_t reactors : std::initializer_list<std::size_t>{0, 1, 4, 16, 20}) {
       SCOPED_TRACE(std::to_string(reactors) + " reactors of the owner");
       while (counters_.size() < 1 + reactors)
          watch(config_);
