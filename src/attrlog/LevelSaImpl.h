@@ -224,6 +224,11 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
          writeNow(a);
          return;
       }
+   if constexpr (!A::ownsMembers)
+      if (this->handlingFlowInFor(A::id) && !this->hasFlag(StreamAdapter::inert)) {
+         this->applyingConsumed();
+         return;
+      }
    changedOtherwise(a, key...);
 }
 
@@ -231,15 +236,15 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
 template <class X> template <class A, class... Key> void LevelSa<X>::changedOtherwise(A a, Key const&... key) {
    if (this->hasFlag(StreamAdapter::inert))
       return;
-   if (this->handlingFlowInFor(A::id)) {
-      if constexpr (A::ownsMembers)
+   if constexpr (A::ownsMembers)
+      if (this->handlingFlowInFor(A::id)) {
          // The new member gets its adapter before any other reactor can write to it.
          if (auto const* const anchor = this->demuxer_->anchor())
             if (auto* const member = A::cell(object()).find(key...))
                this->demuxer_->bind(anchor->id(), *member);
-      this->applyingConsumed();
-      return;
-   }
+         this->applyingConsumed();
+         return;
+      }
    if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->isPaused() ||
        this->demuxer_ == nullptr)
       return;
