@@ -727,7 +727,7 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
                           isLocal = static_cast<bool>(in)](auto a) {
       known = !isRemoval || a.hasEntries; // only entries can be removed
       if (known)
-         read(a, isRemoval, *input, isLocal);
+         this->read(a, isRemoval, *input, isLocal);
    });
    return known ? 1 : 0;
 }
