@@ -64,7 +64,7 @@ void Demuxer::opened() noexcept {
 }
 
 void Demuxer::cut() noexcept {
-   isOpen_ = false;
+   isOpen_ = anyAwaited_ = false;
    forgetAnnounced();
    own_.clear();
    freeSlots_.clear();
@@ -250,6 +250,7 @@ EntityId Demuxer::entityIdFor(Entity const* target) {
          if (sa->entityId().isAssigned())
             return sa->entityId();
          sa->isAwaitedIs(true);
+         anyAwaited_ = true;
          throw NoEntityIdException(std::string(std::string_view(target->fullName())) +
                                    " has no identifier on this stream until its owner announces it again");
       }
@@ -787,7 +788,7 @@ void Demuxer::remountEnded() {
 }
 
 bool Demuxer::isWaiting() const noexcept {
-   return isOpen_ && !owes() && std::any_of(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
+   return isOpen_ && anyAwaited_ && !owes() && std::any_of(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
              return slot.sa->isAwaited() && !slot.sa->entityId().isAssigned();
           });
 }
@@ -856,6 +857,34 @@ std::string Demuxer::where(In const& in, Sa const* sa) const {
 }
 
 void Demuxer::record(In& in) {
+   EntityId const id = in.header().entity;
+   PeerSlot const* slot = id.side() == 1 ? peerSlot(id) : nullptr;
+   if (slot == nullptr || !slot->sa || slot->sa != inHand_.sa) {
+      // First: what goes may run reactors that change the table.
+      recordsEnd();
+      slot = id.side() == 1 ? peerSlot(id) : nullptr;
+      if (slot == nullptr || !slot->sa) {
+         otherRecord(in);
+         return;
+      }
+      // Both held: a record may announce another entity under this very identifier.
+      inHand_ = *slot;
+   }
+   // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
+   ++applied_;
+   ++counters_.applied;
+   applyRecord(*inHand_.sa, in);
+}
+
+void Demuxer::letGo() noexcept {
+   // Moved out first: what goes may run reactors that come back here.
+   PeerSlot const gone{std::move(inHand_.sa), std::move(inHand_.entity)};
+   inHand_.sa = nullptr;
+   inHand_.entity = nullptr;
+}
+
+/// A record for nothing that is mirrored here: a write of the peer's, an orphan's announcement, or one that comes too late.
+void Demuxer::otherRecord(In& in) {
    MsgHeader const& header = in.header();
    if (header.entity.side() == 0 && header.entity != orphanAnnouncement) {
       // A write to what this side owns. The refusal goes out before any acknowledgement of it.
@@ -866,7 +895,6 @@ void Demuxer::record(In& in) {
       report(where(in, nullptr) + ": write-update from readonly proxy refused");
       return;
    }
-   // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
    ++counters_.applied;
    if (header.entity == orphanAnnouncement) {
@@ -879,15 +907,7 @@ void Demuxer::record(In& in) {
    if (header.entity.slot() > highestSlot)
       throw ProtocolException(in.where() + ": slot " + std::to_string(header.entity.slot()) + ", expected up to " +
                               std::to_string(highestSlot));
-   PeerSlot const* const slot = peerSlot(header.entity);
-   if (slot == nullptr || !slot->sa) {
-      ++(slot == nullptr ? counters_.staleRecords : counters_.unknownTypes);
-      return;
-   }
-   // Both held: a record may announce another entity under this very identifier.
-   Ptr<Sa> const sa = slot->sa;
-   Ptr<Entity> const entity = slot->entity;
-   applyRecord(*sa, in);
+   ++(peerSlot(header.entity) == nullptr ? counters_.staleRecords : counters_.unknownTypes);
 }
 
 void Demuxer::applyRecord(Sa& sa, In& in) {

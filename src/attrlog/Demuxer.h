@@ -75,6 +75,8 @@ public:
    FlowOut& createFlowOut(Sa& sa, AttributeId startAttribute = attr::owesNothing);
    /// Whether a change must queue behind others.
    bool hasBacklog() const noexcept { return head_ != nullptr; }
+   /// Whether a change becomes a record at once.
+   bool takesNow() const noexcept { return isOpen_ && head_ == nullptr && out_->hasSufficientBuffer(); }
    /// Writes what is owed as far as the buffer has room.
    void drain();
    /// Whether anything at all is owed, by a flow, by a mark or by a bit.
@@ -98,8 +100,14 @@ public:
    // What the peer announces.
    /// An identifier as the peer writes it and as this side keeps it: each calls itself side 1.
    static constexpr EntityId ofPeer(EntityId id) noexcept { return {id.low ^ 2u, id.high}; }
-   /// Applies the record in hand. \throws ProtocolException only
+   /// Applies the record in hand. The entity that it is for, and its adapter, are held until a record for another one comes, or
+   /// `recordsEnd`: most changes come in runs. \throws ProtocolException only
    void record(In& in);
+   /// No record follows: lets go of what the last one was for. A frame that is no record comes behind it.
+   void recordsEnd() noexcept {
+      if (inHand_.sa)
+         letGo();
+   }
    /// Binds the peer's identifier to an entity of this process.
    void bind(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
@@ -240,6 +248,8 @@ private:
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
    void readOrphan(In& in);
+   void letGo() noexcept;
+   void otherRecord(In& in);
    inline void applyRecord(Sa& sa, In& in);
    void flushRetirements();
    void owedAllPaid();
@@ -259,6 +269,7 @@ private:
    bool isDraining_ = false;
    bool anyOwesAll_ = false;
    bool anyUntold_ = false;
+   bool anyAwaited_ = false; ///< something was referred to, on this connection, before its owner has announced it again
    bool newIdentifiers_ = false;
    bool applicationStarted_ = false;
 
@@ -267,6 +278,7 @@ private:
    std::vector<std::uint32_t> retirements_; ///< slots that owe one; room for every slot is kept
    std::vector<PeerSlot> peer_;
    std::uint32_t peerHighestSlot_ = highestSlot;
+   PeerSlot inHand_;               ///< what the last record was for
    std::vector<PeerSlot> waiting_; ///< of an earlier connection
    std::size_t syncing_ = 0;
 

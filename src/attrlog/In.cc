@@ -83,7 +83,7 @@ void In::reset() noexcept {
    body_ = {};
    header_ = {};
    base_ = 0;
-   word_ = 0;
+   word_ = plainLengths_ = 0;
    helloSeen_ = broken_ = reading_ = carriedInHand_ = false;
    offset_ = nextOffset_ = recordsRead_ = unknownControls_ = 0;
    arrived_ = {};
@@ -92,7 +92,7 @@ void In::reset() noexcept {
    queue_ = {};
 }
 
-bool In::next() {
+bool In::nextOfAny() {
    if (broken_)
       return false;
    for (;;) {
@@ -171,8 +171,7 @@ void In::checkLength(std::uint32_t word) {
       throwBroken("a control frame with the mark of a write");
    std::size_t const least =
       ((word & frame::extensionBit) != 0 ? 1 : 0) +
-      (control ? frame::controlHeadSize
-               : frame::headerSize + frame::tokensSize + ((word & frame::writeBit) != 0 ? frame::baseSize : 0));
+      (control ? frame::controlHeadSize : leastRecord + ((word & frame::writeBit) != 0 ? frame::baseSize : 0));
    if (length < least)
       throwBroken("a frame of " + std::to_string(length) + " bytes, expected at least " + std::to_string(least));
 }
@@ -183,8 +182,7 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
    std::uint8_t const* const end = frame + size;
    if ((word_ & frame::extensionBit) != 0) {
       std::size_t const skip = *at;
-      std::size_t const rest = isControl() ? frame::controlHeadSize
-                                           : frame::headerSize + frame::tokensSize + (isWrite() ? frame::baseSize : 0);
+      std::size_t const rest = isControl() ? frame::controlHeadSize : leastRecord + (isWrite() ? frame::baseSize : 0);
       if (static_cast<std::size_t>(end - at) < 1 + skip + rest)
          throwBroken("an extension of " + std::to_string(skip) + " bytes leaves no room for the frame");
       at += 1 + skip;
@@ -196,18 +194,13 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
       base_ = loadBigEndian<U64>(at);
       at += frame::baseSize;
    }
-   header_.load(at);
-   at += frame::headerSize;
-   using Token = Connection::Out::TransactToken;
-   if (*at != static_cast<std::uint8_t>(Token::begin) || end[-1] != static_cast<std::uint8_t>(Token::end))
+   if (std::uint8_t const* const first = at + frame::headerSize; !isBetweenTokens(first, end)) {
+      header_.load(at);
       throwBroken("attribute " + std::to_string(header_.attribute) + " of entity " +
                   std::to_string(header_.entity.number()) + ": expected the body between tokens 1 and 3, got " +
-                  std::to_string(*at) + " and " + std::to_string(end[-1]));
-   body_ = {at + 1, end - 1};
-   inSection_ = false;
-   at_ = body_.data();
-   limit_ = at_ + body_.size();
-   ++recordsRead_;
+                  std::to_string(*first) + " and " + std::to_string(end[-1]));
+   }
+   recordIs(at, end);
    return true;
 }
 
@@ -249,6 +242,7 @@ void In::acceptFirst() {
       throwBroken("the peer takes frames of at most " + std::to_string(hello.maximumFrame) + " bytes, expected " +
                   std::to_string(frame::maximumHello) + " or more");
    helloSeen_ = true;
+   plainLengths_ = std::max(std::min(maximumFrame_, frame::lengthMask) + 1, leastRecord) - leastRecord;
 }
 
 void In::nextSection(unsigned n) {

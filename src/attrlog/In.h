@@ -80,7 +80,7 @@ public:
    /// are until `next` has returned false, or `keep` was called.
    void feed(std::span<std::uint8_t const> bytes);
    /// Steps to the next whole frame. False when there is none yet, and for good once the stream has been found broken.
-   bool next();
+   bool next() { return nextPlain() || nextOfAny(); }
    /// Copies what has not been stepped over; a later `feed` goes on from there. Where memory for bytes of the stream
    /// runs out, here or elsewhere, the stream is broken from then on: it never goes on behind a gap.
    void keep();
@@ -207,6 +207,43 @@ private:
       return p;
    }
 
+   static constexpr std::uint32_t leastRecord = frame::headerSize + frame::tokensSize;
+
+   /// Steps to the next frame where it is what nearly all are: a record without base or extension, all of which lies in the bytes
+   /// at hand. False, and nothing has changed, for any other; what is wrong with it is found there.
+   bool nextPlain() noexcept {
+      if (!carried_.empty() || arrived_.size() < frame::lengthSize + leastRecord)
+         return false;
+      std::uint8_t const* const start = arrived_.data();
+      auto const word = loadBigEndian<std::uint32_t>(start);
+      // One comparison: a bit of the frame's makes the word longer than any length, and so does what is missing of a header.
+      if (word - leastRecord >= plainLengths_)
+         return false;
+      std::size_t const size = frame::lengthSize + word;
+      if (arrived_.size() < size || !isBetweenTokens(start + frame::lengthSize + frame::headerSize, start + size))
+         return false;
+      word_ = word;
+      base_ = 0;
+      offset_ = nextOffset_;
+      nextOffset_ += size;
+      arrived_ = arrived_.subspan(size);
+      recordIs(start + frame::lengthSize, start + size);
+      return true;
+   }
+   bool nextOfAny();
+   static bool isBetweenTokens(std::uint8_t const* first, std::uint8_t const* end) noexcept {
+      using Token = Connection::Out::TransactToken;
+      return *first == static_cast<std::uint8_t>(Token::begin) && end[-1] == static_cast<std::uint8_t>(Token::end);
+   }
+   /// Shows the record between a header at `at` and `end`, whose tokens have been checked.
+   void recordIs(std::uint8_t const* at, std::uint8_t const* end) noexcept {
+      header_.load(at);
+      at_ = at + frame::headerSize + 1;
+      limit_ = end - 1;
+      body_ = {at_, limit_};
+      inSection_ = false;
+      ++recordsRead_;
+   }
    // Inline, although defined in In.cc alone: a shared library inlines no other function, in case a program replaces it.
    inline bool step(std::uint8_t const*& frame);
    bool stepCarried(std::uint8_t const*& frame);
@@ -227,6 +264,7 @@ private:
    MsgHeader header_;
    U64 base_ = 0;
    std::uint32_t word_ = 0;
+   std::uint32_t plainLengths_ = 0; ///< how many lengths, from `leastRecord` on, a record may have; 0 before the hello
    ControlKind controlKind_{};
    bool inSection_ = false;
    bool helloSeen_ = false;

@@ -180,6 +180,7 @@ protected:
 
    /// The change handler of attribute `A`: writes a record now, or marks what has changed.
    template <class A, class... Key> void changed(A, Key const&... key);
+   template <class A, class... Key> [[gnu::noinline]] void changedOtherwise(A, Key const&... key);
    /// The child's adapter on this stream, made if it is missing, and its announcement. Null where the announcement was given up.
    template <class A>
    Ptr<Entity::MoxNboAttrLogSa> childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child);

@@ -219,17 +219,32 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
 }
 
 template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a, Key const&... key) {
+   if constexpr (!A::isKeyed)
+      if (this->isPlainExporter() && this->demuxer_->takesNow()) [[likely]] {
+         writeNow(a);
+         return;
+      }
+   if constexpr (!A::ownsMembers)
+      if (this->handlingFlowInFor(A::id) && !this->hasFlag(StreamAdapter::inert)) {
+         this->applyingConsumed();
+         return;
+      }
+   changedOtherwise(a, key...);
+}
+
+/// As `changed`, where something stands between the change and its record.
+template <class X> template <class A, class... Key> void LevelSa<X>::changedOtherwise(A a, Key const&... key) {
    if (this->hasFlag(StreamAdapter::inert))
       return;
-   if (this->handlingFlowInFor(A::id)) {
-      if constexpr (A::ownsMembers)
+   if constexpr (A::ownsMembers)
+      if (this->handlingFlowInFor(A::id)) {
          // The new member gets its adapter before any other reactor can write to it.
          if (auto const* const anchor = this->demuxer_->anchor())
             if (auto* const member = A::cell(object()).find(key...))
                this->demuxer_->bind(anchor->id(), *member);
-      this->applyingConsumed();
-      return;
-   }
+         this->applyingConsumed();
+         return;
+      }
    if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->isPaused() ||
        this->demuxer_ == nullptr)
       return;
@@ -282,13 +297,20 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
    demuxer.beforeRecord();
    Out& out = *demuxer.out();
    try {
-      Record record(out, detail::headerOf<A>(this->entityId_));
-      (Wire<Key>::write(out, key), ...);
-      if constexpr (A::kind == Kind::reference)
+      if constexpr (A::kind == Kind::reference) {
+         Record record(out, detail::headerOf<A>(this->entityId_));
+         (Wire<Key>::write(out, key), ...);
          out.put(target);
-      else
+         record.close();
+      } else if constexpr (sizeof...(Key) == 0 && OneNumber<typename A::Value>) {
+         using W = Wire<typename A::Value>;
+         out.numberRecord(this->entityId_, A::id, W::fixedSize, W::number(value));
+      } else {
+         Record record(out, detail::headerOf<A>(this->entityId_));
+         (Wire<Key>::write(out, key), ...);
          Wire<typename A::Value>::write(out, value);
-      record.close();
+         record.close();
+      }
    } catch (RecordTooLong const& e) {
       ++demuxer.counters().tooLong;
       demuxer.report(e.what());
@@ -698,13 +720,14 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
    if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
       return Base::handleAttrDeserialization(aid, options, count, in);
    if (!in)
-      this->checkPeerMayWrite(id);
-   In& input = in ? *in : *this->demuxer_->in();
+      this->checkPeerMayWrite();
+   // Copies: what is called through the table would look up each reference again.
    bool known = false;
-   visitAttribute<X>(id, [&](auto a) {
-      known = aid >= 0 || a.hasEntries; // only entries can be removed
+   visitAttribute<X>(id, [this, &known, input = in ? in.get() : this->demuxer_->in().get(), isRemoval = aid < 0,
+                          isLocal = static_cast<bool>(in)](auto a) {
+      known = !isRemoval || a.hasEntries; // only entries can be removed
       if (known)
-         read(a, aid < 0, input, static_cast<bool>(in));
+         this->read(a, isRemoval, *input, isLocal);
    });
    return known ? 1 : 0;
 }

@@ -174,13 +174,21 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
    isApplying_ = true;
    try {
       demuxer_.in()->consume(bytes, [this](In& in) {
-         if (!mustEnd_)
-            frame(in);
+         if (mustEnd_)
+            return;
+         if (!in.isControl()) {
+            demuxer_.record(in);
+         } else {
+            demuxer_.recordsEnd();
+            in.dispatchControl([this](auto const& control) { on(control); });
+         }
       });
+      demuxer_.recordsEnd();
       settleStates();
    } catch (std::exception const& e) {
       failure_ = e.what();
    }
+   demuxer_.recordsEnd();
    isApplying_ = false;
    if (!failure_.empty())
       peerGone(failure_);
@@ -225,13 +233,6 @@ bool LinkEnd::quiet() const noexcept {
 }
 
 // What the peer says ----------------------------------------------------------------------------------------------------
-
-void LinkEnd::frame(In& in) {
-   if (in.isControl())
-      in.dispatchControl([this](auto const& control) { on(control); });
-   else
-      demuxer_.record(in);
-}
 
 void LinkEnd::on(Hello const& hello) {
    peerName_ = hello.name;

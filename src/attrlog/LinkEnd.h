@@ -113,7 +113,6 @@ private:
       bool isRefused = false;
    };
 
-   void frame(NboAttrLog::In& in);
    void answer(Request& request);
    void stateIs(Mount& mount, State state);
    void settleStates();

@@ -89,7 +89,7 @@ struct MsgHeader {
 
    /// The header's only list of fields: writer, reader and dump go through it. Calls `field(name, integer)` in wire
    /// order.
-   template <class Self, class Field> static void fields(Self& self, Field&& field) {
+   template <class Self, class Field> [[gnu::always_inline]] static void fields(Self& self, Field&& field) {
       field("entity low", self.entity.low);
       field("entity high", self.entity.high);
       field("attribute", self.attribute);
@@ -100,14 +100,14 @@ struct MsgHeader {
    }
 
    /// \param at room of `frame::headerSize` bytes
-   void store(std::uint8_t* at) const noexcept {
+   [[gnu::always_inline]] void store(std::uint8_t* at) const noexcept {
       fields(*this, [&at](char const*, auto const& v) {
          storeBigEndian(at, v);
          at += sizeof v;
       });
    }
    /// In place: a copy right behind the narrow stores would wait for every one of them.
-   void load(std::uint8_t const* at) noexcept {
+   [[gnu::always_inline]] void load(std::uint8_t const* at) noexcept {
       fields(*this, [&at](char const*, auto& v) {
          v = loadBigEndian<std::remove_reference_t<decltype(v)>>(at);
          at += sizeof v;

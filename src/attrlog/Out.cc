@@ -162,6 +162,7 @@ std::span<std::uint8_t const> Out::pending() noexcept {
 void Out::sent(std::size_t n) {
    if (n > offered_)
       throwInternalException("more bytes are said to be sent than were pending");
+   peak_ = std::max(peak_, pendingBytes());
    offered_ -= n;
    bytesSent_ += n;
    if (offeredOvertaking_) {
@@ -187,6 +188,7 @@ void Out::sent(std::size_t n) {
 
 void Out::clear() noexcept {
    rollback();
+   peak_ = std::max(peak_, pendingBytes());
    head_ = tail_ = limit_ = buffer_.get();
    recordsWritten_ = 0;
    bytesSent_ = 0;

@@ -66,6 +66,11 @@ public:
       header.store(at + frame::baseSize);
    }
 
+   /// Writes a whole record whose body is one number; where there is room and all is well, in one step.
+   /// \param fixedSize as its header states it; 0 for none
+   /// \throws AttrLogRecordException, RecordTooLong as `nextHeaderIs` and the token `end` do
+   template <WireScalar T> void numberRecord(EntityId entity, AttributeId attribute, std::uint32_t fixedSize, T v);
+
    /// Ends the section before and opens section `n` of the record: one byte n and a 32-bit length that the end of the
    /// section fills in, so that a reader steps over what it does not know.
    void currentPayloadSectionIs(unsigned n);
@@ -152,7 +157,7 @@ public:
    void markIs(std::size_t bytes) noexcept { mark_ = bytes; }
 
    /// Most bytes that were ever pending.
-   std::size_t highWater() const noexcept { return std::max(highWater_, peak_); }
+   std::size_t highWater() const noexcept { return std::max({highWater_, peak_, pendingBytes()}); }
    /// Bytes that the buffer takes up now.
    std::size_t capacity() const noexcept { return static_cast<std::size_t>(end_ - buffer_.get()); }
    /// Bytes carried off since `clear()`.
@@ -198,7 +203,6 @@ private:
    void settle() noexcept {
       record_ = nullptr;
       limit_ = tail_;
-      peak_ = std::max(peak_, pendingBytes());
    }
    void checkTextLength(std::size_t size, std::size_t most) const {
       if (size > most) [[unlikely]]
@@ -227,7 +231,7 @@ private:
    U64 recordsWritten_ = 0;
    std::uint32_t peerMaximum_ = frame::defaultMaximum;
    std::size_t section_ = 0; ///< where the open section's length stands, from `record_`; 0 for no section
-   std::size_t peak_ = 0;    ///< most bytes pending since the buffer was last empty
+   std::size_t peak_ = 0;    ///< most bytes pending since the buffer was last empty, as of the last `sent`
    std::size_t highWater_ = 0;
    std::size_t need_ = 0;      ///< what bursts of late have needed; forgotten slowly
    std::size_t frameRest_ = 0; ///< bytes left of the frame that `head_` stands inside of; 0 at a boundary
@@ -273,6 +277,32 @@ public:
 private:
    Out* out_;
 };
+
+// One copy per number type: the handlers of all attributes call it.
+template <WireScalar T>
+[[gnu::noinline]] void Out::numberRecord(EntityId entity, AttributeId attribute, std::uint32_t fixedSize, T v) {
+   constexpr std::size_t length = frame::headerSize + frame::tokensSize + sizeof(T);
+   constexpr std::size_t size = frame::lengthSize + length;
+   using Token = Connection::Out::TransactToken;
+   MsgHeader const header{.entity = entity,
+                          .attribute = static_cast<std::int32_t>(attribute),
+                          .variable = static_cast<std::uint8_t>(fixedSize == 0 ? 1 : 0),
+                          .fixedSize = fixedSize};
+   if (record_ != nullptr || length > peerMaximum_ || static_cast<std::size_t>(end_ - tail_) < size) [[unlikely]] {
+      Record record(*this, header);
+      put(v);
+      record.close();
+      return;
+   }
+   std::uint8_t* at = tail_;
+   storeBigEndian(at, static_cast<std::uint32_t>(length));
+   header.store(at += frame::lengthSize);
+   *(at += frame::headerSize) = static_cast<std::uint8_t>(Token::begin);
+   storeBigEndian(at += 1, v);
+   *(at += sizeof(T)) = static_cast<std::uint8_t>(Token::end);
+   limit_ = tail_ = at + 1;
+   ++recordsWritten_;
+}
 
 /// What a stream writes by itself. Types of other floors bring an `operator<<` of their own beside them.
 template <class T>

@@ -219,12 +219,11 @@ void Sa::doThrowReadOnly(AttributeId id) const {
                            " is read-only here: it mirrors " + demuxer_->name());
 }
 
-void Sa::checkPeerMayWrite(AttributeId id) const {
+void Sa::throwPeerMayNotWrite() const {
    if (hasFlag(applying))
       throwInternalException("entity reactor is already active");
-   if (!readOnlyRemoteOk(id))
-      throwInternalException("write-update from readonly proxy: " + std::string(std::string_view(entity_->fullName())) +
-                             " peerName: " + demuxer_->name());
+   throwInternalException("write-update from readonly proxy: " + std::string(std::string_view(entity_->fullName())) +
+                          " peerName: " + demuxer_->name());
 }
 
 void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count) {

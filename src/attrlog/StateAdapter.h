@@ -165,6 +165,13 @@ public:
    /// Whether a read-only copy may be written here all the same.
    virtual bool convertedToWritable(bool) { return false; }
    bool readOnlyRemoteOk(AttributeId) const noexcept { return !hasFlag(readOnlyProxy); }
+   /// Whether nothing of this adapter's own stands between a change and its record: it is an exporter's, has been announced, and
+   /// owes nothing. What is true of nearly all changes, in one comparison.
+   bool isPlainExporter() const noexcept {
+      constexpr std::uint32_t decisive =
+         inert | suppressed | readOnlyCopy | applying | draining | serializing | alwaysDefer;
+      return (flags_ & decisive) == serializing && !isPaused_ && !flow_ && demuxer_ != nullptr;
+   }
    /// Whether a record may be written at once: during a drain, or with room and nothing owed by the stream.
    bool prepareImmediateTransmission(AttributeId id, bool isTight);
    [[noreturn]] void doThrowReadOnly(AttributeId id) const;
@@ -242,12 +249,12 @@ protected:
    class Applying {
    public:
       Applying(MoxNboAttrLogSa& sa, AttributeId id) noexcept
-         : sa_(sa), outerFlag_(sa.hasFlag(applying)), outerId_(sa.applyingId_) {
-         sa.flagIs(applying, true);
+         : sa_(sa), outerFlag_(sa.flags_ & applying), outerId_(sa.applyingId_) {
+         sa.flags_ |= applying;
          sa.applyingId_ = id;
       }
       ~Applying() {
-         sa_.flagIs(applying, outerFlag_);
+         sa_.flags_ = (sa_.flags_ & ~applying) | outerFlag_;
          sa_.applyingId_ = outerId_;
       }
       Applying(Applying const&) = delete;
@@ -257,13 +264,17 @@ protected:
 
    private:
       MoxNboAttrLogSa& sa_;
-      bool outerFlag_;
+      std::uint32_t outerFlag_;
       AttributeId outerId_;
    };
 
    void attachReactor();
    /// \throws InternalException for an update that the peer may not send, or while another is being applied
-   void checkPeerMayWrite(AttributeId id) const;
+   void checkPeerMayWrite() const {
+      if (hasFlag(applying | readOnlyProxy)) [[unlikely]]
+         throwPeerMayNotWrite();
+   }
+   [[noreturn]] void throwPeerMayNotWrite() const;
    void applyingConsumed() noexcept { flagIs(applying, false); }
    /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
    void refusedIs(NboAttrLog::Mark mark, bool isTold = false) noexcept;

@@ -11,7 +11,7 @@
 namespace Mox::NboAttrLog {
 
 /// How a value travels. `fixedSize` is the width that a record's header states, 0 for a value of variable size; `write` and
-/// `read` are each other's inverse. `read` builds the value with its own check, so that what is out of range throws before
+/// `read` are each other's inverse. `number` is there where `write` puts one number and nothing else. `read` builds the value with its own check, so that what is out of range throws before
 /// anything is stored. Specialise it for value types of your own.
 template <class T> struct Wire;
 
@@ -26,6 +26,7 @@ template <class T> constexpr std::uint32_t fixedSizeOf() {
 
 template <WireScalar T> struct Wire<T> {
    static constexpr std::uint32_t fixedSize = detail::fixedSizeOf<T>();
+   static T number(T v) noexcept { return v; }
    static void write(Out& out, T v) { out.put(v); }
    static T read(In& in) {
       if constexpr (std::same_as<T, bool>)
@@ -65,7 +66,8 @@ concept WrappedNumber = !std::derived_from<T, String8> && !WireScalar<T> && requ
 template <WrappedNumber T> struct Wire<T> {
    using Number = std::remove_cvref_t<decltype(std::declval<T const&>().number())>;
    static constexpr std::uint32_t fixedSize = 0;
-   static void write(Out& out, T const& v) { out.put(v.number()); }
+   static Number number(T const& v) noexcept { return v.number(); }
+   static void write(Out& out, T const& v) { out.put(number(v)); }
    static T read(In& in) { return T(Wire<Number>::read(in)); }
 };
 
@@ -74,8 +76,15 @@ template <class T>
    requires std::is_enum_v<T>
 struct Wire<T> {
    static constexpr std::uint32_t fixedSize = 0;
-   static void write(Out& out, T v) { out.put(static_cast<int>(v)); }
+   static int number(T v) noexcept { return static_cast<int>(v); }
+   static void write(Out& out, T v) { out.put(number(v)); }
    static T read(In& in) { return enumInstance<T>(in.nextU32()); }
+};
+
+/// A value that travels as one number: its record is written in one step.
+template <class T>
+concept OneNumber = requires(T const& v) {
+   { Wire<T>::number(v) } -> WireScalar;
 };
 
 template <> struct Wire<Kiln::ConditionStat> {

@@ -59,21 +59,21 @@ public:
    /// Number of references, flags left out.
    std::uint32_t references() const noexcept { return word_.load(std::memory_order_relaxed) & countMask; }
 
-   void referenceInc() const noexcept {
-      if (VFPtrInterface::threadSafePointers())
-         word_.fetch_add(1, std::memory_order_relaxed);
+   // Inlined everywhere: a shared library would call them through its table of symbols, twice per reactor of a pass.
+   [[gnu::always_inline]] void referenceInc() const noexcept {
+      if (VFPtrInterface::threadSafePointers()) [[unlikely]]
+         sharedReferenceInc();
       else
          word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
    }
-   void referenceDec() const noexcept {
-      std::uint32_t left;
-      if (VFPtrInterface::threadSafePointers()) {
-         left = word_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-      } else {
-         left = word_.load(std::memory_order_relaxed) - 1;
-         word_.store(left, std::memory_order_relaxed);
+   [[gnu::always_inline]] void referenceDec() const noexcept {
+      if (VFPtrInterface::threadSafePointers()) [[unlikely]] {
+         sharedReferenceDec();
+         return;
       }
-      if ((left & countMask) == 0)
+      std::uint32_t const left = word_.load(std::memory_order_relaxed) - 1;
+      word_.store(left, std::memory_order_relaxed);
+      if ((left & countMask) == 0) [[unlikely]]
          lastReference();
    }
 
@@ -109,6 +109,8 @@ protected:
    }
 
 private:
+   void sharedReferenceInc() const noexcept;
+   void sharedReferenceDec() const noexcept;
    /// Defined on the framework's floor (mox/Lifetime.cc), because what an object owes before it goes depends on whether it
    /// is a reactor or an entity.
    void lastReference() const noexcept;
@@ -135,7 +137,7 @@ public:
    template <class U>
       requires std::convertible_to<U*, T*>
    Ptr(Ptr<U>&& other) noexcept : object_(other.release()) {}
-   ~Ptr() {
+   [[gnu::always_inline]] ~Ptr() {
       if (object_ != nullptr)
          object_->referenceDec();
    }

@@ -32,12 +32,14 @@ void Carrier::awaitBytes() {
             self->close(hasGone ? "the peer closed the connection" : "reading failed: " + error.message());
             return;
          }
+         self->lastReading_ = size;
          self->end_->bytesArrived(std::span(self->arrived_.data(), size));
          self->closeAtFailure();
-         if (self->isOpen()) {
-            self->awaitBytes();
+         // The answer first: whoever waits for it shall not wait for this side to look whether more has come.
+         if (self->isOpen())
             self->flush();
-         }
+         if (self->isOpen())
+            self->awaitBytes();
       });
 }
 

@@ -35,6 +35,8 @@ public:
    /// Ends the connection and tells nobody: the link end is going.
    void abandon();
    bool isOpen() const noexcept { return end_ != nullptr; }
+   /// The last reading took as much as it could, or somebody is still to be told of the end.
+   bool mayHaveMore() const noexcept { return !isOpen() || lastReading_ == readSize; }
 
 private:
    void awaitBytes();
@@ -48,6 +50,7 @@ private:
    Lost lost_;
    bool awaitsRoom_ = false;
    bool flushing_ = false;
+   std::size_t lastReading_ = 0;
    std::array<std::uint8_t, readSize> arrived_;
 };
 

@@ -24,14 +24,14 @@ bool SocketLoop::pollOnce(Milliseconds timeout) {
    context_->restart();
    // A peer that sends without pause must not keep this call from returning.
    constexpr unsigned most = 64;
-   unsigned handled = 0;
-   while (handled < most && context_->poll_one() > 0)
-      ++handled;
-   if (handled == 0 && !context_->stopped() && timeout > Milliseconds(0))
-      while (handled < most && (handled == 0 ? context_->run_one_for(timeout) : context_->poll_one()) > 0)
-         ++handled;
+   bool const waits = timeout > Milliseconds(0);
+   bool const happened = (waits ? context_->run_one_for(timeout) : context_->poll_one()) > 0;
+   if (happened)
+      for (unsigned handled = 1; handled < most && (!waits || mayHaveMore()); ++handled)
+         if (context_->poll_one() == 0)
+            break;
    flush();
-   return handled > 0;
+   return happened;
 }
 
 bool SocketLoop::waitUntil(std::function<bool()> const& done, Milliseconds timeout) {

@@ -40,6 +40,10 @@ void UnixClient::disconnect() {
       carrier_->close("closed by this side");
 }
 
+bool UnixClient::mayHaveMore() const noexcept {
+   return !carrier_ || carrier_->mayHaveMore();
+}
+
 void UnixClient::flush() {
    if (isConnected())
       carrier_->flush();

@@ -49,6 +49,7 @@ public:
 
 private:
    void flush() override;
+   bool mayHaveMore() const noexcept override;
 
    LinkEnd end_;
    std::shared_ptr<Carrier> carrier_;

@@ -100,6 +100,10 @@ Traffic UnixServer::traffic() const noexcept {
    return sum;
 }
 
+bool UnixServer::mayHaveMore() const noexcept {
+   return peers_.size() != 1 || !peers_.front()->carrier || peers_.front()->carrier->mayHaveMore();
+}
+
 void UnixServer::flush() {
    // By index: what a drain runs may mount, which can add a peer.
    for (std::size_t i = 0; i < peers_.size(); ++i)

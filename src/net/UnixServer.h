@@ -62,6 +62,7 @@ private:
    struct Listener;
 
    void flush() override;
+   bool mayHaveMore() const noexcept override;
    LinkEnd& mountingEnd();
    Peer& newPeer();
    void awaitClient();

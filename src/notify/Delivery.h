@@ -32,10 +32,15 @@ template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst&
 template <class A, class... Key>
 [[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
    auto const& reactors = entity.moxReactors();
-   if (reactors.size() == 1) {
-      // The commonest list, an adapter or a single watch: there is nothing to remember but the reactor itself.
-      Ptr<PtrInterface::NotifieeConst> const only(reactors.first());
-      detail::notify<A>(*only, key...);
+   if (reactors.size() - 1 < 2) {
+      // The commonest lists, an adapter, a watch, or one of each: there is nothing to remember but the reactors themselves.
+      Ptr<PtrInterface::NotifieeConst> const second(reactors.size() == 2 ? reactors.last() : nullptr);
+      {
+         Ptr<PtrInterface::NotifieeConst> const first(reactors.first());
+         detail::notify<A>(*first, key...);
+      }
+      if (second && second->references() != 1)
+         detail::notify<A>(*second, key...);
       return;
    }
    for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())

@@ -352,6 +352,20 @@ TEST(Values, EveryWidthComesBackAndHeadersHaveTheLowWordFirst) {
    };
    EXPECT_TRUE(has({0, 0, 0, 0x15, 0, 0, 0, 7, 0, 0, 0, 1, 1})) << "header: low word first, then attribute";
    EXPECT_TRUE(has({0, 0, 0, 7, 0, 0, 0, 0x15})) << "reference: high word first";
+   // A record of one number has the same bytes, whether it is written in one step or in several.
+   auto const whole = make<Out>("peer");
+   auto const stepwise = make<Out>("peer");
+   values([&](auto const& v, auto) {
+      if constexpr (WireScalar<std::remove_cvref_t<decltype(v)>>)
+         for (std::uint32_t const size : {0u, 4u}) {
+            whole->numberRecord(port, 388, size, v);
+            Record each(*stepwise, size == 0 ? sized(388) : scalar(388, size));
+            *stepwise << v;
+            each.close();
+         }
+   });
+   EXPECT_EQ(whole->recordsWritten(), stepwise->recordsWritten());
+   EXPECT_EQ(drain(*whole), drain(*stepwise));
    EXPECT_EQ(digest({}), 0xcbf29ce484222325u);
    EXPECT_EQ(digest(Bytes{'f', 'o', 'o', 'b', 'a', 'r'}), 0x85944171f73967e8u);
 }
@@ -541,6 +555,22 @@ TEST(Writing, ARecordThatFailsLeavesNoTrace) {
           u32Record(*out, 389, 1);
        },
        "a record begins while that of attribute 388 of entity 30064771093 is still open"},
+      {"number in a record",
+       [&] {
+          Record record(*out, scalar(388, 4));
+          out->numberRecord(port, 389, 4, 1u);
+       },
+       "a record begins while that of attribute 388 of entity 30064771093 is still open"},
+      {"number too long for the peer",
+       [&] {
+          out->peerMaximumFrameIs(27);
+          struct Restore {
+             Out& out;
+             ~Restore() { out.peerMaximumFrameIs(600); }
+          } const restore{*out};
+          out->numberRecord(port, 388, 4, 1u);
+       },
+       "the record of attribute 388 of entity 30064771093 takes 28 bytes, the peer takes at most 27"},
       {"too long for the peer",
        [&] {
           Record record(*out, sized(388), 77);
