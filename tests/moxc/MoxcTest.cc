@@ -8,6 +8,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/wait.h>
 #include <vector>
 
@@ -24,13 +25,16 @@ std::string contents(fs::path const& path) {
    return {std::istreambuf_iterator<char>(in), {}};
 }
 
-/// Every file below a folder with its bytes.
-std::map<std::string, std::string> tree(fs::path const& folder) {
+/// Every file below a folder with its bytes, by its name without `suffix`.
+std::map<std::string, std::string> tree(fs::path const& folder, std::string_view suffix = {}) {
    std::map<std::string, std::string> files;
    if (fs::exists(folder))
       for (auto const& entry : fs::recursive_directory_iterator(folder))
-         if (entry.is_regular_file())
-            files[entry.path().lexically_relative(folder).generic_string()] = contents(entry.path());
+         if (entry.is_regular_file()) {
+            std::string name = entry.path().lexically_relative(folder).generic_string();
+            name.resize(name.size() - (name.ends_with(suffix) ? suffix.size() : 0));
+            files[name] = contents(entry.path());
+         }
    return files;
 }
 
@@ -101,8 +105,8 @@ TEST_F(Moxc, EmitsTheSameFilesFromTheSameSchemas) {
    ASSERT_EQ(run(golden, out() + arguments).errors, "");
    auto const files = tree(folder_ / "out");
    for (auto const& [name, text] : files)
-      expectGolden(text, golden / "expected" / name);
-   EXPECT_EQ(files, tree(golden / "expected"));
+      expectGolden(text, golden / "expected" / (name + ".expected"));
+   EXPECT_EQ(files, tree(golden / "expected", ".expected"));
 
    // From another place, with other spellings of the paths, into another folder.
    std::string const elsewhere =
