@@ -1,6 +1,5 @@
 #include "Types.h"
 
-#include "Allocations.h"
 #include "Values.h"
 #include "attrlog/StateAdapter.h"
 #include "core/Exceptions.h"
@@ -20,6 +19,7 @@
 #include "siblings/PllStatusReactor.h"
 #include "siblings/XcvrConfigReactor.h"
 #include "siblings/XcvrStatusReactor.h"
+#include "support/Allocations.h"
 
 #include <memory>
 #include <stdexcept>

@@ -7,7 +7,13 @@
 
 namespace {
 std::atomic<std::size_t> calls{0};
-std::atomic<bool> exhausted{false};
+enum class Memory { enough, failsOnce, hasFailed, none };
+std::atomic<Memory> memory{Memory::enough};
+
+bool fails() noexcept {
+   Memory once = Memory::failsOnce;
+   return memory == Memory::none || memory.compare_exchange_strong(once, Memory::hasFailed);
+}
 } // namespace
 
 std::size_t allocations() noexcept {
@@ -15,16 +21,26 @@ std::size_t allocations() noexcept {
 }
 
 NoMemory::NoMemory() noexcept {
-   exhausted = true;
+   memory = Memory::none;
 }
 NoMemory::~NoMemory() {
-   exhausted = false;
+   memory = Memory::enough;
+}
+
+FailedAllocation::FailedAllocation() noexcept {
+   memory = Memory::failsOnce;
+}
+FailedAllocation::~FailedAllocation() {
+   memory = Memory::enough;
+}
+bool FailedAllocation::hasHappened() noexcept {
+   return memory == Memory::hasFailed;
 }
 
 // The array forms too: under a sanitizer they don't come to the plain ones by themselves.
 void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
    ++calls;
-   return exhausted ? nullptr : std::malloc(size == 0 ? 1 : size);
+   return fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 void* operator new(std::size_t size) {
    if (void* const p = operator new(size, std::nothrow))

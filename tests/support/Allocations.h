@@ -15,6 +15,16 @@ public:
    NoMemory& operator=(NoMemory const&) = delete;
 };
 
+/// While it lives, the next allocation of this program fails, that one only.
+class FailedAllocation {
+public:
+   FailedAllocation() noexcept;
+   ~FailedAllocation();
+   FailedAllocation(FailedAllocation const&) = delete;
+   FailedAllocation& operator=(FailedAllocation const&) = delete;
+   static bool hasHappened() noexcept;
+};
+
 /// Whether `call` throws `std::bad_alloc` when there is no memory.
 template <class Call> bool needsMemory(Call call) {
    NoMemory const none;
