@@ -16,9 +16,7 @@
 
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010Status;
-using Hardware::ClariPhy::FecHistogram;
+using namespace Hardware::ClariPhy;
 using Hardware::Phy::PhyConfig;
 using Hardware::Phy::PhyStatus;
 using Mox::AttributeId;
@@ -93,152 +91,69 @@ struct Slots : testing::Test {
       follow(next, &Entity::NotifieeConst::onParent, &Entity::NotifieeConst::onVersion);
       return next;
    }
-   template <class N>
-   void directory(int next, void (N::*withKey)(Mox::Name), void (N::*immediate)(), void (N::*plain)()) {
-      follow(next, withKey, immediate, plain);
-   }
 };
 
+// A schema's identifiers ascend and its functions stand in the order of its lines: where the first and the last of a type have
+// their slots, so have those between.
+
 TEST_F(Slots, OfEntitiesAreTheFrameworksAndThenTheBasesMutators) {
-   EXPECT_EQ(entity<FecHistogram>(), 25);
-   EXPECT_EQ(entity<Hardware::ClariPhy::Cl10010ConfigDir>(), 25);
-   EXPECT_EQ(entity<Hardware::ClariPhy::Cl10010StatusDir>(), 25);
-   EXPECT_EQ(entity<Hardware::ClariPhy::Cl10010ConfigPtrDir>(), 25);
-   EXPECT_EQ(entity<Hardware::ClariPhy::Cl10010StatusPtrDir>(), 25);
-   int next = entity<Cl10010Config>();
-   using X = PhyConfig;
-   follow(next, &X::modelIs, &X::hwRevIs, &X::datasheetRegisterBaseIs, &X::resetIs, &X::interruptCtrlIs,
-          &X::xcvrConfigIs, &X::managingMediaIs, &X::linkStatePollIntervalIs, &X::linkStatePollIntIrqLinkUpIs,
-          &X::linkStatePollIntIrqLinkDownIs, &X::irqModerationIntervalIs, &X::snapshotIntervalIs,
-          &X::xcvrDetectIntervalIs, &X::irqXcvrDetectIntervalIs, &X::domUpdateIntervalIs, &X::domHwAccessIntervalIs,
-          &X::maxXcvrIdEepromReadTimeIs, &X::resetDwellTimeIs, &X::wakeupTimeIs, &X::overrideMediaTypeIs,
-          &X::ledConfigIs, &X::diagsModeIs, &X::diagsModeEpochIs, &X::diagsModeEpochInc, &X::driverRunModeIs,
-          &X::overrideEthIntfConfigIs, &X::overrideEthIntfConfigDel, &X::useOverrideEthIntfConfigIs, &X::loopbackIs,
-          &X::debugStateSnapshotRequestIs, &X::maxXauiSyncsUntilAlignIs, &X::configReadyIs);
+   for (int const slots :
+        {entity<FecHistogram>(), entity<Cl10010ConfigDir>(), entity<Cl10010StatusDir>(), entity<Cl10010ConfigPtrDir>(),
+         entity<Cl10010StatusPtrDir>(), entity<Cl10010Config>(), entity<Cl10010Status>()})
+      EXPECT_EQ(slots, 25);
+   EXPECT_EQ(slotOf(&PhyConfig::modelIs), 25);
+   EXPECT_EQ(slotOf(&PhyConfig::diagsModeEpochInc), 25 + 23) << "behind the mutator of its counter";
+   EXPECT_EQ(slotOf(&PhyConfig::overrideEthIntfConfigDel), 25 + 26);
+   EXPECT_EQ(slotOf(&PhyConfig::configReadyIs), 25 + 31);
+   EXPECT_EQ(slotOf(&PhyStatus::xcvrStatusIs), 25);
    EXPECT_EQ(slotOf(&Cl10010Config::rollOffIs), -1) << "a type's own mutators are not virtual";
-   next = entity<Cl10010Status>();
-   follow(next, &PhyStatus::xcvrStatusIs);
    EXPECT_EQ(slotOf(&Cl10010Status::amplitudeIs), -1);
 }
 
+/// The three functions of a keyed attribute.
+template <class N, class Key>
+void expectKeyed(int slot, void (N::*withKey)(Key), void (N::*immediate)(), void (N::*plain)()) {
+   follow(slot, withKey, immediate, plain);
+}
+
 TEST_F(Slots, OfReactorsAreTheFrameworksThenTheBasesThenTheOwn) {
-   int next = reactor();
-   EXPECT_EQ(next, 30);
+   EXPECT_EQ(reactor(), 30);
    {
-      using namespace Hardware::ClariPhy;
-      using H = FecHistogram::NotifieeConst;
-      directory<Cl10010ConfigDir::NotifieeConst>(next, &Cl10010ConfigDir::NotifieeConst::onPhyConfig,
-                                                 &Cl10010ConfigDir::NotifieeConst::onPhyConfigmoxImmediate,
-                                                 &Cl10010ConfigDir::NotifieeConst::onPhyConfig);
-      directory<Cl10010ConfigPtrDir::NotifieeConst>(next, &Cl10010ConfigPtrDir::NotifieeConst::onPhyConfig,
-                                                    &Cl10010ConfigPtrDir::NotifieeConst::onPhyConfigmoxImmediate,
-                                                    &Cl10010ConfigPtrDir::NotifieeConst::onPhyConfig);
-      directory<Cl10010StatusDir::NotifieeConst>(next, &Cl10010StatusDir::NotifieeConst::onPhyStatus,
-                                                 &Cl10010StatusDir::NotifieeConst::onPhyStatusmoxImmediate,
-                                                 &Cl10010StatusDir::NotifieeConst::onPhyStatus);
-      directory<Cl10010StatusPtrDir::NotifieeConst>(next, &Cl10010StatusPtrDir::NotifieeConst::onPhyStatus,
-                                                    &Cl10010StatusPtrDir::NotifieeConst::onPhyStatusmoxImmediate,
-                                                    &Cl10010StatusPtrDir::NotifieeConst::onPhyStatus);
-      int own = next;
-      follow(own, keyed<H, ClariPhyTypes::LdpcHistogramIterNum>(&H::onHistogram), &H::onHistogrammoxImmediate,
-             bare<H>(&H::onHistogram));
+      using N = Cl10010ConfigDir::NotifieeConst;
+      expectKeyed<N, Mox::Name>(30, &N::onPhyConfig, &N::onPhyConfigmoxImmediate, &N::onPhyConfig);
    }
-   int const first = next;
    {
-      using N = PhyConfig::NotifieeConst;
-      follow(next, &N::onModel, &N::onHwRev, &N::onDatasheetRegisterBase, &N::onReset, &N::onInterruptCtrl,
-             &N::onXcvrConfig, &N::onManagingMedia, &N::onLinkStatePollInterval, &N::onLinkStatePollIntIrqLinkUp,
-             &N::onLinkStatePollIntIrqLinkDown, &N::onIrqModerationInterval, &N::onSnapshotInterval,
-             &N::onXcvrDetectInterval, &N::onIrqXcvrDetectInterval, &N::onDomUpdateInterval, &N::onDomHwAccessInterval,
-             &N::onMaxXcvrIdEepromReadTime, &N::onResetDwellTime, &N::onWakeupTime, &N::onOverrideMediaType,
-             &N::onLedConfig, &N::onDiagsMode, &N::onDiagsModeEpoch, &N::onDriverRunMode, &N::onOverrideEthIntfConfig,
-             &N::onUseOverrideEthIntfConfig, &N::onLoopback, &N::onDebugStateSnapshotRequest,
-             &N::onMaxXauiSyncsUntilAlign, &N::onConfigReady);
-      EXPECT_EQ(next - first, 30);
+      using N = Cl10010ConfigPtrDir::NotifieeConst;
+      expectKeyed<N, Mox::Name>(30, &N::onPhyConfig, &N::onPhyConfigmoxImmediate, &N::onPhyConfig);
    }
+   {
+      using N = Cl10010StatusDir::NotifieeConst;
+      expectKeyed<N, Mox::Name>(30, &N::onPhyStatus, &N::onPhyStatusmoxImmediate, &N::onPhyStatus);
+   }
+   {
+      using N = Cl10010StatusPtrDir::NotifieeConst;
+      expectKeyed<N, Mox::Name>(30, &N::onPhyStatus, &N::onPhyStatusmoxImmediate, &N::onPhyStatus);
+   }
+   {
+      using N = FecHistogram::NotifieeConst;
+      expectKeyed<N, ClariPhyTypes::LdpcHistogramIterNum>(30, &N::onHistogram, &N::onHistogrammoxImmediate,
+                                                          &N::onHistogram);
+   }
+   EXPECT_EQ(slotOf(&PhyConfig::NotifieeConst::onModel), 30);
+   EXPECT_EQ(slotOf(&PhyConfig::NotifieeConst::onConfigReady), 30 + 29);
    {
       using N = Cl10010Config::NotifieeConst;
-      follow(next, &N::onSpiAccel, &N::onResetUc, &N::onRefClock, keyed<N, Xcvr::CfpxHostChannel>(&N::onCalibration),
-             &N::onCalibrationmoxImmediate, bare<N>(&N::onCalibration), &N::onRxSkewH, &N::onRxSkewV, &N::onPllStatus,
-             keyed<N, Xcvr::CfpxHostChannel>(&N::onInitialIngressAmp), &N::onInitialIngressAmpmoxImmediate,
-             bare<N>(&N::onInitialIngressAmp), &N::onRollOff);
-      EXPECT_EQ(next - first, 30 + 13);
+      EXPECT_EQ(slotOf(&N::onSpiAccel), 60);
+      expectKeyed<N, Xcvr::CfpxHostChannel>(63, &N::onCalibration, &N::onCalibrationmoxImmediate, &N::onCalibration);
+      EXPECT_EQ(slotOf(&N::onRollOff), 60 + 12);
    }
-   next = first;
-   {
-      using N = PhyStatus::NotifieeConst;
-      follow(next, &N::onXcvrStatus, &N::onPhyState, &N::onOperSpeed, &N::onPhyOui, &N::onPhyModel, &N::onPhyRev,
-             &N::onDomControlStatusFailures, &N::onDomControlStatusPendings, &N::onLastDomControlStatusTime,
-             &N::onLastDomUpdateTime, &N::onResetCount, &N::onLastResetTime, &N::onPhyStateChanges,
-             &N::onLastPhyStateChange, &N::onInterruptCount, &N::onPmaPmdRxLinkStatus, &N::onPmaPmdRxLinkStatusChanges,
-             &N::onLastPmaPmdRxLinkStatusChange, &N::onPmaPmdRxLinkStatusValid, &N::onPmaPmdRxFault,
-             &N::onPmaPmdRxFaultChanges, &N::onLastPmaPmdRxFaultChange, &N::onPmaPmdRxFaultValid, &N::onPmaPmdTxFault,
-             &N::onPmaPmdTxFaultChanges, &N::onLastPmaPmdTxFaultChange, &N::onPmaPmdTxFaultValid,
-             &N::onPmaPmdDebugStateValid, &N::onPmaPmdRxSignalDetect, &N::onPmaPmdRxSignalDetectChanges,
-             &N::onLastPmaPmdRxSignalDetectChange, &N::onPmaPmdDebugSignalDetectValid, &N::onAggSignalDetect,
-             &N::onAggSignalDetectChanges, &N::onLastAggSignalDetectChange, &N::onTenGBaseTDebugState,
-             &N::onPcsRxLinkStatus, &N::onPcsRxLinkStatusChanges, &N::onLastPcsRxLinkStatusChange,
-             &N::onPcsRxLinkStatusValid, &N::onPcsRxFault, &N::onPcsRxFaultChanges, &N::onLastPcsRxFaultChange,
-             &N::onPcsRxFaultValid, &N::onPcsTxFault, &N::onPcsTxFaultChanges, &N::onLastPcsTxFaultChange,
-             &N::onPcsTxFaultValid, &N::onPcsErrBlocks, &N::onLastPcsNonzeroErrBlock, &N::onPcsErrBlocksValid,
-             &N::onPcsBer, &N::onPcsNonzeroBer, &N::onLastPcsNonzeroBer, &N::onPcsBerValid, &N::onPcsHighBer,
-             &N::onPcsHighBerChanges, &N::onLastPcsHighBerChange, &N::onPcsHighBerValid, &N::onPcsBlockLock,
-             &N::onPcsBlockLockChanges, &N::onLastPcsBlockLockChange, &N::onPcsBlockLockValid, &N::onPcsRxLpiReceived,
-             &N::onPcsRxLpiChanges, &N::onLastPcsRxLpiChange, &N::onPcsRxLpiValid, &N::onPcsSyncStatus,
-             &N::onPcsSyncStatusChanges, &N::onLastPcsSyncStatusChange, &N::onPcsSyncStatusValid, &N::onPcsDeskewStatus,
-             &N::onPcsDeskewStatusChanges, &N::onLastPcsDeskewStatusChange, &N::onPcsDeskewStatusValid, &N::onPcsAmLock,
-             &N::onPcsAmLockChanges, &N::onLastPcsAmLockChange, &N::onPcsAmLockValid, &N::onPcsBipErrors,
-             &N::onPcsNonzeroBip, &N::onLastPcsNonzeroBip, &N::onPcsBipErrorsValid, &N::onPcsDebugStateValid,
-             &N::onPhyXsTxLinkStatus, &N::onPhyXsTxLinkStatusChanges, &N::onLastPhyXsTxLinkStatusChange,
-             &N::onPhyXsRxFault, &N::onPhyXsRxFaultChanges, &N::onLastPhyXsRxFaultChange, &N::onPhyXsTxFault,
-             &N::onPhyXsTxFaultChanges, &N::onLastPhyXsTxFaultChange, &N::onPhyXsLane0To3Sync,
-             &N::onPhyXsLane0To3SyncChanges, &N::onLastPhyXsLane0To3SyncChange, &N::onPhyXsLaneAlignmentStatus,
-             &N::onPhyXsLaneAlignmentStatusChanges, &N::onLastPhyXsLaneAlignmentStatusChange,
-             &N::onPhyXsDebugStateValid, &N::onAnegDebugState, &N::onXcvrEepromReadTimeouts,
-             &N::onLastXcvrEepromReadTimeout, &N::onPhantomXcvrDetections, &N::onLastPhantomXcvrDetection,
-             &N::onDiagsMode, &N::onDiagsModeEpoch, &N::onLoopback, &N::onNextPhyEntityFullName,
-             &N::onShowIntfPhySupported, &N::onXauiSyncsUntilAlignHwm, &N::onLastXauiSyncsUntilAlignHwmIncrement,
-             &N::onExcessiveXauiSyncUntilAlign, &N::onLastExcessiveXauiSyncUntilAlign, &N::onResetAndReInitRequired,
-             &N::onPhyConfigVersion, &N::onPhyConfigVersionInHw);
-      EXPECT_EQ(next - first, 117);
-   }
+   EXPECT_EQ(slotOf(&PhyStatus::NotifieeConst::onXcvrStatus), 30);
+   EXPECT_EQ(slotOf(&PhyStatus::NotifieeConst::onPhyConfigVersionInHw), 30 + 116);
    {
       using N = Cl10010Status::NotifieeConst;
-      follow(next, &N::onDebugStateSnapshotTimestamp, &N::onHostEgressPcsSignalGood, &N::onHostEgressPcsLaneAligned,
-             keyed<N, ClariPhyTypes::HostLane>(&N::onHostEgressLaneBlockAligned),
-             &N::onHostEgressLaneBlockAlignedmoxImmediate, bare<N>(&N::onHostEgressLaneBlockAligned),
-             &N::onHostPllLocked, &N::onHostEgressDataFifoGood, &N::onHostEgressOutOfFrameAlarm,
-             &N::onHostEgressLossOfFrame, &N::onHostEgressLaneAligned,
-             keyed<N, ClariPhyTypes::HostLane>(&N::onHostEgressLaneLossOfFrame),
-             &N::onHostEgressLaneLossOfFramemoxImmediate, bare<N>(&N::onHostEgressLaneLossOfFrame),
-             &N::onHostIngressPcsSignalGood, keyed<N, ClariPhyTypes::HostLane>(&N::onHostIngressLaneBlockAligned),
-             &N::onHostIngressLaneBlockAlignedmoxImmediate, bare<N>(&N::onHostIngressLaneBlockAligned),
-             &N::onOtuLossOfAnyFrame, &N::onHostIngressDataFifoGood, &N::onHostIngressLossOfMultiFrame,
-             &N::onHostIngressLossOfFrame, &N::onHostIngressOutOfFrame, &N::onOtl4LaneAligned,
-             keyed<N, Xcvr::CfpxHostLaneId>(&N::onLineLaneAligned), &N::onLineLaneAlignedmoxImmediate,
-             bare<N>(&N::onLineLaneAligned), &N::onTimingRecoveryLock, &N::onSignalDetectFromXcvr, &N::onSignalDetect,
-             &N::onUserDefinedSignalLock, &N::onSignalLock, keyed<N, Xcvr::CfpxHostLaneId>(&N::onLaneSignalDetect),
-             &N::onLaneSignalDetectmoxImmediate, bare<N>(&N::onLaneSignalDetect), &N::onSignalDetectSummary,
-             keyed<N, Xcvr::CfpxHostLaneId>(&N::onAmplitude), &N::onAmplitudemoxImmediate, bare<N>(&N::onAmplitude),
-             keyed<N, Xcvr::CfpxHostLaneId>(&N::onMeanSquareError), &N::onMeanSquareErrormoxImmediate,
-             bare<N>(&N::onMeanSquareError), keyed<N, Xcvr::CfpxHostLaneId>(&N::onAgcGain), &N::onAgcGainmoxImmediate,
-             bare<N>(&N::onAgcGain), keyed<N, Xcvr::CfpxHostLaneId>(&N::onRxSkew), &N::onRxSkewmoxImmediate,
-             bare<N>(&N::onRxSkew), &N::onCenterGravityH, &N::onCenterGravityV,
-             keyed<N, Xcvr::CfpxHostLaneId>(&N::onAdcUnitOffset), &N::onAdcUnitOffsetmoxImmediate,
-             bare<N>(&N::onAdcUnitOffset), keyed<N, Xcvr::CfpxHostLaneId>(&N::onAdcRowOffset),
-             &N::onAdcRowOffsetmoxImmediate, bare<N>(&N::onAdcRowOffset),
-             keyed<N, Xcvr::CfpxHostLaneId>(&N::onAdcGainError), &N::onAdcGainErrormoxImmediate,
-             bare<N>(&N::onAdcGainError), keyed<N, Xcvr::CfpxHostLaneId>(&N::onAdcTimingError),
-             &N::onAdcTimingErrormoxImmediate, bare<N>(&N::onAdcTimingError), &N::onFecFrames, &N::onFecErrors,
-             &N::onCurrPreFecErrorRate, &N::onFirmwareSmState, &N::onFirmwareSmStateChanges,
-             &N::onLastFirmwareSmStateChanged, &N::onPerformanceMonitorCount, &N::onDiffGroupDelay,
-             &N::onCumDiffGroupDelay, &N::onChromaticDispersion, &N::onCumChromaticDispersion,
-             &N::onPolarizationDepLoss, &N::onCumPolarizationDepLoss, &N::onCarrierFreqOffset,
-             &N::onCumCarrierFreqOffset, &N::onStateOfPolarizationRate, &N::onQFactorFromBer, &N::onQFactorH,
-             &N::onQFactorV, &N::onCumQFactorH, &N::onCumQFactorV, &N::onLdpcWordErrorRate, &N::onLdpcWordErrors,
-             &N::onTotalLdpcWords, keyed<N, Mox::Name>(&N::onLdpcHistograms), &N::onLdpcHistogramsmoxImmediate,
-             bare<N>(&N::onLdpcHistograms), &N::onRollOff);
-      EXPECT_EQ(next - first, 117 + 90);
+      EXPECT_EQ(slotOf(&N::onDebugStateSnapshotTimestamp), 147);
+      expectKeyed<N, Mox::Name>(147 + 86, &N::onLdpcHistograms, &N::onLdpcHistogramsmoxImmediate, &N::onLdpcHistograms);
+      EXPECT_EQ(slotOf(&N::onRollOff), 147 + 89);
    }
 }
 

@@ -10,14 +10,14 @@
 #include "entities/Cl10010StatusReactor.h"
 #include "entities/FecHistogramReactor.h"
 #include "notify/EntityReactor.h"
-#include "siblings/Accelerator.h"
-#include "siblings/EthPhyIntfStatus.h"
-#include "siblings/Gpo.h"
-#include "siblings/IntCtrl.h"
-#include "siblings/LedConfig.h"
-#include "siblings/PllStatus.h"
-#include "siblings/XcvrConfig.h"
-#include "siblings/XcvrStatus.h"
+#include "siblings/AcceleratorReactor.h"
+#include "siblings/EthPhyIntfStatusReactor.h"
+#include "siblings/GpoReactor.h"
+#include "siblings/IntCtrlReactor.h"
+#include "siblings/LedConfigReactor.h"
+#include "siblings/PllStatusReactor.h"
+#include "siblings/XcvrConfigReactor.h"
+#include "siblings/XcvrStatusReactor.h"
 #include "simulation/Values.h"
 #include "simulation/Words.h"
 
@@ -574,8 +574,10 @@ template <class X> std::string shrunk(std::vector<Step> steps) {
 }
 
 template <class X> struct Model : testing::Test {};
-using Types = testing::Types<Cl10010Config, Cl10010Status, FecHistogram, Cl10010ConfigDir, Cl10010StatusDir,
-                             Cl10010ConfigPtrDir, Cl10010StatusPtrDir>;
+using Types =
+   testing::Types<Cl10010Config, Cl10010Status, FecHistogram, Cl10010ConfigDir, Cl10010StatusDir, Cl10010ConfigPtrDir,
+                  Cl10010StatusPtrDir, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl,
+                  Hardware::Led::LedConfig, Hardware::Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
 TYPED_TEST_SUITE(Model, Types);
 
 TYPED_TEST(Model, AndEntityDoTheSame) {
@@ -589,7 +591,11 @@ TYPED_TEST(Model, AndEntityDoTheSame) {
          FAIL() << "seed " << seed << ": " << shrunk<TypeParam>(steps);
    }
    std::size_t pairs = 0;
-   Run<TypeParam>::List::forEach([&](auto a) { pairs += operationCount<decltype(a)>(); });
+   auto const entity = made<TypeParam>("it");
+   Run<TypeParam>::List::forEach([&](auto a) {
+      pairs += operationCount<decltype(a)>();
+      EXPECT_EQ(entity->attributeString(a.id), a.name);
+   });
    std::cout << "attributes " << Run<TypeParam>::List::size << ", operations " << operations << ", pairs "
              << Run<TypeParam>::covered.size() << " of " << pairs << '\n';
    if (given == nullptr) {

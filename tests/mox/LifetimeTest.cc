@@ -168,7 +168,11 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
          }
          throw 2;
       }
-      void onNotificationException(Mox::AttributeId) override { throw; }
+      void onNotificationException(Mox::AttributeId id) override {
+         threw.push_back(id);
+         throw;
+      }
+      std::vector<Mox::AttributeId> threw;
       bool isFirst = true;
       Mox::Name first;
       Ptr<Cl10010Config> back;
@@ -182,6 +186,7 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
    stubborn->isRegisteredNotifieeIs(true);
    dir = nullptr;
    EXPECT_EQ(stubborn->log.size(), 3u);
+   EXPECT_EQ(stubborn->threw, (std::vector<Mox::AttributeId>{5, 258, 258, 258}));
    EXPECT_EQ(stubborn->notifier(), nullptr);
    ASSERT_NE(stubborn->back, nullptr);
    EXPECT_EQ(stubborn->back->parent(), nullptr);
