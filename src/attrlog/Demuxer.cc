@@ -18,6 +18,8 @@ constexpr std::uint32_t slotGap = 64;
 
 thread_local Demuxer* firstDemuxer = nullptr;
 
+constinit Ptr<In> const noStream; ///< a record is applied, not answered
+
 std::string textOf(EntityId id) {
    return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
 }
@@ -83,6 +85,7 @@ void Demuxer::cut() noexcept {
       waiting_.push_back(std::move(slot));
    }
    peer_.clear();
+   isInHandCurrent_ = false;
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
    // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
@@ -357,6 +360,7 @@ void Demuxer::detached(Sa& sa) noexcept {
       }
    } else if (id.slot() < peer_.size() && peer_[id.slot()].sa == &sa) {
       peer_[id.slot()].sa = nullptr;
+      isInHandCurrent_ = false;
    }
 }
 
@@ -671,6 +675,7 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
 void Demuxer::release(PeerSlot& slot) noexcept {
    // Moved out first: what goes may run reactors that come back here.
    PeerSlot const gone{std::move(slot.sa), std::move(slot.entity), slot.generation, false};
+   isInHandCurrent_ = false; // it may be this
    slot.sa = nullptr;
    slot.entity = nullptr;
    slot.isUsed = false;
@@ -856,19 +861,31 @@ std::string Demuxer::where(In const& in, Sa const* sa) const {
           std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
 }
 
-void Demuxer::record(In& in) {
-   EntityId const id = in.header().entity;
-   PeerSlot const* slot = id.side() == 1 ? peerSlot(id) : nullptr;
-   if (slot == nullptr || !slot->sa || slot->sa != inHand_.sa) {
-      // First: what goes may run reactors that change the table.
-      recordsEnd();
-      slot = id.side() == 1 ? peerSlot(id) : nullptr;
-      if (slot == nullptr || !slot->sa) {
-         otherRecord(in);
-         return;
+void Demuxer::applyRecord(Sa& sa, In& in) {
+   MsgHeader const& header = in.header();
+   applicationStarted_ = false;
+   try {
+      switch (header.kind) {
+      case kind::marker:
+         applyMarker(sa, in);
+         break;
+      case kind::value:
+      case kind::childLog:
+         if (sa.handleAttrDeserialization(header.attribute, {}, 0, noStream) == 0)
+            ++counters_.unknownAttributes;
+         break;
+      default:
+         ++counters_.unknownKinds;
       }
-      // Both held: a record may announce another entity under this very identifier.
-      inHand_ = *slot;
+   } catch (...) {
+      applicationFailed(sa, in);
+   }
+}
+
+void Demuxer::record(In& in) {
+   if ((!isInHandCurrent_ || in.header().entity != inHandId_) && !taken(in)) [[unlikely]] {
+      otherRecord(in);
+      return;
    }
    // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
@@ -876,7 +893,23 @@ void Demuxer::record(In& in) {
    applyRecord(*inHand_.sa, in);
 }
 
+/// Takes in hand what the record is for. \return false where nothing here is mirrored under its identifier
+bool Demuxer::taken(In& in) noexcept {
+   // First: what goes may run reactors that change the table.
+   recordsEnd();
+   EntityId const id = in.header().entity;
+   PeerSlot const* const slot = id.side() == 1 ? peerSlot(id) : nullptr;
+   if (slot == nullptr || !slot->sa)
+      return false;
+   // Both held: a record may announce another entity under this very identifier.
+   inHand_ = *slot;
+   inHandId_ = id;
+   isInHandCurrent_ = true;
+   return true;
+}
+
 void Demuxer::letGo() noexcept {
+   isInHandCurrent_ = false;
    // Moved out first: what goes may run reactors that come back here.
    PeerSlot const gone{std::move(inHand_.sa), std::move(inHand_.entity)};
    inHand_.sa = nullptr;
@@ -910,28 +943,19 @@ void Demuxer::otherRecord(In& in) {
    ++(peerSlot(header.entity) == nullptr ? counters_.staleRecords : counters_.unknownTypes);
 }
 
-void Demuxer::applyRecord(Sa& sa, In& in) {
-   MsgHeader const& header = in.header();
-   applicationStarted_ = false;
+void Demuxer::applyMarker(Sa& sa, In& in) {
+   std::uint8_t const type = in.nextU8();
+   std::uint32_t const count = in.nextU32();
+   if (type > static_cast<std::uint8_t>(AttrTransactionType::end))
+      throwRangeException("marker type " + std::to_string(type) + ": expected 0 to 2");
+   sa.handleAttrTransaction(static_cast<AttributeId>(in.header().attribute), static_cast<AttrTransactionType>(type),
+                            count);
+}
+
+/// Reports and counts the exception in flight, which ended the record in hand. \throws it again where it ends the connection
+void Demuxer::applicationFailed(Sa& sa, In& in) {
    try {
-      switch (header.kind) {
-      case kind::marker: {
-         std::uint8_t const type = in.nextU8();
-         std::uint32_t const count = in.nextU32();
-         if (type > static_cast<std::uint8_t>(AttrTransactionType::end))
-            throwRangeException("marker type " + std::to_string(type) + ": expected 0 to 2");
-         sa.handleAttrTransaction(static_cast<AttributeId>(header.attribute), static_cast<AttrTransactionType>(type),
-                                  count);
-         break;
-      }
-      case kind::value:
-      case kind::childLog:
-         if (sa.handleAttrDeserialization(header.attribute, {}, 0, nullptr) == 0)
-            ++counters_.unknownAttributes;
-         break;
-      default:
-         ++counters_.unknownKinds;
-      }
+      throw;
    } catch (ProtocolException const&) {
       throw;
    } catch (EnumException const& e) {

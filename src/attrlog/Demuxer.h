@@ -248,9 +248,12 @@ private:
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
    void readOrphan(In& in);
+   bool taken(In& in) noexcept;
    void letGo() noexcept;
    void otherRecord(In& in);
-   inline void applyRecord(Sa& sa, In& in);
+   [[gnu::always_inline]] inline void applyRecord(Sa& sa, In& in);
+   void applyMarker(Sa& sa, In& in);
+   void applicationFailed(Sa& sa, In& in);
    void flushRetirements();
    void owedAllPaid();
    void reidentifiedMarked();
@@ -272,6 +275,7 @@ private:
    bool anyAwaited_ = false; ///< something was referred to, on this connection, before its owner has announced it again
    bool newIdentifiers_ = false;
    bool applicationStarted_ = false;
+   bool isInHandCurrent_ = false; ///< `inHandId_` still stands for `inHand_`
 
    std::vector<OwnSlot> own_;
    std::vector<std::uint32_t> freeSlots_;
@@ -279,6 +283,7 @@ private:
    std::vector<PeerSlot> peer_;
    std::uint32_t peerHighestSlot_ = highestSlot;
    PeerSlot inHand_;               ///< what the last record was for
+   EntityId inHandId_;
    std::vector<PeerSlot> waiting_; ///< of an earlier connection
    std::size_t syncing_ = 0;
 

@@ -194,6 +194,7 @@ protected:
    Ptr<Entity::MoxNboAttrLogSa> childAdapterDel(Ptr<Entity> const& child);
 
 private:
+   struct Reading;
    Flow& neededFlow();
    template <class A, class... Key> void mark(A, Key const&... key);
    template <class A> void markKey(A, typename A::Key const& key);
@@ -209,7 +210,7 @@ private:
    template <class A> void endCollection(A, Flow& flow);
    void parkedIs(Flow& flow, Mark mark);
    void suspendedIs(Flow& flow, Mark mark);
-   template <class A> void read(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> [[gnu::noinline]] void read(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readValue(A, In& in, bool isLocal);
    template <class A> void readElement(A, In& in, bool isLocal);
    template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
@@ -243,8 +244,12 @@ public:
 
    template <class A, class... Key> void forward(A, Key const&... key) {
       // The framework's own attributes are not replicated: a mirror has its own parent. The base adapter takes note of it.
-      if (sa_ != nullptr)
-         A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
+      if (sa_ == nullptr)
+         return;
+      if constexpr (requires { requires !A::ownsMembers; })
+         if (sa_->applyingTaken(A::id))
+            return;
+      A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
    }
 };
 

@@ -224,11 +224,6 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
          writeNow(a);
          return;
       }
-   if constexpr (!A::ownsMembers)
-      if (this->handlingFlowInFor(A::id) && !this->hasFlag(StreamAdapter::inert)) {
-         this->applyingConsumed();
-         return;
-      }
    changedOtherwise(a, key...);
 }
 
@@ -236,15 +231,15 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changed(A a
 template <class X> template <class A, class... Key> void LevelSa<X>::changedOtherwise(A a, Key const&... key) {
    if (this->hasFlag(StreamAdapter::inert))
       return;
-   if constexpr (A::ownsMembers)
-      if (this->handlingFlowInFor(A::id)) {
-         // The new member gets its adapter before any other reactor can write to it.
+   if (this->handlingFlowInFor(A::id)) {
+      // The new member gets its adapter before any other reactor can write to it.
+      if constexpr (A::ownsMembers)
          if (auto const* const anchor = this->demuxer_->anchor())
             if (auto* const member = A::cell(object()).find(key...))
                this->demuxer_->bind(anchor->id(), *member);
-         this->applyingConsumed();
-         return;
-      }
+      this->applyingConsumed();
+      return;
+   }
    if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->isPaused() ||
        this->demuxer_ == nullptr)
       return;
@@ -713,23 +708,56 @@ template <class X> void LevelSa<X>::doNotification(AttributeId id, void* key) {
       Base::doNotification(id, key);
 }
 
+/// One record on its way to the attribute that it names.
+///
+/// Whoever sends many attributes in turn makes the receiver run through the code of each: what stands here once per attribute is
+/// only what the commonest record needs, a value for a mirror that owes its reactors no word. The rest stands apart.
+template <class X> struct LevelSa<X>::Reading {
+   static constexpr unsigned removal = 1;
+   static constexpr unsigned local = 2;
+   static constexpr unsigned owing = 4; ///< the reactors may be owed word of something written here
+   static constexpr unsigned unknown = 8;
+
+   LevelSa& self;
+   In& in;
+   unsigned how;
+
+   template <class A> void operator()(A a) {
+      if constexpr (!A::isKeyed && A::kind != Kind::reference)
+         if (how == 0) [[likely]] {
+            auto const value = Wire<typename A::Value>::read(in);
+            self.applyingBegins(A::id);
+            self.demuxer_->applicationStarts();
+            A::put(self.object(), value);
+            return;
+         }
+      if (A::hasEntries || (how & removal) == 0) // only entries can be removed
+         self.read(a, (how & removal) != 0, in, (how & local) != 0);
+      else
+         how |= unknown;
+   }
+};
+
 template <class X>
 int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count,
                                           Ptr<In> const& in) {
    AttributeId const id = attributeOf(aid);
    if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
       return Base::handleAttrDeserialization(aid, options, count, in);
-   if (!in)
-      this->checkPeerMayWrite();
-   // Copies: what is called through the table would look up each reference again.
-   bool known = false;
-   visitAttribute<X>(id, [this, &known, input = in ? in.get() : this->demuxer_->in().get(), isRemoval = aid < 0,
-                          isLocal = static_cast<bool>(in)](auto a) {
-      known = !isRemoval || a.hasEntries; // only entries can be removed
-      if (known)
-         this->read(a, isRemoval, *input, isLocal);
-   });
-   return known ? 1 : 0;
+   unsigned const removal = aid < 0 ? Reading::removal : 0;
+   if (in) [[unlikely]] {
+      Reading reading{*this, *in, removal | Reading::local};
+      visitAttribute<X>(id, reading);
+      return (reading.how & Reading::unknown) == 0 ? 1 : 0;
+   }
+   this->checkPeerMayWrite();
+   struct End {
+      LevelSa& self;
+      ~End() { self.applyingConsumed(); }
+   } const end{*this};
+   Reading reading{*this, *this->demuxer_->in(), removal | (this->untold_.empty() ? 0 : Reading::owing)};
+   visitAttribute<X>(id, reading);
+   return (reading.how & Reading::unknown) == 0 ? 1 : 0;
 }
 
 /// Runs `put` for the peer, and tells the reactors once where they were owed it and `put` found nothing to change.
@@ -737,7 +765,8 @@ template <class X> template <class A, class Put, class... Key> void LevelSa<X>::
    if (this->demuxer_ == nullptr)
       return; // a reactor has unmounted the mirror between two changes of one record: it stays as it is
    bool const isOwed = !this->untold_.empty() && this->untoldTaken(Mark(A::id, key...));
-   typename Entity::MoxNboAttrLogSa::Applying const scope(*this, A::id);
+   typename Entity::MoxNboAttrLogSa::Applying const scope(*this);
+   this->applyingBegins(A::id);
    this->demuxer_->applicationStarts();
    put();
    if (!isOwed || !scope.wasSilent())

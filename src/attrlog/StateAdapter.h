@@ -162,6 +162,13 @@ public:
 
    /// Only this adapter's own application or sweep of `id`, and only while it is the innermost thing running.
    bool handlingFlowInFor(AttributeId id) const noexcept { return hasFlag(applying) && applyingId_ == id; }
+   /// Ends this adapter's own application of `id`, if that is what is being told: the commonest answer of a mirror's adapter.
+   bool applyingTaken(AttributeId id) noexcept {
+      if ((flags_ & (applying | inert)) != applying || applyingId_ != id)
+         return false;
+      applyingConsumed();
+      return true;
+   }
    /// Whether a read-only copy may be written here all the same.
    virtual bool convertedToWritable(bool) { return false; }
    bool readOnlyRemoteOk(AttributeId) const noexcept { return !hasFlag(readOnlyProxy); }
@@ -245,14 +252,17 @@ public:
 protected:
    MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer);
 
-   /// Runs one mutator of the entity for the peer: what it tells this adapter is not echoed.
+   /// From here to the end of an `Applying` a mutator of the entity runs for the peer: what it tells this adapter of `id` is not
+   /// echoed.
+   void applyingBegins(AttributeId id) noexcept {
+      flags_ |= applying;
+      applyingId_ = id;
+   }
+   /// Puts back, when it ends, what was being applied when it began: a record may be applied within another's reactors.
    class Applying {
    public:
-      Applying(MoxNboAttrLogSa& sa, AttributeId id) noexcept
-         : sa_(sa), outerFlag_(sa.flags_ & applying), outerId_(sa.applyingId_) {
-         sa.flags_ |= applying;
-         sa.applyingId_ = id;
-      }
+      explicit Applying(MoxNboAttrLogSa& sa) noexcept
+         : sa_(sa), outerFlag_(sa.flags_ & applying), outerId_(sa.applyingId_) {}
       ~Applying() {
          sa_.flags_ = (sa_.flags_ & ~applying) | outerFlag_;
          sa_.applyingId_ = outerId_;
@@ -275,7 +285,7 @@ protected:
          throwPeerMayNotWrite();
    }
    [[noreturn]] void throwPeerMayNotWrite() const;
-   void applyingConsumed() noexcept { flagIs(applying, false); }
+   void applyingConsumed() noexcept { flags_ &= ~applying; }
    /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
    void refusedIs(NboAttrLog::Mark mark, bool isTold = false) noexcept;
    /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.

@@ -19,6 +19,12 @@ template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst&
    }
 }
 
+template <class A, class... Key>
+[[gnu::noinline]] void deliverMany(ListRaw<PtrInterface::NotifieeConst> const& reactors, Key const&... key) {
+   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())
+      notify<A>(*it, key...);
+}
+
 } // namespace detail
 
 /// The delivery pass: calls `A`'s notification on every reactor that is registered when the pass starts, in list order.
@@ -32,19 +38,20 @@ template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst&
 template <class A, class... Key>
 [[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
    auto const& reactors = entity.moxReactors();
-   if (reactors.size() - 1 < 2) {
-      // The commonest lists, an adapter, a watch, or one of each: there is nothing to remember but the reactors themselves.
-      Ptr<PtrInterface::NotifieeConst> const second(reactors.size() == 2 ? reactors.last() : nullptr);
-      {
-         Ptr<PtrInterface::NotifieeConst> const first(reactors.first());
-         detail::notify<A>(*first, key...);
-      }
-      if (second && second->references() != 1)
-         detail::notify<A>(*second, key...);
+   // The commonest lists, an adapter, a watch, or one of each: there is nothing to remember but the reactors themselves. Who
+   // changes attributes in turn runs one copy of this per attribute, and waits for what the processor's cache can't hold: the
+   // longer lists stand apart.
+   if (reactors.size() - 1 >= 2) [[unlikely]] {
+      detail::deliverMany<A>(reactors, key...);
       return;
    }
-   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())
-      detail::notify<A>(*it, key...);
+   Ptr<PtrInterface::NotifieeConst> const second(reactors.first()->moxNextInList());
+   {
+      Ptr<PtrInterface::NotifieeConst> const first(reactors.first());
+      detail::notify<A>(*first, key...);
+   }
+   if (second && second->references() != 1)
+      detail::notify<A>(*second, key...);
 }
 
 template <class A> void announce(typename A::Owner const& entity) {
