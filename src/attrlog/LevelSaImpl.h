@@ -67,16 +67,12 @@ template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
    return count;
 }
 
-template <class X> AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
-   unsigned const bit = id - first;
-   for (unsigned w = bit / 32; w < words; ++w) {
-      std::uint32_t left = workable(w);
-      if (w == bit / 32)
-         left &= ~0u << bit % 32;
-      if (left != 0)
-         return first + w * 32 + static_cast<unsigned>(std::countr_zero(left));
-   }
-   return X::moxLastAttribute + 1;
+template <class X> [[gnu::always_inline]] inline AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
+   unsigned w = (id - first) / 32;
+   std::uint32_t left = w < words ? workable(w) & ~0u << (id - first) % 32 : 0;
+   while (left == 0 && ++w < words)
+      left = workable(w);
+   return left != 0 ? first + w * 32 + static_cast<unsigned>(std::countr_zero(left)) : X::moxLastAttribute + 1;
 }
 
 template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, typename A::Key const& key, bool dirty) {
@@ -456,6 +452,35 @@ template <class X> void LevelSa<X>::announceMember(AttributeId id, Entity& membe
 
 // LevelSa: the drain ----------------------------------------------------------------------------------------------------
 
+/// One attribute's turn in a drain. Most of a backlog are values that nothing stands in the way of: what their handler would do
+/// is done here, without the way there.
+template <class X> struct LevelSa<X>::Turn {
+   LevelSa* self;
+   Flow* flow;
+   bool isPlain; ///< no handler needs to be asked; false behind one that was, or a collection
+   bool isComplete = true;
+   bool isCollection = false;
+
+   Turn(LevelSa& s, Flow& f, bool plain) : self(&s), flow(&f), isPlain(plain) {}
+
+   template <class A> void operator()(A a) {
+      if constexpr (A::isKeyed) {
+         isPlain = false;
+         isCollection = true;
+         if constexpr (A::hasEntries)
+            isComplete = self->serializeCollection(a, *flow);
+         else
+            isComplete = self->serializeArray(a, *flow);
+      } else if (A::kind != Kind::reference && isPlain) {
+         flow->dirtyBitIs(a, false);
+         self->writeNow(a);
+      } else {
+         isPlain = false;
+         self->fire(a);
+      }
+   }
+};
+
 template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) {
    struct Draining {
       explicit Draining(StreamAdapter& a) : sa(a), before(a.hasFlag(StreamAdapter::draining)) {
@@ -479,33 +504,22 @@ template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) 
          return X::moxFirstAttribute;
       start = X::moxFirstAttribute;
    }
-   for (AttributeId id = start; id <= X::moxLastAttribute; ++id) {
-      id = flow->nextPending(id);
-      if (id > X::moxLastAttribute)
-         break;
+   Turn turn{*this, *flow, this->isPlainDrainer()};
+   for (AttributeId id = flow->nextPending(start); id <= X::moxLastAttribute; id = flow->nextPending(id + 1)) {
       flow->attrIdIs(id);
-      bool isComplete = true;
-      bool isCollection = false;
-      visitAttribute<X>(id, [&](auto a) {
-         using A = decltype(a);
-         if constexpr (A::isKeyed) {
-            isCollection = true;
-            if constexpr (A::hasEntries)
-               isComplete = serializeCollection(a, *flow);
-            else
-               isComplete = serializeArray(a, *flow);
-         } else {
-            A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this));
-         }
-      });
+      visitAttribute<X>(id, turn);
+      if (turn.isPlain) [[likely]] {
+         if (this->demuxer_->continueFlowOut())
+            continue;
+         return id + 1;
+      }
       if (this->flow_ != flow)
          return attr::none;
-      if ((flow->moxDataBits() & FlowOut::suspended) != 0)
-         return id;
-      if (isCollection && !isComplete)
+      if ((flow->moxDataBits() & FlowOut::suspended) != 0 || !turn.isComplete)
          return id;
       if (!this->demuxer_->continueFlowOut())
-         return !isCollection || flow->hasDirtyAttributes() ? id + 1 : attr::none;
+         return !turn.isCollection || flow->hasDirtyAttributes() ? id + 1 : attr::none;
+      turn = {*this, *flow, this->isPlainDrainer()};
    }
    return attr::none;
 }

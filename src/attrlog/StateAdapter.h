@@ -175,9 +175,11 @@ public:
    /// Whether nothing of this adapter's own stands between a change and its record: it is an exporter's, has been announced, and
    /// owes nothing. What is true of nearly all changes, in one comparison.
    bool isPlainExporter() const noexcept {
-      constexpr std::uint32_t decisive =
-         inert | suppressed | readOnlyCopy | applying | draining | serializing | alwaysDefer;
-      return (flags_ & decisive) == serializing && !isPaused_ && !flow_ && demuxer_ != nullptr;
+      return (flags_ & (decisive | draining | alwaysDefer)) == serializing && !isPaused_ && !flow_ && demuxer_ != nullptr;
+   }
+   /// The same of a value that is owed and of its turn in a drain.
+   bool isPlainDrainer() const noexcept {
+      return (flags_ & (decisive | draining)) == (serializing | draining) && !isPaused_ && demuxer_ != nullptr;
    }
    /// Whether a record may be written at once: during a drain, or with room and nothing owed by the stream.
    bool prepareImmediateTransmission(AttributeId id, bool isTight);
@@ -251,6 +253,8 @@ public:
 
 protected:
    MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer);
+
+   static constexpr std::uint32_t decisive = inert | suppressed | readOnlyCopy | applying | serializing;
 
    /// From here to the end of an `Applying` a mutator of the entity runs for the peer: what it tells this adapter of `id` is not
    /// echoed.
