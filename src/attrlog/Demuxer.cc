@@ -754,7 +754,7 @@ void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view 
          mark = sa->readKey(static_cast<AttributeId>(attribute), *in_);
       } catch (Exception const& e) {
          ++counters_.badValues;
-         report(where(*in_, sa.get()) + ": refresh of a key that can't be: " + e.what());
+         report(where(*in_, sa.get(), mark.attribute) + ": refresh of a key that can't be: " + e.what());
          return;
       }
    }
@@ -852,17 +852,16 @@ void Demuxer::forgetMirrors(Entity* top) {
 
 // Records that come in --------------------------------------------------------------------------------------------------
 
-std::string Demuxer::where(In const& in, Sa const* sa) const {
+std::string Demuxer::where(In const& in, Sa const* sa, AttributeId id) const {
    std::string text = in.where();
    if (sa == nullptr || sa->entity() == nullptr)
       return text;
-   AttributeId const id = attributeOf(in.header().attribute);
    return text + ", " + std::string(std::string_view(sa->entity()->fullName())) + "." +
           std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
 }
 
 void Demuxer::applyRecord(Sa& sa, In& in) {
-   MsgHeader const& header = in.header();
+   MsgHeader const header = in.header();
    applicationStarted_ = false;
    try {
       switch (header.kind) {
@@ -918,14 +917,14 @@ void Demuxer::letGo() noexcept {
 
 /// A record for nothing that is mirrored here: a write of the peer's, an orphan's announcement, or one that comes too late.
 void Demuxer::otherRecord(In& in) {
-   MsgHeader const& header = in.header();
+   MsgHeader const header = in.header();
    if (header.entity.side() == 0 && header.entity != orphanAnnouncement) {
       // A write to what this side owns. The refusal goes out before any acknowledgement of it.
       ++counters_.refusedWrites;
       out_->control(Refused{applied_ + 1, Reason::readOnly, {}});
       ++applied_;
       ++counters_.applied;
-      report(where(in, nullptr) + ": write-update from readonly proxy refused");
+      report(in.where() + ": write-update from readonly proxy refused");
       return;
    }
    ++applied_;
@@ -954,25 +953,28 @@ void Demuxer::applyMarker(Sa& sa, In& in) {
 
 /// Reports and counts the exception in flight, which ended the record in hand. \throws it again where it ends the connection
 void Demuxer::applicationFailed(Sa& sa, In& in) {
+   auto const tell = [&](char const* what) {
+      report(where(in, &sa, attributeOf(in.header().attribute)) + ": " + what);
+   };
    try {
       throw;
    } catch (ProtocolException const&) {
       throw;
    } catch (EnumException const& e) {
       ++(applicationStarted_ ? counters_.applicationExceptions : counters_.unknownEnums);
-      report(where(in, &sa) + ": " + e.what());
+      tell(e.what());
    } catch (std::bad_alloc const& e) {
       ++counters_.applicationExceptions;
-      report(where(in, &sa) + ": " + e.what());
+      tell(e.what());
       sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (std::exception const& e) {
       // A value that this side can't hold leaves the last good one. What a reactor throws is the application's affair: the
       // record counts as applied.
       ++(applicationStarted_ ? counters_.applicationExceptions : counters_.badValues);
-      report(where(in, &sa) + ": " + e.what());
+      tell(e.what());
    } catch (...) {
       ++counters_.applicationExceptions;
-      report(where(in, &sa) + ": an exception that is no std::exception");
+      tell("an exception that is no std::exception");
    }
 }
 

@@ -264,7 +264,7 @@ private:
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
    void release(PeerSlot& slot) noexcept;
-   std::string where(In const& in, Sa const* sa) const;
+   std::string where(In const& in, Sa const* sa, AttributeId id) const;
 
    Ptr<Out> out_;
    Ptr<In> in_;
@@ -282,7 +282,7 @@ private:
    std::vector<std::uint32_t> retirements_; ///< slots that owe one; room for every slot is kept
    std::vector<PeerSlot> peer_;
    std::uint32_t peerHighestSlot_ = highestSlot;
-   PeerSlot inHand_;               ///< what the last record was for
+   PeerSlot inHand_; ///< what the last record was for
    EntityId inHandId_;
    std::vector<PeerSlot> waiting_; ///< of an earlier connection
    std::size_t syncing_ = 0;

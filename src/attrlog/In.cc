@@ -12,8 +12,10 @@ std::string In::where() const {
 }
 
 std::string In::whoseRecord() const {
-   return where() + ", attribute " + std::to_string(header_.attribute) + " of entity " +
-          std::to_string(header_.entity.number());
+   if (header_ == nullptr)
+      return where();
+   return where() + ", attribute " + std::to_string(header().attribute) + " of entity " +
+          std::to_string(header().entity.number());
 }
 
 void In::throwShort(std::size_t wanted) const {
@@ -81,7 +83,7 @@ std::size_t In::keptBytes() const noexcept {
 void In::reset() noexcept {
    at_ = limit_ = nullptr;
    body_ = {};
-   header_ = {};
+   header_ = nullptr;
    base_ = 0;
    word_ = plainLengths_ = 0;
    helloSeen_ = broken_ = reading_ = carriedInHand_ = false;
@@ -195,9 +197,9 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
       at += frame::baseSize;
    }
    if (std::uint8_t const* const first = at + frame::headerSize; !isBetweenTokens(first, end)) {
-      header_.load(at);
-      throwBroken("attribute " + std::to_string(header_.attribute) + " of entity " +
-                  std::to_string(header_.entity.number()) + ": expected the body between tokens 1 and 3, got " +
+      header_ = at;
+      throwBroken("attribute " + std::to_string(header().attribute) + " of entity " +
+                  std::to_string(header().entity.number()) + ": expected the body between tokens 1 and 3, got " +
                   std::to_string(*first) + " and " + std::to_string(end[-1]));
    }
    recordIs(at, end);
@@ -205,6 +207,7 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
 }
 
 bool In::acceptControl(std::uint8_t const* at, std::uint8_t const* end) {
+   header_ = nullptr; // that of an earlier frame, whose bytes may be gone
    controlKind_ = static_cast<ControlKind>(at[0]);
    bool const mustKnow = (at[1] & mustKnowFlag) != 0;
    body_ = {at + frame::controlHeadSize, end};

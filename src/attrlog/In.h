@@ -105,8 +105,13 @@ public:
    bool isWrite() const noexcept { return (word_ & frame::writeBit) != 0; }
    /// A write's base: digest of the value that it was made over. 0 for other records.
    U64 base() const noexcept { return base_; }
-   MsgHeader const& header() const noexcept { return header_; }
-   bool isMarker() const noexcept { return header_.kind == kind::marker && !isControl(); }
+   /// Of a record. Read where it lies: who asks for one field pays for that one.
+   [[gnu::always_inline]] MsgHeader header() const noexcept {
+      MsgHeader header;
+      header.load(header_);
+      return header;
+   }
+   bool isMarker() const noexcept { return !isControl() && header().kind == kind::marker; }
 
    ControlKind controlKind() const noexcept { return controlKind_; }
    /// Decodes the control frame in hand. \throws ProtocolException when it is too short for C's fields
@@ -237,7 +242,7 @@ private:
    }
    /// Shows the record between a header at `at` and `end`, whose tokens have been checked.
    void recordIs(std::uint8_t const* at, std::uint8_t const* end) noexcept {
-      header_.load(at);
+      header_ = at;
       at_ = at + frame::headerSize + 1;
       limit_ = end - 1;
       body_ = {at_, limit_};
@@ -261,7 +266,7 @@ private:
    std::uint8_t const* at_ = nullptr;    ///< next byte of the body
    std::uint8_t const* limit_ = nullptr; ///< end of the readable bytes: the open section's, or the body's
    std::span<std::uint8_t const> body_;
-   MsgHeader header_;
+   std::uint8_t const* header_ = nullptr; ///< of the record in hand
    U64 base_ = 0;
    std::uint32_t word_ = 0;
    std::uint32_t plainLengths_ = 0; ///< how many lengths, from `leastRecord` on, a record may have; 0 before the hello

@@ -175,7 +175,8 @@ public:
    /// Whether nothing of this adapter's own stands between a change and its record: it is an exporter's, has been announced, and
    /// owes nothing. What is true of nearly all changes, in one comparison.
    bool isPlainExporter() const noexcept {
-      return (flags_ & (decisive | draining | alwaysDefer)) == serializing && !isPaused_ && !flow_ && demuxer_ != nullptr;
+      return (flags_ & (decisive | draining | alwaysDefer)) == serializing && !isPaused_ && !flow_ &&
+             demuxer_ != nullptr;
    }
    /// The same of a value that is owed and of its turn in a drain.
    bool isPlainDrainer() const noexcept {

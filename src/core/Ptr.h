@@ -21,7 +21,8 @@ template <class T> class Ptr;
 /// The process-wide switch between plain and atomic reference counts.
 class VFPtrInterface {
 public:
-   /// *Threads*: call it before the second thread starts; it can't be switched back while threads share objects.
+   /// *Threads*: call it before the second thread starts, and from no reactor; it can't be switched back while threads share
+   /// objects.
    static void enableThreadSafePointers(bool on = true) noexcept { threadSafe_ = on; }
    static bool threadSafePointers() noexcept { return threadSafe_; }
 
@@ -64,13 +65,20 @@ public:
       if (VFPtrInterface::threadSafePointers()) [[unlikely]]
          sharedReferenceInc();
       else
-         word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+         plainReferenceInc();
    }
    [[gnu::always_inline]] void referenceDec() const noexcept {
-      if (VFPtrInterface::threadSafePointers()) [[unlikely]] {
+      if (VFPtrInterface::threadSafePointers()) [[unlikely]]
          sharedReferenceDec();
-         return;
-      }
+      else
+         plainReferenceDec();
+   }
+
+   /// The same without a look at the switch, for a pass that has looked once and does so for each reactor.
+   [[gnu::always_inline]] void plainReferenceInc() const noexcept {
+      word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+   }
+   [[gnu::always_inline]] void plainReferenceDec() const noexcept {
       std::uint32_t const left = word_.load(std::memory_order_relaxed) - 1;
       word_.store(left, std::memory_order_relaxed);
       if ((left & countMask) == 0) [[unlikely]]

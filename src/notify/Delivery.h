@@ -19,6 +19,21 @@ template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst&
    }
 }
 
+/// A reactor, if there is one, kept for the time of a pass in a process whose counts are plain.
+struct Held {
+   explicit Held(PtrInterface::NotifieeConst* r) noexcept : reactor(r) {
+      if (reactor != nullptr)
+         reactor->plainReferenceInc();
+   }
+   [[gnu::always_inline]] ~Held() {
+      if (reactor != nullptr)
+         reactor->plainReferenceDec();
+   }
+   Held(Held const&) = delete;
+   Held& operator=(Held const&) = delete;
+   PtrInterface::NotifieeConst* const reactor;
+};
+
 template <class A, class... Key>
 [[gnu::noinline]] void deliverMany(ListRaw<PtrInterface::NotifieeConst> const& reactors, Key const&... key) {
    for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())
@@ -40,18 +55,18 @@ template <class A, class... Key>
    auto const& reactors = entity.moxReactors();
    // The commonest lists, an adapter, a watch, or one of each: there is nothing to remember but the reactors themselves. Who
    // changes attributes in turn runs one copy of this per attribute, and waits for what the processor's cache can't hold: the
-   // longer lists stand apart.
-   if (reactors.size() - 1 >= 2) [[unlikely]] {
+   // longer lists, and counts that threads share, stand apart.
+   if (reactors.size() - 1 >= 2 || VFPtrInterface::threadSafePointers()) [[unlikely]] {
       detail::deliverMany<A>(reactors, key...);
       return;
    }
-   Ptr<PtrInterface::NotifieeConst> const second(reactors.first()->moxNextInList());
+   detail::Held const second(reactors.first()->moxNextInList());
    {
-      Ptr<PtrInterface::NotifieeConst> const first(reactors.first());
-      detail::notify<A>(*first, key...);
+      detail::Held const first(reactors.first());
+      detail::notify<A>(*first.reactor, key...);
    }
-   if (second && second->references() != 1)
-      detail::notify<A>(*second, key...);
+   if (second.reactor != nullptr && second.reactor->references() != 1)
+      detail::notify<A>(*second.reactor, key...);
 }
 
 template <class A> void announce(typename A::Owner const& entity) {

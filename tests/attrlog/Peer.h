@@ -37,7 +37,7 @@ inline Bytes bytesOf(Out& out) {
 /// acknowledgements are left out.
 inline std::string lineOf(In& in) {
    if (!in.isControl()) {
-      auto const& h = in.header();
+      auto const h = in.header();
       std::string const start = "#" + std::to_string(h.entity.slot()) + " " + std::to_string(h.attribute);
       if (in.isMarker())
          return start + (in.body()[0] == 0 ? " begin" : in.body()[0] == 1 ? " abort" : " end");
