@@ -89,17 +89,13 @@ void Demuxer::cut() noexcept {
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
    // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [this](PeerSlot const& slot) {
+   releaseWaiting([this](PeerSlot const& slot) {
       Entity const* top = slot.entity.get();
       while (top->moxRawParent() != nullptr)
          top = top->moxRawParent();
       Sa const* const sa = adapterOf(*top);
-      return sa != nullptr && (sa->isRoot() || sa->isOrphan());
+      return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
    });
-   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
-   waiting_.erase(behind, waiting_.end());
-   for (PeerSlot& slot : gone)
-      release(slot);
    reidentified_.clear();
    retiredMembers_.clear();
    wanted_ = nullptr;
@@ -317,11 +313,12 @@ void Demuxer::forgetTree(Entity& top) {
 void Demuxer::reidentify(Entity& top) {
    std::vector<Ptr<Entity>> tree;
    collectTree(top, tree);
-   // With a root goes what was announced below a root and has left it since: whether the peer saw that, nobody can know.
+   // With a root goes what was announced below a root and has left it since, and what lies below that: whether the peer saw it,
+   // nobody can know.
    if (Sa const* const sa = adapterOf(top); sa != nullptr && sa->isRoot())
       for (OwnSlot const& slot : own_)
          if (slot.sa && !slot.sa->isRoot() && !slot.sa->isOrphan() && !isUnderAnnounced(*slot.sa->entity()))
-            tree.push_back(Ptr<Entity>(slot.sa->entity()));
+            collectTree(*slot.sa->entity(), tree);
    for (Ptr<Entity> const& entity : tree)
       if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror()) {
          reidentified_.push_back(entity.get());
@@ -681,6 +678,9 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    slot.isUsed = false;
    if (gone.sa) {
       gone.sa->flowsInDelAll();
+      syncing(*gone.sa, false); // a reactor may end the connection, and a next one counts from the start
+      // What a reactor writes in answer is a change of an entity of this process, told as any other, and no refused one.
+      gone.sa->flagIs(StreamAdapter::letGo, true);
       try {
          while (!gone.sa->untold().empty() && gone.sa->entity() != nullptr)
             gone.sa->tellUntold(Mark(gone.sa->untold().back().mark));
@@ -693,6 +693,23 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    if (gone.entity && gone.entity->references() > 1)
       reidentified_.push_back(gone.entity.get());
    newIdentifiers_ = true;
+}
+
+/// Lets go of the mirrors of an earlier connection that `isLet` names. \return how many
+template <class Predicate> std::size_t Demuxer::releaseWaiting(Predicate&& isLet) {
+   // Taken out first: what goes may run reactors that look for mirrors here.
+   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
+   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
+   waiting_.erase(behind, waiting_.end());
+   for (PeerSlot& slot : gone)
+      release(slot);
+   return gone.size();
+}
+
+/// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too.
+void Demuxer::releaseWaitingBelow(Entity const& top) {
+   releaseWaiting(
+      [&](PeerSlot const& slot) { return !slot.sa->entityId().isAssigned() && isAtOrBelow(slot.entity.get(), top); });
 }
 
 Ptr<Entity> Demuxer::mirrorOf(EntityId wireId) noexcept {
@@ -729,7 +746,10 @@ void Demuxer::retired(EntityId wireId) {
             std::erase_if(retiredMembers_, [](Ptr<Entity> const& member) { return member->moxRawParent() == nullptr; });
          retiredMembers_.push_back(slot->entity);
       }
+   Ptr<Entity> const gone = slot->entity;
    release(*slot);
+   if (gone)
+      releaseWaitingBelow(*gone);
 }
 
 bool Demuxer::isOfAnother(Entity const& member, EntityId id) {
@@ -809,28 +829,16 @@ bool Demuxer::waitsBroken() {
             return true;
       return false;
    };
-   // Taken out first: what goes may run reactors that look for mirrors here.
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
-   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
-   waiting_.erase(behind, waiting_.end());
-   for (PeerSlot& slot : gone)
-      release(slot);
-   counters_.brokenWaits += gone.size();
-   return !gone.empty();
+   std::size_t const gone = releaseWaiting(isLet);
+   counters_.brokenWaits += gone;
+   return gone != 0;
 }
 
 void Demuxer::isNoMember(Entity& member) {
    Sa const* const sa = adapterOf(member);
    if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
       return;
-   // With it goes what lies below it, as in `waitsBroken`.
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) {
-      return slot.sa->entityId().isAssigned() || !isAtOrBelow(slot.entity.get(), member);
-   });
-   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
-   waiting_.erase(behind, waiting_.end());
-   for (PeerSlot& slot : gone)
-      release(slot);
+   releaseWaitingBelow(member);
 }
 
 void Demuxer::forgetMirrors(Entity* top) {
@@ -840,14 +848,7 @@ void Demuxer::forgetMirrors(Entity* top) {
    };
    for (std::size_t i = 0; i < peer_.size(); ++i)
       forget(peer_[i]);
-   // Taken out first: what goes may run reactors that look for mirrors here.
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) {
-      return top != nullptr && !isAtOrBelow(slot.entity.get(), *top);
-   });
-   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
-   waiting_.erase(behind, waiting_.end());
-   for (PeerSlot& slot : gone)
-      release(slot);
+   releaseWaiting([&](PeerSlot const& slot) { return top == nullptr || isAtOrBelow(slot.entity.get(), *top); });
 }
 
 // Records that come in --------------------------------------------------------------------------------------------------

@@ -264,6 +264,8 @@ private:
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
    void release(PeerSlot& slot) noexcept;
+   template <class Predicate> std::size_t releaseWaiting(Predicate&& isLet);
+   void releaseWaitingBelow(Entity const& top);
    std::string where(In const& in, Sa const* sa, AttributeId id) const;
 
    Ptr<Out> out_;

@@ -635,7 +635,13 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
       } else if constexpr (!A::hasEntries) {
          m.hasKey ? mark(a, m.template as<typename A::Key>()) : mark(a, typename A::Key());
       } else if (m.hasKey) {
-         markKey(a, m.template as<typename A::Key>());
+         auto const key = m.template as<typename A::Key>();
+         markKey(a, key);
+         // Whether the peer knew the name, nobody has noted; and it may wait for an answer, also when the name is gone before it
+         // is told.
+         if (auto* const keys = flowOut()->keys(a))
+            if (auto* const dirty = keys->map.find(key))
+               dirty->isKnown = true;
       } else {
          neededFlow().restarted(a);
       }
@@ -645,16 +651,12 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
 }
 
 template <class X> void LevelSa<X>::refreshAsked(Mark const& m) {
-   this->markAgain(m); // first: while it has an identifier, the peer is seen to know the name
+   this->markAgain(m);
    visitAttribute<X>(m.attribute, [&](auto a) {
       using A = decltype(a);
       if constexpr (A::ownsMembers) {
          if (!m.hasKey)
             return;
-         // The peer waits for an answer: also when the name is gone before it is told.
-         if (auto* const keys = flowOut() == nullptr ? nullptr : flowOut()->keys(a))
-            if (auto* const dirty = keys->map.find(m.name))
-               dirty->isKnown = true;
          if (auto* const member = A::cell(object()).find(m.name))
             this->demuxer_->reidentify(*member);
       }

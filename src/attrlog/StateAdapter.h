@@ -58,9 +58,10 @@ public:
    static constexpr std::uint32_t readOnlyCopy = 0x4;  ///< bit 2: the entity is a mirror that only its owner writes
    static constexpr std::uint32_t readOnlyProxy = 0x8; ///< bit 3: the peer may not write
    static constexpr std::uint32_t applying = 0x10;     ///< bit 4: this adapter's own application runs innermost
-   static constexpr std::uint32_t suppressed = 0x20 | 0x100; ///< bits 5 and 8: nothing is written or marked
-   static constexpr std::uint32_t weak = 0x40;               ///< bit 6: the entity is not kept alive
-   static constexpr std::uint32_t inert = 0x2000;            ///< bit 13
+   static constexpr std::uint32_t letGo = 0x20; ///< bit 5: the mirror is about to be an entity of this process alone
+   static constexpr std::uint32_t suppressed = letGo | 0x100; ///< bits 5 and 8: nothing is written or marked
+   static constexpr std::uint32_t weak = 0x40;                ///< bit 6: the entity is not kept alive
+   static constexpr std::uint32_t inert = 0x2000;             ///< bit 13
    static constexpr std::uint32_t flowOutMode = 0x100000; ///< bit 20: write only into free buffer, else through a flow
    static constexpr std::uint32_t draining = 0x400000;    ///< bit 22: a scheduled flow-out is being handled
    static constexpr std::uint32_t noReannounce = 0x2000000; ///< bit 25: an announced member is not announced again

@@ -417,7 +417,8 @@ void World::reacts(int role, U64 word, Entity& entity, Entity* member) {
 void World::told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
    bool const wasRefused = refused_.erase({&entity, cell}) != 0;
    // What is no mirror any more may be told by its new owner whatever that likes.
-   if (auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr; sa == nullptr || !sa->isMirror())
+   if (auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr;
+       sa == nullptr || !sa->isMirror() || sa->hasFlag(StreamAdapter::letGo))
       return;
    if ((before == nullptr ? now != "absent" : *before != now) || now.find("NaN") != std::string::npos)
       return;
