@@ -12,7 +12,7 @@ std::string In::where() const {
 }
 
 std::string In::whoseRecord() const {
-   if (header_ == nullptr)
+   if (isControl())
       return where();
    return where() + ", attribute " + std::to_string(header().attribute) + " of entity " +
           std::to_string(header().entity.number());
@@ -83,7 +83,7 @@ std::size_t In::keptBytes() const noexcept {
 void In::reset() noexcept {
    at_ = limit_ = nullptr;
    body_ = {};
-   header_ = nullptr;
+   header_ = noHeader.data();
    base_ = 0;
    word_ = plainLengths_ = 0;
    helloSeen_ = broken_ = reading_ = carriedInHand_ = false;
@@ -207,7 +207,7 @@ bool In::accept(std::uint8_t const* frame, std::size_t size) {
 }
 
 bool In::acceptControl(std::uint8_t const* at, std::uint8_t const* end) {
-   header_ = nullptr; // that of an earlier frame, whose bytes may be gone
+   header_ = noHeader.data(); // that of an earlier frame, whose bytes may be gone
    controlKind_ = static_cast<ControlKind>(at[0]);
    bool const mustKnow = (at[1] & mustKnowFlag) != 0;
    body_ = {at + frame::controlHeadSize, end};

@@ -5,6 +5,7 @@
 #include "core/Ptr.h"
 #include "core/String8.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -105,13 +106,13 @@ public:
    bool isWrite() const noexcept { return (word_ & frame::writeBit) != 0; }
    /// A write's base: digest of the value that it was made over. 0 for other records.
    U64 base() const noexcept { return base_; }
-   /// Of a record. Read where it lies: who asks for one field pays for that one.
+   /// Of a record; all 0 of a control frame. Read where it lies: who asks for one field pays for that one.
    [[gnu::always_inline]] MsgHeader header() const noexcept {
       MsgHeader header;
       header.load(header_);
       return header;
    }
-   bool isMarker() const noexcept { return !isControl() && header().kind == kind::marker; }
+   bool isMarker() const noexcept { return header().kind == kind::marker; }
 
    ControlKind controlKind() const noexcept { return controlKind_; }
    /// Decodes the control frame in hand. \throws ProtocolException when it is too short for C's fields
@@ -266,7 +267,8 @@ private:
    std::uint8_t const* at_ = nullptr;    ///< next byte of the body
    std::uint8_t const* limit_ = nullptr; ///< end of the readable bytes: the open section's, or the body's
    std::span<std::uint8_t const> body_;
-   std::uint8_t const* header_ = nullptr; ///< of the record in hand
+   static constexpr std::array<std::uint8_t, frame::headerSize> noHeader{};
+   std::uint8_t const* header_ = noHeader.data(); ///< of the record in hand
    U64 base_ = 0;
    std::uint32_t word_ = 0;
    std::uint32_t plainLengths_ = 0; ///< how many lengths, from `leastRecord` on, a record may have; 0 before the hello

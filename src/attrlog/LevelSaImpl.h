@@ -763,8 +763,7 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
    unsigned const removal = aid < 0 ? Reading::removal : 0;
    if (in) [[unlikely]] {
       Reading reading{*this, *in, removal | Reading::local};
-      visitAttribute<X>(id, reading);
-      return (reading.how & Reading::unknown) == 0 ? 1 : 0;
+      return visitAttribute<X>(id, reading) && (reading.how & Reading::unknown) == 0 ? 1 : 0;
    }
    this->checkPeerMayWrite();
    struct End {
@@ -772,8 +771,7 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
       ~End() { self.applyingConsumed(); }
    } const end{*this};
    Reading reading{*this, *this->demuxer_->in(), removal | (this->untold_.empty() ? 0 : Reading::owing)};
-   visitAttribute<X>(id, reading);
-   return (reading.how & Reading::unknown) == 0 ? 1 : 0;
+   return visitAttribute<X>(id, reading) && (reading.how & Reading::unknown) == 0 ? 1 : 0;
 }
 
 /// Runs `put` for the peer, and tells the reactors once where they were owed it and `put` found nothing to change.
