@@ -213,10 +213,13 @@ TEST(Counting, ThreadsShareObjectsInThreadSafeMode) {
       ~Mode() { Mox::VFPtrInterface::enableThreadSafePointers(false); }
    } const mode;
    auto const shared = make<Gpo>("reset");
-   auto const work = [&shared](bool flags) {
+   Mox::Name const name("shared");
+   auto const work = [&](bool flags) {
       for (int i = 0; i < 20000; ++i) {
          Ptr<Gpo> const a(shared);
          Ptr<Gpo const> const b(a);
+         Mox::Name const copy(name);
+         ASSERT_EQ(copy.hash(), Mox::hashOf("shared"));
          if (flags)
             shared->moxMarkedForDeletionIs(i % 2 == 0); // the flags share the word with the count
       }
