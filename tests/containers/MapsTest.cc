@@ -157,23 +157,6 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
-TYPED_TEST(Maps, LetEveryEntryBeDeletedUnderTheLoop) {
-   using Entry = typename TypeParam::Entry;
-   using Key = typename TypeParam::Key;
-   typename TypeParam::Map map;
-   for (int i = 0; i < 500; ++i)
-      map.insert(Mox::make<Entry>(keyOf<Key>(i), i));
-   int visited = 0;
-   for (auto [key, value] : map) {
-      ++visited;
-      map.deleteMember(key);
-      EXPECT_GE(value, 0);
-   }
-   EXPECT_EQ(visited, 500);
-   EXPECT_TRUE(map.empty());
-   EXPECT_EQ(map.first(), nullptr);
-}
-
 TYPED_TEST(Maps, RefuseWhatWouldBreakThem) {
    using Entry = typename TypeParam::Entry;
    using Key = typename TypeParam::Key;
@@ -213,67 +196,39 @@ TEST(HashMap, ClearsALongChainWithoutRecursion) {
    EXPECT_EQ(map.buckets(), 0u) << "memory comes back";
 }
 
-using ChannelTree = Mox::RbTreeMap<TreeEntry<CfpxHostChannel>, CfpxHostChannel, int>;
 using ChannelHash = Mox::HashMap<HashEntry<CfpxHostChannel>, CfpxHostChannel, int>;
 
 CfpxHostChannel channel(int number) {
    return CfpxHostChannel{number};
 }
 
-template <class Map> std::vector<int> channels(Map const& map) {
+std::vector<int> channels(ChannelHash const& map) {
    std::vector<int> result;
    for (auto [key, value] : map)
       result.push_back(static_cast<int>(key));
    return result;
 }
 
-TEST(RbTreeMap, IteratorGoesOnByKeyWhereItsEntryWas) {
-   ChannelTree map;
-   for (int const i : {3, 1, 2})
-      map.insert(Mox::make<TreeEntry<CfpxHostChannel>>(channel(i), i));
-   ChannelTree::Iterator it(map, channel(2));
-   map.deleteMember(channel(2));
-   EXPECT_EQ(it.value(), 2) << "a deleted entry keeps its value";
-   map.insert(Mox::make<TreeEntry<CfpxHostChannel>>(channel(5), 5));
-   map.insert(Mox::make<TreeEntry<CfpxHostChannel>>(channel(0), 0));
-   std::vector<int> visited;
-   for (it.advance(); it; it.advance())
-      visited.push_back(it.value());
-   EXPECT_EQ(visited, (std::vector<int>{3, 5}));
-   it.advance();
-   EXPECT_FALSE(it);
-   EXPECT_FALSE(it.hasBookmark());
-   EXPECT_FALSE(ChannelTree::IteratorConst(map).hasBookmark()) << "key 0 is a position without a bookmark";
-   EXPECT_TRUE(ChannelTree::IteratorConst(map, channel(1)).hasBookmark());
-}
-
-TEST(HashMap, VisitsInTheOrderOfReversedBitsWhateverItsSize) {
+TEST(HashMap, GrowsAndShrinksInTheOrderOfReversedBits) {
    ChannelHash map(4);
    EXPECT_EQ(map.buckets(), 0u);
    for (int i = 0; i < 4; ++i)
       map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
    EXPECT_EQ(map.buckets(), 16u);
    EXPECT_EQ(channels(map), (std::vector<int>{0, 2, 1, 3}));
+   EXPECT_TRUE(ChannelHash::IteratorConst(map, channel(1)).hasBookmark());
+   EXPECT_FALSE(ChannelHash::IteratorConst(map).hasBookmark()) << "key 0 is a position without a bookmark";
    auto const& table = Mox::HashMapVTable<HashEntry<CfpxHostChannel>, CfpxHostChannel>::instance();
    EXPECT_EQ(table.hash(*map.find(channel(3))), 0xc0000000u);
    EXPECT_TRUE(table.keyLessThan(channel(-1), map.find(channel(0)), nullptr)) << "numbers compare with their sign";
    EXPECT_FALSE(table.keyLessThan(channel(-1), map.find(channel(0)), map.find(channel(1))));
    EXPECT_TRUE(table.keyLessThan(channel(9), nullptr, nullptr));
-
-   ChannelHash::Iterator it(map, channel(2));
    for (int i = 4; i < 3000; ++i)
       map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
    EXPECT_EQ(map.buckets(), 4096u);
-   std::vector<int> const whole = channels(map);
-   auto const behindTwo = std::find(whole.begin(), whole.end(), 2) + 1;
-   std::vector<int> rest;
-   for (it.advance(); it; it.advance())
-      rest.push_back(it.value());
-   EXPECT_EQ(rest, std::vector<int>(behindTwo, whole.end())) << "growth loses and repeats nothing";
    for (int i = 4; i < 3000; ++i)
       map.deleteMember(channel(i));
    EXPECT_LE(map.buckets(), 32u) << "memory comes back after a burst";
-   EXPECT_EQ(channels(map), (std::vector<int>{0, 2, 1, 3}));
 }
 
 TEST(HashMap, HasChangedNothingWhenItCannotGrow) {
