@@ -297,28 +297,23 @@ std::string World::pathOf(Entity const* entity) const {
 
 void World::checkMemory() {
    auto const& out = *demuxer().out();
-   auto const f = demuxer().footprint();
    // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
-   std::size_t const bound = mark_ + 2048 + 1024 + 32 * f.slots;
+   std::size_t const bound = mark_ + 2048 + 1024 + 32 * demuxer().footprint().slots;
    if (out.highWater() > bound)
-      throw Divergence(std::string("side ") + side_ + ": the buffer held " + std::to_string(out.highWater()) +
-                       " bytes, at most " + std::to_string(bound) + " are allowed with a mark of " +
-                       std::to_string(mark_));
+      diverges("the buffer held " + std::to_string(out.highWater()) + " bytes, at most " + std::to_string(bound) +
+               " are allowed with a mark of " + std::to_string(mark_));
    demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
       if (sa.flow() && sa.entity() != nullptr)
          if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
-            throw Divergence(std::string("side ") + side_ + ": " + sa.entity()->fullName().str() + " has " +
-                             std::to_string(sa.flow()->dirtyKeys()) + " dirty keys, at most " + std::to_string(most) +
-                             " are allowed");
+            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.flow()->dirtyKeys()) +
+                     " dirty keys, at most " + std::to_string(most) + " are allowed");
    });
    if (demuxer().counters().refusedWrites != 0)
-      throw Divergence(std::string("side ") + side_ + ": a mirror wrote to its owner\n" + lastReports());
-   for (Ptr<Entity> const& root : roots_)
-      if (root->auditErrors(8) != 0)
-         throw Divergence("audit of " + root->fullName().str() + " finds errors");
-   for (Ptr<Entity> const& mirror : mirrors_)
-      if (mirror && mirror->auditErrors(8) != 0)
-         throw Divergence("audit of the mirror of " + mirror->fullName().str() + " finds errors");
+      diverges("a mirror wrote to its owner");
+   for (auto const* const roots : {&roots_, &mirrors_})
+      for (Ptr<Entity> const& root : *roots)
+         if (root && root->auditErrors(8) != 0)
+            diverges("audit of " + root->fullName().str() + " finds errors");
 }
 
 void World::checkHistories() {
@@ -328,25 +323,15 @@ void World::checkHistories() {
       addMembers(*mirror, all);
    }
    for (Ptr<Entity> const& entity : all) {
-      History const* history = nullptr;
-      for (auto* r = entity->moxReactors().first(); r != nullptr; r = r->moxNextInList())
-         if (auto const* const h = dynamic_cast<History const*>(r))
-            history = h;
+      History const* const history = historyOf(*entity);
       if (history == nullptr)
-         throw Divergence("nobody was told of " + entity->fullName().str());
-      Snapshot const now = Type::of(*entity).snapshot(*entity, identityOf);
-      auto told = history->told.cells;
-      std::erase_if(told, [](auto const& cell) { return cell.second == "absent"; });
-      for (auto const& [cell, text] : now.cells)
-         if (auto const at = told.find(cell); at == told.end() || at->second != text)
-            throw Divergence("history of " + entity->fullName().str() + "." +
-                             entity->attributeString(cell.attribute).str() + cell.key + ": told " +
-                             (at == told.end() ? "absent" : at->second) + ", is " + text);
-      for (auto const& [cell, text] : told)
-         if (!now.cells.contains(cell))
-            throw Divergence("history of " + entity->fullName().str() + "." +
-                             entity->attributeString(cell.attribute).str() + cell.key + ": told " + text +
-                             ", is absent");
+         diverges("nobody was told of " + entity->fullName().str());
+      auto const now = Type::of(*entity).snapshot(*entity, identityOf).cells;
+      for (auto const* const cells : {&now, &history->told.cells})
+         for (auto const& [cell, text] : *cells)
+            if (std::string const told = textIn(history->told.cells, cell), is = textIn(now, cell); told != is)
+               diverges("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
+                        cell.key + ": told " + told + ", is " + is);
    }
 }
 
@@ -366,6 +351,10 @@ std::string World::lastReports() {
    for (std::string const& report : reports_)
       text += std::string("   ") + side_ + ": " + report + "\n";
    return text;
+}
+
+void World::diverges(std::string const& what) {
+   throw Divergence(std::string("side ") + side_ + ": " + what + "\n" + lastReports());
 }
 
 // Context ---------------------------------------------------------------------------------------------------------------
@@ -434,9 +423,8 @@ void World::seen(Entity& entity, bool isMember) {
       if (sa == nullptr || !sa->isMirror())
          return;
    }
-   for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
-      if (dynamic_cast<History const*>(r) != nullptr)
-         return;
+   if (historyOf(entity) != nullptr)
+      return;
    recorders_.push_back(Type::of(entity).record(entity, *this));
    created(entity);
 }
