@@ -1,12 +1,11 @@
 #include "net/UnixPath.h"
-
 #include "net/SocketException.h"
+#include "support/Told.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <optional>
 
 #include <sys/stat.h>
@@ -20,17 +19,12 @@ namespace fs = std::filesystem;
 
 constexpr unsigned nobody = 65534;
 
-std::string messageOf(std::function<void()> const& action) {
-   try {
-      action();
-   } catch (SocketException const& e) {
-      return e.what();
-   }
-   return "(nothing thrown)";
+template <class Call> std::string messageOf(Call call) {
+   return textOf<SocketException>(call);
 }
 
 /// Runs `action` in a process of its own as another user; what it returns comes back.
-std::string asNobody(std::function<std::string()> const& action) {
+template <class Action> std::string asNobody(Action action) {
    int ends[2];
    EXPECT_EQ(::pipe(ends), 0);
    pid_t const child = ::fork();
@@ -60,25 +54,22 @@ TEST(UnixPath, NamesThatCannotBeHadAreRefusedAndLeftAlone) {
       char const* name;
       std::string path, message;
    } const table[] = {
-      {"empty", "", "socket '': expected a path of 1 to 107 bytes, got 0"},
-      {"too long", longest + 'x', "socket '" + longest + "x': expected a path of 1 to 107 bytes, got 108"},
-      {"file", file, "socket '" + file + "': expected a free name or an old socket, got a file"},
-      {"folder", folder.path(), "socket '" + folder.path() + "': expected a free name or an old socket, got a folder"},
-      {"no such folder", "/nowhere/s",
-       "socket '/nowhere/s': expected a folder, '/nowhere', got: No such file or directory"},
-      {"below a file", file + "/s", "socket '" + file + "/s': expected a folder, '" + file + "', got: Not a directory"},
-      {"live", live,
-       "socket '" + live + "': expected a free name or an old socket, got one that a live process listens on"},
+      {"empty", "", "expected a path of 1 to 107 bytes, got 0"},
+      {"too long", longest + 'x', "expected a path of 1 to 107 bytes, got 108"},
+      {"file", file, "expected a free name or an old socket, got a file"},
+      {"folder", folder.path(), "expected a free name or an old socket, got a folder"},
+      {"no such folder", "/nowhere/s", "expected a folder, '/nowhere', got: No such file or directory"},
+      {"live", live, "expected a free name or an old socket, got one that a live process listens on"},
    };
    for (auto const& c : table) {
       SCOPED_TRACE(c.name);
-      EXPECT_EQ(messageOf([&] { BoundSocket s(c.path); }), c.message);
+      EXPECT_EQ(messageOf([&] { BoundSocket s(c.path); }), "socket '" + c.path + "': " + c.message);
    }
    std::string kept;
    std::ifstream(file) >> kept;
    EXPECT_EQ(kept, "kept");
    ::close(connectedSocket(live));
-   EXPECT_EQ(messageOf([&] { BoundSocket s(longest); }), "(nothing thrown)");
+   EXPECT_EQ(messageOf([&] { BoundSocket s(longest); }), "(nothing was thrown)");
    EXPECT_EQ(messageOf([&] { connectedSocket(longest); }),
              "socket '" + longest + "': expected a listening process, got no such socket");
 }
@@ -86,10 +77,11 @@ TEST(UnixPath, NamesThatCannotBeHadAreRefusedAndLeftAlone) {
 TEST(UnixPath, SocketIsItsOwnersAndGoesWithIt) {
    PrivateFolder const folder;
    std::string const path = folder.path() + "/s";
-   struct stat found {};
-   ASSERT_EQ(::stat(folder.path().c_str(), &found), 0);
-   EXPECT_EQ(found.st_mode & 0777u, 0700u);
-
+   auto const modeOf = [](std::string const& name) {
+      struct stat found {};
+      return ::stat(name.c_str(), &found) == 0 ? found.st_mode & 0777u : 0u;
+   };
+   EXPECT_EQ(modeOf(folder.path()), 0700u);
    pid_t const child = ::fork();
    if (child == 0) {
       ::umask(0);
@@ -97,8 +89,7 @@ TEST(UnixPath, SocketIsItsOwnersAndGoesWithIt) {
       ::_exit(0); // as a crash would: the name stays and nobody listens
    }
    ::waitpid(child, nullptr, 0);
-   ASSERT_EQ(::stat(path.c_str(), &found), 0);
-   EXPECT_EQ(found.st_mode & 0777u, 0600u);
+   EXPECT_EQ(modeOf(path), 0600u);
    EXPECT_EQ(messageOf([&] { connectedSocket(path); }),
              "socket '" + path + "': expected a listening process, got a socket that nobody listens on");
 
@@ -127,9 +118,6 @@ TEST(UnixPath, OtherUsersAreKeptOut) {
    EXPECT_EQ(connectAsNobody(), denied) << "the folder is private";
    fs::permissions(folder.path(), fs::perms(0755));
    EXPECT_EQ(connectAsNobody(), denied) << "so is the socket";
-   EXPECT_EQ(asNobody([&] { return messageOf([&] { BoundSocket s(folder.path() + "/t"); }); }),
-             "socket '" + folder.path() + "/t': expected to create it in '" + folder.path() +
-                "', got: Permission denied");
 
    // And root does not take a stranger's process for its server.
    fs::permissions(folder.path(), fs::perms(0777));
