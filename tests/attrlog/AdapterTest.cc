@@ -172,48 +172,6 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
    EXPECT_EQ(written(), Lines{"#1 392: 0000000000000000"});
 }
 
-TEST_F(OneAdapter, AResendPausesAtAKeyAndMergesWhatChangesMeanwhile) {
-   for (int key : {1, 4, 8, 12})
-      port->calibrationIs(static_cast<CfpxHostChannel>(key), {static_cast<std::uint32_t>(key), 0, 0});
-   port->refClockIs(1);
-   written();
-   sa->owesAllIs();
-   demuxer.out()->markIs(1);
-   Lines all;
-   bool changed = false;
-   for (int i = 0; i < 200 && (demuxer.owes() || i == 0); ++i) {
-      demuxer.drain();
-      for (std::string& line : written()) {
-         bool const isFour = line.starts_with("#1 389: 00000004");
-         if (line.starts_with("#1 135") || line.starts_with("#1 389") || line.starts_with("#1 -389") ||
-             line.starts_with("#1 388"))
-            all.push_back(std::move(line));
-         if (isFour && !std::exchange(changed, true)) {
-            port->calibrationIs(CfpxHostChannel::channel12, {99, 0, 0}); // ahead: once, as it is by then
-            port->calibrationDel(CfpxHostChannel::channel1);             // behind: behind the end
-            port->calibrationDel(CfpxHostChannel::channel8);             // where the bookmark stands
-            port->refClockIs(2);                                         // below the cursor: a further round
-         }
-      }
-   }
-   Lines const expected{"#1 135: 00000002",
-                        "#1 388: 00000001",
-                        "#1 389 begin",
-                        "#1 389: 00000001000000010000000000000000",
-                        "#1 389: 00000004000000040000000000000000",
-                        "#1 389: 0000000c000000630000000000000000",
-                        "#1 389 end",
-                        "#1 -389: 00000001",
-                        "#1 -389: 00000008",
-                        "#1 135: 00000001",
-                        "#1 388: 00000002"};
-   EXPECT_EQ(all, expected);
-   EXPECT_EQ(demuxer.counters().belowCursor, 1u);
-   EXPECT_FALSE(demuxer.owes());
-   EXPECT_EQ(sa->flow(), nullptr) << "nothing owed, no flow";
-   EXPECT_EQ(sa->handleAttrFlowOut(0), 0u);
-}
-
 TEST_F(OneAdapter, ARecordGivenToItIsAnsweredWithTheLocalValue) {
    port->refClockIs(5);
    port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});

@@ -1,6 +1,7 @@
 #include "attrlog/Frames.h"
 #include "Peer.h"
 #include "attrlog/Digest.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -55,15 +56,6 @@ Lines read(In& in, std::span<std::uint8_t const> bytes, bool throws = false) {
       } catch (RangeException const&) {
       }
    return frames;
-}
-
-template <class E> std::string thrown(std::function<void()> const& f) {
-   try {
-      f();
-   } catch (E const& e) {
-      return e.what();
-   }
-   return "(nothing was thrown)";
 }
 
 #define EXPECT_HAS(text, part) EXPECT_NE((text).find(part), std::string::npos) << (text)
@@ -131,7 +123,7 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    for (auto const& c : cases) {
       SCOPED_TRACE(c.what);
       auto in = make<In>("port \"7\"", 1000u);
-      std::string const text = thrown<ProtocolException>([&] { read(*in, c.bytes); });
+      std::string const text = thrownBy<ProtocolException>([&] { read(*in, c.bytes); });
       EXPECT_HAS(text, c.reason);
       EXPECT_HAS(text, "stream \"port \\\"7\\\"\", offset ");
       EXPECT_TRUE(in->isBroken());
@@ -146,7 +138,7 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    EXPECT_FALSE(in->isBroken());
 }
 
-TEST(Values, EveryWidthComesBackAndHeadersHaveTheLowWordFirst) {
+TEST(Values, EveryWidthComesBack) {
    auto out = make<Out>("peer");
    auto const values = [](auto&& each) {
       each(true, &In::nextbool), each(false, &In::nextbool);
@@ -173,11 +165,6 @@ TEST(Values, EveryWidthComesBackAndHeadersHaveTheLowWordFirst) {
       EXPECT_EQ(f.remaining(), 0u);
       EXPECT_EQ(f.header(), sized(1));
    });
-   auto const has = [&](Bytes const& part) {
-      return std::search(bytes.begin(), bytes.end(), part.begin(), part.end()) != bytes.end();
-   };
-   EXPECT_TRUE(has({0, 0, 0, 0x15, 0, 0, 0, 7, 0, 0, 0, 1, 1})) << "header: low word first, then attribute";
-   EXPECT_TRUE(has({0, 0, 0, 7, 0, 0, 0, 0x15})) << "reference: high word first";
    // A record of one number has the same bytes, whether it is written in one step or in several.
    auto const whole = make<Out>("peer");
    auto const stepwise = make<Out>("peer");
@@ -213,7 +200,7 @@ TEST(Control, EachKindHasItsBytesAndComesBackFromThem) {
       // No field has its default value here, so one that is lost shows in what is written again.
       EXPECT_EQ(hex(encoded(decode<C>(body))).substr(12), fields);
       for (std::size_t size = 0; size != body.size() - 3; ++size) {
-         std::string const text = thrown<ProtocolException>([&] { decode<C>(body.first(size), "here"); });
+         std::string const text = thrownBy<ProtocolException>([&] { decode<C>(body.first(size), "here"); });
          EXPECT_HAS(text, std::string("here: ") + C::title + ": expected at least ");
          EXPECT_HAS(text, ", got " + std::to_string(size));
       }
@@ -337,7 +324,7 @@ TEST(Writing, WhatFailsLeavesNoTrace) {
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.what);
-      EXPECT_HAS(thrown<Exception>(c.act), c.reason);
+      EXPECT_HAS(thrownBy<Exception>(c.act), c.reason);
       EXPECT_FALSE(out->isRecordOpen());
       EXPECT_EQ(out->pendingBytes(), before);
       EXPECT_EQ(out->recordsWritten(), 1u);

@@ -5,8 +5,9 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDirReactor.h"
 #include "notify/Dump.h"
-#include "notify/Observe.h"
 #include "siblings/LedConfig.h"
+#include "support/Thrown.h"
+#include "support/Told.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,6 @@ using Hardware::ClariPhy::Cl10010ConfigDir;
 using Hardware::ClariPhy::Cl10010StatusDir;
 using Hardware::Dpll::PllStatus;
 using Xcvr::CfpxHostChannel;
-using Lines = std::vector<std::string>;
 
 /// A directory of configurations on the left, mirrored on the right.
 struct Mirrored : testing::Test {
@@ -28,8 +28,7 @@ struct Mirrored : testing::Test {
    Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config");
    Ptr<Cl10010ConfigDir> theirs;
    Ptr<Cl10010Config> port, mirror;
-   Lines log;
-   Lines reports;
+   Log log, reports;
 
    Mirrored() {
       link.left().exportRoot(ours);
@@ -54,11 +53,7 @@ struct Mirrored : testing::Test {
    Watch logged(Ptr<Cl10010Config> const& c) {
       return onAny(c, [this](Cl10010Config& e, AttributeId id) { log.push_back(e.attributeString(id).str()); });
    }
-   Watch loggedMembers() {
-      return on(theirs, Cl10010ConfigDir::Attr::phyConfig, [this](Cl10010ConfigDir& d, Name const& name) {
-         log.push_back(name.str() + (d.phyConfig().contains(name) ? " here" : " gone"));
-      });
-   }
+   Watch loggedMembers() { return ::logged(theirs, Cl10010ConfigDir::Attr::phyConfig, log); }
 };
 
 TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
@@ -69,7 +64,7 @@ TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
       char const* what;
       std::function<void()> write; ///< here, and for one at the owner meanwhile
       char const* thrown;
-      Lines told; ///< once, when the owner's value is back
+      Log told; ///< once, when the owner's value is back
    };
    for (auto const& [what, write, thrown, told] : std::vector<Case>{
            {"a scalar", [&] { mirror->refClockIs(9); }, "/config/port.refClock is read-only here", {"refClock"}},
@@ -98,12 +93,8 @@ TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
       log.clear();
       auto const asked = counters.refreshesAsked;
       auto const before = dumpLines(*theirs);
-      try {
-         write();
-         ADD_FAILURE() << "nothing was thrown";
-      } catch (ReadOnlyException const& e) {
-         EXPECT_NE(std::string(e.what()).find(thrown), std::string::npos) << e.what();
-      }
+      std::string const text = thrownBy<ReadOnlyException>(write);
+      EXPECT_NE(text.find(thrown), std::string::npos) << text;
       EXPECT_NE(diff(before, dumpLines(*theirs)).size(), 0u) << "it stands until the owner's value comes";
       EXPECT_TRUE(log.empty() || log[0] == "parent") << "no other reactor is told of it: " << log[0];
       settle();
@@ -111,7 +102,7 @@ TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
       EXPECT_LE(counters.refreshesAsked - asked, 1u);
    }
    EXPECT_NE(theirs->phyConfig("port"), mirror) << "a deleted member comes back as another";
-   EXPECT_EQ(reports, Lines{});
+   EXPECT_EQ(reports, Log{});
 }
 
 TEST_F(Mirrored, AStalledStreamCostsOneMarkAndTellsEachDifferenceOnce) {
@@ -126,7 +117,7 @@ TEST_F(Mirrored, AStalledStreamCostsOneMarkAndTellsEachDifferenceOnce) {
    EXPECT_LE(link.left().demuxer().footprint().dirtyKeys, 1u) << "however often it came and went";
    flow();
    settle();
-   EXPECT_EQ(log, Lines{"refClock"});
+   EXPECT_EQ(log, Log{"refClock"});
 
    // Gone and made again under the same name meanwhile: another entity, not a change of the old one.
    log.clear();
@@ -135,7 +126,7 @@ TEST_F(Mirrored, AStalledStreamCostsOneMarkAndTellsEachDifferenceOnce) {
    port = ours->phyConfigIs("port");
    flow();
    settle();
-   EXPECT_EQ(log, (Lines{"parent", "port gone", "port here"}));
+   EXPECT_EQ(log, (Log{"parent", "port gone", "port here"}));
    EXPECT_EQ(link.right().demuxer().counters().renamedMembers, 1u);
    EXPECT_EQ(mirror->refClock(), 1099u) << "the old one stands as it was";
    EXPECT_NO_THROW(mirror->refClockIs(1)) << "and belongs to whoever holds it";
@@ -145,7 +136,7 @@ TEST_F(Mirrored, WhatItsUsersThrowIsReportedAndStopsNeitherSweepNorStream) {
    for (char const* name : {"a", "b", "c", "d"})
       ours->phyConfigIs(name);
    settle();
-   Lines states;
+   Log states;
    link.right().onState([&](Name const&, LinkEnd::State s) {
       states.push_back(textOf(s));
       if (s == LinkEnd::State::stale)
@@ -164,7 +155,7 @@ TEST_F(Mirrored, WhatItsUsersThrowIsReportedAndStopsNeitherSweepNorStream) {
       ours->phyConfigDel(name);
    link.reconnect();
    settle();
-   EXPECT_EQ(states, (Lines{"stale", "syncing", "live"}));
+   EXPECT_EQ(states, (Log{"stale", "syncing", "live"}));
    EXPECT_EQ(theirs->phyConfig("port"), mirror) << "bound again in place";
    auto const& counters = link.right().demuxer().counters();
    EXPECT_EQ(counters.sweptEntries, 4u);
@@ -172,7 +163,7 @@ TEST_F(Mirrored, WhatItsUsersThrowIsReportedAndStopsNeitherSweepNorStream) {
    ASSERT_EQ(reports.size(), 2u);
    EXPECT_EQ(reports[0], "root \"config\", told that it is stale: the application is unwell");
    EXPECT_NE(reports[1].find("/config.phyConfig (258): no more of this"), std::string::npos) << reports[1];
-   EXPECT_EQ(log, Lines{}) << "reactors behind the faulty one miss it";
+   EXPECT_EQ(log, Log{}) << "reactors behind the faulty one miss it";
    ours->phyConfigIs("e");
    settle();
    EXPECT_EQ(counters.applicationExceptions, 2u);

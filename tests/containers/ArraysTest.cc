@@ -1,5 +1,6 @@
 #include "containers/DynArray.h"
 #include "support/Allocations.h"
+#include "support/Thrown.h"
 #include "values/Coherent.h"
 #include "values/Records.h"
 
@@ -52,12 +53,7 @@ TEST(Arrays, AKeyPastItsRangeIsRefusedInTheKeysWordsAndChangesNothing) {
            [&] { static_cast<void>(lanes[beyond]); },
            [&] { Lanes::Iterator(lanes, beyond); },
         })
-      try {
-         call();
-         ADD_FAILURE() << "nothing thrown";
-      } catch (Mox::RangeException const& e) {
-         EXPECT_STREQ(e.what(), "HostLane::value < 0 or > 9 not allowed");
-      }
+      EXPECT_EQ(thrownBy<Mox::RangeException>(call), "HostLane::value < 0 or > 9 not allowed");
    EXPECT_EQ(lanes.size(), 0u);
    EXPECT_EQ(lanes.version(), 0u);
 }

@@ -5,6 +5,7 @@
 #include "entities/Cl10010StatusDir.h"
 #include "entities/Cl10010StatusPtrDir.h"
 #include "siblings/EthPhyIntfStatus.h"
+#include "support/Thrown.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
@@ -64,7 +65,7 @@ TEST(Directory, AMemberStaysWithTheParametersThatItWasMadeWith) {
            Case{one, ethernet, 2, "_ethIntfStatus has a different value of /ethernet than the current value of null"},
         }) {
       auto const touches = member->touchCount();
-      EXPECT_EQ(textOf<Mox::NameInUseException>([&, c = config, i = interface] { dir->phyStatusIs("po\"rt", c, i); }),
+      EXPECT_EQ(thrownBy<Mox::NameInUseException>([&, c = config, i = interface] { dir->phyStatusIs("po\"rt", c, i); }),
                 start + text + " not allowed");
       EXPECT_EQ(dir->phyStatus("po\"rt"), member);
       EXPECT_EQ(member->touchCount() - touches, reads);
@@ -107,10 +108,10 @@ TEST_F(References, NullIsRefusedInTheTypesWords) {
    auto const states = make<Cl10010StatusPtrDir>("states");
    std::string const text =
       R"(null _phyConfig parameter to mutator for Hardware::ClariPhy::Cl10010ConfigPtrDir::phyConfig not allowed")";
-   EXPECT_EQ(textOf<Mox::RangeException>([&] { refs->phyConfigIs(nullptr); }), text);
-   EXPECT_EQ(textOf<Mox::RangeException>([&] { refs->newPhyConfig(nullptr); }), text);
+   EXPECT_EQ(thrownBy<Mox::RangeException>([&] { refs->phyConfigIs(nullptr); }), text);
+   EXPECT_EQ(thrownBy<Mox::RangeException>([&] { refs->newPhyConfig(nullptr); }), text);
    EXPECT_EQ(
-      textOf<Mox::RangeException>([&] { states->phyStatusIs(nullptr); }),
+      thrownBy<Mox::RangeException>([&] { states->phyStatusIs(nullptr); }),
       R"(null _phyStatus parameter to mutator for Hardware::ClariPhy::Cl10010StatusPtrDir::phyStatus not allowed")");
 }
 

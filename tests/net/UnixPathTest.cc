@@ -1,6 +1,6 @@
 #include "net/UnixPath.h"
 #include "net/SocketException.h"
-#include "support/Told.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 constexpr unsigned nobody = 65534;
 
 template <class Call> std::string messageOf(Call call) {
-   return textOf<SocketException>(call);
+   return thrownBy<SocketException>(call);
 }
 
 /// Runs `action` in a process of its own as another user; what it returns comes back.

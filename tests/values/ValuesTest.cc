@@ -1,4 +1,5 @@
 #include "core/Exceptions.h"
+#include "support/Thrown.h"
 #include "values/Bounded.h"
 #include "values/Coherent.h"
 #include "values/PhyEnums.h"
@@ -16,15 +17,6 @@ namespace {
 
 using Mox::RangeException;
 
-template <class Exception, class Call> std::string textOf(Call call) {
-   try {
-      call();
-   } catch (Exception const& e) {
-      return e.what();
-   }
-   return "nothing was thrown";
-}
-
 template <class T> std::string printed(T const& value) {
    std::ostringstream out;
    Mox::print(out, value);
@@ -36,12 +28,12 @@ template <class T> void expectBounds(unsigned long long maximum, std::string con
    EXPECT_EQ(T().number(), 0u);
    EXPECT_EQ(T(0).value, 0u);
    EXPECT_EQ(T(maximum).value, maximum);
-   EXPECT_EQ(textOf<RangeException>([&] { T{maximum + 1}; }), text);
-   EXPECT_EQ(textOf<RangeException>([&] { T{-1}; }), text);
-   EXPECT_EQ(textOf<RangeException>([&] { T{std::numeric_limits<long long>::min()}; }), text);
+   EXPECT_EQ(thrownBy<RangeException>([&] { T{maximum + 1}; }), text);
+   EXPECT_EQ(thrownBy<RangeException>([&] { T{-1}; }), text);
+   EXPECT_EQ(thrownBy<RangeException>([&] { T{std::numeric_limits<long long>::min()}; }), text);
    // What would be in range once it has narrowed to the number's own width.
    if constexpr (sizeof(typename T::Number) < sizeof(unsigned long long)) {
-      EXPECT_EQ(textOf<RangeException>([&] { T{1ull << std::numeric_limits<typename T::Number>::digits}; }), text);
+      EXPECT_EQ(thrownBy<RangeException>([&] { T{1ull << std::numeric_limits<typename T::Number>::digits}; }), text);
    }
    EXPECT_EQ(printed(T(maximum)), std::to_string(maximum));
    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) == sizeof(typename T::Number));
@@ -70,11 +62,11 @@ TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
    EXPECT_EQ(RollOff(1), 1);
    std::string const text = "RollOff::value < RollOff::min or > RollOff::max not allowed";
    for (float const bad : {1.0000001f, -1e-30f, std::nanf(""), -std::nanf(""), HUGE_VALF})
-      EXPECT_EQ(textOf<RangeException>([&] { RollOff{bad}; }), text) << bad;
+      EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
    // Would be 1 and 0 as floats.
    for (double const bad : {1.0 + 1e-12, -1e-300})
-      EXPECT_EQ(textOf<RangeException>([&] { RollOff{bad}; }), text) << bad;
-   EXPECT_EQ(textOf<RangeException>([] { RollOff{-1}; }), text);
+      EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
+   EXPECT_EQ(thrownBy<RangeException>([] { RollOff{-1}; }), text);
 }
 
 TEST(FloatValues, CompareAsFloatsWithNumbersOfAnyKind) {
@@ -87,10 +79,10 @@ TEST(FloatValues, CompareAsFloatsWithNumbersOfAnyKind) {
 
 TEST(Enumerations, KnowTheirNumbersAndNames) {
    EXPECT_EQ(Xcvr::CfpxHostChannelInstance(15), Xcvr::CfpxHostChannel::channel15);
-   EXPECT_EQ(textOf<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
+   EXPECT_EQ(thrownBy<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
              "16 is no Xcvr::CfpxHostChannel: expected 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14 or 15");
    EXPECT_EQ(Hardware::Phy::MdioClauseInstance(2), Hardware::Phy::MdioClause::clause45);
-   EXPECT_EQ(textOf<RangeException>([] { Hardware::Phy::LinkStatusInstance(0xffffffff); }),
+   EXPECT_EQ(thrownBy<RangeException>([] { Hardware::Phy::LinkStatusInstance(0xffffffff); }),
              "4294967295 is no Hardware::Phy::LinkStatus: expected 0, 1 or 2");
    EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("100 Gbit/s"), Hardware::Phy::Speed::gbps100);
    EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("gbps100"), std::nullopt);
