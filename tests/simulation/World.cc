@@ -19,31 +19,41 @@ using namespace Hardware;
 
 namespace {
 
-constexpr std::size_t rootsEach = 7;
-
-std::string rootName(std::size_t which, char side) {
-   char const* const names[rootsEach] = {"config", "status", "configs", "states", "single", "pll", "xcvr"};
-   return names[which] + std::string("-") + side;
+using Make = Ptr<Entity> (*)(Name const&);
+template <class X> Ptr<Entity> made(Name const& name) {
+   return make<X>(name);
 }
 
-Ptr<Entity> makeRoot(std::size_t which, char side) {
-   Name const name(rootName(which, side));
-   switch (which) {
-   case 0:
-      return make<ClariPhy::Cl10010ConfigDir>(name);
-   case 1:
-      return make<ClariPhy::Cl10010StatusDir>(name);
-   case 2:
-      return make<ClariPhy::Cl10010ConfigPtrDir>(name);
-   case 3:
-      return make<ClariPhy::Cl10010StatusPtrDir>(name);
-   case 4:
-      return make<ClariPhy::Cl10010Config>(name);
-   case 5:
-      return make<Dpll::PllStatus>(name);
-   default:
-      return make<Xcvr::XcvrStatus>(name);
-   }
+constexpr std::pair<char const*, Make> rootKinds[] = {
+   {"config-", made<ClariPhy::Cl10010ConfigDir>},
+   {"status-", made<ClariPhy::Cl10010StatusDir>},
+   {"configs-", made<ClariPhy::Cl10010ConfigPtrDir>},
+   {"states-", made<ClariPhy::Cl10010StatusPtrDir>},
+   {"single-", made<ClariPhy::Cl10010Config>},
+   {"pll-", made<Dpll::PllStatus>},
+   {"xcvr-", made<Xcvr::XcvrStatus>},
+};
+constexpr std::size_t rootsEach = std::size(rootKinds);
+constexpr Make siblingKinds[] = {made<Spi::Accelerator>, made<Interface::EthPhyIntfStatus>,
+                                 made<Fru::Gpo>,         made<Fru::IntCtrl>,
+                                 made<Led::LedConfig>,   made<Dpll::PllStatus>,
+                                 made<Xcvr::XcvrConfig>, made<Xcvr::XcvrStatus>};
+
+Name rootName(std::size_t which, char side) {
+   return Name(rootKinds[which].first + std::string(1, side));
+}
+char other(char side) {
+   return side == 'a' ? 'b' : 'a';
+}
+
+/// Takes one element out; null where there is none.
+template <class T> T taken(std::vector<T>& from, Words& words) {
+   if (from.empty())
+      return {};
+   auto const at = from.begin() + static_cast<std::ptrdiff_t>(words.below(from.size()));
+   T const element = *at;
+   from.erase(at);
+   return element;
 }
 
 /// Sees whether an entity lives, and keeps it from nothing.
@@ -62,24 +72,17 @@ void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
 } // namespace
 
 World::World(char side, Run& run) : side_(side), run_(run) {
-   for (std::size_t which = 0; which < rootsEach; ++which) {
-      roots_.push_back(makeRoot(which, side));
-      created(*roots_.back());
-   }
+   for (std::size_t which = 0; which < rootsEach; ++which)
+      roots_.push_back(rootKinds[which].second(rootName(which, side)));
    isOpen_.assign(rootsEach, false);
    isMounted_.assign(rootsEach, false);
    mirrors_.resize(rootsEach);
-   for (char const* const n : {"1-", "2-"}) {
-      Name const name(n + std::string(1, side));
-      Ptr<Entity> const made[] = {make<Spi::Accelerator>(name), make<Interface::EthPhyIntfStatus>(name),
-                                  make<Fru::Gpo>(name),         make<Fru::IntCtrl>(name),
-                                  make<Led::LedConfig>(name),   make<Dpll::PllStatus>(name),
-                                  make<Xcvr::XcvrConfig>(name), make<Xcvr::XcvrStatus>(name)};
-      for (Ptr<Entity> const& e : made) {
-         siblings_.push_back(e);
+   for (char const* const n : {"1-", "2-"})
+      for (Make const made : siblingKinds)
+         siblings_.push_back(made(Name(n + std::string(1, side))));
+   for (auto const* const entities : {&roots_, &siblings_})
+      for (Ptr<Entity> const& e : *entities)
          created(*e);
-      }
-   }
 }
 
 World::~World() {
@@ -128,7 +131,7 @@ void World::unmount(std::size_t which) {
    if (!isMounted_[which])
       return;
    isMounted_[which] = false;
-   end_->unmount(Name(rootName(which, side_ == 'a' ? 'b' : 'a')));
+   end_->unmount(rootName(which, other(side_)));
    mirrors_[which] = nullptr;
 }
 
@@ -136,7 +139,7 @@ void World::mountAll() {
    for (std::size_t which = 0; which < rootsEach; ++which)
       if (!isMounted_[which]) {
          isMounted_[which] = true;
-         mirrors_[which] = makeRoot(which, side_ == 'a' ? 'b' : 'a');
+         mirrors_[which] = rootKinds[which].second(rootName(which, other(side_)));
          seen(*mirrors_[which], true);
          end_->mountIs(mirrors_[which]);
       }
@@ -155,12 +158,8 @@ void World::pause(Words& words) {
 }
 
 void World::resume(Words& words) {
-   if (paused_.empty())
-      return;
-   auto const at = paused_.begin() + static_cast<std::ptrdiff_t>(words.below(paused_.size()));
-   Ptr<Entity::MoxNboAttrLogSa> const sa = *at;
-   paused_.erase(at);
-   sa->hasNotificationActiveIs(true);
+   if (auto const sa = taken(paused_, words))
+      sa->hasNotificationActiveIs(true);
 }
 
 void World::resumeAll() {
@@ -187,11 +186,7 @@ void World::dropAll() {
 }
 
 void World::releaseHeld(Words& words) {
-   if (held_.empty())
-      return;
-   auto const at = held_.begin() + static_cast<std::ptrdiff_t>(words.below(held_.size()));
-   Ptr<Entity> const gone = *at; // its end runs reactors, which may hold others
-   held_.erase(at);
+   Ptr<Entity> const gone = taken(held_, words); // its end runs reactors, which may hold others
 }
 
 void World::adopt(Words& words) {
@@ -258,12 +253,8 @@ void World::addReactor(Words& words) {
 }
 
 void World::dropReactor(Words& words) {
-   if (reactors_.empty())
-      return;
-   auto const at = reactors_.begin() + static_cast<std::ptrdiff_t>(words.below(reactors_.size()));
-   auto const gone = *at;
-   reactors_.erase(at);
-   gone->isRegisteredNotifieeIs(false);
+   if (auto const gone = taken(reactors_, words))
+      gone->isRegisteredNotifieeIs(false);
 }
 
 bool World::changeWithoutMemory(Words& words) {
