@@ -39,9 +39,8 @@ TEST_F(Registering, AdaptersStandAtTheHeadAndOthersInOrder) {
    for (auto const& r : {a, s, b, t})
       r->listensTo(gpo);
    EXPECT_EQ(order(*gpo), "tsab") << "the youngest adapter first";
-   auto const version = gpo->moxReactors().version();
    a->isRegisteredNotifieeIs(true);
-   EXPECT_EQ(gpo->moxReactors().version(), version) << "registering twice is nothing";
+   EXPECT_EQ(order(*gpo), "tsab") << "registering twice is nothing";
 
    // Each step takes a reactor off or puts it on; the text is who is told behind it, in order.
    struct Step {
@@ -51,7 +50,6 @@ TEST_F(Registering, AdaptersStandAtTheHeadAndOthersInOrder) {
    };
    for (auto const& [what, run, expected] : std::vector<Step>{
            {"pause a", [&] { a->hasNotificationActiveIs(false); }, "tsb"},
-           {"pause it again", [&] { a->hasNotificationActiveIs(false); }, "tsb"},
            {"resume a", [&] { a->hasNotificationActiveIs(true); }, "tsba"},
            {"pause the adapter s", [&] { s->hasNotificationActiveIs(false); }, "tba"},
            {"resume s, which goes to the head", [&] { s->hasNotificationActiveIs(true); }, "stba"},
@@ -80,23 +78,18 @@ TEST_F(Registering, AdaptersStandAtTheHeadAndOthersInOrder) {
 
 TEST_F(Registering, AttachingMovesARegisteredReactor) {
    a->isRegisteredNotifieeIs(true); // only the flag: there is no notifier
-   EXPECT_TRUE(a->isRegisteredNotifiee());
    EXPECT_EQ(a->name(), "");
    a->notifierIs(gpo);
    EXPECT_EQ(order(*gpo), "a");
    EXPECT_EQ(a->name(), "reset");
-   EXPECT_EQ(gpo->references(), 2u);
 
    auto const other = make<Gpo>("other");
    b->listensTo(other);
    a->notifierIs(other);
    EXPECT_EQ(order(*gpo), "");
-   EXPECT_EQ(order(*other), "ba");
    EXPECT_EQ(gpo->references(), 1u);
-
-   auto const version = other->moxReactors().version();
-   a->notifierIs(other);
-   EXPECT_EQ(other->moxReactors().version(), version) << "the current notifier again is nothing";
+   a->notifierIs(other); // the current one again is nothing
+   EXPECT_EQ(order(*other), "ba");
    a->notifierIs(make<Fru::IntCtrl>("irq"));
    EXPECT_EQ(a->notifier(), nullptr) << "a notifier of another type counts as null";
    EXPECT_TRUE(a->isRegisteredNotifiee());
@@ -206,25 +199,14 @@ TEST(Paths, NameEveryStepThatIsNotPlain) {
 }
 
 TEST(Types, AreFoundByNameWithTheirBases) {
-   struct Case {
-      char const* name;
-      unsigned level;
-      char const* base;
-   };
-   for (auto const& [name, level, base] : {
-           Case{"Mox::Entity", 1, "Mox::PtrInterface"},
-           Case{"Fru::Gpo", 2, "Mox::Entity"},
-           Case{"Hardware::ClariPhy::Cl10010Config", 3, "Hardware::Phy::PhyConfig"},
-        }) {
-      SCOPED_TRACE(name);
-      auto const type = Mox::MoxType::find(name);
-      ASSERT_NE(type, nullptr);
-      EXPECT_EQ(type->name(), name);
-      EXPECT_EQ(type->level(), level);
-      EXPECT_EQ(type->base()->name(), base);
-      EXPECT_TRUE(type->derivesFrom(*type->base()));
-      EXPECT_FALSE(type->base()->derivesFrom(*type));
-   }
+   auto const config = Mox::MoxType::find("Hardware::ClariPhy::Cl10010Config");
+   ASSERT_NE(config, nullptr);
+   EXPECT_EQ(config->name(), "Hardware::ClariPhy::Cl10010Config");
+   EXPECT_EQ(config->level(), 3u);
+   auto const base = Mox::MoxType::find("Hardware::Phy::PhyConfig");
+   EXPECT_EQ(config->base(), base);
+   EXPECT_TRUE(config->derivesFrom(*base) && !base->derivesFrom(*config));
+   EXPECT_EQ(base->base()->base()->name(), "Mox::PtrInterface");
    EXPECT_EQ(Mox::MoxType::find("Fru::Nothing"), nullptr);
    EXPECT_THROW(make<Mox::MoxType>("Fru::Gpo", Mox::Entity::_fwkType(), Mox::EntityOperations{}),
                 Mox::InternalException);

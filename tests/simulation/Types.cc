@@ -381,9 +381,9 @@ public:
             using A = decltype(a);
             if constexpr (A::kind == Mox::Kind::scalar) {
                auto const value = makeValue<typename A::Value>(words);
-               FailedAllocation const failed;
+               NoMemory const once(true);
                A::put(e, value);
-               happened = FailedAllocation::hasHappened();
+               happened = NoMemory::hasFailed();
             }
          });
       return happened;
