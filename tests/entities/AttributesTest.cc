@@ -1,6 +1,7 @@
 // Values, counts and notifications of every attribute are judged against a plain model elsewhere; here is what callers get back.
 
 #include "entities/Cl10010Config.h"
+#include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010Status.h"
 #include "siblings/EthPhyIntfStatus.h"
 
@@ -12,6 +13,7 @@
 namespace {
 
 using Hardware::ClariPhy::Cl10010Config;
+using Hardware::ClariPhy::Cl10010ConfigDir;
 using Hardware::ClariPhy::Cl10010Status;
 using Mox::make;
 using Mox::Ptr;
@@ -42,17 +44,22 @@ TEST(Mutators, GiveBackWhatWasThereOrIsThereNow) {
    EXPECT_EQ(port->calibrationDel(it), ClariPhyTypes::Calibration{}) << "at the end there is nothing to delete";
 
    auto const status = make<Cl10010Status>("port", nullptr, nullptr);
-   status->amplitudeNotify(1);
-   status->amplitudeIs(1, 0);
-   EXPECT_EQ(status->amplitude().size(), 0u) << "neither announcing nor an equal value populates an array";
-   EXPECT_EQ(status->amplitudeDel(1), 0.0F);
-   EXPECT_EQ(status->amplitude().size(), 4u) << "a deletion does, though it finds the default";
    status->amplitudeIs(3, 1.5F);
    Cl10010Status::MoxAmplitudeArray::Iterator lane(status->amplitude(), 3);
    EXPECT_EQ(status->amplitudeDel(lane), 1.5F);
    EXPECT_EQ(lane.position(), 3u) << "it stays where it is";
+   EXPECT_EQ(status->amplitudeDel(3), 0.0F);
    lane.advance();
    EXPECT_EQ(status->amplitudeDel(lane), 0.0F) << "at the end nothing happens";
+
+   auto const dir = make<Cl10010ConfigDir>("config");
+   auto const member = dir->phyConfigIs("");
+   EXPECT_EQ(dir->phyConfigIs(""), member);
+   EXPECT_EQ(dir->phyConfigDel("absent"), nullptr);
+   Cl10010ConfigDir::MoxPhyConfigMap::Iterator at(dir->phyConfig());
+   EXPECT_EQ(dir->phyConfigDel(at), member);
+   EXPECT_EQ(dir->phyConfigDel(at), nullptr) << "the iterator's position is no member any more";
+   EXPECT_EQ(member->references(), 2u) << "the iterator's and this one";
 }
 
 TEST(Construction, SetsTheDefaultsOfTheTypeOverThoseOfItsBase) {

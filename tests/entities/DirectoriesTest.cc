@@ -1,5 +1,5 @@
 #include "core/Exceptions.h"
-#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010ConfigPtrDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDir.h"
@@ -22,28 +22,6 @@ using Hardware::ClariPhy::Cl10010StatusDir;
 using Hardware::ClariPhy::Cl10010StatusPtrDir;
 using Mox::make;
 using Mox::Ptr;
-
-TEST(Directory, AMemberHasItsPlaceAndItsParentWhenItIsToldAndHasLostBothWhenItGoes) {
-   auto const dir = make<Cl10010ConfigDir>("config");
-   Log log;
-   Ptr<Cl10010Config> last;
-   auto const watch = logged(dir, Cl10010ConfigDir::Attr::phyConfig, log);
-   auto const parents =
-      Mox::on(dir, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& d, Mox::Name const& name) {
-         auto* const member = d.phyConfig().find(name);
-         EXPECT_EQ((member == nullptr ? last.get() : member)->parent(), member == nullptr ? nullptr : dir);
-      });
-   last = dir->phyConfigIs("a");
-   EXPECT_EQ(dir->phyConfigIs("a"), last);
-   EXPECT_EQ(dir->phyConfigDel("absent"), nullptr);
-   EXPECT_EQ(dir->phyConfigDel("a"), last);
-   EXPECT_EQ(last->references(), 1u);
-   last = dir->phyConfigIs("");
-   Cl10010ConfigDir::MoxPhyConfigMap::Iterator it(dir->phyConfig());
-   EXPECT_EQ(dir->phyConfigDel(it), last);
-   EXPECT_EQ(dir->phyConfigDel(it), nullptr) << "the iterator's position is no member any more";
-   EXPECT_EQ(log, (Log{"a here", "a gone", " here", " gone"}));
-}
 
 TEST(Directory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    auto const dir = make<Cl10010StatusDir>("status");
@@ -72,6 +50,17 @@ TEST(Directory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    }
 }
 
+/// Tells that what it watches goes.
+struct Last : Cl10010Config::Notifiee {
+   explicit Last(Ptr<Cl10010Config> const& config) {
+      isWeakReferenceIs(true);
+      notifierIs(config);
+      isRegisteredNotifieeIs(true);
+   }
+   void onZeroReferences() override { then(); }
+   std::function<void()> then;
+};
+
 struct References : testing::Test {
    Ptr<Cl10010ConfigPtrDir> refs = make<Cl10010ConfigPtrDir>("refs");
    Log log;
@@ -99,8 +88,21 @@ TEST_F(References, StandInHoldersThatKeepNothingElseAlive) {
    }
    refs->phyConfigIs(a);
    EXPECT_EQ(std::exchange(log, {}), (Log{"a here", "a here", "a gone", "a here"}));
+   // More than the first buckets: they go silently with their directory, one by one in its order.
+   std::vector<Ptr<Last>> last;
+   Log names, expected;
+   for (int i = 0; i < 20; ++i) {
+      auto const config = make<Cl10010Config>("c" + std::to_string(i));
+      refs->newPhyConfig(config);
+      last.push_back(make<Last>(config));
+      last.back()->then = [&, name = config->name().str()] { names.push_back(name); };
+   }
+   for (auto [name, target] : refs->phyConfig())
+      if (name != "a")
+         expected.push_back(name.str());
    refs = nullptr;
-   EXPECT_EQ(log, Log{}) << "they go silently with their directory";
+   EXPECT_EQ(names, expected);
+   EXPECT_EQ(log, Log{});
    EXPECT_EQ(a->references(), 2u);
 }
 
@@ -117,15 +119,8 @@ TEST_F(References, NullIsRefusedInTheTypesWords) {
 
 TEST_F(References, ReactorsMayTakeAwayWhatIsBeingReplacedOrSet) {
    // The one that is replaced ends inside the mutator, and its reactor deletes the entry that replaces it.
-   struct Last : Cl10010Config::Notifiee {
-      void onZeroReferences() override { then(); }
-      std::function<void()> then;
-   };
-   auto const last = make<Last>();
-   last->isWeakReferenceIs(true);
    refs->phyConfigIs(make<Cl10010Config>("a"));
-   last->notifierIs(refs->phyConfig().find("a")->value());
-   last->isRegisteredNotifieeIs(true);
+   auto const last = make<Last>(refs->phyConfig().find("a")->value());
    last->then = [&] { refs->phyConfigDel("a"); };
    log.clear();
    refs->phyConfigIs(make<Cl10010Config>("a"));
