@@ -12,8 +12,7 @@
 namespace Mox::NboAttrLog {
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010Status;
+using namespace Hardware::ClariPhy;
 using Xcvr::CfpxHostChannel;
 using ConfigFlow = Cl10010Config::MoxNboAttrLogSa::FlowOut;
 

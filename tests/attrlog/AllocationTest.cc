@@ -16,8 +16,7 @@
 namespace {
 
 using namespace Mox;
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
+using namespace Hardware::ClariPhy;
 using Xcvr::CfpxHostChannel;
 
 class Counter final : public Cl10010Config::NotifieeConst {

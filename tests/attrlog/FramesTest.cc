@@ -199,11 +199,9 @@ TEST(Control, EachKindHasItsBytesAndComesBackFromThem) {
       auto const body = std::span<std::uint8_t const>(bytes).subspan(6);
       // No field has its default value here, so one that is lost shows in what is written again.
       EXPECT_EQ(hex(encoded(decode<C>(body))).substr(12), fields);
-      for (std::size_t size = 0; size != body.size() - 3; ++size) {
-         std::string const text = thrownBy<ProtocolException>([&] { decode<C>(body.first(size), "here"); });
-         EXPECT_HAS(text, std::string("here: ") + C::title + ": expected at least ");
-         EXPECT_HAS(text, ", got " + std::to_string(size));
-      }
+      for (std::size_t size = 0; size != body.size() - 3; ++size)
+         EXPECT_HAS(thrownBy<ProtocolException>([&] { decode<C>(body.first(size), "here"); }),
+                    std::string("here: ") + C::title + ": expected at least ");
    };
    check(Hello{.minor = 2,
                .incarnation = 3,

@@ -17,10 +17,7 @@
 namespace Mox {
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
-using Hardware::ClariPhy::Cl10010StatusDir;
-using Hardware::ClariPhy::Cl10010StatusPtrDir;
+using namespace Hardware::ClariPhy;
 using Hardware::Dpll::PllStatus;
 using Xcvr::CfpxHostChannel;
 

@@ -12,9 +12,7 @@
 
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
-using Hardware::ClariPhy::Cl10010Status;
+using namespace Hardware::ClariPhy;
 using Mox::make;
 using Mox::Ptr;
 

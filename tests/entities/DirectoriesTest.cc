@@ -15,11 +15,7 @@
 
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
-using Hardware::ClariPhy::Cl10010ConfigPtrDir;
-using Hardware::ClariPhy::Cl10010StatusDir;
-using Hardware::ClariPhy::Cl10010StatusPtrDir;
+using namespace Hardware::ClariPhy;
 using Mox::make;
 using Mox::Ptr;
 

@@ -9,8 +9,7 @@
 namespace {
 
 using Fru::Gpo;
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
+using namespace Hardware::ClariPhy;
 using Mox::make;
 using Mox::Ptr;
 

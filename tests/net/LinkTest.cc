@@ -20,8 +20,7 @@ namespace {
 
 using namespace Mox;
 using namespace std::chrono_literals;
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
+using namespace Hardware::ClariPhy;
 
 /// Polls all ends in turn until `done()`.
 template <class Done, class... Loops> bool together(Done done, Loops&... loops) {

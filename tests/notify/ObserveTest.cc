@@ -12,8 +12,7 @@
 
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010ConfigDir;
+using namespace Hardware::ClariPhy;
 using Mox::make;
 using Mox::Ptr;
 using Mox::Watch;
@@ -39,11 +38,10 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
       static_assert(std::is_const_v<std::remove_reference_t<decltype(c)>>);
       log.push_back("rxSkewV of " + c.name().str());
    });
-   auto const inherited =
-      Mox::on(port, Cl10010Config::Attr::wakeupTime, [&](Cl10010Config&) { log.push_back("wakeupTime"); });
    auto const keyed = Mox::on(port, Cl10010Config::Attr::initialIngressAmp, [&](Cl10010Config& c, CfpxHostChannel key) {
       log.push_back("amplitude " + std::to_string(c.initialIngressAmp(key).number()));
    });
+   auto const parent = Mox::on(port, Cl10010Config::Attr::parent, [&](Cl10010Config&) { log.push_back("parent"); });
    std::vector<Mox::AttributeId> any;
    auto const all = Mox::onAny(port, [&](Cl10010Config&, Mox::AttributeId id) { any.push_back(id); });
 
@@ -51,15 +49,11 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
    port->wakeupTimeIs(3.0);
    port->initialIngressAmpIs(CfpxHostChannel::channel2, 70);
    port->initialIngressAmpDel(CfpxHostChannel::channel2);
-   EXPECT_EQ(log, (Log{"rollOff", "rxSkewV of port", "wakeupTime", "amplitude 70", "amplitude 0"}));
    EXPECT_EQ(any, (std::vector<Mox::AttributeId>{391, 394, 290, 393, 393}));
-
    auto const dir = make<Cl10010ConfigDir>("config");
-   auto const parent = Mox::on(port, Cl10010Config::Attr::parent, [&](Cl10010Config&) { log.push_back("parent"); });
-   log.clear();
    port->parentIs(dir);
-   EXPECT_EQ(log, Log{"parent"});
    port->parentIs(nullptr);
+   EXPECT_EQ(log, (Log{"rollOff", "rxSkewV of port", "amplitude 70", "amplitude 0", "parent", "parent"}));
 }
 
 TEST_F(Watching, PauseEndMoveAndDeathStopIt) {
