@@ -16,22 +16,6 @@ using namespace Hardware::ClariPhy;
 using Xcvr::CfpxHostChannel;
 using ConfigFlow = Cl10010Config::MoxNboAttrLogSa::FlowOut;
 
-template <class X> void expectOwed(AttributeId start, AttributeId last) {
-   auto const flow = make<typename X::MoxNboAttrLogSa::FlowOut>(start);
-   EXPECT_EQ(flow->hasDirtyAttributes(), start <= last) << start;
-   X::MoxAttributes::forEach([&](auto a) {
-      EXPECT_EQ(a.hasEntries ? !flow->hasSynced(a) : flow->dirtyBit(a), a.id >= start) << a.name << " from " << start;
-   });
-}
-
-TEST(Flow, OwesWhatStandsAtOrBehindItsStart) {
-   for (AttributeId const start : {attr::none, 300u, 390u, 394u, 395u, attr::owesNothing}) {
-      expectOwed<Cl10010Config>(start, 394);
-      expectOwed<Cl10010Status>(start, 448);
-   }
-   expectOwed<Cl10010Status>(447, 448);
-}
-
 TEST(Flow, AKeyIsOwedUntilItIsDeleted) {
    auto const flow = make<ConfigFlow>(attr::owesNothing);
    flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, true);

@@ -259,27 +259,21 @@ TEST(Skew, AnEntityOfALaterTypeIsMirroredAsTheBaseThatIsKnown) {
 
 /// A conversation with everything in it, as one side said it.
 Bytes conversation() {
-   LinkEnd left("left", 1), right("right", 2);
+   LinkEnd left("left", 1);
    auto const config = make<Cl10010ConfigDir>("config");
    auto const status = make<Cl10010StatusDir>("status");
    left.exportRoot(config);
    left.exportRoot(status);
-   auto const mirror = right.mount<Cl10010ConfigDir>("config");
-   auto const states = right.mount<Cl10010StatusDir>("status");
-   left.connected();
-   right.connected();
+   Peer peer(left);
+   peer.out->control(Mount{1, MountMode::readOnly, "config"});
+   peer.out->control(Mount{2, MountMode::readOnly, "status"});
    Bytes said;
    auto const settle = [&] {
-      for (std::size_t idle = 0; idle < 2;)
-         for (LinkEnd* const from : {&right, &left}) {
-            auto const bytes = from->bytesToSend();
-            Bytes const copy(bytes.begin(), bytes.end());
-            from->bytesSent(copy.size());
-            if (from == &left)
-               said.insert(said.end(), copy.begin(), copy.end());
-            (from == &left ? right : left).bytesArrived(copy);
-            idle = copy.empty() ? idle + 1 : 0;
-         }
+      peer.tell();
+      for (auto bytes = left.bytesToSend(); !bytes.empty(); bytes = left.bytesToSend()) {
+         said.insert(said.end(), bytes.begin(), bytes.end());
+         left.bytesSent(bytes.size());
+      }
    };
    auto const spi = make<Hardware::Spi::Accelerator>("spi");
    for (int i = 0; i < 3; ++i) {

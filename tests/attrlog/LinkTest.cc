@@ -337,12 +337,6 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    link.settle();
    EXPECT_EQ(link.right().state("later"), LinkEnd::State::stale);
    EXPECT_TRUE(waiting->locked()) << "the mirror keeps what it had";
-   later->lockedIs(false);
-   link.left().exportRoot(later);
-   link.right().unmount("later");
-   link.right().mountIs(waiting);
-   link.settle();
-   EXPECT_FALSE(waiting->locked());
 }
 
 } // namespace
