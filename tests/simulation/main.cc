@@ -3,15 +3,15 @@
 #include "Simulation.h"
 #include "core/String8.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -108,51 +108,22 @@ int replay(U64 seed, bool isShrinking) {
    return 1;
 }
 
-U64 numberOf(char const* option, std::string_view text) {
-   U64 number = 0;
-   if (auto const r = std::from_chars(text.data(), text.data() + text.size(), number);
-       r.ec != std::errc() || r.ptr != text.data() + text.size()) {
-      std::cerr << option << ": expected a number, not \"" << text << "\"\n";
-      std::exit(2);
-   }
-   return number;
-}
-
-int usage() {
-   std::cerr << "usage: kestrel-simulate --seeds N [--seed S] [--keep-going]\n"
-                "       kestrel-simulate --replay S [--no-shrink]\n";
-   return 2;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-   U64 seeds = 0, first = 1, replayed = 0;
-   bool isReplay = false;
-   bool isShrinking = true;
-   bool keepsGoing = false;
-   for (int i = 1; i < argc; ++i) {
-      std::string_view const option = argv[i];
-      bool const hasValue = i + 1 < argc;
-      if (option == "--seeds" && hasValue)
-         seeds = numberOf("--seeds", argv[++i]);
-      else if (option == "--seed" && hasValue)
-         first = numberOf("--seed", argv[++i]);
-      else if (option == "--replay" && hasValue)
-         replayed = numberOf("--replay", argv[++i]), isReplay = true;
-      else if (option == "--no-shrink")
-         isShrinking = false;
-      else if (option == "--keep-going")
-         keepsGoing = true;
-      else
-         return usage();
-   }
+   U64 seeds = 1, first = 1, replayed = 0;
+   bool shrinks = true, keepsGoing = false;
+   CLI::App app("Runs seeds of the simulation, and shrinks the first that fails.");
+   app.add_option("--seeds", seeds, "how many");
+   app.add_option("--seed", first, "the first of them");
+   auto const* const replays = app.add_option("--replay", replayed, "runs one seed that fails, and shrinks it");
+   app.add_flag("!--no-shrink", shrinks, "leaves its steps as they are");
+   app.add_flag("--keep-going", keepsGoing, "goes on behind a seed that fails");
+   CLI11_PARSE(app, argc, argv);
    // The order of names in tables is part of what a seed fixes.
    Mox::nameHashKeyIs(1);
-   if (isReplay)
-      return replay(replayed, isShrinking);
-   if (seeds == 0)
-      return usage();
+   if (replays->count() != 0)
+      return replay(replayed, shrinks);
 
    for (int const s : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS})
       std::signal(s, crashed);
@@ -175,7 +146,7 @@ int main(int argc, char** argv) {
       ++divergences;
       std::cout << "seed " << seed << ": " << outcome.wrong << "\nreplay with: " << replayLine;
       if (divergences == 1 && !keepsGoing)
-         replay(seed, isShrinking);
+         replay(seed, shrinks);
       std::cout.flush();
    }
    auto const median = [](auto& each) {
