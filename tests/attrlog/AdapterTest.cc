@@ -66,6 +66,7 @@ TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
    EXPECT_EQ(port->moxNboAttrLogSaDel(second.out()), nullptr);
 
    port->refClockIs(1);
+   EXPECT_EQ(sa->handleAttrFlowOut(0), attr::none) << "nothing is owed";
    EXPECT_EQ(port->moxNboAttrLogSaDel(demuxer.out()), sa);
    EXPECT_EQ(port->moxNboAttrLogSa(out), nullptr);
    EXPECT_FALSE(port->moxHasReactors());

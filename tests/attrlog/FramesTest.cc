@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <limits>
+#include <sstream>
 
 namespace Mox::NboAttrLog {
 namespace {
@@ -58,6 +60,16 @@ Lines read(In& in, std::span<std::uint8_t const> bytes, bool throws = false) {
    return frames;
 }
 
+/// A dump shows every byte once, whatever the bytes are.
+void expectDumped(Bytes const& bytes) {
+   std::istringstream lines(describe(bytes));
+   std::size_t shown = 0;
+   for (std::string line; std::getline(lines, line);)
+      for (std::size_t at = 8; at + 1 < line.size() && at < 8 + 3 * 8 && std::isxdigit(line[at]); at += 3)
+         ++shown;
+   EXPECT_EQ(shown, bytes.size()) << describe(bytes);
+}
+
 #define EXPECT_HAS(text, part) EXPECT_NE((text).find(part), std::string::npos) << (text)
 
 TEST(FrameReading, WhatALaterPeerAddsIsSteppedOverWhereverTheStreamBreaks) {
@@ -68,7 +80,8 @@ TEST(FrameReading, WhatALaterPeerAddsIsSteppedOverWhereverTheStreamBreaks) {
    stream = stream + rawFrame(frame::controlBit, {77, 0, 1, 2, 3}) +
             rawFrame(frame::extensionBit, Bytes{2, 0xee, 0xee} + record) +
             rawFrame(frame::extensionBit | frame::controlBit, {1, 0xee, 9, 0, 0, 0, 0, 0, 0, 0, 0, 5}) +
-            rawFrame(frame::writeBit, Bytes(8) + record);
+            rawFrame(frame::writeBit, Bytes{0, 0, 0, 0, 0, 0, 0, 9} + record);
+   expectDumped(stream);
    for (std::size_t const piece : {stream.size(), std::size_t{1}, std::size_t{50}})
       for (bool const throws : {false, true}) {
          auto in = make<In>("peer");
@@ -81,8 +94,18 @@ TEST(FrameReading, WhatALaterPeerAddsIsSteppedOverWhereverTheStreamBreaks) {
                                   "148 #5 388: 00000009"}));
          EXPECT_EQ(in->unknownControls(), 1u);
          EXPECT_EQ(in->recordsRead(), 3u);
+         EXPECT_EQ(in->base(), 9u);
          EXPECT_EQ(in->keptBytes(), 0u);
       }
+   // Bytes that come while a frame is being handled wait for it.
+   auto in = make<In>("peer");
+   unsigned frames = 0;
+   std::function<void(In&)> const handle = [&](In& f) {
+      if (frames++ == 0)
+         f.consume(std::span(stream).subspan(60), handle);
+   };
+   in->consume(std::span(stream).first(60), handle);
+   EXPECT_EQ(frames, 5u);
 }
 
 TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
@@ -123,6 +146,7 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    for (auto const& c : cases) {
       SCOPED_TRACE(c.what);
       auto in = make<In>("port \"7\"", 1000u);
+      expectDumped(c.bytes);
       std::string const text = thrownBy<ProtocolException>([&] { read(*in, c.bytes); });
       EXPECT_HAS(text, c.reason);
       EXPECT_HAS(text, "stream \"port \\\"7\\\"\", offset ");

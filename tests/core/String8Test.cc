@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -32,6 +33,7 @@ TEST(String8, ComparesWithEveryKindOfTextAsBytes) {
          EXPECT_EQ(a.hash() == b.hash(), i == k);
       }
    }
+   EXPECT_EQ((std::unordered_set<Name>{"a", "b", "a"}.size()), 2u);
    EXPECT_TRUE(Name("a") == "a" && "a" != Name("b") && Name("a") < "b" && "a" < String8("b"));
 }
 

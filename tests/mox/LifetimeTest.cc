@@ -31,9 +31,10 @@ TEST(Dying, WeakReactorsSeeZeroReferencesAndStrongOnesPreventIt) {
    auto const idle = make<Listener>(log, "idle");
    for (auto const& watch : {weak, paused, idle})
       watch->isWeakReferenceIs(true);
+   for (auto const& watch : {idle, strong, weak, paused})
+      watch->notifierIs(entity);
    for (auto const& watch : {strong, weak, paused})
-      watch->listensTo(entity);
-   idle->notifierIs(entity);
+      watch->isRegisteredNotifieeIs(true);
    paused->hasNotificationActiveIs(false);
 
    entity = nullptr;

@@ -12,6 +12,7 @@
 #include <limits>
 #include <set>
 #include <sstream>
+#include <unordered_set>
 
 namespace {
 
@@ -52,7 +53,8 @@ TEST(BoundedValues, RejectWhatIsOutOfRangeWithTheTextOfTheType) {
                                                      "LdpcHistogramCounter::value < 0 or > 0xffffffffffff not allowed");
    expectBounds<Mox::MoxAttrIntrospectionFlags>(0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed");
    expectBounds<Plex::IntfId>(0xffffffff, "IntfId::value < 0 or > 0xffffffff not allowed");
-   static_assert(U4(7) > U4(6) && U4(7) == 7 && 6 < U4(7));
+   static_assert(U4(7) > U4(6) && U4(7) == 7 && 6 < U4(7) && !Plex::IntfId() && Plex::IntfId(7));
+   EXPECT_EQ((std::unordered_set<U22>{1, 2, 1}.size()), 2u);
 }
 
 TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
