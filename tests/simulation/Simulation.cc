@@ -41,6 +41,7 @@ struct Run::Kind {
    unsigned weight;
    char const* text;
    void (*happens)(Run&, World&, Words&);
+   char const* fault = nullptr; ///< that it is
    bool isOperation = true;
 };
 
@@ -88,7 +89,7 @@ Run::Kind const Run::kinds[] = {
        for (std::size_t n = 1 + words.below(4); n != 0; --n)
           r.carry(words.below(2), words, words.chance(40));
     },
-    false},
+    nullptr, false},
    {300, "change", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.own(words)), w, words); }},
    {110, "change directory",
     [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.ownDirectory(words)), w, words); }},
@@ -106,29 +107,20 @@ Run::Kind const Run::kinds[] = {
    {20, "drop reactor", [](Run&, World& w, Words& words) { w.dropReactor(words); }},
    {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }},
    {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }},
-   {3, "close export",
-    [](Run& r, World& w, Words& words) {
-       w.closeExport(words.below(w.roots().size()));
-       r.fault("export closed");
-    }},
+   {3, "close export", [](Run&, World& w, Words& words) { w.closeExport(words.below(w.roots().size())); },
+    "export closed"},
    {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
    {3, "remount",
-    [](Run& r, World& w, Words& words) {
+    [](Run&, World& w, Words& words) {
        w.unmount(words.below(w.mirrors().size()));
        if (words.chance(60))
           w.mountAll();
-       r.fault("remount");
-    }},
+    },
+    "remount"},
    {16, "stall",
-    [](Run& r, World& w, Words& words) {
-       r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80)));
-       r.fault("stall");
-    }},
-   {5, "split storm",
-    [](Run& r, World& w, Words&) {
-       r.pipeFrom(w).splitStorm(100);
-       r.fault("split storm");
-    }},
+    [](Run& r, World& w, Words& words) { r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
+    "stall"},
+   {5, "split storm", [](Run& r, World& w, Words&) { r.pipeFrom(w).splitStorm(100); }, "split storm"},
    {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }},
    {20, "connect", [](Run& r, World&, Words&) { r.connect(); }},
    {3, "restart",
@@ -141,7 +133,7 @@ Run::Kind const Run::kinds[] = {
        for (World& each : r.worlds_)
           each.checkMemory();
     },
-    false},
+    nullptr, false},
 };
 
 char const* textOf(Step const& step) noexcept {
@@ -189,8 +181,11 @@ void Run::play(std::vector<Step> const& steps) {
       ++now_;
       Words words(step.word);
       World& world = worlds_[words.below(2)];
-      operations_ += kinds[step.kind].isOperation;
-      kinds[step.kind].happens(*this, world, words);
+      Kind const& kind = kinds[step.kind];
+      operations_ += kind.isOperation;
+      kind.happens(*this, world, words);
+      if (kind.fault != nullptr)
+         fault(kind.fault);
       throwIfWrong();
    }
 }
