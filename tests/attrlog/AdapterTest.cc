@@ -4,7 +4,7 @@
 #include "attrlog/Demuxer.h"
 #include "attrlog/LevelSaImpl.h" // the bodies of a flow's keyed setters
 #include "entities/Cl10010ConfigLog.h"
-#include "entities/Cl10010StatusDirLog.h"
+#include "entities/Cl10010StatusLog.h"
 #include "siblings/LedConfig.h"
 
 #include <gtest/gtest.h>
@@ -12,54 +12,17 @@
 namespace Mox::NboAttrLog {
 namespace {
 
-using Hardware::ClariPhy::Cl10010Config;
-using Hardware::ClariPhy::Cl10010Status;
+using namespace Hardware::ClariPhy;
 using Xcvr::CfpxHostChannel;
-using Attr = Cl10010Config::Attr;
 using ConfigFlow = Cl10010Config::MoxNboAttrLogSa::FlowOut;
-
-TEST(Flow, OwesWhatStandsAtOrBehindItsStart) {
-   struct Case {
-      AttributeId start;
-      bool owes, refClock, calibrationSynced, rxSkewH, amplitudeSynced, rollOff;
-   };
-   for (auto const& [start, owes, refClock, calibrationSynced, rxSkewH, amplitudeSynced, rollOff] : {
-           Case{attr::none, true, true, false, true, false, true},
-           Case{390, true, false, true, true, false, true},
-           Case{394, true, false, true, false, true, true},
-           Case{395, false, false, true, false, true, false},
-           Case{attr::owesNothing, false, false, true, false, true, false},
-        }) {
-      SCOPED_TRACE(start);
-      auto const flow = make<ConfigFlow>(start);
-      EXPECT_EQ(flow->hasDirtyAttributes(), owes);
-      EXPECT_EQ(flow->dirtyBit(Attr::refClock), refClock);
-      EXPECT_EQ(flow->hasSynced(Attr::calibration), calibrationSynced);
-      EXPECT_EQ(flow->dirtyBit(Attr::rxSkewH), rxSkewH);
-      EXPECT_EQ(flow->hasSynced(Attr::initialIngressAmp), amplitudeSynced);
-      EXPECT_EQ(flow->dirtyBit(Attr::rollOff), rollOff);
-      using BaseFlow = LevelFlow<Hardware::Phy::PhyConfig>;
-      EXPECT_EQ(static_cast<BaseFlow&>(*flow).dirtyBit(Hardware::Phy::PhyConfig::Attr::configReady),
-                start == attr::none);
-   }
-   // More attributes than one word has bits.
-   auto const status = make<Cl10010Status::MoxNboAttrLogSa::FlowOut>(447u);
-   EXPECT_TRUE(status->dirtyBit(Cl10010Status::Attr::rollOff));
-   EXPECT_FALSE(status->dirtyBit(Cl10010Status::Attr::totalLdpcWords));
-   EXPECT_EQ(status->nextPending(386), 447u);
-}
 
 TEST(Flow, AKeyIsOwedUntilItIsDeleted) {
    auto const flow = make<ConfigFlow>(attr::owesNothing);
    flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, true);
    flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, true);
-   flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel0, true);
-   flow->moxIsInitialIngressAmpDirtyIs(CfpxHostChannel::channel3, true);
-   EXPECT_EQ(flow->dirtyKeys(), 3u) << "marked twice is one entry";
+   EXPECT_EQ(flow->dirtyKeys(), 1u) << "marked twice is one entry";
    EXPECT_EQ(flow->nextPending(386), 389u);
    flow->moxIsCalibrationDirtyIs(CfpxHostChannel::channel3, false);
-   flow->moxIsCalibrationDirtyDel(CfpxHostChannel::channel0);
-   flow->moxIsInitialIngressAmpDirtyDel(CfpxHostChannel::channel3);
    EXPECT_TRUE(flow->hasDirtyAttributes()) << "an entry of value false is an entry";
    flow->moxIsCalibrationDirtyDel(CfpxHostChannel::channel3);
    EXPECT_FALSE(flow->hasDirtyAttributes());
@@ -70,15 +33,15 @@ TEST(Flow, AKeyIsOwedUntilItIsDeleted) {
    EXPECT_EQ(flow->bookmark().as<CfpxHostChannel>(), CfpxHostChannel::channel0);
 }
 
-/// A configuration with an adapter that writes, on a stream that nobody carries.
-struct OneAdapter : testing::Test {
+/// An entity with an adapter that writes, on a stream that nobody carries.
+template <class X> struct Written {
    Demuxer demuxer{"stream"};
-   Ptr<Cl10010Config> port = make<Cl10010Config>("port");
+   Ptr<X> port;
    Ptr<Entity::MoxNboAttrLogSa> sa;
    Ptr<In> in = make<In>("reader");
    Lines reports;
 
-   OneAdapter() {
+   template <class... Parameters> explicit Written(Parameters... parameters) : port(make<X>("port", parameters...)) {
       demuxer.opened();
       demuxer.reportIs([this](std::string const& text) { reports.push_back(text); });
       demuxer.out()->control(Hello{.name = "stream"});
@@ -88,6 +51,8 @@ struct OneAdapter : testing::Test {
    }
    Lines written() { return linesOf(*in, bytesOf(*demuxer.out())); }
 };
+
+struct OneAdapter : testing::Test, Written<Cl10010Config> {};
 
 TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
    EXPECT_THROW(port->moxNboAttrLogSaIs({}, 0, nullptr, nullptr), RangeException);
@@ -101,6 +66,7 @@ TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
    EXPECT_EQ(port->moxNboAttrLogSaDel(second.out()), nullptr);
 
    port->refClockIs(1);
+   EXPECT_EQ(sa->handleAttrFlowOut(0), attr::none) << "nothing is owed";
    EXPECT_EQ(port->moxNboAttrLogSaDel(demuxer.out()), sa);
    EXPECT_EQ(port->moxNboAttrLogSa(out), nullptr);
    EXPECT_FALSE(port->moxHasReactors());
@@ -109,6 +75,8 @@ TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
 }
 
 TEST_F(OneAdapter, WritesOneRecordPerChange) {
+   Written<Cl10010Status> other(nullptr, nullptr);
+   auto const& status = other.port;
    port->refClockIs(0x01020304);
    EXPECT_EQ(demuxer.out()->pendingBytes(), 32u);
    EXPECT_EQ(written(), Lines{"#1 388: 01020304"});
@@ -140,9 +108,35 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
            {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
            {[&] { port->ledConfigIs(make<Hardware::Led::LedConfig>("led")); }, {"#1 293: 0000000000000000"}},
            {[&] { port->newCalibration(CfpxHostChannel::channel9, {}); }, {}}, // raw: nobody is told
+           {[&] { status->amplitudeIs(2, 1.5F); }, {"#1 412: 023fc00000"}},
+           {[&] { status->amplitudeIs(2, 1.5F); }, {}},
+           {[&] { status->amplitudeDel(0); }, {}},                     // the default already
+           {[&] { status->amplitudeDel(2); }, {"#1 412: 0200000000"}}, // an element never goes
+           {[&] {
+               status->lineLaneAlignedIs(1, {true, 2, 0.0});
+            },
+            {"#1 404: 0101000000020000000000000000"}},
+           {[&] {
+               other.demuxer.out()->markIs(0); // no room: an array is owed whole
+               status->meanSquareErrorIs(1, 7);
+               status->meanSquareErrorIs(1, 8);
+               other.demuxer.out()->markIs(Out::defaultMark);
+               other.demuxer.drain();
+            },
+            {"#1 413 begin", "#1 413: 000000", "#1 413: 010008", "#1 413: 020000", "#1 413: 030000", "#1 413 end"}},
+           {[&] { status->ldpcHistogramsIs("h"); }, {"#1 446: 0000000168000000010000000b"}},
+           {[&] {
+               other.demuxer.drain();
+               other.written();
+               status->ldpcHistograms("h")->histogramIs(31, 0xffffffffffff);
+            },
+            {"#2 258: 1f0000ffffffffffff"}},
+           {[&] { status->ldpcHistogramsDel("h"); }, {"#1 -446: 0000000168"}},
         }) {
       change();
-      EXPECT_EQ(written(), lines);
+      Lines all = written(), more = other.written();
+      all.insert(all.end(), more.begin(), more.end());
+      EXPECT_EQ(all, lines);
    }
    EXPECT_EQ(demuxer.counters().withoutLog, 2u);
    ASSERT_EQ(reports.size(), 1u) << "once per type";
@@ -152,7 +146,7 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
 
    // A reference: its target is announced before, and told whole behind.
    port->pllStatusIs(pll);
-   Lines lines = written();
+   Lines const lines = written();
    ASSERT_EQ(lines.size(), 2u);
    EXPECT_EQ(lines[0].substr(0, 7), "#0 136:");
    EXPECT_EQ(lines[1], "#1 392: 000000010000000b") << "generation 1 of slot 2";
@@ -162,48 +156,6 @@ TEST_F(OneAdapter, WritesOneRecordPerChange) {
    EXPECT_EQ(written(), Lines{"#1 392: 0000000000000000"});
 }
 
-TEST_F(OneAdapter, AResendPausesAtAKeyAndMergesWhatChangesMeanwhile) {
-   for (int key : {1, 4, 8, 12})
-      port->calibrationIs(static_cast<CfpxHostChannel>(key), {static_cast<std::uint32_t>(key), 0, 0});
-   port->refClockIs(1);
-   written();
-   sa->owesAllIs();
-   demuxer.out()->markIs(1);
-   Lines all;
-   bool changed = false;
-   for (int i = 0; i < 200 && (demuxer.owes() || i == 0); ++i) {
-      demuxer.drain();
-      for (std::string& line : written()) {
-         bool const isFour = line.starts_with("#1 389: 00000004");
-         if (line.starts_with("#1 135") || line.starts_with("#1 389") || line.starts_with("#1 -389") ||
-             line.starts_with("#1 388"))
-            all.push_back(std::move(line));
-         if (isFour && !std::exchange(changed, true)) {
-            port->calibrationIs(CfpxHostChannel::channel12, {99, 0, 0}); // ahead: once, as it is by then
-            port->calibrationDel(CfpxHostChannel::channel1);             // behind: behind the end
-            port->calibrationDel(CfpxHostChannel::channel8);             // where the bookmark stands
-            port->refClockIs(2);                                         // below the cursor: a further round
-         }
-      }
-   }
-   Lines const expected{"#1 135: 00000002",
-                        "#1 388: 00000001",
-                        "#1 389 begin",
-                        "#1 389: 00000001000000010000000000000000",
-                        "#1 389: 00000004000000040000000000000000",
-                        "#1 389: 0000000c000000630000000000000000",
-                        "#1 389 end",
-                        "#1 -389: 00000001",
-                        "#1 -389: 00000008",
-                        "#1 135: 00000001",
-                        "#1 388: 00000002"};
-   EXPECT_EQ(all, expected);
-   EXPECT_EQ(demuxer.counters().belowCursor, 1u);
-   EXPECT_FALSE(demuxer.owes());
-   EXPECT_EQ(sa->flow(), nullptr) << "nothing owed, no flow";
-   EXPECT_EQ(sa->handleAttrFlowOut(0), 0u);
-}
-
 TEST_F(OneAdapter, ARecordGivenToItIsAnsweredWithTheLocalValue) {
    port->refClockIs(5);
    port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
@@ -211,9 +163,7 @@ TEST_F(OneAdapter, ARecordGivenToItIsAnsweredWithTheLocalValue) {
    auto const feed = make<Out>("given");
    feed->control(Hello{.name = "given"});
    auto const record = [&](std::int32_t attribute, auto const&... values) {
-      Record r(*feed, {.entity = sa->entityId(), .attribute = attribute, .variable = 1});
-      ((*feed << values), ...);
-      r.close();
+      recordOf(*feed, {.entity = sa->entityId(), .attribute = attribute, .variable = 1}, values...);
    };
    record(388, 77u);
    record(389, 1, 7u, 7u, 7u);

@@ -33,6 +33,21 @@ inline Bytes bytesOf(Out& out) {
    return all;
 }
 
+/// A section of a record's body, among its values.
+struct Section {
+   unsigned number;
+};
+inline void operator<<(Out& out, Section s) {
+   out.currentPayloadSectionIs(s.number);
+}
+
+/// One whole record. \tparam Values what `<<` takes, and sections
+template <class... Values> void recordOf(Out& out, MsgHeader const& header, Values const&... values) {
+   Record record(out, header);
+   ((out << values), ...);
+   record.close();
+}
+
 /// One line per frame: "#slot attribute: body", markers by name, control frames by what matters in them. Hellos and
 /// acknowledgements are left out.
 inline std::string lineOf(In& in) {
@@ -90,24 +105,11 @@ public:
       return EntityId::assigned(slot, 1, generation);
    }
    template <class... Values> void record(EntityId entity, std::int32_t attribute, Values const&... values) {
-      Record r(*out, {.entity = entity, .attribute = attribute, .variable = 1});
-      ((*out << values), ...);
-      r.close();
+      recordOf(*out, {.entity = entity, .attribute = attribute, .variable = 1}, values...);
    }
-   template <class... Parameters>
-   void announce(std::vector<std::string_view> const& chain, std::string_view name, EntityId entity,
-                 Parameters const&... parameters) {
-      Record r(*out,
-               {.entity = orphanAnnouncement, .attribute = static_cast<std::int32_t>(attr::orphan), .variable = 1});
-      out->currentPayloadSectionIs(1);
-      for (std::string_view const type : chain)
-         *out << TypeId{type};
-      out->currentPayloadSectionIs(3);
-      *out << name;
-      ((*out << parameters), ...);
-      out->currentPayloadSectionIs(4);
-      *out << entity;
-      r.close();
+   void announce(std::string_view type, std::string_view name, EntityId entity) {
+      recordOf(*out, {.entity = orphanAnnouncement, .attribute = attr::orphan, .variable = 1}, Section{1}, TypeId{type},
+               Section{3}, name, Section{4}, entity);
    }
    void grant(std::uint32_t handle, EntityId root) {
       out->control(Mounted{handle, MountState::open, MountMode::readOnly, Reason::none, root});

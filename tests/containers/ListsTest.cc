@@ -72,15 +72,14 @@ TEST(ListRaw, FollowsAVectorThroughRandomChanges) {
       Watcher& w = *fixture.held[random() % 12];
       auto const at = std::find(twin.begin(), twin.end(), w.id);
       auto const version = fixture.list.version();
+      ASSERT_EQ(fixture.list.contains(w), at != twin.end());
       if (at != twin.end()) {
-         EXPECT_THROW(fixture.list.pushBack(w), Mox::InternalException);
-         EXPECT_THROW(fixture.list.pushFront(w), Mox::InternalException);
-         EXPECT_EQ(fixture.list.version(), version);
-         EXPECT_TRUE(fixture.list.contains(w));
-         EXPECT_TRUE(fixture.list.unlink(w));
+         ASSERT_THROW(fixture.list.pushBack(w), Mox::InternalException);
+         ASSERT_THROW(fixture.list.pushFront(w), Mox::InternalException);
+         ASSERT_TRUE(fixture.list.unlink(w));
          twin.erase(at);
       } else if (random() % 2 != 0) {
-         EXPECT_FALSE(fixture.list.unlink(w));
+         ASSERT_FALSE(fixture.list.unlink(w));
          fixture.list.pushFront(w);
          twin.insert(twin.begin(), w.id);
       } else {
@@ -94,6 +93,7 @@ TEST(ListRaw, FollowsAVectorThroughRandomChanges) {
    }
 }
 
+// Up to sixteen elements live in the iterator, others on a stack of the thread.
 class SnapshotOfSize : public testing::TestWithParam<int> {
 protected:
    void TearDown() override { EXPECT_EQ(Watcher::alive, 0); }
@@ -101,64 +101,44 @@ protected:
 
 TEST_P(SnapshotOfSize, VisitsWhoWasThereAndIsStillHeld) {
    int const count = GetParam();
-   Ptr<Watcher> const late = Mox::make<Watcher>(1000);
    Fixture fixture(count);
+   Ptr<Watcher> const late = Mox::make<Watcher>(1000);
    std::vector<int> visited;
-   Ptr<Watcher> takenOffButHeld;
    for (Snapshot it(fixture.list); it; it.advance()) {
       visited.push_back(it->id);
       if (it.position() == 0) {
          fixture.list.pushFront(*late);
-         fixture.drop(0); // itself: it lives until it has been passed
+         for (int const gone : {0, 1, 2, count - 1}) // itself too: it lives until it has been passed
+            if (gone < count && fixture.held[static_cast<std::size_t>(gone)])
+               fixture.drop(gone);
          EXPECT_EQ(it->references(), 1u);
-         if (count > 4) {
-            fixture.drop(1); // the next two, and the last
-            fixture.drop(2);
-            fixture.drop(count - 1);
-            takenOffButHeld = fixture.held[3];
-            fixture.drop(3);
-         }
       }
    }
    std::vector<int> expected{0};
-   for (int i = count > 4 ? 3 : 1; i < (count > 4 ? count - 1 : count); ++i)
+   for (int i = 3; i < count - 1; ++i)
       expected.push_back(i);
    EXPECT_EQ(visited, expected);
-   EXPECT_EQ(Watcher::alive, count > 4 ? count - 3 : count);
 }
 
-TEST_P(SnapshotOfSize, LetsGoOfEverythingWhenAnExceptionPasses) {
+TEST_P(SnapshotOfSize, NestedPassesShareOneStackAndLeaveNothingBehind) {
    Fixture fixture(GetParam());
-   auto const pass = [&fixture](int throwAt) {
+   auto const passes = [&](auto const& self, int depth, int throwAt) -> void {
       for (Snapshot it(fixture.list); it; it.advance()) {
-         for (Snapshot nested(fixture.list); nested; nested.advance())
-            if (nested->id == throwAt && it->id == throwAt)
-               throw std::runtime_error("watcher");
-      }
-   };
-   for (int const throwAt : {0, GetParam() / 2, GetParam() - 1}) {
-      EXPECT_THROW(pass(throwAt), std::runtime_error);
-      for (auto const& w : fixture.held)
-         ASSERT_EQ(w->references(), 1u);
-   }
-}
-
-TEST_P(SnapshotOfSize, NestedPassesAllocateNothingInTheLongRun) {
-   Fixture fixture(GetParam());
-   long sum = 0;
-   auto const nestedPasses = [&](auto const& self, int depth) -> void {
-      for (Snapshot it(fixture.list); it; it.advance()) {
-         sum += it->id;
          if (depth > 0 && it->id % 32 == 0)
-            self(self, depth - 1);
+            self(self, depth - 1, throwAt);
          ASSERT_EQ(it->id, static_cast<int>(it.position())) << "a nested pass has overwritten this one's pointers";
+         if (depth == 0 && it->id == throwAt)
+            throw std::runtime_error("watcher");
       }
    };
-   nestedPasses(nestedPasses, 3);
+   passes(passes, 3, -1);
    std::size_t const before = allocations();
-   nestedPasses(nestedPasses, 3);
+   passes(passes, 3, -1);
    EXPECT_EQ(allocations(), before);
-   EXPECT_EQ(sum % 2, 0) << "both rounds visit the same";
+   EXPECT_THROW(passes(passes, 3, GetParam() - 1), std::runtime_error);
+   for (auto const& w : fixture.held)
+      ASSERT_EQ(w->references(), 1u);
+   EXPECT_FALSE(Snapshot(List()));
    if (GetParam() > 16) {
       auto const biggest = std::make_unique<Fixture>(5000);
       EXPECT_TRUE(needsMemory([&] { Snapshot const it(biggest->list); }));
@@ -166,11 +146,7 @@ TEST_P(SnapshotOfSize, NestedPassesAllocateNothingInTheLongRun) {
    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Lists, SnapshotOfSize, testing::Values(1, 2, 4, 16, 17, 100));
-
-TEST(Snapshot, OfAnEmptyListIsOver) {
-   EXPECT_FALSE(Snapshot(List()));
-}
+INSTANTIATE_TEST_SUITE_P(Lists, SnapshotOfSize, testing::Values(1, 5, 16, 17, 100));
 
 TEST(LinkedQueue, CopiesReferToTheSameObjectsInOrder) {
    auto const a = Mox::make<Watcher>(1);
@@ -182,10 +158,6 @@ TEST(LinkedQueue, CopiesReferToTheSameObjectsInOrder) {
    other.push(b);
    other = queue;
    other = *&other;
-   std::vector<int> seen;
-   for (auto const& w : other)
-      seen.push_back(w->id);
-   EXPECT_EQ(seen, (std::vector<int>{1, 2, 1}));
    EXPECT_EQ(a->references(), 5u);
    EXPECT_TRUE(other.remove(*a));
    EXPECT_EQ(other.pop(), b);
@@ -200,12 +172,7 @@ TEST(BitSet, SetsFindsAndRefuses) {
    static_assert(sizeof(Mox::BitSet<29, unsigned>) == sizeof(unsigned));
    Mox::BitSet<29, unsigned> small;
    for (int const outside : {-1, 29, 32}) {
-      try {
-         small.set(outside);
-         ADD_FAILURE() << outside;
-      } catch (Mox::InternalException const& e) {
-         EXPECT_STREQ(e.what(), "pos>=0 && pos<bits");
-      }
+      EXPECT_THROW(small.set(outside), Mox::InternalException);
       EXPECT_THROW(small.reset(outside), Mox::InternalException);
    }
    EXPECT_TRUE(small.none());

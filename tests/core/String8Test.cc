@@ -6,9 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <sstream>
-#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -35,6 +33,7 @@ TEST(String8, ComparesWithEveryKindOfTextAsBytes) {
          EXPECT_EQ(a.hash() == b.hash(), i == k);
       }
    }
+   EXPECT_EQ((std::unordered_set<Name>{"a", "b", "a"}.size()), 2u);
    EXPECT_TRUE(Name("a") == "a" && "a" != Name("b") && Name("a") < "b" && "a" < String8("b"));
 }
 
@@ -57,23 +56,6 @@ TEST(String8, CopiesShareOneTextUntilTheLastGoes) {
    EXPECT_TRUE(String8("").sharesWith(String8())) << "the empty text needs no memory";
 }
 
-TEST(String8, ThreadsMayShareOneTextWhenPointersAreThreadSafe) {
-   Mox::VFPtrInterface::enableThreadSafePointers();
-   Name const shared("shared");
-   auto const copyAndHash = [&shared] {
-      for (int i = 0; i < 20000; ++i) {
-         Name const copy(shared);
-         ASSERT_EQ(copy.hash(), Mox::hashOf("shared"));
-      }
-   };
-   {
-      std::jthread const one(copyAndHash);
-      std::jthread const two(copyAndHash);
-   }
-   Mox::VFPtrInterface::enableThreadSafePointers(false);
-   EXPECT_EQ(shared, "shared");
-}
-
 TEST(NameHash, EveryBitOfTheTextReachesEveryBitOfTheHash) {
    for (std::size_t const size : {7u, 8u, 9u, 16u, 31u}) {
       SCOPED_TRACE(size);
@@ -94,12 +76,7 @@ TEST(NameHash, EveryBitOfTheTextReachesEveryBitOfTheHash) {
       for (int const count : flips)
          EXPECT_NEAR(static_cast<double>(count) / trials, 0.5, 0.05);
    }
-   std::set<std::uint32_t> zeros;
-   for (std::size_t size = 0; size < 64; ++size)
-      zeros.insert(Mox::hashOf(std::string(size, '\0')));
-   EXPECT_EQ(zeros.size(), 64u);
-   std::unordered_set<Name> names;
-   EXPECT_TRUE(names.insert("port-1").second && !names.insert(Name("port-1")).second);
+   EXPECT_NE(Mox::hashOf("\0"s), Mox::hashOf("\0\0"s));
 }
 
 TEST(NameHash, TheKeyCannotChangeUnderNamesAlreadyHashed) {

@@ -117,44 +117,25 @@ void expectKeyed(int slot, void (N::*withKey)(Key), void (N::*immediate)(), void
 }
 
 TEST_F(Slots, OfReactorsAreTheFrameworksThenTheBasesThenTheOwn) {
+#define EXPECT_KEYED(slot, Type, Key, function)                                                                        \
+   expectKeyed<Type::NotifieeConst, Key>(slot, &Type::NotifieeConst::function,                                         \
+                                         &Type::NotifieeConst::function##moxImmediate, &Type::NotifieeConst::function)
    EXPECT_EQ(reactor(), 30);
-   {
-      using N = Cl10010ConfigDir::NotifieeConst;
-      expectKeyed<N, Mox::Name>(30, &N::onPhyConfig, &N::onPhyConfigmoxImmediate, &N::onPhyConfig);
-   }
-   {
-      using N = Cl10010ConfigPtrDir::NotifieeConst;
-      expectKeyed<N, Mox::Name>(30, &N::onPhyConfig, &N::onPhyConfigmoxImmediate, &N::onPhyConfig);
-   }
-   {
-      using N = Cl10010StatusDir::NotifieeConst;
-      expectKeyed<N, Mox::Name>(30, &N::onPhyStatus, &N::onPhyStatusmoxImmediate, &N::onPhyStatus);
-   }
-   {
-      using N = Cl10010StatusPtrDir::NotifieeConst;
-      expectKeyed<N, Mox::Name>(30, &N::onPhyStatus, &N::onPhyStatusmoxImmediate, &N::onPhyStatus);
-   }
-   {
-      using N = FecHistogram::NotifieeConst;
-      expectKeyed<N, ClariPhyTypes::LdpcHistogramIterNum>(30, &N::onHistogram, &N::onHistogrammoxImmediate,
-                                                          &N::onHistogram);
-   }
+   EXPECT_KEYED(30, Cl10010ConfigDir, Mox::Name, onPhyConfig);
+   EXPECT_KEYED(30, Cl10010ConfigPtrDir, Mox::Name, onPhyConfig);
+   EXPECT_KEYED(30, Cl10010StatusDir, Mox::Name, onPhyStatus);
+   EXPECT_KEYED(30, Cl10010StatusPtrDir, Mox::Name, onPhyStatus);
+   EXPECT_KEYED(30, FecHistogram, ClariPhyTypes::LdpcHistogramIterNum, onHistogram);
    EXPECT_EQ(slotOf(&PhyConfig::NotifieeConst::onModel), 30);
    EXPECT_EQ(slotOf(&PhyConfig::NotifieeConst::onConfigReady), 30 + 29);
-   {
-      using N = Cl10010Config::NotifieeConst;
-      EXPECT_EQ(slotOf(&N::onSpiAccel), 60);
-      expectKeyed<N, Xcvr::CfpxHostChannel>(63, &N::onCalibration, &N::onCalibrationmoxImmediate, &N::onCalibration);
-      EXPECT_EQ(slotOf(&N::onRollOff), 60 + 12);
-   }
+   EXPECT_EQ(slotOf(&Cl10010Config::NotifieeConst::onSpiAccel), 60);
+   EXPECT_KEYED(63, Cl10010Config, Xcvr::CfpxHostChannel, onCalibration);
+   EXPECT_EQ(slotOf(&Cl10010Config::NotifieeConst::onRollOff), 60 + 12);
    EXPECT_EQ(slotOf(&PhyStatus::NotifieeConst::onXcvrStatus), 30);
    EXPECT_EQ(slotOf(&PhyStatus::NotifieeConst::onPhyConfigVersionInHw), 30 + 116);
-   {
-      using N = Cl10010Status::NotifieeConst;
-      EXPECT_EQ(slotOf(&N::onDebugStateSnapshotTimestamp), 147);
-      expectKeyed<N, Mox::Name>(147 + 86, &N::onLdpcHistograms, &N::onLdpcHistogramsmoxImmediate, &N::onLdpcHistograms);
-      EXPECT_EQ(slotOf(&N::onRollOff), 147 + 89);
-   }
+   EXPECT_EQ(slotOf(&Cl10010Status::NotifieeConst::onDebugStateSnapshotTimestamp), 147);
+   EXPECT_KEYED(147 + 86, Cl10010Status, Mox::Name, onLdpcHistograms);
+   EXPECT_EQ(slotOf(&Cl10010Status::NotifieeConst::onRollOff), 147 + 89);
 }
 
 } // namespace

@@ -50,12 +50,9 @@ TEST(Delivery, OnlyReactorsOfTheTypeHearOfItsOwnAttributesInTheKeyedSlots) {
       Log& log;
    };
    struct Any : Mox::Entity::Notifiee {};
-   auto const own = make<Reactor>(log);
-   auto const base = make<Base>(log);
-   auto const cousin = make<Cousin>(log);
-   auto const any = make<Any>();
-   for (Ptr<Mox::PtrInterface::NotifieeConst> const& r :
-        {Ptr<Mox::PtrInterface::NotifieeConst>(own), {base}, {cousin}, {any}}) {
+   Ptr<Mox::PtrInterface::NotifieeConst> const reactors[] = {make<Reactor>(log), make<Base>(log), make<Cousin>(log),
+                                                             make<Any>()};
+   for (auto const& r : reactors) {
       r->notifierIs(port);
       r->isRegisteredNotifieeIs(true);
    }

@@ -27,39 +27,6 @@ TEST(Options, WhatIsGivenArrivesAndTheRestHasItsDefault) {
    EXPECT_TRUE(none.trace.empty() && none.socket.empty() && none.help.empty() && !none.driver && !none.json);
    EXPECT_GT(none.speed, 0);
    EXPECT_EQ(none.seed, 1u);
-   EXPECT_NE(parse({"--help"}).help.find("--trace FILE"), std::string::npos);
-}
-
-TEST(Options, WrongUseIsOneClearLine) {
-   struct {
-      std::vector<char const*> arguments;
-      char const* message;
-   } const table[] = {
-      {{"--ports", "0"}, "--ports: expected a number from 1 to 10000, got '0'"},
-      {{"--ports", "10001"}, "--ports: expected a number from 1 to 10000, got '10001'"},
-      {{"--steps", "ten"}, "--steps: expected a number from 1 to 1000000, got 'ten'"},
-      {{"--steps", "1.5"}, "--steps: expected a number from 1 to 1000000, got '1.5'"},
-      {{"--seed", "18446744073709551616"},
-       "--seed: expected a number from 0 to 18446744073709551615, got '18446744073709551616'"},
-      {{"--seed", "-1"}, "--seed: expected a number from 0 to 18446744073709551615, got '-1'"},
-      {{"--speed", "-0.1"}, "--speed: expected a number from 0 to 1000000, got '-0.1'"},
-      {{"--speed", "nan"}, "--speed: expected a number from 0 to 1000000, got 'nan'"},
-      {{"--speed", "inf"}, "--speed: expected a number from 0 to 1000000, got 'inf'"},
-      {{"--ports", "3\n\x1b[2J"}, "--ports: expected a number from 1 to 10000, got '3..[2J'"},
-      {{"--port", "3"}, "expected the options that --help lists, got '--port'"},
-      {{"trace.csv"}, "expected the options that --help lists, got 'trace.csv'"},
-      {{"--trace", ""}, "--trace: expected a path, got an empty text"},
-   };
-   for (auto const& c : table) {
-      SCOPED_TRACE(c.message);
-      try {
-         parse(c.arguments);
-         ADD_FAILURE() << "not refused";
-      } catch (UsageError const& e) {
-         EXPECT_EQ(std::string(e.what()), c.message);
-      }
-   }
-   EXPECT_THROW(parse({"--socket"}), UsageError);
 }
 
 } // namespace

@@ -8,19 +8,23 @@ namespace Simulation {
 
 using namespace Mox;
 
-std::array<char const*, 13> const situations = {"pause inside a collection",
-                                                "table grown while paused",
-                                                "cut between begin and end",
-                                                "change below a paused cursor",
-                                                "parked reference woken",
-                                                "name re-created while stalled",
-                                                "slot used again",
-                                                "sweep that deleted",
-                                                "owes all paid",
-                                                "refused write put right",
-                                                "announcement restarted",
-                                                "throwing reactor",
-                                                "new incarnation"};
+using Counters = NboAttrLog::Demuxer::Counters;
+
+std::array<Situation, 13> const situations = {{
+   {"pause inside a collection", &Counters::pausedCollections},
+   {"table grown while paused", &Counters::grownWhilePaused},
+   {"cut between begin and end", nullptr},
+   {"change below a paused cursor", &Counters::belowCursor},
+   {"parked reference woken", &Counters::woken},
+   {"name re-created while stalled", nullptr},
+   {"slot used again", &Counters::reusedSlots},
+   {"sweep that deleted", &Counters::sweptEntries},
+   {"owes all paid", &Counters::owedAll},
+   {"refused write put right", nullptr},
+   {"announcement restarted", &Counters::restartedAnnouncements},
+   {"throwing reactor", nullptr},
+   {"new incarnation", nullptr},
+}};
 std::array<char const*, 10> const faults = {"cut",
                                             "reconnect",
                                             "new incarnation",
@@ -32,38 +36,18 @@ std::array<char const*, 10> const faults = {"cut",
                                             "export closed",
                                             "remount"};
 
-namespace {
-
-struct Weight {
-   Kind kind;
+/// What can happen, and how often it does; the functions get one of the worlds.
+struct Run::Kind {
    unsigned weight;
    char const* text;
+   void (*happens)(Run&, World&, Words&);
+   char const* fault = nullptr; ///< that it is
+   bool isOperation = true;
 };
-constexpr Weight weights[] = {
-   {Kind::carry, 330, "carry"},
-   {Kind::change, 300, "change"},
-   {Kind::changeDirectory, 110, "change directory"},
-   {Kind::changeMirror, 50, "change mirror"},
-   {Kind::failAllocation, 30, "fail allocation"},
-   {Kind::release, 20, "release"},
-   {Kind::adopt, 15, "adopt"},
-   {Kind::addReactor, 45, "add reactor"},
-   {Kind::dropReactor, 20, "drop reactor"},
-   {Kind::pauseAdapter, 8, "pause adapter"},
-   {Kind::resumeAdapter, 8, "resume adapter"},
-   {Kind::closeExport, 3, "close export"},
-   {Kind::openExport, 5, "open exports"},
-   {Kind::remount, 3, "remount"},
-   {Kind::stall, 16, "stall"},
-   {Kind::splitStorm, 5, "split storm"},
-   {Kind::cut, 10, "cut"},
-   {Kind::connect, 20, "connect"},
-   {Kind::restart, 3, "restart"},
-   {Kind::check, 15, "check"},
-};
-static_assert(std::size(weights) == kinds);
 
-/// Sets a flag or a depth for a scope that an exception may leave.
+namespace {
+
+/// Sets a depth for a scope that an exception may leave.
 struct Deeper {
    explicit Deeper(unsigned& d) noexcept : depth(d) { ++depth; }
    ~Deeper() { --depth; }
@@ -72,24 +56,102 @@ struct Deeper {
    unsigned& depth;
 };
 
+using Footprint = NboAttrLog::Demuxer::Footprint;
+
+std::size_t owed(Footprint const& f) {
+   return f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting;
+}
+std::string textOf(Footprint const& f) {
+   std::string text;
+   for (auto const& [what, n] : {std::pair(" announced ", f.announced),
+                                 {" mirrored ", f.mirrored},
+                                 {" waiting ", f.waiting},
+                                 {" flows ", f.flows},
+                                 {" dirty keys ", f.dirtyKeys},
+                                 {" parked ", f.parked},
+                                 {" retirements ", f.retirements},
+                                 {" pending ", f.bufferBytes}})
+      text += what + std::to_string(n);
+   return text;
+}
+
+/// Changes `entity`, unless it is null; it is held meanwhile.
+void change(Ptr<Entity> const& entity, World& world, Words& words) {
+   if (entity)
+      Type::of(*entity).change(*entity, words, world);
+}
+
 } // namespace
 
-char const* textOf(Kind kind) noexcept {
-   return weights[static_cast<std::size_t>(kind)].text;
+Run::Kind const Run::kinds[] = {
+   {330, "carry",
+    [](Run& r, World&, Words& words) {
+       for (std::size_t n = 1 + words.below(4); n != 0; --n)
+          r.carry(words.below(2), words, words.chance(40));
+    },
+    nullptr, false},
+   {300, "change", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.own(words)), w, words); }},
+   {110, "change directory",
+    [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.ownDirectory(words)), w, words); }},
+   {50, "change mirror", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.mirror(words)), w, words); }},
+   {30, "fail allocation",
+    [](Run& r, World& w, Words& words) {
+       // What reactors do, the pipes above all, has the memory that it needs.
+       Deeper const still(r.depth_), silent(r.depth_);
+       if (w.changeWithoutMemory(words))
+          r.fault("allocation failure");
+    }},
+   {20, "release", [](Run&, World& w, Words& words) { w.releaseHeld(words); }},
+   {15, "adopt", [](Run&, World& w, Words& words) { w.adopt(words); }},
+   {45, "add reactor", [](Run&, World& w, Words& words) { w.addReactor(words); }},
+   {20, "drop reactor", [](Run&, World& w, Words& words) { w.dropReactor(words); }},
+   {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }},
+   {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }},
+   {3, "close export", [](Run&, World& w, Words& words) { w.closeExport(words.below(w.roots().size())); },
+    "export closed"},
+   {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
+   {3, "remount",
+    [](Run&, World& w, Words& words) {
+       w.unmount(words.below(w.mirrors().size()));
+       if (words.chance(60))
+          w.mountAll();
+    },
+    "remount"},
+   {16, "stall",
+    [](Run& r, World& w, Words& words) { r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
+    "stall"},
+   {5, "split storm", [](Run& r, World& w, Words&) { r.pipeFrom(w).splitStorm(100); }, "split storm"},
+   {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }},
+   {20, "connect", [](Run& r, World&, Words&) { r.connect(); }},
+   {3, "restart",
+    [](Run& r, World& w, Words& words) {
+       r.cut(words);
+       r.restart(w);
+    }},
+   {15, "check",
+    [](Run& r, World&, Words&) {
+       for (World& each : r.worlds_)
+          each.checkMemory();
+    },
+    nullptr, false},
+};
+
+char const* textOf(Step const& step) noexcept {
+   return Run::kinds[step.kind].text;
 }
 
 std::vector<Step> stepsOf(U64 seed) {
    Words words(seed);
    unsigned all = 0;
-   for (Weight const& w : weights)
-      all += w.weight;
+   for (auto const& kind : Run::kinds)
+      all += kind.weight;
    std::vector<Step> steps(480 + words.below(200));
    for (Step& step : steps) {
       std::size_t at = words.below(all);
-      std::size_t kind = 0;
-      while (at >= weights[kind].weight)
-         at -= weights[kind++].weight;
-      step = {static_cast<Kind>(kind), words.next()};
+      step.kind = 0;
+      while (at >= Run::kinds[step.kind].weight)
+         at -= Run::kinds[step.kind++].weight;
+      step.word = words.next();
    }
    return steps;
 }
@@ -106,108 +168,25 @@ Run::Run(U64 seed) : worlds_{World('a', *this), World('b', *this)} {
    faultsMet_ = 0;
 }
 
-void Run::throwIfWrong() const {
+void Run::throwIfWrong() {
    if (!wrong_.empty())
       throw Divergence(wrong_);
-   for (World const& world : worlds_)
-      if (auto const& failure = const_cast<World&>(world).end().failure(); !failure.empty())
-         throw Divergence(std::string("side ") + world.side() + ": " + failure);
+   for (World& world : worlds_)
+      if (auto const& failure = world.end().failure(); !failure.empty())
+         world.diverges(failure);
 }
 
 void Run::play(std::vector<Step> const& steps) {
-   for (Step const& s : steps) {
-      step(s);
+   for (Step const& step : steps) {
+      ++now_;
+      Words words(step.word);
+      World& world = worlds_[words.below(2)];
+      Kind const& kind = kinds[step.kind];
+      operations_ += kind.isOperation;
+      kind.happens(*this, world, words);
+      if (kind.fault != nullptr)
+         fault(kind.fault);
       throwIfWrong();
-   }
-}
-
-void Run::step(Step const& step) {
-   ++now_;
-   Words words(step.word);
-   std::size_t const side = words.below(2);
-   World& world = worlds_[side];
-   if (step.kind != Kind::carry && step.kind != Kind::check)
-      ++operations_;
-   switch (step.kind) {
-   case Kind::carry:
-      for (std::size_t n = 1 + words.below(4); n != 0; --n)
-         carry(words.below(2), words, words.chance(40));
-      break;
-   case Kind::change:
-      if (Entity* const entity = world.own(words)) {
-         Ptr<Entity> const held(entity);
-         Type::of(*entity).change(*entity, words, world);
-      }
-      break;
-   case Kind::changeDirectory:
-      if (Entity* const entity = world.ownDirectory(words))
-         Type::of(*entity).change(*entity, words, world);
-      break;
-   case Kind::changeMirror:
-      if (Entity* const entity = world.mirror(words)) {
-         Ptr<Entity> const held(entity);
-         Type::of(*entity).change(*entity, words, world);
-      }
-      break;
-   case Kind::failAllocation: {
-      Deeper const still(depth_), silent(depth_); // what reactors do, the pipes above all, has the memory that it needs
-      if (world.changeWithoutMemory(words))
-         fault("allocation failure");
-      break;
-   }
-   case Kind::release:
-      world.releaseHeld(words);
-      break;
-   case Kind::adopt:
-      world.adopt(words);
-      break;
-   case Kind::addReactor:
-      world.addReactor(words);
-      break;
-   case Kind::dropReactor:
-      world.dropReactor(words);
-      break;
-   case Kind::pauseAdapter:
-      world.pause(words);
-      break;
-   case Kind::resumeAdapter:
-      world.resume(words);
-      break;
-   case Kind::closeExport:
-      world.closeExport(words.below(world.roots().size()));
-      fault("export closed");
-      break;
-   case Kind::openExport:
-      world.openExports();
-      break;
-   case Kind::remount:
-      world.unmount(words.below(world.mirrors().size()));
-      if (words.chance(60))
-         world.mountAll();
-      fault("remount");
-      break;
-   case Kind::stall:
-      pipes_[side].stall(now_ + 10 + static_cast<unsigned>(words.below(80)));
-      fault("stall");
-      break;
-   case Kind::splitStorm:
-      pipes_[side].splitStorm(100);
-      fault("split storm");
-      break;
-   case Kind::cut:
-      cut(words);
-      break;
-   case Kind::connect:
-      connect();
-      break;
-   case Kind::restart:
-      cut(words);
-      restart(world);
-      break;
-   case Kind::check:
-      for (World& each : worlds_)
-         each.checkMemory();
-      break;
    }
 }
 
@@ -218,13 +197,9 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
    ++operations_;
    Words words(word);
    if (role < 35) {
-      if (Entity* const other = world.own(words)) {
-         Ptr<Entity> const held(other);
-         Type::of(*other).change(*other, words, world);
-      }
+      change(Ptr<Entity>(world.own(words)), world, words);
    } else if (role < 60) {
-      Ptr<Entity> const target(member != nullptr ? member : &entity);
-      Type::of(*target).change(*target, words, world);
+      change(Ptr<Entity>(member != nullptr ? member : &entity), world, words);
    } else if (role < 80) {
       fault("throwing reactor");
       throw std::runtime_error("a reactor that throws");
@@ -281,15 +256,9 @@ void Run::restart(World& world) {
 }
 
 void Run::collect(World& world) {
-   auto const& c = world.demuxer().counters();
-   counts_["pause inside a collection"] += c.pausedCollections;
-   counts_["table grown while paused"] += c.grownWhilePaused;
-   counts_["change below a paused cursor"] += c.belowCursor;
-   counts_["parked reference woken"] += c.woken;
-   counts_["slot used again"] += c.reusedSlots;
-   counts_["sweep that deleted"] += c.sweptEntries;
-   counts_["owes all paid"] += c.owedAll;
-   counts_["announcement restarted"] += c.restartedAnnouncements;
+   for (auto const& [what, counter] : situations)
+      if (counter != nullptr)
+         counts_[what] += world.demuxer().counters().*counter;
 }
 
 void Run::settle(char const* when) {
@@ -313,13 +282,10 @@ void Run::settle(char const* when) {
          return;
    }
    std::string text = std::string("does not become quiet ") + when + ":";
-   for (World& world : worlds_) {
-      auto const f = world.demuxer().footprint();
+   for (World& world : worlds_)
       text += std::string("\n   ") + world.side() + (world.end().isConnected() ? "" : " is not connected,") +
-              (world.end().quiet() ? " is quiet" : " is not quiet") + ", flows " + std::to_string(f.flows) +
-              ", parked " + std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements) + ", pending " +
-              std::to_string(f.bufferBytes) + (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReports();
-   }
+              (world.end().quiet() ? " is quiet" : " is not quiet") + textOf(world.demuxer().footprint()) +
+              (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReports();
    throw Divergence(text);
 }
 
@@ -332,23 +298,18 @@ void Run::finish() {
    settle("after the last change");
    for (World& world : worlds_) {
       world.checkMemory();
-      auto const f = world.demuxer().footprint();
-      if (f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting != 0)
-         throw Divergence(std::string("side ") + world.side() + " is quiet and still has flows " +
-                          std::to_string(f.flows) + ", dirty keys " + std::to_string(f.dirtyKeys) + ", parked " +
-                          std::to_string(f.parked) + ", retirements " + std::to_string(f.retirements) + ", waiting " +
-                          std::to_string(f.waiting) + "\n" + world.lastReports());
+      if (auto const f = world.demuxer().footprint(); owed(f) != 0)
+         world.diverges("is quiet and still has" + textOf(f));
       for (Ptr<Entity> const& mirror : world.mirrors())
          if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
-            throw Divergence(std::string("side ") + world.side() + ": " + mirror->name().str() + " is " +
-                             Mox::textOf(state));
+            world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
    }
    compare(worlds_[0], worlds_[1]);
    compare(worlds_[1], worlds_[0]);
-   for (World& world : worlds_)
+   for (World& world : worlds_) {
       world.checkHistories();
-   for (World& world : worlds_)
       collect(world);
+   }
 
    for (World& world : worlds_)
       for (std::size_t which = 0; which < world.roots().size(); ++which)
@@ -358,22 +319,15 @@ void Run::finish() {
       for (std::size_t which = 0; which < world.mirrors().size(); ++which)
          world.unmount(which);
    settle("after the roots were closed");
-   for (World& world : worlds_) {
-      auto const f = world.demuxer().footprint();
-      if (f.announced + f.mirrored + f.waiting + f.flows + f.parked + f.retirements != 0)
-         throw Divergence(std::string("side ") + world.side() +
-                          ": after all roots were closed there are left: announced " + std::to_string(f.announced) +
-                          ", mirrored " + std::to_string(f.mirrored) + ", waiting " + std::to_string(f.waiting) +
-                          ", flows " + std::to_string(f.flows) + ", parked " + std::to_string(f.parked) +
-                          ", retirements " + std::to_string(f.retirements));
-   }
+   for (World& world : worlds_)
+      if (auto const f = world.demuxer().footprint(); f.announced + f.mirrored + owed(f) != 0)
+         world.diverges("after all roots were closed there are left" + textOf(f));
    isUp_ = false;
    for (World& world : worlds_)
       world.dropAll();
    for (World& world : worlds_)
       if (world.survivors() != 0)
-         throw Divergence(std::string("side ") + world.side() + ": " + std::to_string(world.survivors()) +
-                          " entities live although nobody holds them");
+         world.diverges(std::to_string(world.survivors()) + " entities live although nobody holds them");
 }
 
 // Comparison ------------------------------------------------------------------------------------------------------------
@@ -397,17 +351,10 @@ void Run::compareEntities(World& owner, Entity& truth, World& mirror, Entity& co
    auto const pathIn = [](World& world) { return [&world](Entity const* e) { return world.pathOf(e); }; };
    Snapshot const ours = Type::of(truth).snapshot(truth, pathIn(owner));
    Snapshot const theirs = Type::of(copy).snapshot(copy, pathIn(mirror));
-   auto const textIn = [](Snapshot const& s, Cell const& cell) {
-      auto const at = s.cells.find(cell);
-      return at == s.cells.end() ? std::string("absent") : at->second;
-   };
-   auto const compareCells = [&](Snapshot const& of) {
-      for (auto const& [cell, text] : of.cells)
-         if (auto const a = textIn(ours, cell), b = textIn(theirs, cell); a != b)
+   for (Snapshot const* const of : {&ours, &theirs})
+      for (auto const& [cell, text] : of->cells)
+         if (auto const a = textIn(ours.cells, cell), b = textIn(theirs.cells, cell); a != b)
             fail("." + truth.attributeString(cell.attribute).str() + cell.key, a, b);
-   };
-   compareCells(ours);
-   compareCells(theirs);
    for (auto const& [cell, target] : ours.entities)
       if (auto const at = theirs.entities.find(cell); at != theirs.entities.end())
          compareEntities(owner, *target, mirror, *at->second,

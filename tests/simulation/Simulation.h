@@ -4,7 +4,6 @@
 #include "World.h"
 
 #include <array>
-#include <cstdint>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -13,43 +12,24 @@
 
 namespace Simulation {
 
-/// What one step of a run does. The word says the rest, so that a list from which steps were taken out still runs the same way.
-enum class Kind : std::uint8_t {
-   carry,
-   change,
-   changeDirectory,
-   changeMirror,
-   failAllocation,
-   release,
-   adopt,
-   addReactor,
-   dropReactor,
-   pauseAdapter,
-   resumeAdapter,
-   closeExport,
-   openExport,
-   remount,
-   stall,
-   splitStorm,
-   cut,
-   connect,
-   restart,
-   check,
-};
-constexpr std::size_t kinds = static_cast<std::size_t>(Kind::check) + 1;
-char const* textOf(Kind kind) noexcept;
-
+/// One step of a run: a row of the table of what can happen. The word says the rest, so that a list from which steps were taken
+/// out still runs the same way.
 struct Step {
-   Kind kind;
-   Mox::U64 word;
+   std::size_t kind;
+   U64 word;
 };
+char const* textOf(Step const& step) noexcept;
 
 /// The steps of a seed.
-std::vector<Step> stepsOf(Mox::U64 seed);
+std::vector<Step> stepsOf(U64 seed);
 
 /// How often each fault and each situation was met.
 using Counts = std::map<std::string, Mox::U64>;
-extern std::array<char const*, 13> const situations;
+struct Situation {
+   char const* what;
+   U64 Mox::NboAttrLog::Demuxer::Counters::*counter; ///< null for one that the simulation counts itself
+};
+extern std::array<Situation, 13> const situations;
 extern std::array<char const*, 10> const faults;
 
 /// The two worlds don't agree, or one of them is not as it must be.
@@ -84,17 +64,21 @@ public:
    }
 
 private:
-   void step(Step const& step);
+   struct Kind;
+   static Kind const kinds[];
+   friend std::vector<Step> stepsOf(U64 seed);
+   friend char const* textOf(Step const& step) noexcept;
+
+   Pipe& pipeFrom(World const& world) noexcept { return pipes_[&world == &worlds_[1] ? 1 : 0]; }
    bool carry(std::size_t from, Words& words, bool isWhole);
    void connect();
    void cut(Words& words);
    void restart(World& world);
-   void check(bool atEnd);
    void settle(char const* when);
    void compare(World& owner, World& mirror);
    void compareEntities(World& owner, Mox::Entity& truth, World& mirror, Mox::Entity& copy, std::string const& path);
    void collect(World& world);
-   void throwIfWrong() const;
+   void throwIfWrong();
 
    std::array<World, 2> worlds_;
    std::array<Pipe, 2> pipes_; ///< from each world

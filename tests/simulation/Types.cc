@@ -95,10 +95,7 @@ bool isMirror(Entity const& e) {
 
 /// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.
 bool isOurs(Entity const& e) {
-   for (auto* r = e.moxReactors().first(); r != nullptr; r = r->moxNextInList())
-      if (dynamic_cast<History const*>(r) != nullptr)
-         return false;
-   return !isMirror(e);
+   return historyOf(e) == nullptr && !isMirror(e);
 }
 
 /// Runs one mutator, which may be refused because the entity is a mirror.
@@ -141,81 +138,66 @@ template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words
       write(e, cellOf(A::id, it.key()), context, [&] { del(it); });
 }
 
-template <class A> void changeArray(typename A::Owner& e, Words& words, Context& context) {
-   auto const key = makeKey<typename A::Key>(words);
-   Cell const cell = cellOf(A::id, key);
-   std::size_t const what = words.below(100);
-   if (what < 60) {
-      auto const value = makeValue<typename A::Value>(words);
-      write(e, cell, context, [&] { A::put(e, key, value); });
-   } else if (what < 72) {
-      write(e, cell, context, [&] { A::drop(e, key); });
-   } else if (what < 78) {
-      write(e, cell, context, [&] { keyNotify<A>(e, key); });
-   } else if (what < 90) {
-      // Element by element, so that a refusal says which one it was.
-      for (typename A::Container::Iterator it(A::cell(e), key); it; it.advance())
-         write(e, cellOf(A::id, it.key()), context, [&] { arrayDel<A>(e, it); });
-   } else {
-      auto const value = A::cell(e)[key];
-      write(e, cell, context, [&] { A::put(e, key, value); });
-   }
+/// An entry was made that nobody was told of.
+template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, Context& context) {
+   context.madeSilently([owner = Ptr<typename A::Owner>(&e), key] {
+      if (isOurs(*owner))
+         keyNotify<A>(*owner, key);
+   });
 }
 
-template <class A> void changeMap(typename A::Owner& e, Words& words, Context& context) {
-   auto const key = makeKey<typename A::Key>(words);
+/// Arrays, maps, and references by the names of their targets.
+template <class A> void changeKeyed(typename A::Owner& e, Words& words, Context& context) {
+   constexpr bool refers = A::kind == Mox::Kind::hashReferences;
+   auto& held = A::cell(e);
+   auto const value = [&] {
+      if constexpr (refers)
+         return pick<typename A::Target>(words, context);
+      else
+         return makeValue<typename A::Value>(words);
+   }();
+   auto const key = [&] {
+      if constexpr (refers)
+         return value ? value->moxName() : held.empty() ? makeName(words) : held.first()->fwkKey();
+      else
+         return makeKey<typename A::Key>(words);
+   }();
+   auto const set = [&](auto const& v) {
+      if constexpr (!refers)
+         A::put(e, key, v);
+      else if (v)
+         A::put(e, v);
+   };
    Cell const cell = cellOf(A::id, key);
    std::size_t const what = words.below(100);
    if (what < 60) {
-      auto const value = makeValue<typename A::Value>(words);
-      write(e, cell, context, [&] { A::put(e, key, value); });
+      write(e, cell, context, [&] { set(value); });
    } else if (what < 72) {
       write(e, cell, context, [&] { A::drop(e, key); });
    } else if (what < 78) {
       write(e, cell, context, [&] { keyNotify<A>(e, key); });
+   } else if constexpr (!A::hasEntries) {
+      if (what < 90) {
+         // Element by element, so that a refusal says which one it was.
+         for (typename A::Container::Iterator it(held, key); it; it.advance())
+            write(e, cellOf(A::id, it.key()), context, [&] { arrayDel<A>(e, it); });
+      } else {
+         auto const same = held[key];
+         write(e, cell, context, [&] { set(same); });
+      }
    } else if (what < 82) {
-      if (auto const* const first = A::cell(e).first())
+      if (auto const* const first = held.first())
          write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
    } else if (what < 90) {
       deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
-   } else if (what < 95) {
-      auto const value = mapValue<A>(e, key);
-      write(e, cell, context, [&] { A::put(e, key, value); });
+   } else if (what < 93) {
+      write(e, cell, context, [&] { set(mapValue<A>(e, key)); });
    } else if (isOurs(e)) {
-      newMapEntry<A>(e, key, makeValue<typename A::Value>(words));
-      Ptr<typename A::Owner> const owner(&e);
-      context.madeSilently([owner, key] {
-         if (isOurs(*owner))
-            keyNotify<A>(*owner, key);
-      });
-   }
-}
-
-template <class A> void changeReferences(typename A::Owner& e, Words& words, Context& context) {
-   auto const target = pick<typename A::Target>(words, context);
-   auto const& some = A::cell(e);
-   Name const name = target ? target->moxName() : some.empty() ? makeName(words) : some.first()->fwkKey();
-   Cell const cell = cellOf(A::id, name);
-   std::size_t const what = words.below(100);
-   if (what < 60) {
-      if (target)
-         write(e, cell, context, [&] { A::put(e, target); });
-   } else if (what < 72) {
-      write(e, cell, context, [&] { A::drop(e, name); });
-   } else if (what < 78) {
-      write(e, cell, context, [&] { keyNotify<A>(e, name); });
-   } else if (what < 82) {
-      if (auto const* const first = some.first())
-         write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
-   } else if (what < 90) {
-      deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
-   } else if (target && isOurs(e)) {
-      newReferenceEntry<A>(e, target);
-      Ptr<typename A::Owner> const owner(&e);
-      context.madeSilently([owner, name] {
-         if (isOurs(*owner))
-            keyNotify<A>(*owner, name);
-      });
+      if constexpr (!refers)
+         newMapEntry<A>(e, key, value);
+      else if (value)
+         newReferenceEntry<A>(e, value);
+      tellLater<A>(e, key, context);
    }
 }
 
@@ -277,14 +259,10 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, Contex
                context.removed(replaced, words);
          },
          makeParameters(typename A::Entry::MoxParameters{}, words, context));
-      Ptr<typename A::Owner> const owner(&e);
       if (words.chance(50))
          keyNotify<A>(e, name);
       else
-         context.madeSilently([owner, name] {
-            if (isOurs(*owner))
-               keyNotify<A>(*owner, name);
-         });
+         tellLater<A>(e, name, context);
    }
 }
 
@@ -351,7 +329,7 @@ public:
          Snapshot now;
          snapshotCell(*entity, a, now, identityOf, key...);
          Cell const cell = cellOf(A::id, key...);
-         std::string const text = now.cells.contains(cell) ? now.cells[cell] : "absent";
+         std::string const text = textIn(now.cells, cell);
          auto const before = told.cells.find(cell);
          context_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
          told.cells[cell] = text;
@@ -384,12 +362,8 @@ public:
          using A = decltype(a);
          if constexpr (A::ownsMembers)
             changeMembers<A>(e, words, context);
-         else if constexpr (A::kind == Mox::Kind::array)
-            changeArray<A>(e, words, context);
-         else if constexpr (A::kind == Mox::Kind::hashReferences)
-            changeReferences<A>(e, words, context);
          else if constexpr (A::isKeyed)
-            changeMap<A>(e, words, context);
+            changeKeyed<A>(e, words, context);
          else
             changeScalar<A>(e, words, context);
       };
@@ -407,9 +381,9 @@ public:
             using A = decltype(a);
             if constexpr (A::kind == Mox::Kind::scalar) {
                auto const value = makeValue<typename A::Value>(words);
-               FailedAllocation const failed;
+               NoMemory const once(true);
                A::put(e, value);
-               happened = FailedAllocation::hasHappened();
+               happened = NoMemory::hasFailed();
             }
          });
       return happened;

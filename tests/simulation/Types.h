@@ -23,6 +23,10 @@ struct Snapshot {
    std::map<Cell, std::string> cells;
    std::map<Cell, Mox::Entity*> entities; ///< members, and targets of references
 };
+inline std::string textIn(std::map<Cell, std::string> const& cells, Cell const& cell) {
+   auto const at = cells.find(cell);
+   return at == cells.end() ? "absent" : at->second;
+}
 using EntityText = std::function<std::string(Mox::Entity const*)>;
 
 /// What the world of one process offers to whoever changes an entity of it.
@@ -54,6 +58,14 @@ public:
    virtual ~History() = default;
    Snapshot told;
 };
+
+/// Of the reactor that records an entity; null for none.
+inline History const* historyOf(Mox::Entity const& entity) {
+   for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
+      if (auto const* const history = dynamic_cast<History const*>(r))
+         return history;
+   return nullptr;
+}
 
 /// What the simulator does to an entity, whatever its type.
 class Type {

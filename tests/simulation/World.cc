@@ -19,31 +19,41 @@ using namespace Hardware;
 
 namespace {
 
-constexpr std::size_t rootsEach = 7;
-
-std::string rootName(std::size_t which, char side) {
-   char const* const names[rootsEach] = {"config", "status", "configs", "states", "single", "pll", "xcvr"};
-   return names[which] + std::string("-") + side;
+using Make = Ptr<Entity> (*)(Name const&);
+template <class X> Ptr<Entity> made(Name const& name) {
+   return make<X>(name);
 }
 
-Ptr<Entity> makeRoot(std::size_t which, char side) {
-   Name const name(rootName(which, side));
-   switch (which) {
-   case 0:
-      return make<ClariPhy::Cl10010ConfigDir>(name);
-   case 1:
-      return make<ClariPhy::Cl10010StatusDir>(name);
-   case 2:
-      return make<ClariPhy::Cl10010ConfigPtrDir>(name);
-   case 3:
-      return make<ClariPhy::Cl10010StatusPtrDir>(name);
-   case 4:
-      return make<ClariPhy::Cl10010Config>(name);
-   case 5:
-      return make<Dpll::PllStatus>(name);
-   default:
-      return make<Xcvr::XcvrStatus>(name);
-   }
+constexpr std::pair<char const*, Make> rootKinds[] = {
+   {"config-", made<ClariPhy::Cl10010ConfigDir>},
+   {"status-", made<ClariPhy::Cl10010StatusDir>},
+   {"configs-", made<ClariPhy::Cl10010ConfigPtrDir>},
+   {"states-", made<ClariPhy::Cl10010StatusPtrDir>},
+   {"single-", made<ClariPhy::Cl10010Config>},
+   {"pll-", made<Dpll::PllStatus>},
+   {"xcvr-", made<Xcvr::XcvrStatus>},
+};
+constexpr std::size_t rootsEach = std::size(rootKinds);
+constexpr Make siblingKinds[] = {made<Spi::Accelerator>, made<Interface::EthPhyIntfStatus>,
+                                 made<Fru::Gpo>,         made<Fru::IntCtrl>,
+                                 made<Led::LedConfig>,   made<Dpll::PllStatus>,
+                                 made<Xcvr::XcvrConfig>, made<Xcvr::XcvrStatus>};
+
+Name rootName(std::size_t which, char side) {
+   return Name(rootKinds[which].first + std::string(1, side));
+}
+char other(char side) {
+   return side == 'a' ? 'b' : 'a';
+}
+
+/// Takes one element out; null where there is none.
+template <class T> T taken(std::vector<T>& from, Words& words) {
+   if (from.empty())
+      return {};
+   auto const at = from.begin() + static_cast<std::ptrdiff_t>(words.below(from.size()));
+   T const element = *at;
+   from.erase(at);
+   return element;
 }
 
 /// Sees whether an entity lives, and keeps it from nothing.
@@ -62,24 +72,17 @@ void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
 } // namespace
 
 World::World(char side, Run& run) : side_(side), run_(run) {
-   for (std::size_t which = 0; which < rootsEach; ++which) {
-      roots_.push_back(makeRoot(which, side));
-      created(*roots_.back());
-   }
+   for (std::size_t which = 0; which < rootsEach; ++which)
+      roots_.push_back(rootKinds[which].second(rootName(which, side)));
    isOpen_.assign(rootsEach, false);
    isMounted_.assign(rootsEach, false);
    mirrors_.resize(rootsEach);
-   for (char const* const n : {"1-", "2-"}) {
-      Name const name(n + std::string(1, side));
-      Ptr<Entity> const made[] = {make<Spi::Accelerator>(name), make<Interface::EthPhyIntfStatus>(name),
-                                  make<Fru::Gpo>(name),         make<Fru::IntCtrl>(name),
-                                  make<Led::LedConfig>(name),   make<Dpll::PllStatus>(name),
-                                  make<Xcvr::XcvrConfig>(name), make<Xcvr::XcvrStatus>(name)};
-      for (Ptr<Entity> const& e : made) {
-         siblings_.push_back(e);
+   for (char const* const n : {"1-", "2-"})
+      for (Make const made : siblingKinds)
+         siblings_.push_back(made(Name(n + std::string(1, side))));
+   for (auto const* const entities : {&roots_, &siblings_})
+      for (Ptr<Entity> const& e : *entities)
          created(*e);
-      }
-   }
 }
 
 World::~World() {
@@ -128,7 +131,7 @@ void World::unmount(std::size_t which) {
    if (!isMounted_[which])
       return;
    isMounted_[which] = false;
-   end_->unmount(Name(rootName(which, side_ == 'a' ? 'b' : 'a')));
+   end_->unmount(rootName(which, other(side_)));
    mirrors_[which] = nullptr;
 }
 
@@ -136,7 +139,7 @@ void World::mountAll() {
    for (std::size_t which = 0; which < rootsEach; ++which)
       if (!isMounted_[which]) {
          isMounted_[which] = true;
-         mirrors_[which] = makeRoot(which, side_ == 'a' ? 'b' : 'a');
+         mirrors_[which] = rootKinds[which].second(rootName(which, other(side_)));
          seen(*mirrors_[which], true);
          end_->mountIs(mirrors_[which]);
       }
@@ -155,12 +158,8 @@ void World::pause(Words& words) {
 }
 
 void World::resume(Words& words) {
-   if (paused_.empty())
-      return;
-   auto const at = paused_.begin() + static_cast<std::ptrdiff_t>(words.below(paused_.size()));
-   Ptr<Entity::MoxNboAttrLogSa> const sa = *at;
-   paused_.erase(at);
-   sa->hasNotificationActiveIs(true);
+   if (auto const sa = taken(paused_, words))
+      sa->hasNotificationActiveIs(true);
 }
 
 void World::resumeAll() {
@@ -187,11 +186,7 @@ void World::dropAll() {
 }
 
 void World::releaseHeld(Words& words) {
-   if (held_.empty())
-      return;
-   auto const at = held_.begin() + static_cast<std::ptrdiff_t>(words.below(held_.size()));
-   Ptr<Entity> const gone = *at; // its end runs reactors, which may hold others
-   held_.erase(at);
+   Ptr<Entity> const gone = taken(held_, words); // its end runs reactors, which may hold others
 }
 
 void World::adopt(Words& words) {
@@ -258,12 +253,8 @@ void World::addReactor(Words& words) {
 }
 
 void World::dropReactor(Words& words) {
-   if (reactors_.empty())
-      return;
-   auto const at = reactors_.begin() + static_cast<std::ptrdiff_t>(words.below(reactors_.size()));
-   auto const gone = *at;
-   reactors_.erase(at);
-   gone->isRegisteredNotifieeIs(false);
+   if (auto const gone = taken(reactors_, words))
+      gone->isRegisteredNotifieeIs(false);
 }
 
 bool World::changeWithoutMemory(Words& words) {
@@ -297,28 +288,23 @@ std::string World::pathOf(Entity const* entity) const {
 
 void World::checkMemory() {
    auto const& out = *demuxer().out();
-   auto const f = demuxer().footprint();
    // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
-   std::size_t const bound = mark_ + 2048 + 1024 + 32 * f.slots;
+   std::size_t const bound = mark_ + 2048 + 1024 + 32 * demuxer().footprint().slots;
    if (out.highWater() > bound)
-      throw Divergence(std::string("side ") + side_ + ": the buffer held " + std::to_string(out.highWater()) +
-                       " bytes, at most " + std::to_string(bound) + " are allowed with a mark of " +
-                       std::to_string(mark_));
+      diverges("the buffer held " + std::to_string(out.highWater()) + " bytes, at most " + std::to_string(bound) +
+               " are allowed with a mark of " + std::to_string(mark_));
    demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
       if (sa.flow() && sa.entity() != nullptr)
          if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
-            throw Divergence(std::string("side ") + side_ + ": " + sa.entity()->fullName().str() + " has " +
-                             std::to_string(sa.flow()->dirtyKeys()) + " dirty keys, at most " + std::to_string(most) +
-                             " are allowed");
+            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.flow()->dirtyKeys()) +
+                     " dirty keys, at most " + std::to_string(most) + " are allowed");
    });
    if (demuxer().counters().refusedWrites != 0)
-      throw Divergence(std::string("side ") + side_ + ": a mirror wrote to its owner\n" + lastReports());
-   for (Ptr<Entity> const& root : roots_)
-      if (root->auditErrors(8) != 0)
-         throw Divergence("audit of " + root->fullName().str() + " finds errors");
-   for (Ptr<Entity> const& mirror : mirrors_)
-      if (mirror && mirror->auditErrors(8) != 0)
-         throw Divergence("audit of the mirror of " + mirror->fullName().str() + " finds errors");
+      diverges("a mirror wrote to its owner");
+   for (auto const* const roots : {&roots_, &mirrors_})
+      for (Ptr<Entity> const& root : *roots)
+         if (root && root->auditErrors(8) != 0)
+            diverges("audit of " + root->fullName().str() + " finds errors");
 }
 
 void World::checkHistories() {
@@ -328,25 +314,15 @@ void World::checkHistories() {
       addMembers(*mirror, all);
    }
    for (Ptr<Entity> const& entity : all) {
-      History const* history = nullptr;
-      for (auto* r = entity->moxReactors().first(); r != nullptr; r = r->moxNextInList())
-         if (auto const* const h = dynamic_cast<History const*>(r))
-            history = h;
+      History const* const history = historyOf(*entity);
       if (history == nullptr)
-         throw Divergence("nobody was told of " + entity->fullName().str());
-      Snapshot const now = Type::of(*entity).snapshot(*entity, identityOf);
-      auto told = history->told.cells;
-      std::erase_if(told, [](auto const& cell) { return cell.second == "absent"; });
-      for (auto const& [cell, text] : now.cells)
-         if (auto const at = told.find(cell); at == told.end() || at->second != text)
-            throw Divergence("history of " + entity->fullName().str() + "." +
-                             entity->attributeString(cell.attribute).str() + cell.key + ": told " +
-                             (at == told.end() ? "absent" : at->second) + ", is " + text);
-      for (auto const& [cell, text] : told)
-         if (!now.cells.contains(cell))
-            throw Divergence("history of " + entity->fullName().str() + "." +
-                             entity->attributeString(cell.attribute).str() + cell.key + ": told " + text +
-                             ", is absent");
+         diverges("nobody was told of " + entity->fullName().str());
+      auto const now = Type::of(*entity).snapshot(*entity, identityOf).cells;
+      for (auto const* const cells : {&now, &history->told.cells})
+         for (auto const& [cell, text] : *cells)
+            if (std::string const told = textIn(history->told.cells, cell), is = textIn(now, cell); told != is)
+               diverges("history of " + entity->fullName().str() + "." + entity->attributeString(cell.attribute).str() +
+                        cell.key + ": told " + told + ", is " + is);
    }
 }
 
@@ -366,6 +342,10 @@ std::string World::lastReports() {
    for (std::string const& report : reports_)
       text += std::string("   ") + side_ + ": " + report + "\n";
    return text;
+}
+
+void World::diverges(std::string const& what) {
+   throw Divergence(std::string("side ") + side_ + ": " + what + "\n" + lastReports());
 }
 
 // Context ---------------------------------------------------------------------------------------------------------------
@@ -435,9 +415,8 @@ void World::seen(Entity& entity, bool isMember) {
       if (sa == nullptr || !sa->isMirror())
          return;
    }
-   for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
-      if (dynamic_cast<History const*>(r) != nullptr)
-         return;
+   if (historyOf(entity) != nullptr)
+      return;
    recorders_.push_back(Type::of(entity).record(entity, *this));
    created(entity);
 }

@@ -75,6 +75,8 @@ public:
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
    std::string lastReports();
+   /// \throws Divergence with the side in front and the last reports behind
+   [[noreturn]] void diverges(std::string const& what);
 
    // Context.
    std::vector<Ptr<Entity>> targets() override;
@@ -90,7 +92,6 @@ public:
 
 private:
    Entity* oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words);
-   void mount(std::size_t which);
 
    char side_;
    Run& run_;

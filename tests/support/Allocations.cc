@@ -20,20 +20,13 @@ std::size_t allocations() noexcept {
    return calls;
 }
 
-NoMemory::NoMemory() noexcept {
-   memory = Memory::none;
+NoMemory::NoMemory(bool failsOnce) noexcept {
+   memory = failsOnce ? Memory::failsOnce : Memory::none;
 }
 NoMemory::~NoMemory() {
    memory = Memory::enough;
 }
-
-FailedAllocation::FailedAllocation() noexcept {
-   memory = Memory::failsOnce;
-}
-FailedAllocation::~FailedAllocation() {
-   memory = Memory::enough;
-}
-bool FailedAllocation::hasHappened() noexcept {
+bool NoMemory::hasFailed() noexcept {
    return memory == Memory::hasFailed;
 }
 

@@ -6,23 +6,15 @@
 /// Calls of `operator new` in this program so far, arrays included.
 std::size_t allocations() noexcept;
 
-/// While it lives, every allocation of this program fails.
+/// While it lives, every allocation of this program fails, or the next one only.
 class NoMemory {
 public:
-   NoMemory() noexcept;
+   explicit NoMemory(bool failsOnce = false) noexcept;
    ~NoMemory();
    NoMemory(NoMemory const&) = delete;
    NoMemory& operator=(NoMemory const&) = delete;
-};
-
-/// While it lives, the next allocation of this program fails, that one only.
-class FailedAllocation {
-public:
-   FailedAllocation() noexcept;
-   ~FailedAllocation();
-   FailedAllocation(FailedAllocation const&) = delete;
-   FailedAllocation& operator=(FailedAllocation const&) = delete;
-   static bool hasHappened() noexcept;
+   /// The next one has failed.
+   static bool hasFailed() noexcept;
 };
 
 /// Whether `call` throws `std::bad_alloc` when there is no memory.
