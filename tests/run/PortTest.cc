@@ -6,6 +6,7 @@
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010StatusDirReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
 #include "notify/Dump.h"
 #include "siblings/PllStatus.h"
 
@@ -77,11 +78,18 @@ struct BothSides {
 template <class X> std::string unchanged(std::set<Mox::AttributeId> const& changed) {
    std::string names;
    X::MoxAttributes::forEach([&](auto a) {
-      if constexpr (!a.isKeyed)
-         if (!changed.contains(a.id))
-            names += std::string(a.name) + ' ';
+      if (!changed.contains(a.id))
+         names += std::string(a.name) + ' ';
    });
    return names;
+}
+
+using Attr = Cl10010Status::Attr;
+
+bool allOf(auto const& conditions) {
+   bool all = true;
+   conditions.forEach([&](auto, Kiln::ConditionStat const& c) { all &= c.condition; });
+   return all;
 }
 
 TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
@@ -92,9 +100,14 @@ TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
    std::vector<Mox::Watch> watches;
    auto const members =
       Mox::on(job.status, Cl10010StatusDir::Attr::phyStatus, [&](Cl10010StatusDir& directory, Name const& name) {
-         watches.push_back(Mox::onAny(directory.phyStatus(name), [&](Cl10010Status&, Mox::AttributeId id) {
+         auto const status = directory.phyStatus(name);
+         watches.push_back(Mox::onAny(status, [&](Cl10010Status&, Mox::AttributeId id) {
             changed.insert(id);
             ++changes;
+         }));
+         watches.push_back(Mox::on(status, Attr::ldpcHistograms, [&](Cl10010Status& s, Name const& histogram) {
+            watches.push_back(
+               Mox::onAny(s.ldpcHistograms(histogram), [&](FecHistogram&, Mox::AttributeId) { ++changes; }));
          }));
       });
    job.play([](Cl10010Status const&, Reading const&) {});
@@ -114,6 +127,13 @@ TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
       "loopback nextPhyEntityFullName xauiSyncsUntilAlignHwm lastXauiSyncsUntilAlignHwmIncrement "
       "excessiveXauiSyncUntilAlign lastExcessiveXauiSyncUntilAlign resetAndReInitRequired ");
    EXPECT_EQ(job.changes, changes);
+   auto const last = job.status->phyStatus(Name(line->ports().back()));
+   Cl10010Status::MoxAttributes::forEach([&](auto a) {
+      if constexpr (a.kind == Mox::Kind::array)
+         a.cell(*last).forEach([&](auto lane, auto const& value) {
+            EXPECT_NE(value, typename decltype(a)::Value{}) << a.name << ' ' << lane;
+         });
+   });
 
    EXPECT_TRUE(Mox::diff(*job.config, *job.mirroredConfig).empty());
    EXPECT_TRUE(Mox::diff(*job.status, *job.mirroredStatus).empty());
@@ -126,7 +146,7 @@ TEST(Port, WhatIsStoredBelongsTogether) {
    auto const line = simulatedLine(4, 100, 9);
    BothSides job(*line);
    struct Before {
-      std::vector<Kiln::ConditionStat> conditions;
+      std::vector<Kiln::ConditionStat> conditions; // of lanes as well
       std::uint32_t samples = 0;
       std::array<double, 6> sums{};
    };
@@ -136,20 +156,25 @@ TEST(Port, WhatIsStoredBelongsTogether) {
       Before& b = before[std::string(s.name())];
       std::size_t at = 0;
       Cl10010Status::MoxAttributes::forEach([&](auto a) {
-         if constexpr (std::is_same_v<typename decltype(a)::Value, Kiln::ConditionStat> && !a.isKeyed) {
+         if constexpr (std::is_same_v<typename decltype(a)::Value, Kiln::ConditionStat>) {
             SCOPED_TRACE(a.name);
-            Kiln::ConditionStat const& now = a.cell(s);
-            if (at == b.conditions.size())
-               b.conditions.push_back(now);
-            Kiln::ConditionStat& was = b.conditions[at++];
-            if (now.condition != was.condition) {
-               EXPECT_EQ(now.count, was.count + 1);
-               EXPECT_EQ(now.time, r.time);
-               ++moved;
-            } else {
-               EXPECT_EQ(now, was);
-            }
-            was = now;
+            auto const judge = [&](Kiln::ConditionStat const& now) {
+               if (at == b.conditions.size())
+                  b.conditions.push_back(now);
+               Kiln::ConditionStat& was = b.conditions[at++];
+               if (now.condition != was.condition) {
+                  EXPECT_EQ(now.count, was.count + 1);
+                  EXPECT_EQ(now.time, r.time);
+                  ++moved;
+               } else {
+                  EXPECT_EQ(now, was);
+               }
+               was = now;
+            };
+            if constexpr (a.isKeyed)
+               a.cell(s).forEach([&](auto, Kiln::ConditionStat const& now) { judge(now); });
+            else
+               judge(a.cell(s));
          }
       });
       EXPECT_EQ(s.performanceMonitorCount(), b.samples + (r.light ? 1 : 0));
@@ -170,7 +195,13 @@ TEST(Port, WhatIsStoredBelongsTogether) {
          EXPECT_EQ(sums[i], b.sums[i] + (r.light ? last[i] : 0)) << i;
       b.sums = sums;
       EXPECT_EQ(s.totalLdpcWords(), s.fecFrames() * 4);
-      EXPECT_LE(s.ldpcWordErrors(), s.totalLdpcWords());
+      std::uint64_t words = 0;
+      auto const& iterations = FecHistogram::Attr::histogram.cell(*s.ldpcHistograms("line"));
+      iterations.forEach([&](auto, auto const& count) { words += count; });
+      EXPECT_EQ(s.totalLdpcWords(), words);
+      EXPECT_EQ(s.ldpcWordErrors(), iterations[Reading::lastIteration]);
+      EXPECT_EQ(s.otl4LaneAligned().condition, allOf(Attr::lineLaneAligned.cell(s)));
+      EXPECT_EQ(s.hostEgressPcsLaneAligned().condition, allOf(Attr::hostEgressLaneBlockAligned.cell(s)));
       EXPECT_EQ(s.qFactorFromBer(), static_cast<float>(qFactor(r.errorRatio)));
       EXPECT_EQ(s.phyState() == Hardware::Phy::PhyState::linkUp, s.ethIntfStatus()->linkUp());
    });
