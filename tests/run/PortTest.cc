@@ -1,13 +1,14 @@
 #include "run/Port.h"
 
 #include "run/Answers.h"
+#include "run/Held.h"
 #include "run/Options.h"
+#include "run/Sides.h"
 
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010StatusDirReactor.h"
 #include "entities/Cl10010StatusReactor.h"
 #include "entities/FecHistogramReactor.h"
-#include "notify/Dump.h"
 #include "siblings/PllStatus.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +36,11 @@ struct BothSides {
       mirroredConfig = link.right().mount<Cl10010ConfigDir>("config");
       link.right().exportRoot(status);
       mirroredStatus = link.left().mount<Cl10010StatusDir>("status");
-      answers = std::make_unique<Answers>(config, mirroredStatus);
+      link.left().exportRoot(watched);
+      mirroredWatched = link.right().mount<Cl10010StatusPtrDir>("watched");
+      link.right().exportRoot(driven);
+      mirroredDriven = link.left().mount<Cl10010ConfigPtrDir>("driven");
+      answers = std::make_unique<Answers>(config, mirroredStatus, watched);
       for (std::string const& port : line.ports()) {
          auto const made = config->phyConfigIs(Name(port));
          made->pllStatusIs(pll);
@@ -50,7 +55,7 @@ struct BothSides {
       for (std::size_t p = 0; p < line.ports().size(); ++p) {
          channels.push_back(std::make_unique<Channel>(1, p));
          ports.push_back(std::make_unique<DrivenPort>(line.ports()[p], static_cast<std::uint32_t>(p), *mirroredConfig,
-                                                      *status, 946684800 - line.interval()));
+                                                      *status, *driven, 946684800 - line.interval()));
       }
       for (std::size_t step = 0; step < line.steps(); ++step) {
          for (std::size_t p = 0; p < ports.size(); ++p)
@@ -65,12 +70,22 @@ struct BothSides {
          changes += port->changes();
    }
 
+   Held configuring() const { return {config, mirroredDriven, mirroredStatus, watched}; }
+   Held driver() const { return {mirroredConfig, driven, status, mirroredWatched}; }
+   std::vector<std::string> differences() const {
+      return Job::differences(configuring().text("left"), driver().text("right"), 9);
+   }
+
    Line& line;
    Mox::LocalLink link;
    Ptr<Cl10010ConfigDir> config = Mox::make<Cl10010ConfigDir>("config");
    Ptr<Cl10010ConfigDir> mirroredConfig;
    Ptr<Cl10010StatusDir> status = Mox::make<Cl10010StatusDir>("status");
    Ptr<Cl10010StatusDir> mirroredStatus;
+   Ptr<Cl10010StatusPtrDir> watched = Mox::make<Cl10010StatusPtrDir>("watched");
+   Ptr<Cl10010StatusPtrDir> mirroredWatched;
+   Ptr<Cl10010ConfigPtrDir> driven = Mox::make<Cl10010ConfigPtrDir>("driven");
+   Ptr<Cl10010ConfigPtrDir> mirroredDriven;
    std::unique_ptr<Answers> answers;
    std::uint64_t changes = 0;
 };
@@ -135,11 +150,47 @@ TEST(Port, UsualLineMovesEveryAttributeOfTheStatus) {
          });
    });
 
-   EXPECT_TRUE(Mox::diff(*job.config, *job.mirroredConfig).empty());
-   EXPECT_TRUE(Mox::diff(*job.status, *job.mirroredStatus).empty());
+   EXPECT_EQ(job.differences(), std::vector<std::string>());
    EXPECT_EQ(job.answers->open(), 0u);
    EXPECT_EQ(job.answers->signalLosses(), usualPorts / 2);
    EXPECT_FALSE(job.answers->given().empty());
+}
+
+TEST(Port, MirroredReferenceIsThePeersOwnEntityAndAnythingElseIsToldAsADifference) {
+   auto const line = simulatedLine(2, 30, 3);
+   BothSides job(*line);
+   job.play([](Cl10010Status const&, Reading const&) {});
+   EXPECT_EQ(job.configuring().references(), 4u);
+   EXPECT_EQ(job.driver().references(), 4u);
+   for (std::string const& port : line->ports()) {
+      EXPECT_EQ(job.mirroredWatched->phyStatus().find(Name(port))->value(), job.status->phyStatus(Name(port)));
+      EXPECT_EQ(job.mirroredDriven->phyConfig().find(Name(port))->value(), job.config->phyConfig(Name(port)));
+   }
+   ASSERT_EQ(job.differences(), std::vector<std::string>());
+
+   // What has not been sent yet differs.
+   Name const port(line->ports().front());
+   auto const status = job.status->phyStatus(port);
+   auto const told = [&](std::string_view path) {
+      std::vector<std::string> const all = job.differences();
+      return all.size() == 1 && all.front().starts_with(path) ? "" : testing::PrintToString(all);
+   };
+   status->agcGainIs(2, 1);
+   EXPECT_EQ(told("/status/S1%2F1%2F1.agcGain[2]: here "), "");
+   job.link.settle();
+   status->ldpcHistograms("line")->histogramIs(31, 7);
+   EXPECT_EQ(told("/status/S1%2F1%2F1/ldpcHistograms/line.histogram[31]: here "), "");
+   job.link.settle();
+   EXPECT_EQ(job.differences(), std::vector<std::string>());
+
+   // A namesake on both sides, which the paths alone would not tell.
+   auto const strangers = Mox::make<Cl10010ConfigPtrDir>("driven");
+   strangers->phyConfigIs(Mox::make<Cl10010Config>(port));
+   Held left = job.configuring(), right = job.driver();
+   left.driven = right.driven = strangers;
+   EXPECT_EQ(Job::differences(left.text("left"), right.text("right"), 9),
+             (std::vector<std::string>{
+                "/driven.phyConfig[S1/1/1] itself: here no entity of left, in the driver no entity of right"}));
 }
 
 TEST(Port, WhatIsStoredBelongsTogether) {

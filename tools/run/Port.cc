@@ -53,7 +53,7 @@ void DrivenPort::observedIs(A attribute, Changes changes, Last last, typename A:
 }
 
 DrivenPort::DrivenPort(std::string const& name, std::uint32_t number, Cl10010ConfigDir& configs,
-                       Cl10010StatusDir& statuses, double time)
+                       Cl10010StatusDir& statuses, Cl10010ConfigPtrDir& driven, double time)
    : config_(configs.phyConfig(Name(name))),
      interface_(Mox::make<Interface::EthPhyIntfStatus>(Name("ethernet-" + name))),
      module_(Mox::make<Xcvr::XcvrStatus>(Name("module-" + name))),
@@ -65,6 +65,7 @@ DrivenPort::DrivenPort(std::string const& name, std::uint32_t number, Cl10010Con
    counting_ = Mox::onAny(status_, [this](Cl10010Status&, Mox::AttributeId) { ++changes_; });
    iterations_ = status_->ldpcHistogramsIs("line");
    countingIterations_ = Mox::onAny(iterations_, [this](FecHistogram&, Mox::AttributeId) { ++changes_; });
+   driven.phyConfigIs(config_);
    comeUp();
    rollOff_ = Mox::on(config_, Cl10010Config::Attr::rollOff, [this](Cl10010Config&) { follow(); });
    snapshot_ = Mox::on(config_, Cl10010Config::Attr::debugStateSnapshotRequest,

@@ -4,6 +4,7 @@
 
 #include "entities/Cl10010Config.h"
 #include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigPtrDir.h"
 #include "entities/Cl10010Status.h"
 #include "entities/Cl10010StatusDir.h"
 #include "entities/FecHistogram.h"
@@ -20,11 +21,12 @@ namespace Job {
 /// configuration.
 class DrivenPort {
 public:
-   /// Makes the port's status, of a chip that has just come out of reset.
+   /// Makes the port's status, of a chip that has just come out of reset, and puts the port's configuration among the `driven`.
    /// \param configs holds the configuration of the port already
    /// \param time in seconds since 1970
    DrivenPort(std::string const& name, std::uint32_t number, Hardware::ClariPhy::Cl10010ConfigDir& configs,
-              Hardware::ClariPhy::Cl10010StatusDir& statuses, double time);
+              Hardware::ClariPhy::Cl10010StatusDir& statuses, Hardware::ClariPhy::Cl10010ConfigPtrDir& driven,
+              double time);
    DrivenPort(DrivenPort const&) = delete;
    DrivenPort& operator=(DrivenPort const&) = delete;
 
