@@ -26,10 +26,9 @@ template <class References, class Visit> void forEachTarget(References const& re
 
 std::string Held::text(std::string_view who) const {
    std::vector<Mox::DumpLine> lines;
-   for (Mox::Entity const* const root : {static_cast<Mox::Entity const*>(config.get()),
-                                         static_cast<Mox::Entity const*>(driven.get()),
-                                         static_cast<Mox::Entity const*>(status.get()),
-                                         static_cast<Mox::Entity const*>(watched.get())})
+   for (Mox::Entity const* const root :
+        {static_cast<Mox::Entity const*>(config.get()), static_cast<Mox::Entity const*>(driven.get()),
+         static_cast<Mox::Entity const*>(status.get()), static_cast<Mox::Entity const*>(watched.get())})
       for (Mox::DumpLine& line : Mox::dumpLines(*root))
          lines.push_back(std::move(line));
    auto const foreign = [&](std::string_view references, auto const& target) {

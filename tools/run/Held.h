@@ -13,9 +13,10 @@ namespace Job {
 
 /// What one process holds at the end: its own half, and its mirrors of the other's.
 struct Held {
-   Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigDir> config;    ///< of the configuring process
-   Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigPtrDir> driven; ///< of the driver: the configurations that its ports follow
-   Mox::Ptr<Hardware::ClariPhy::Cl10010StatusDir> status;    ///< of the driver
+   Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigDir> config; ///< of the configuring process
+   Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigPtrDir>
+      driven;                                             ///< of the driver: the configurations that its ports follow
+   Mox::Ptr<Hardware::ClariPhy::Cl10010StatusDir> status; ///< of the driver
    Mox::Ptr<Hardware::ClariPhy::Cl10010StatusPtrDir> watched; ///< of the configuring process: what it has its eye on
 
    /// The dumps of all four by path, arrays, histograms and references included. A reference to anything but the very entity
