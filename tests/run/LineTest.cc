@@ -70,7 +70,7 @@ TEST(Line, MeasurementsOfOneIntervalBelongTogether) {
       auto const half = [](std::uint16_t q) { return std::erfc(q / 1000.0 / std::sqrt(2.0)) / 2; };
       if (ratio > 0) {
          EXPECT_NEAR((half(r.qFactorH) + half(r.qFactorV)) / 2 / ratio, 1, 5e-3);
-         EXPECT_NEAR(laneRatios / ratio, 1, 5e-3);
+         EXPECT_NEAR(laneRatios / ratio, 1, 2e-3);
       }
       if (ratio == 1.5e-3) {
          EXPECT_EQ(wordErrors, 0);

@@ -160,8 +160,8 @@ TEST(Port, MirroredReferenceIsThePeersOwnEntityAndAnythingElseIsToldAsADifferenc
    auto const line = simulatedLine(2, 30, 3);
    BothSides job(*line);
    job.play([](Cl10010Status const&, Reading const&) {});
-   EXPECT_EQ(job.configuring().references(), 4u);
-   EXPECT_EQ(job.driver().references(), 4u);
+   ASSERT_EQ(job.configuring().references(), 4u);
+   ASSERT_EQ(job.driver().references(), 4u);
    for (std::string const& port : line->ports()) {
       EXPECT_EQ(job.mirroredWatched->phyStatus().find(Name(port))->value(), job.status->phyStatus(Name(port)));
       EXPECT_EQ(job.mirroredDriven->phyConfig().find(Name(port))->value(), job.config->phyConfig(Name(port)));
