@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace {
 
@@ -53,16 +54,46 @@ TEST(Line, MeasurementsOfOneIntervalBelongTogether) {
       auto const wordErrors = static_cast<double>(r.wordErrors) / static_cast<double>(r.words);
       EXPECT_GE(wordErrors, lastWordErrors);
       lastWordErrors = wordErrors;
+      EXPECT_EQ(std::accumulate(r.iterations.begin(), r.iterations.end(), std::uint64_t{0}), r.words);
+      EXPECT_EQ(r.iterations[Reading::lastIteration], r.wordErrors);
+      EXPECT_NEAR(static_cast<double>(r.iterations[0]) / static_cast<double>(r.words),
+                  std::exp(-Channel::wordBits * ratio), 1e-5)
+         << "words without an error";
+      // The lanes' ratios, from their error vectors back, have the whole one as their mean; the gain makes amplitudes equal.
+      double laneRatios = 0;
+      for (Reading::LineLane const& lane : r.lanes) {
+         laneRatios += std::erfc(std::sqrt(65536.0 / lane.squareError) / std::sqrt(2.0)) / 2 / r.lanes.size();
+         EXPECT_NEAR(lane.gain * lane.amplitude / 64, 500, 1);
+         EXPECT_TRUE(lane.aligned || r.lossOfFrame);
+      }
       // Both polarisations' ratios, from their Q-factors back, have the whole one as their mean.
       auto const half = [](std::uint16_t q) { return std::erfc(q / 1000.0 / std::sqrt(2.0)) / 2; };
       if (ratio > 0) {
          EXPECT_NEAR((half(r.qFactorH) + half(r.qFactorV)) / 2 / ratio, 1, 5e-3);
+         EXPECT_NEAR(laneRatios / ratio, 1, 2e-3);
       }
       if (ratio == 1.5e-3) {
          EXPECT_EQ(wordErrors, 0);
       } else if (ratio == Channel::alarmAt) {
          EXPECT_NEAR(wordErrors, 1e-3, 0.5e-3);
       }
+   }
+}
+
+TEST(Line, DecoderTakesLongerTheMoreErrorsAWordHas) {
+   struct {
+      double ratio;
+      std::size_t most; // the bin that holds the median
+   } const table[] = {{1e-6, 0}, {1e-4, 1}, {6e-4, 2}, {1.5e-3, 3}, {2.4e-3, 4}, {3.2e-3, 5}, {3.9e-3, 6}, {8e-3, 31}};
+   for (auto const& c : table) {
+      SCOPED_TRACE(c.ratio);
+      Channel channel(3, 5);
+      Reading const r = channel.next({0, c.ratio, c.ratio}, 900);
+      std::uint64_t seen = 0;
+      std::size_t median = 0;
+      while ((seen += r.iterations[median]) < r.words / 2)
+         ++median;
+      EXPECT_EQ(median, c.most);
    }
 }
 

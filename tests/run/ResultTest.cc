@@ -23,6 +23,7 @@ Result example() {
    for (double ms : {0.5, 0.25, 0.125, 4.0, 1.0, 2.0, 3.0, 8.0})
       r.answers.push_back({"T1/1/A", "roll-off 0.225", ms});
    r.comparedLines = 77;
+   r.references = 2468;
    return r;
 }
 
@@ -42,7 +43,7 @@ TEST(Result, TableIsPlainWhereNothingMoreIsKnownAndColouredOnATerminal) {
                                   "               T1/1/A  roll-off 0.225  1.00 ms\n"
                                   "               T1/1/A  roll-off 0.225  2.00 ms\n"
                                   "               and 2 more, of all: median 2.00 ms, longest 8.00 ms\n"
-                                  " ok: both sides agree: 77 lines each\n");
+                                  " ok: both sides agree: 77 lines each, 2,468 references\n");
    r.answers.clear();
    r.differences = {"/a: here 1, in the driver 2"};
    std::string const text = r.table({.isTerminal = true, .hasColour = true, .isUtf8 = true});

@@ -15,7 +15,8 @@ using namespace Hardware::ClariPhy;
 using Mox::Name;
 using Mox::Ptr;
 
-Answers::Answers(Ptr<Cl10010ConfigDir> config, Ptr<Cl10010StatusDir> const& status) : config_(std::move(config)) {
+Answers::Answers(Ptr<Cl10010ConfigDir> config, Ptr<Cl10010StatusDir> const& status, Ptr<Cl10010StatusPtrDir> watched)
+   : config_(std::move(config)), watched_(std::move(watched)) {
    members_ = Mox::on(status, Cl10010StatusDir::Attr::phyStatus,
                       [this](Cl10010StatusDir& directory, Name const& name) { watch(directory, name); });
 }
@@ -24,12 +25,14 @@ void Answers::watch(Cl10010StatusDir& directory, Name const& name) {
    std::string const key(name);
    auto const status = directory.phyStatus(name);
    if (!status) {
+      watched_->phyStatusDel(name);
       if (auto const at = ports_.find(key); at != ports_.end()) {
          open_ -= at->second.open.size();
          ports_.erase(at);
       }
       return;
    }
+   watched_->phyStatusIs(status);
    Port& port = ports_[key];
    using Attr = Cl10010Status::Attr;
    port.watches.clear();

@@ -3,6 +3,7 @@
 #include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010Status.h"
 #include "entities/Cl10010StatusDir.h"
+#include "entities/Cl10010StatusPtrDir.h"
 #include "notify/Observe.h"
 
 #include <chrono>
@@ -16,8 +17,8 @@
 namespace Job {
 
 /// The configuring side's eye on the mirrored status. Where a port's error rate rises, it answers with a wider roll-off, once
-/// per rise; where a port loses its frames, it asks for a snapshot of the chip's debug state. It also keeps what people ask
-/// for first: which port was worst, and which lost its signal.
+/// per rise; where a port loses its frames, it asks for a snapshot of the chip's debug state. Which status it has its eye on, it
+/// says in a directory of references. It also keeps what people ask for first: which port was worst, and which lost its signal.
 class Answers {
 public:
    struct Answer {
@@ -32,7 +33,8 @@ public:
    };
 
    Answers(Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigDir> config,
-           Mox::Ptr<Hardware::ClariPhy::Cl10010StatusDir> const& status);
+           Mox::Ptr<Hardware::ClariPhy::Cl10010StatusDir> const& status,
+           Mox::Ptr<Hardware::ClariPhy::Cl10010StatusPtrDir> watched);
    Answers(Answers const&) = delete;
    Answers& operator=(Answers const&) = delete;
 
@@ -70,6 +72,7 @@ private:
    void answer(Port& port, Open open);
 
    Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigDir> config_;
+   Mox::Ptr<Hardware::ClariPhy::Cl10010StatusPtrDir> watched_;
    Mox::Watch members_;
    std::map<std::string, Port> ports_;
    std::vector<Answer> given_;

@@ -4,15 +4,13 @@
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <vector>
 
 namespace Job {
 
 namespace {
 
 constexpr double frameSeconds = 1.168e-6; // of a transport frame at 112 Gbit/s
-// Bits in error that the decoder repairs in a word. Where it gives up is a steep flank rather than a count; a count has the
-// flank too, because the errors of a word scatter.
-constexpr double repairableBits = 166;
 
 /// Inverse of the complementary error function on (0, 1].
 double erfcInverse(double y) {
@@ -29,12 +27,47 @@ double erfcInverse(double y) {
    return x;
 }
 
-/// Share of the words with more than `repairableBits` of errors, which scatter binomially, near enough to normally.
-double wordErrorRatio(double bitErrorRatio) {
-   double const mean = Channel::wordBits * bitErrorRatio;
-   if (mean <= 0)
-      return 0;
-   return std::erfc((repairableBits - mean) / std::sqrt(2 * mean * (1 - bitErrorRatio))) / 2;
+/// Iterations that the decoder takes for a word with as many errors as the index says; it gives up on words with more. The share
+/// of wrong bits follows R. G. Gallager's recursion (Low-Density Parity-Check Codes, 1963, chapter 4), for a code with three
+/// checks to a bit and fifteen bits to a check: that one stops repairing at 166 errors, a steep flank, and close to it takes
+/// its time.
+std::vector<std::uint8_t> const& decoderIterations() {
+   static std::vector<std::uint8_t> const table = [] {
+      std::vector<std::uint8_t> iterations;
+      for (;;) {
+         double const received = static_cast<double>(iterations.size()) / Channel::wordBits;
+         double wrong = received;
+         std::uint8_t count = 0;
+         for (; wrong * Channel::wordBits >= 0.5 && count < Reading::lastIteration; ++count) {
+            double const others = std::pow(1 - 2 * wrong, 14); // the check's other bits: even errors less odd ones
+            wrong =
+               received - received * std::pow((1 + others) / 2, 2) + (1 - received) * std::pow((1 - others) / 2, 2);
+         }
+         if (count == Reading::lastIteration)
+            return iterations;
+         iterations.push_back(count);
+      }
+   }();
+   return table;
+}
+
+/// Decodes so many words, over which the errors scatter binomially.
+void decode(double errorRatio, Reading& r) {
+   auto const& iterations = decoderIterations();
+   double const odds = errorRatio / (1 - errorRatio);
+   double share = std::exp(Channel::wordBits * std::log1p(-errorRatio)); // of the words with so many errors
+   double upTo = 0;
+   std::uint64_t before = 0;
+   // Rounded is what has come so far: the bins have all the words together, and none comes twice.
+   for (std::size_t errors = 0; errors < iterations.size(); ++errors) {
+      upTo = std::min(1.0, upTo + share);
+      auto const now = static_cast<std::uint64_t>(std::llround(static_cast<double>(r.words) * upTo));
+      r.iterations[iterations[errors]] += now - before;
+      before = now;
+      share *= odds * (Channel::wordBits - static_cast<double>(errors)) / static_cast<double>(errors + 1);
+   }
+   r.wordErrors = r.words - before;
+   r.iterations[Reading::lastIteration] = r.wordErrors;
 }
 
 template <class Number> Number rounded(double value) {
@@ -63,7 +96,15 @@ Channel::Channel(std::uint64_t seed, std::size_t port)
      temperaturePhase_(dice_.uniform(0, 24)),
      loss_(dice_.uniform(0.5, 1.5)),
      delay_{dice_.noise(), dice_.noise(), dice_.noise()},
-     centre_(dice_.uniform(1900, 2200)) {}
+     centre_(dice_.uniform(1900, 2200)) {
+   for (std::size_t i = 0; i < lanes_.size(); ++i) {
+      lanes_[i].share = i % 2 == 0 ? dice_.uniform(-0.03, 0.03) : -lanes_[i - 1].share;
+      lanes_[i].responsivity = dice_.uniform(0.95, 1.05);
+      lanes_[i].skew = dice_.uniform(200, 800);
+      for (double& c : lanes_[i].converter)
+         c = 128 + 15 * dice_.noise();
+   }
+}
 
 Reading Channel::next(Sample const& sample, double interval) {
    Reading r;
@@ -75,10 +116,15 @@ Reading Channel::next(Sample const& sample, double interval) {
    lastRatio_ = r.light ? sample.average : 0;
    drift(interval / 3600, disturbance > 1);
 
-   if (hostAway_ > 0)
+   if (hostAway_ > 0) {
       --hostAway_;
-   else if (dice_.chance(1.0 / 150))
+   } else if (dice_.chance(1.0 / 150)) {
       hostAway_ = 1 + (dice_.chance(0.5) ? 1 : 0);
+      // One lane, or all of them.
+      hostAwayLane_ = static_cast<std::size_t>(dice_.uniform(0, 2 * Reading::hostLanes));
+   }
+   for (std::size_t i = 0; i < Reading::hostLanes; ++i)
+      r.hostLaneSignals[i] = hostAway_ == 0 || (hostAwayLane_ < Reading::hostLanes && i != hostAwayLane_);
    r.hostSignal = hostAway_ == 0;
    r.monitorFailed = dice_.chance(0.01);
    r.monitorBusy = !r.monitorFailed && dice_.chance(0.05);
@@ -87,8 +133,11 @@ Reading Channel::next(Sample const& sample, double interval) {
    lossOfFrame_ = !r.light || sample.average >= (lossOfFrame_ ? clearBelow : alarmAt);
    r.outOfFrame = outOfFrame_;
    r.lossOfFrame = lossOfFrame_;
-   if (!r.light)
+   if (!r.light) {
+      for (Lane& lane : lanes_)
+         lane.aligned = false;
       return r;
+   }
 
    double const frames = std::floor(interval / frameSeconds);
    r.errorRatio = sample.average;
@@ -96,8 +145,7 @@ Reading Channel::next(Sample const& sample, double interval) {
    r.frames = static_cast<std::uint64_t>(frames);
    r.bitErrors = static_cast<std::uint64_t>(std::llround(frames * frameBits * sample.average));
    r.words = 4 * r.frames;
-   r.wordErrors =
-      static_cast<std::uint64_t>(std::llround(static_cast<double>(r.words) * wordErrorRatio(sample.average)));
+   decode(sample.average, r);
    measure(r, disturbance);
    return r;
 }
@@ -118,6 +166,9 @@ void Channel::drift(double hours, bool disturbed) {
       x /= length;
    laser_ += -0.01 * hours * laser_ + 15 * std::sqrt(hours) * dice_.noise();
    centre_ += 2 * dice_.noise();
+   for (Lane& lane : lanes_)
+      for (double& d : lane.drift)
+         d += -0.1 * d + dice_.noise();
 }
 
 void Channel::measure(Reading& r, double disturbance) {
@@ -127,8 +178,12 @@ void Channel::measure(Reading& r, double disturbance) {
    // The half of the light that the polarisation-dependent loss takes more from has the more errors; both halves together
    // have the ratio.
    double const share = 0.3 * loss_ * tilt;
-   r.qFactorH = rounded<std::uint16_t>(1000 * qFactor(r.errorRatio * (1 + share)));
-   r.qFactorV = rounded<std::uint16_t>(1000 * qFactor(r.errorRatio * (1 - share)));
+   double const horizontal = r.errorRatio * (1 + share);
+   double const vertical = r.errorRatio * (1 - share);
+   r.qFactorH = rounded<std::uint16_t>(1000 * qFactor(horizontal));
+   r.qFactorV = rounded<std::uint16_t>(1000 * qFactor(vertical));
+   for (std::size_t i = 0; i < lanes_.size(); ++i)
+      measureLane(i, (i < 2 ? horizontal : vertical) * (1 + lanes_[i].share), warmth, r.lanes[i]);
    // Standard fibre: 16.7 ps/nm/km, 2.5e-3 of that more per degree, here five degrees between noon and mean.
    r.dispersion = rounded<std::int32_t>(length_ * (16.7 + 0.0025 * 5 * warmth) + 2 * dice_.noise());
    r.groupDelay = rounded<std::int32_t>(10 * 0.05 * std::sqrt(length_) * lengthOf(delay_));
@@ -137,6 +192,25 @@ void Channel::measure(Reading& r, double disturbance) {
    r.polarisationRate = rounded<std::uint16_t>(20 * disturbance * std::exp(0.6 * dice_.noise()));
    r.centreH = rounded<std::uint16_t>(centre_ + 8 * delay_[0]);
    r.centreV = rounded<std::uint16_t>(centre_ - 8 * delay_[0]);
+}
+
+void Channel::measureLane(std::size_t number, double errorRatio, double warmth, Reading::LineLane& r) {
+   Lane& lane = lanes_[number];
+   lane.aligned = errorRatio < laneStands * (lane.aligned ? alarmAt : clearBelow);
+   r.aligned = lane.aligned;
+   double const q = qFactor(errorRatio);
+   // Of the square root of the signal's power, as the beat with the local laser is; and so, as long as the noise is the same,
+   // of the Q-factor.
+   double const amplitude = 12 * q * lane.responsivity * (1 + 0.002 * dice_.noise());
+   r.amplitude = static_cast<float>(amplitude);
+   r.gain = rounded<std::uint16_t>(64 * 500 / amplitude); // up to 500 mV
+   // The error vector has 1/Q of the signal's length (R. Schmogrow et al., Error Vector Magnitude as a Performance Measure for
+   // Advanced Modulation Formats, IEEE Photonics Technology Letters 24, 2012).
+   r.squareError = rounded<std::uint16_t>(65536 / (q * q));
+   r.skew = rounded<std::uint16_t>(lane.skew + 3 * warmth + dice_.noise());
+   std::array const converter{&r.unitOffset, &r.rowOffset, &r.gainError, &r.timingError};
+   for (std::size_t i = 0; i < converter.size(); ++i)
+      *converter[i] = rounded<std::uint8_t>(lane.converter[i] + lane.drift[i]);
 }
 
 } // namespace Job

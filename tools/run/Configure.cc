@@ -1,6 +1,7 @@
 #include "run/Sides.h"
 
 #include "run/Answers.h"
+#include "run/Held.h"
 #include "run/Pipe.h"
 #include "run/Result.h"
 #include "run/Terminal.h"
@@ -14,7 +15,6 @@
 #include "entities/Cl10010StatusReactor.h"
 #include "net/UnixPath.h"
 #include "net/UnixServer.h"
-#include "notify/Dump.h"
 #include "notify/Observe.h"
 
 #include <algorithm>
@@ -121,6 +121,7 @@ public:
    /// \param folder of the socket, where it is private: it goes as soon as the driver is in
    Session(Options const& options, Line const& line, std::string const& path, std::optional<Mox::PrivateFolder>& folder)
       : steps_(line.steps()),
+        watched_(Mox::make<Cl10010StatusPtrDir>("watched")),
         config_(Mox::make<Cl10010ConfigDir>("config")),
         server_(std::in_place, path, "configuring process"),
         progress_(Terminal::of(STDERR_FILENO)) {
@@ -138,8 +139,10 @@ public:
             folder.reset();
       });
       server_->exportRoot(config_);
+      server_->exportRoot(watched_);
       status_ = server_->mount<Cl10010StatusDir>("status");
-      answers_.emplace(config_, status_);
+      driven_ = server_->mount<Cl10010ConfigPtrDir>("driven");
+      answers_.emplace(config_, status_, watched_);
       driver_.emplace(driverArguments(options, path));
    }
    Session(Session const&) = delete;
@@ -166,10 +169,9 @@ public:
       await([&] { return (theirs = driver_->pipe().text(50ms)).has_value(); });
       progress_.clear();
 
-      std::ostringstream ours;
-      Mox::dump(*config_, ours);
-      Mox::dump(*status_, ours);
-      result.differences = differences(ours.str(), *theirs, 20);
+      Held const held{config_, driven_, status_, watched_};
+      result.differences = differences(held.text("the configuring process"), *theirs, 20);
+      result.references = held.references();
       result.comparedLines = static_cast<std::size_t>(std::count(theirs->begin(), theirs->end(), '\n'));
       result.changes = driver.changes;
       result.recordsSent = traffic.recordsSent + driver.recordsSent;
@@ -242,8 +244,10 @@ private:
    using Clock = std::chrono::steady_clock;
 
    std::size_t steps_;
+   Ptr<Cl10010StatusPtrDir> watched_;
    Ptr<Cl10010ConfigDir> config_;
    Ptr<Cl10010StatusDir> status_;
+   Ptr<Cl10010ConfigPtrDir> driven_;
    std::optional<Mox::UnixServer> server_;
    std::optional<Answers> answers_;
    std::optional<Child> driver_;

@@ -1,11 +1,11 @@
 #include "run/Sides.h"
 
+#include "run/Held.h"
 #include "run/Pipe.h"
 #include "run/Port.h"
 
 #include "net/SocketException.h"
 #include "net/UnixClient.h"
-#include "notify/Dump.h"
 
 #include <algorithm>
 #include <chrono>
@@ -39,6 +39,7 @@ public:
         seed_(options.seed),
         speed_(options.speed),
         pipe_(STDIN_FILENO, STDOUT_FILENO),
+        driven_(Mox::make<Cl10010ConfigPtrDir>("driven")),
         status_(Mox::make<Cl10010StatusDir>("status")) {
       client_.onPeer([this](Mox::PeerEvent const& event) {
          if (event.kind == Mox::PeerEvent::Kind::lost)
@@ -46,7 +47,9 @@ public:
       });
       client_.onReport([](std::string const& text) { std::cerr << "run: driver: " << text << '\n'; });
       client_.exportRoot(status_);
+      client_.exportRoot(driven_);
       config_ = client_.mount<Cl10010ConfigDir>("config");
+      watched_ = client_.mount<Cl10010StatusPtrDir>("watched");
       try {
          client_.connect(options.socket);
       } catch (Mox::SocketException const& e) {
@@ -66,16 +69,13 @@ public:
       settle();
       say(std::string(word::stopped) + ' ' + figures().text());
       awaitWord(word::dump);
-      std::ostringstream text;
-      Mox::dump(*config_, text);
-      Mox::dump(*status_, text);
-      pipe_.sendText(text.str());
+      pipe_.sendText(Held{config_, driven_, status_, watched_}.text("the driver"));
    }
 
 private:
    struct Port {
       Port(std::string const& name, std::uint32_t number, std::uint64_t seed, Driver& driver, double time)
-         : channel(seed, number), driven(name, number, *driver.config_, *driver.status_, time) {}
+         : channel(seed, number), driven(name, number, *driver.config_, *driver.status_, *driver.driven_, time) {}
       Channel channel;
       DrivenPort driven;
    };
@@ -183,8 +183,10 @@ private:
    std::uint64_t seed_;
    double speed_; ///< steps in a second; 0 for as fast as it goes
    Pipe pipe_;
+   Ptr<Cl10010ConfigPtrDir> driven_;
    Ptr<Cl10010StatusDir> status_;
    Ptr<Cl10010ConfigDir> config_;
+   Ptr<Cl10010StatusPtrDir> watched_;
    Mox::UnixClient client_{"driver process"};
    std::vector<std::unique_ptr<Port>> ports_; ///< null before the port's first sample
    std::optional<std::string> lost_;

@@ -75,6 +75,12 @@ Options parseOptions(int argc, char const* const* argv) {
    } catch (CLI::CallForHelp const&) {
       options.help = app.help();
       return options;
+   } catch (CLI::ArgumentMismatch const& e) {
+      for (CLI::Option const* option : app.get_options())
+         if (option->count() > 1)
+            throw UsageError(option->get_name() + ": expected once, got " + std::to_string(option->count()) + " times");
+      std::string const text = e.what(); // begins with the option
+      throw UsageError(text.substr(0, text.find(':')) + ": expected a value, got nothing");
    } catch (CLI::ParseError const& e) {
       std::string text = e.what();
       for (char& c : text)

@@ -2,6 +2,7 @@
 
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
 
 #include <algorithm>
 
@@ -30,6 +31,16 @@ template <class A> void DrivenPort::conditionIs(A attribute, bool condition) {
    alarmsMoved_ = true;
 }
 
+/// As `conditionIs`, for one lane of an array.
+template <class A> void DrivenPort::laneConditionIs(A attribute, std::size_t lane, bool condition) {
+   typename A::Key const key(lane);
+   Kiln::ConditionStat const was = attribute.cell(*status_)[key];
+   if (was.condition == condition)
+      return;
+   attribute.put(*status_, key, Kiln::ConditionStat{condition, was.count + 1, time_});
+   alarmsMoved_ = true;
+}
+
 /// As `conditionIs`, where count and time are attributes of their own.
 template <class A, class Changes, class Last>
 void DrivenPort::observedIs(A attribute, Changes changes, Last last, typename A::Value const& value) {
@@ -42,7 +53,7 @@ void DrivenPort::observedIs(A attribute, Changes changes, Last last, typename A:
 }
 
 DrivenPort::DrivenPort(std::string const& name, std::uint32_t number, Cl10010ConfigDir& configs,
-                       Cl10010StatusDir& statuses, double time)
+                       Cl10010StatusDir& statuses, Cl10010ConfigPtrDir& driven, double time)
    : config_(configs.phyConfig(Name(name))),
      interface_(Mox::make<Interface::EthPhyIntfStatus>(Name("ethernet-" + name))),
      module_(Mox::make<Xcvr::XcvrStatus>(Name("module-" + name))),
@@ -52,6 +63,9 @@ DrivenPort::DrivenPort(std::string const& name, std::uint32_t number, Cl10010Con
    module_->mediaTypeIs("100G coherent");
    status_ = statuses.phyStatusIs(Name(name), config_, interface_);
    counting_ = Mox::onAny(status_, [this](Cl10010Status&, Mox::AttributeId) { ++changes_; });
+   iterations_ = status_->ldpcHistogramsIs("line");
+   countingIterations_ = Mox::onAny(iterations_, [this](FecHistogram&, Mox::AttributeId) { ++changes_; });
+   driven.phyConfigIs(config_);
    comeUp();
    rollOff_ = Mox::on(config_, Cl10010Config::Attr::rollOff, [this](Cl10010Config&) { follow(); });
    snapshot_ = Mox::on(config_, Cl10010Config::Attr::debugStateSnapshotRequest,
@@ -100,8 +114,10 @@ void DrivenPort::read(Reading const& reading) {
    readModule(reading);
    status_->currPreFecErrorRateIs(static_cast<float>(reading.errorRatio));
    status_->qFactorFromBerIs(static_cast<float>(reading.qFactor));
-   if (reading.light)
+   if (reading.light) {
       measure(reading);
+      measureLanes(reading);
+   }
    firmwareIs(reading.light ? tracking : acquiring);
    bool const up = !reading.lossOfFrame && reading.hostSignal;
    observedIs(Attr::phyState, Attr::phyStateChanges, Attr::lastPhyStateChange,
@@ -123,13 +139,19 @@ void DrivenPort::readLine(Reading const& r) {
    conditionIs(Attr::timingRecoveryLock, r.light);
    conditionIs(Attr::signalLock, r.light);
    conditionIs(Attr::userDefinedSignalLock, r.light && !r.outOfFrame);
-   conditionIs(Attr::otl4LaneAligned, r.light);
+   conditionIs(Attr::otl4LaneAligned, std::all_of(r.lanes.begin(), r.lanes.end(), [](auto& l) { return l.aligned; }));
+   for (std::size_t i = 0; i < Reading::lineLanes; ++i) {
+      laneConditionIs(Attr::laneSignalDetect, i, r.light);
+      laneConditionIs(Attr::lineLaneAligned, i, r.lanes[i].aligned);
+   }
    conditionIs(Attr::otuLossOfAnyFrame, r.outOfFrame);
    conditionIs(Attr::hostIngressOutOfFrame, r.outOfFrame);
    conditionIs(Attr::hostIngressLossOfMultiFrame, r.outOfFrame);
    conditionIs(Attr::hostIngressLossOfFrame, r.lossOfFrame);
    conditionIs(Attr::hostIngressPcsSignalGood, !r.lossOfFrame);
    conditionIs(Attr::hostIngressDataFifoGood, !r.lossOfFrame);
+   for (std::size_t i = 0; i < Reading::hostLanes; ++i)
+      laneConditionIs(Attr::hostIngressLaneBlockAligned, i, !r.lossOfFrame);
 
    observedIs(Attr::pmaPmdRxLinkStatus, Attr::pmaPmdRxLinkStatusChanges, Attr::lastPmaPmdRxLinkStatusChange,
               r.light ? LinkStatus::up : LinkStatus::down);
@@ -148,6 +170,10 @@ void DrivenPort::readHost(Reading const& r) {
    conditionIs(Attr::hostEgressDataFifoGood, r.hostSignal);
    conditionIs(Attr::hostEgressOutOfFrameAlarm, !r.hostSignal);
    conditionIs(Attr::hostEgressLossOfFrame, !r.hostSignal);
+   for (std::size_t i = 0; i < Reading::hostLanes; ++i) {
+      laneConditionIs(Attr::hostEgressLaneBlockAligned, i, r.hostLaneSignals[i]);
+      laneConditionIs(Attr::hostEgressLaneLossOfFrame, i, !r.hostLaneSignals[i]);
+   }
 
    observedIs(Attr::pmaPmdTxFault, Attr::pmaPmdTxFaultChanges, Attr::lastPmaPmdTxFaultChange, U1(!r.hostSignal));
    observedIs(Attr::pcsTxFault, Attr::pcsTxFaultChanges, Attr::lastPcsTxFaultChange, U1(!r.hostSignal));
@@ -199,6 +225,13 @@ void DrivenPort::measure(Reading const& r) {
    s.ldpcWordErrorsInc(r.wordErrors);
    s.ldpcWordErrorRateIs(static_cast<float>(static_cast<double>(r.wordErrors) / static_cast<double>(r.words)));
 
+   for (std::size_t i = 0; i < r.iterations.size(); ++i) {
+      ClariPhyTypes::LdpcHistogramIterNum const number(i);
+      using Counter = ClariPhyTypes::LdpcHistogramCounter;
+      iterations_->histogramIs(
+         number, Counter(std::min<std::uint64_t>(iterations_->histogram(number) + r.iterations[i], Counter::maximum)));
+   }
+
    s.performanceMonitorCountInc(1);
    s.diffGroupDelayIs(r.groupDelay);
    s.cumDiffGroupDelayInc(r.groupDelay);
@@ -215,6 +248,22 @@ void DrivenPort::measure(Reading const& r) {
    s.cumQFactorVInc(r.qFactorV);
    s.centerGravityHIs(r.centreH);
    s.centerGravityVIs(r.centreV);
+}
+
+void DrivenPort::measureLanes(Reading const& r) {
+   Cl10010Status& s = *status_;
+   for (std::size_t i = 0; i < Reading::lineLanes; ++i) {
+      Reading::LineLane const& lane = r.lanes[i];
+      Xcvr::CfpxHostLaneId const key(i);
+      s.amplitudeIs(key, lane.amplitude);
+      s.agcGainIs(key, lane.gain);
+      s.meanSquareErrorIs(key, lane.squareError);
+      s.rxSkewIs(key, lane.skew);
+      s.adcUnitOffsetIs(key, lane.unitOffset);
+      s.adcRowOffsetIs(key, lane.rowOffset);
+      s.adcGainErrorIs(key, lane.gainError);
+      s.adcTimingErrorIs(key, lane.timingError);
+   }
 }
 
 void DrivenPort::firmwareIs(Firmware state) {

@@ -4,8 +4,10 @@
 
 #include "entities/Cl10010Config.h"
 #include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigPtrDir.h"
 #include "entities/Cl10010Status.h"
 #include "entities/Cl10010StatusDir.h"
+#include "entities/FecHistogram.h"
 #include "notify/Observe.h"
 #include "siblings/EthPhyIntfStatus.h"
 #include "siblings/XcvrStatus.h"
@@ -19,18 +21,19 @@ namespace Job {
 /// configuration.
 class DrivenPort {
 public:
-   /// Makes the port's status, of a chip that has just come out of reset.
+   /// Makes the port's status, of a chip that has just come out of reset, and puts the port's configuration among the `driven`.
    /// \param configs holds the configuration of the port already
    /// \param time in seconds since 1970
    DrivenPort(std::string const& name, std::uint32_t number, Hardware::ClariPhy::Cl10010ConfigDir& configs,
-              Hardware::ClariPhy::Cl10010StatusDir& statuses, double time);
+              Hardware::ClariPhy::Cl10010StatusDir& statuses, Hardware::ClariPhy::Cl10010ConfigPtrDir& driven,
+              double time);
    DrivenPort(DrivenPort const&) = delete;
    DrivenPort& operator=(DrivenPort const&) = delete;
 
    void read(Reading const& reading);
    /// Follows the configuration no more: nothing changes until the next `read`.
    void stop();
-   /// Changes of the status so far.
+   /// Changes of the status so far, those of its histogram included.
    std::uint64_t changes() const noexcept { return changes_; }
 
 private:
@@ -43,18 +46,22 @@ private:
    void readCodes(Reading const& reading);
    void readModule(Reading const& reading);
    void measure(Reading const& reading);
+   void measureLanes(Reading const& reading);
    void firmwareIs(Firmware state);
    void follow();
 
    template <class A> void conditionIs(A attribute, bool condition);
+   template <class A> void laneConditionIs(A attribute, std::size_t lane, bool condition);
    template <class A, class Changes, class Last>
    void observedIs(A attribute, Changes changes, Last last, typename A::Value const& value);
 
    Mox::Ptr<Hardware::ClariPhy::Cl10010Config> config_;
    Mox::Ptr<Hardware::ClariPhy::Cl10010Status> status_;
+   Mox::Ptr<Hardware::ClariPhy::FecHistogram> iterations_;
    Mox::Ptr<Interface::EthPhyIntfStatus> interface_;
    Mox::Ptr<Xcvr::XcvrStatus> module_;
    Mox::Watch counting_;
+   Mox::Watch countingIterations_;
    Mox::Watch rollOff_;
    Mox::Watch snapshot_;
    double time_; ///< of the last reading, in seconds since 1970

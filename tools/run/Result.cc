@@ -142,7 +142,8 @@ std::string Result::table(Terminal const& terminal) const {
       }
    }
    if (agree()) {
-      t.verdict(true, "both sides agree: " + counted(comparedLines, "line") + " each");
+      t.verdict(true,
+                "both sides agree: " + counted(comparedLines, "line") + " each, " + counted(references, "reference"));
    } else {
       t.verdict(false, "the sides differ:");
       for (std::string const& difference : differences)
@@ -166,6 +167,7 @@ std::string Result::json() const {
                             {"signalLosses", signalLosses},
                             {"answers", nlohmann::ordered_json::array()},
                             {"comparedLines", comparedLines},
+                            {"references", references},
                             {"agree", agree()},
                             {"differences", differences}};
    if (!worst.port.empty())

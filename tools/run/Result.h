@@ -28,6 +28,7 @@ struct Result {
    std::size_t signalLosses = 0;
    std::vector<Answers::Answer> answers;
    std::size_t comparedLines = 0;
+   std::size_t references = 0; ///< among what was compared
    std::vector<std::string> differences;
 
    bool agree() const noexcept { return differences.empty(); }

@@ -35,7 +35,7 @@ void ProgressLine::show(double share, std::string_view text) {
       return;
    last_ = now;
    isShown_ = true;
-   constexpr unsigned width = 24;
+   constexpr unsigned width = 16; // leaves 80 columns room for all that there is to say
    auto const full = static_cast<unsigned>(std::lround(std::clamp(share, 0.0, 1.0) * width));
    std::string line = "\r ";
    for (unsigned i = 0; i < width; ++i)
