@@ -93,6 +93,17 @@ TEST(StatusDirectory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    EXPECT_EQ(dir->auditErrors(2), 0u);
 }
 
+/// Tells that what it watches goes.
+struct Last : Cl10010Config::Notifiee {
+   explicit Last(Ptr<Cl10010Config> const& config) {
+      isWeakReferenceIs(true);
+      notifierIs(config);
+      isRegisteredNotifieeIs(true);
+   }
+   void onZeroReferences() override { then(); }
+   std::function<void()> then;
+};
+
 struct References : testing::Test {
    Ptr<Cl10010ConfigPtrDir> refs = make<Cl10010ConfigPtrDir>("refs");
    Log log;
@@ -126,8 +137,22 @@ TEST_F(References, StandInHoldersThatKeepNothingElseAlive) {
    }
    refs->phyConfigIs(a);
    EXPECT_EQ(std::exchange(log, {}), (Log{"a here", "a here", "a gone", "a here"}));
+   // More than the first buckets: they go silently with their directory, one by one in its order.
+   std::vector<Ptr<Last>> last;
+   Log names;
+   for (int i = 0; i < 20; ++i) {
+      auto const config = make<Cl10010Config>("c" + std::to_string(i));
+      refs->newPhyConfig(config);
+      last.push_back(make<Last>(config));
+      last.back()->then = [&, name = config->name().str()] { names.push_back(name); };
+   }
+   Log expected;
+   for (auto [name, target] : refs->phyConfig())
+      if (name != "a")
+         expected.push_back(name.str());
    refs = nullptr;
-   EXPECT_EQ(log, Log{}) << "they go silently with their directory";
+   EXPECT_EQ(names, expected);
+   EXPECT_EQ(log, Log{});
    EXPECT_EQ(a->references(), 2u);
 }
 
@@ -154,15 +179,7 @@ TEST_F(References, ReactorsMayTakeAwayWhatIsBeingReplacedOrDeleted) {
    // The one that is replaced ends inside the mutator, and its reactor deletes the entry that replaces it.
    auto dying = make<Cl10010Config>("a");
    refs->phyConfigIs(dying);
-   /// Tells that what it watches goes.
-   struct Last : Cl10010Config::Notifiee {
-      void onZeroReferences() override { then(); }
-      std::function<void()> then;
-   };
-   auto const last = make<Last>();
-   last->isWeakReferenceIs(true);
-   last->notifierIs(dying);
-   last->isRegisteredNotifieeIs(true);
+   auto const last = make<Last>(dying);
    last->then = [&] { refs->phyConfigDel("a"); };
    dying = nullptr;
    log.clear();
