@@ -20,6 +20,11 @@ inline void forget() {
    asm volatile("" ::: "memory");
 }
 
+/// Makes the compiler work `number` out, whatever becomes of it.
+inline void use(std::size_t number) {
+   asm volatile("" : : "r"(number));
+}
+
 /// Processor time of this thread: what other processes take is not in it.
 inline double threadSeconds() {
    timespec t{};

@@ -5,6 +5,7 @@
 #include "core/Exceptions.h"
 #include "core/Ptr.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -33,7 +34,12 @@ public:
    }
 
    /// The reversed base hash: the top bits choose the bucket, so the low bits of a number do.
-   std::uint32_t hash(Entry const& entry) const noexcept { return hashOfKey(entry.fwkKey()); }
+   std::uint32_t hash(Entry const& entry) const noexcept {
+      if constexpr (requires { entry.fwkKeyHash(); })
+         return bitReversed(entry.fwkKeyHash());
+      else
+         return hashOfKey(entry.fwkKey());
+   }
    template <class K> static std::uint32_t hashOfKey(K const& key) noexcept { return bitReversed(baseHash(key)); }
    template <class K> bool keyEquals(K const& key, Entry const& entry) const noexcept { return entry.fwkKey() == key; }
    /// Whether `b`'s key is less than `a`'s; without `b`, whether `key` is less than `a`'s; without either, true.
@@ -50,7 +56,8 @@ private:
 };
 
 /// Unordered map of counted entries that carry their chain link: `fwkKey() const`, `Ptr<Entry> const& moxNext() const`,
-/// `moxNextIs(Ptr<Entry> const&)`, and `value() const` unless the entry is its own value.
+/// `moxNextIs(Ptr<Entry> const&)`, and `value() const` unless the entry is its own value. An entry that keeps its key's hash
+/// (`baseHash`) offers it as `fwkKeyHash() const`.
 ///
 /// The order of iteration is that of (reversed hash, key), whatever the number of buckets: chains are sorted by the whole
 /// hash, so a bucket that splits is cut once, and an iterator's position means the same before and after.
@@ -241,9 +248,19 @@ private:
    }
    Entry const* firstFrom(std::size_t bucket) const noexcept {
       for (std::size_t const count = buckets(); bucket < count; ++bucket)
-         if (heads_[bucket])
+         if (heads_[bucket]) {
+            for (std::size_t ahead = bucket + 1; ahead < std::min(bucket + 3, count); ++ahead)
+               prefetch(heads_[ahead].get());
             return heads_[bucket].get();
+         }
       return nullptr;
+   }
+   /// Entries that follow each other lie anywhere: a walk asks for those to come while it is busy with this one.
+   static void prefetch(Entry const* entry) noexcept {
+      if (entry == nullptr)
+         return;
+      __builtin_prefetch(entry);
+      __builtin_prefetch(&entry->moxNext());
    }
 
    void link(Place const& place, Ptr<Entry> const& entry) {

@@ -94,6 +94,9 @@ public:
    bool moxHasReactors() const noexcept { return !reactors_.empty(); }
    Entity* moxRawParent() const noexcept { return parent_; }
    Name const& moxName() const noexcept { return name_; }
+   /// The name's hash. Kept in the entity, so that a directory that looks for a member, or goes on to the next, does not
+   /// fetch the name for it.
+   std::uint32_t fwkKeyHash() const noexcept { return nameHash_ != 0 ? nameHash_ : nameHash_ = name_.hash(); }
    bool moxIsDying() const noexcept { return flag(dyingFlag); }
 
    /// Parts of the name tree that hold no notification of their own.
@@ -113,6 +116,7 @@ private:
    void idleWeakIs(PtrInterface::NotifieeConst const& reactor) const;
    void idleWeakDel(PtrInterface::NotifieeConst const& reactor) const;
 
+   mutable std::uint32_t nameHash_ = 0; // 0 until it is asked for. Behind the count, where it takes no room
    Name name_;
    Entity* parent_ = nullptr;
    AttributeId parentAttrId_ = 0;

@@ -90,8 +90,11 @@ inline void mapIs(typename A::Owner& entity, typename A::Key const& key, typenam
 
 namespace detail {
 
+/// Nothing where the map no longer holds `present`.
 template <class A> typename A::Value mapEntryDel(typename A::Owner& entity, typename A::Entry& present) {
    auto const entry = A::cell(entity).remove(present);
+   if (!entry)
+      return {};
    entity.moxChangeCountInc();
    keyNotify<A>(entity, entry->fwkKey());
    return entry->value();
@@ -107,9 +110,7 @@ template <class A> typename A::Value mapDel(typename A::Owner& entity, typename 
 
 /// Deletes the entry under the iterator, which keeps it as its position: advancing goes on behind its key.
 template <class A> typename A::Value mapDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
-   if (!it || A::cell(entity).find(it.key()) != it.entry().get())
-      return {};
-   return detail::mapEntryDel<A>(entity, *it.entry());
+   return it ? detail::mapEntryDel<A>(entity, *it.entry()) : typename A::Value{};
 }
 
 template <class A> void mapDelAll(typename A::Owner& entity) {
@@ -225,8 +226,11 @@ void checkParameters(TypeList<Ps...>, Name const& name, Member const& member, Pa
    (checkParameter<Ps>(name, member, given), ...);
 }
 
+/// Nothing where the collection no longer holds `present`.
 template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& entity, typename A::Entry& present) {
    Ptr<typename A::Entry> const member = A::cell(entity).remove(present);
+   if (!member)
+      return nullptr;
    entity.moxChangeCountInc();
    member->parentIs(nullptr);
    keyNotify<A>(entity, member->moxName());
@@ -263,9 +267,7 @@ template <class A> Ptr<typename A::Entry> memberDel(typename A::Owner& entity, N
 }
 
 template <class A> Ptr<typename A::Entry> memberDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
-   if (!it || A::cell(entity).find(it.key()) != it.entry().get())
-      return nullptr;
-   return detail::memberEntryDel<A>(entity, *it.entry());
+   return it ? detail::memberEntryDel<A>(entity, *it.entry()) : nullptr;
 }
 
 template <class A> void memberDelAll(typename A::Owner& entity) {

@@ -170,9 +170,35 @@ template <class M, class Text> void mapDelAll(Subject& s, unsigned id, M& map, T
       at = map.upper_bound(k);
    }
 }
-template <class A, class V, class Text> void arrayDelAll(Subject& s, unsigned id, A& array, V const& none, Text text) {
-   for (std::size_t i = 0; i < array.size(); ++i)
-      set(s, id, array[i], none, text(i));
+/// A fixed array: its elements, whether anything ever happened to it, and how many were stored.
+template <class V> struct Array {
+   std::vector<V> values;
+   bool isPopulated = false;
+   unsigned stores = 0;
+
+   void store(std::size_t i, V const& v) {
+      values[i] = v;
+      isPopulated = true;
+      ++stores;
+   }
+};
+template <class V>
+void arraySet(Subject& s, unsigned id, Array<V>& array, std::size_t i, V const& v, std::string const& key) {
+   if (array.values[i] == v)
+      return;
+   array.store(i, v);
+   s.changed(id, key);
+}
+/// A default element is stored all the same, and is no change.
+template <class V> void arrayDel(Subject& s, unsigned id, Array<V>& array, std::size_t i, std::string const& key) {
+   bool const wasDefault = array.values[i] == V{};
+   array.store(i, V{});
+   if (!wasDefault)
+      s.changed(id, key);
+}
+template <class V, class Text> void arrayDelAll(Subject& s, unsigned id, Array<V>& array, Text text) {
+   for (std::size_t i = 0; i < array.values.size(); ++i)
+      arrayDel(s, id, array, i, text(i));
 }
 
 } // namespace Plain
