@@ -136,22 +136,26 @@ public:
    /// Ends the mirrors below `top`; with null all of them.
    void forgetMirrors(Entity* top);
 
-   /// While a member is made for an announcement: the identifier that it is bound to, before any reactor of it runs.
+   /// While a member is made for an announcement: the identifier that it is bound to, before any reactor of it runs. A reactor may
+   /// have other members told meanwhile, which it is not for.
    class DeserializingEidAnchor {
    public:
-      DeserializingEidAnchor(Demuxer& demuxer, EntityId id) noexcept
-         : demuxer_(demuxer), outer_(demuxer.anchor_), id_(id) {
+      DeserializingEidAnchor(Demuxer& demuxer, EntityId id, Sa const& parent, Name const& name) noexcept
+         : demuxer_(demuxer), outer_(demuxer.anchor_), id_(id), parent_(parent), name_(name) {
          demuxer.anchor_ = this;
       }
       ~DeserializingEidAnchor() { demuxer_.anchor_ = outer_; }
       DeserializingEidAnchor(DeserializingEidAnchor const&) = delete;
       DeserializingEidAnchor& operator=(DeserializingEidAnchor const&) = delete;
       EntityId id() const noexcept { return id_; }
+      bool isFor(Sa const& parent, Name const& name) const noexcept { return &parent_ == &parent && name_ == name; }
 
    private:
       Demuxer& demuxer_;
       DeserializingEidAnchor* outer_;
       EntityId id_;
+      Sa const& parent_;
+      Name const& name_;
    };
    DeserializingEidAnchor const* anchor() const noexcept { return anchor_; }
 

@@ -230,7 +230,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
    if (this->handlingFlowInFor(A::id)) {
       // The new member gets its adapter before any other reactor can write to it.
       if constexpr (A::ownsMembers)
-         if (auto const* const anchor = this->demuxer_->anchor())
+         if (auto const* const anchor = this->demuxer_->anchor(); anchor != nullptr && anchor->isFor(*this, key...))
             if (auto* const member = A::cell(object()).find(key...))
                this->demuxer_->bind(anchor->id(), *member);
       this->applyingConsumed();
@@ -906,7 +906,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          dropHere(a, name);
       }
    Ptr<Entity> const before = demuxer.mirrorOf(id);
-   typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id);
+   typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id, *this, name);
    auto const instantiate = [&] {
       apply(
          a, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);

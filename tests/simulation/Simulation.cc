@@ -205,8 +205,14 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
       throw std::runtime_error("a reactor that throws");
    } else if (role < 90) {
       words.chance(50) ? world.addReactor(words) : world.dropReactor(words);
-   } else if (role < 98) {
+   } else if (role < 96) {
       carry(words.below(2), words, words.chance(40));
+   } else if (role < 98) {
+      if (isEnding_)
+         return;
+      world.unmount(words.below(world.mirrors().size()));
+      world.mountAll();
+      fault("remount");
    } else {
       cut(words);
    }
@@ -311,6 +317,7 @@ void Run::finish() {
       collect(world);
    }
 
+   isEnding_ = true;
    for (World& world : worlds_)
       for (std::size_t which = 0; which < world.roots().size(); ++which)
          world.closeExport(which);

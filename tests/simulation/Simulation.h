@@ -85,6 +85,7 @@ private:
    unsigned now_ = 0;
    unsigned depth_ = 0;
    bool isUp_ = false;
+   bool isEnding_ = false; ///< roots are closed for good: no reactor mounts them again
    U64 incarnations_ = 0;
    Counts counts_;
    U64 operations_ = 0;

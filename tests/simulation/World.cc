@@ -131,8 +131,8 @@ void World::unmount(std::size_t which) {
    if (!isMounted_[which])
       return;
    isMounted_[which] = false;
+   auto const mirror = std::exchange(mirrors_[which], nullptr); // whose reactors may mount another
    end_->unmount(rootName(which, other(side_)));
-   mirrors_[which] = nullptr;
 }
 
 void World::mountAll() {
