@@ -101,8 +101,8 @@ protected:
 
 TEST_P(SnapshotOfSize, VisitsWhoWasThereAndIsStillHeld) {
    int const count = GetParam();
+   Ptr<Watcher> const late = Mox::make<Watcher>(1000); // before the list, which it is on at the end
    Fixture fixture(count);
-   Ptr<Watcher> const late = Mox::make<Watcher>(1000);
    std::vector<int> visited;
    for (Snapshot it(fixture.list); it; it.advance()) {
       visited.push_back(it->id);
