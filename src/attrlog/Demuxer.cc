@@ -800,16 +800,8 @@ bool Demuxer::isBelowWaitingRoot(Entity const* entity) const noexcept {
 }
 
 void Demuxer::remountEnded() {
-   std::vector<PeerSlot> waiting = std::move(waiting_);
-   waiting_.clear();
-   for (PeerSlot& slot : waiting) {
-      if (slot.sa->entityId().isAssigned())
-         continue;
-      if (isBelowWaitingRoot(slot.entity.get()))
-         waiting_.push_back(std::move(slot));
-      else
-         release(slot);
-   }
+   std::erase_if(waiting_, [](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
+   releaseWaiting([this](PeerSlot const& slot) { return !isBelowWaitingRoot(slot.entity.get()); });
 }
 
 bool Demuxer::isWaiting() const noexcept {
@@ -842,13 +834,14 @@ void Demuxer::isNoMember(Entity& member) {
 }
 
 void Demuxer::forgetMirrors(Entity* top) {
-   auto const forget = [&](PeerSlot& slot) {
-      if (slot.entity && (top == nullptr || isAtOrBelow(slot.entity.get(), *top)))
-         release(slot);
+   auto const isLet = [top](PeerSlot const& slot) {
+      return slot.entity && (top == nullptr || isAtOrBelow(slot.entity.get(), *top));
    };
+   // First: what a reactor mounts meanwhile waits too, and stays.
+   releaseWaiting(isLet);
    for (std::size_t i = 0; i < peer_.size(); ++i)
-      forget(peer_[i]);
-   releaseWaiting([&](PeerSlot const& slot) { return top == nullptr || isAtOrBelow(slot.entity.get(), *top); });
+      if (isLet(peer_[i]))
+         release(peer_[i]);
 }
 
 // Records that come in --------------------------------------------------------------------------------------------------

@@ -317,8 +317,10 @@ void LinkEnd::on(Unmount const& unmount) {
 }
 
 void LinkEnd::on(Mounted const& mounted) {
-   auto const at =
-      std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.handle == mounted.handle; });
+   auto const find = [&] {
+      return std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.handle == mounted.handle; });
+   };
+   auto at = find();
    if (at == mounts_.end())
       return; // unmounted meanwhile
    at->isAnswered = true;
@@ -330,16 +332,20 @@ void LinkEnd::on(Mounted const& mounted) {
    case MountState::waiting:
       break;
    case MountState::open:
-      demuxer_.bind(mounted.entity, *mirror);
       at->isOpen = true;
       remountEnded_ = false; // it may have waited since an earlier opening
-      stateIs(*at, State::syncing);
+      demuxer_.bind(mounted.entity, *mirror);
+      if (at = find(); at != mounts_.end())
+         stateIs(*at, State::syncing);
       break;
    case MountState::gone:
       at->isOpen = false;
       demuxer_.forgetMirrors(mirror.get());
-      demuxer_.mirrorRootIs(*mirror);
-      stateIs(*at, State::stale);
+      // What went may have run reactors that unmounted the root.
+      if (at = find(); at != mounts_.end()) {
+         demuxer_.mirrorRootIs(*mirror);
+         stateIs(*at, State::stale);
+      }
       break;
    }
 }
