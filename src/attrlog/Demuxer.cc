@@ -445,11 +445,8 @@ bool Demuxer::step(FlowOut& flow) {
       if (sa->flow() != &flow)
          return true; // the entity went, or its adapter, while it was told
       if ((flow.moxDataBits() & FlowOut::suspended) != 0) {
-         flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
          flow.cursorIs(next);
-         parkedIs(*sa);
-         sa->parked().push_back(flow.suspendedAt());
-         sa->unmark(flow.suspendedAt());
+         sa->parkedIs(flow, flow.suspendedAt());
          enqueue(flow);
          return true;
       }
@@ -701,9 +698,13 @@ template <class Predicate> std::size_t Demuxer::releaseWaiting(Predicate&& isLet
    auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
    std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
    waiting_.erase(behind, waiting_.end());
+   std::size_t let = 0;
    for (PeerSlot& slot : gone)
-      release(slot);
-   return gone.size();
+      if (!slot.sa->entityId().isAssigned()) { // else announced again, while those before it went
+         release(slot);
+         ++let;
+      }
+   return let;
 }
 
 /// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too.
@@ -882,7 +883,6 @@ void Demuxer::record(In& in) {
    }
    // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
-   ++counters_.applied;
    applyRecord(*inHand_.sa, in);
 }
 
@@ -917,12 +917,10 @@ void Demuxer::otherRecord(In& in) {
       ++counters_.refusedWrites;
       out_->control(Refused{applied_ + 1, Reason::readOnly, {}});
       ++applied_;
-      ++counters_.applied;
       report(in.where() + ": write-update from readonly proxy refused");
       return;
    }
    ++applied_;
-   ++counters_.applied;
    if (header.entity == orphanAnnouncement) {
       if (header.attribute == static_cast<std::int32_t>(attr::orphan))
          readOrphan(in);

@@ -166,7 +166,6 @@ public:
 
    /// What happened on this stream since it was made.
    struct Counters {
-      U64 applied = 0;         ///< records
       U64 staleRecords = 0;    ///< for an identifier that has been retired
       U64 staleReferences = 0; ///< to an identifier that has been retired
       U64 unknownEnums = 0;    ///< records dropped for an enumerator that this side lacks
@@ -220,6 +219,7 @@ public:
    }
    /// Told when the announced type of a root is not its mirror's.
    void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
+   /// Records of this connection whose fate is decided.
    U64 applied() const noexcept { return applied_; }
    U64 acknowledged() const noexcept { return acknowledged_; }
    void peerHighestSlotIs(std::uint32_t slot) noexcept { peerHighestSlot_ = slot; }

@@ -211,7 +211,6 @@ private:
    template <class A> bool resendCollection(A, Flow& flow);
    template <class A> bool sendDirtyKeys(A, Flow& flow);
    template <class A> void endCollection(A, Flow& flow);
-   void parkedIs(Flow& flow, Mark mark);
    void suspendedIs(Flow& flow, Mark mark);
    template <class A> [[gnu::noinline]] void read(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readValue(A, In& in, bool isLocal);

@@ -163,13 +163,6 @@ template <class X> void LevelSa<X>::suspendedIs(Flow& flow, Mark mark) {
    flow.moxDataBitsIs(flow.moxDataBits() | FlowOut::suspended);
 }
 
-template <class X> void LevelSa<X>::parkedIs(Flow& flow, Mark mark) {
-   flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
-   this->unmark(mark);
-   this->parked_.push_back(std::move(mark));
-   this->demuxer_->parkedIs(*this);
-}
-
 template <class X> typename LevelSa<X>::Flow& LevelSa<X>::neededFlow() {
    return static_cast<Flow&>(this->demuxer_->createFlowOut(*this));
 }
@@ -243,7 +236,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       if constexpr (A::hasEntries)
          if (auto* const entry = A::cell(object()).find(key...))
             entry->moxMarkedForDeletionIs(false);
-      this->refusedIs(Mark(A::id, key...));
+      this->askOwner(Mark(A::id, key...));
       this->doThrowReadOnly(A::id);
    }
    if constexpr (A::hasEntries) {
@@ -593,7 +586,7 @@ template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flo
       if (writeKeyNow(a, key))
          flow.dirtyKeyDel(a, key);
       else
-         parkedIs(flow, Mark(A::id, key)); // what it waits for may wait for a member behind it
+         this->parkedIs(flow, Mark(A::id, key)); // what it waits for may wait for a member behind it
       entry = cell.next(*current);
       if (entry != nullptr && !demuxer.continueFlowOut()) {
          flow.moxFlowOutBookmarkEnq(Mark(A::id, entry->fwkKey()));
@@ -921,7 +914,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
             instantiate();
          } catch (NameInUseException const&) {
             // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again.
-            this->refusedIs(Mark(A::id, name));
+            this->askOwner(Mark(A::id, name));
             throw;
          }
       }
@@ -932,7 +925,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       // Somebody here has put another in the place of what was announced under this identifier, which others have been told to
       // refer to. The owner, who knows of one only, is asked to announce it anew.
       if (before && before != member)
-         this->refusedIs(Mark(A::id, name), true);
+         this->askOwner(Mark(A::id, name), true);
    }
 }
 

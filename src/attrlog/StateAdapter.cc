@@ -231,7 +231,15 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
    demuxer_->out()->transactionMarker(entityId_, id, type, count);
 }
 
-void Sa::refusedIs(NboAttrLog::Mark mark, bool isTold) noexcept {
+void Sa::parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark) {
+   using NboAttrLog::FlowOut;
+   flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
+   demuxer_->parkedIs(*this);
+   parked_.push_back(std::move(mark)); // first: without memory for it, it stays marked
+   unmark(parked_.back());
+}
+
+void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
    try {
       auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
       if (at == untold_.end()) {

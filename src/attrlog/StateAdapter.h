@@ -138,6 +138,8 @@ public:
    virtual void refreshAsked(NboAttrLog::Mark const& mark);
    /// Takes the mark out of the flow, for the time until its target has an identifier.
    virtual void unmark(NboAttrLog::Mark const& mark);
+   /// What `mark` refers to has no identifier yet: moves it from `flow` to what waits for one, and lets the flow go on.
+   void parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark);
    /// Marks every reference whose target is in `targets`; `onMember` is told the members whose constructor parameters are.
    virtual void markReferencesTo(std::vector<Entity const*> const& targets);
    /// Announces `member` of the collection `id` now, as the group that a reference needs.
@@ -292,8 +294,9 @@ protected:
    }
    [[noreturn]] void throwPeerMayNotWrite() const;
    void applyingConsumed() noexcept { flags_ &= ~applying; }
-   /// The local write `mark` is refused: asks for the owner's value. Never throws; without memory the whole entity is asked for.
-   void refusedIs(NboAttrLog::Mark mark, bool isTold = false) noexcept;
+   /// Has the owner asked what `mark` is there; `isTold` where the reactors know what it is here. Never throws; without memory
+   /// the whole entity is asked for.
+   void askOwner(NboAttrLog::Mark mark, bool isTold = false) noexcept;
    /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept {
       return !successors_.empty() && std::erase(successors_, mark) != 0;
