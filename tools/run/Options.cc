@@ -55,7 +55,7 @@ Options parseOptions(int argc, char const* const* argv) {
              "Seed of what is simulated (default " + std::to_string(options.seed) + ")");
    addNumber(app, "--speed", options.speed, 0.0, 1e6,
              "Steps in a second (default " + textOf(options.speed) + "; 0 is as fast as possible)");
-   app.add_flag("--json", options.json, "Print the result as one JSON object");
+   app.add_flag("--json", options.json, "Print the result as one JSON object")->disable_flag_override();
    app.add_flag("--driver", options.driver)->group("");
    app.footer("A recording is a file of comma-separated rows below a header that names the\n"
               "columns. Order of rows and columns is free, and other columns are left:\n"
@@ -79,6 +79,9 @@ Options parseOptions(int argc, char const* const* argv) {
       for (CLI::Option const* option : app.get_options())
          if (option->count() > 1)
             throw UsageError(option->get_name() + ": expected once, got " + std::to_string(option->count()) + " times");
+      for (int i = 1; i < argc; ++i)
+         if (std::string_view const given(argv[i]); given.starts_with("--json="))
+            throw UsageError("--json: expected no value, got '" + shown(given.substr(7)) + "'");
       std::string const text = e.what(); // begins with the option
       throw UsageError(text.substr(0, text.find(':')) + ": expected a value, got nothing");
    } catch (CLI::ParseError const& e) {
@@ -88,6 +91,11 @@ Options parseOptions(int argc, char const* const* argv) {
             c = ' ';
       throw UsageError(text);
    }
+   // A path may begin with two dashes, but then behind an equals sign: here a path was forgotten.
+   for (int i = 1; i + 1 < argc; ++i)
+      if (std::string_view const name(argv[i]), value(argv[i + 1]);
+          (name == "--socket" || name == "--trace") && value.starts_with("--"))
+         throw UsageError(std::string(name) + ": expected a path, got '" + shown(value) + "'");
    if (auto const extras = app.remaining(); !extras.empty())
       throw UsageError("expected the options that --help lists, got '" + shown(extras.front()) + "'");
    for (auto const& [name, value] : {std::pair("--socket", options.socket), std::pair("--trace", options.trace)})
