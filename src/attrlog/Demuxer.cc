@@ -26,7 +26,7 @@ std::string textOf(EntityId id) {
 
 } // namespace
 
-Demuxer::Demuxer(std::string name) : out_(make<Out>(name)), in_(make<In>(name)), nextDemuxer_(firstDemuxer) {
+Demuxer::Demuxer(std::string const& name) : out_(make<Out>(name)), in_(make<In>(name)), nextDemuxer_(firstDemuxer) {
    out_->reverseLogIs(in_);
    in_->demuxerIs(this);
    firstDemuxer = this;
@@ -121,7 +121,7 @@ Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
          throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
       reidentify(root);
    }
-   Ptr<Sa> const sa = logOperationsOf(root)->adapter(root, {StreamAdapter::readOnlyProxy}, *this);
+   Ptr<Sa> sa = logOperationsOf(root)->adapter(root, {StreamAdapter::readOnlyProxy}, *this);
    sa->isRootIs(true);
    assign(*sa);
    return sa;

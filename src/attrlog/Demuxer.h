@@ -25,7 +25,7 @@ class Demuxer {
 public:
    using Sa = Entity::MoxNboAttrLogSa;
 
-   explicit Demuxer(std::string name);
+   explicit Demuxer(std::string const& name);
    ~Demuxer();
    Demuxer(Demuxer const&) = delete;
    Demuxer& operator=(Demuxer const&) = delete;

@@ -423,7 +423,7 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr
 template <class X> Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterDel(Ptr<Entity> const& child) {
    if (!child)
       return nullptr;
-   Ptr<Entity::MoxNboAttrLogSa> const sa(this->demuxer_->adapterOf(*child));
+   Ptr<Entity::MoxNboAttrLogSa> sa(this->demuxer_->adapterOf(*child));
    if (sa)
       sa->doRemountSelf(this->nboAttrLogOut());
    return sa;
@@ -940,17 +940,15 @@ template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTr
             if constexpr (a.hasEntries)
                marksIs(a, true);
             break;
-         case AttrTransactionType::end:
-            // First: the sweep takes the marks along, and may throw.
-            if (this->flowInTaken(aid))
-               if constexpr (a.hasEntries)
-                  sweep(a);
-            break;
-         case AttrTransactionType::abort:
-            if (this->flowInTaken(aid))
-               if constexpr (a.hasEntries)
+         default:
+            if (!this->flowInTaken(aid)) // first: the sweep may throw
+               break;
+            if constexpr (a.hasEntries) {
+               if (type == AttrTransactionType::end)
+                  sweep(a); // takes the marks along
+               else
                   marksIs(a, false);
-            break;
+            }
          }
       }
    });
@@ -1115,7 +1113,7 @@ Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned, Pt
    Demuxer* const demuxer = demuxFor(Ptr<In const>(valid->reverseLog()));
    if (demuxer == nullptr)
       throwInternalException("an adapter needs a stream with a demultiplexer: " + valid->name());
-   if (Ptr<Entity::MoxNboAttrLogSa> const present = entity.moxNboAttrLogSa(Ptr<Out const>(out))) {
+   if (Ptr<Entity::MoxNboAttrLogSa> present = entity.moxNboAttrLogSa(Ptr<Out const>(out))) {
       if (dynamic_cast<typename X::MoxNboAttrLogSa*>(present.get()) != nullptr) {
          if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
             present->notificationFlagsIs(flags);
@@ -1123,7 +1121,7 @@ Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned, Pt
       }
       entity.moxNboAttrLogSaDel(Ptr<Out const>(out));
    }
-   auto const sa = detail::makeAdapter<X>(entity, flags, *demuxer);
+   auto sa = detail::makeAdapter<X>(entity, flags, *demuxer);
    demuxer->assign(*sa); // the stream holds its adapters
    sa->hasNotificationActiveIs(true);
    return sa;

@@ -55,7 +55,7 @@ public:
    /// A mirror of the peer's root `name`. It exists at once, empty, and fills as the peer tells it; writing to it throws
    /// `ReadOnlyException`. \throws NameInUseException when `name` is mounted already
    template <std::derived_from<Entity> T> Ptr<T> mount(Name const& name) {
-      auto const mirror = make<T>(name);
+      auto mirror = make<T>(name);
       mountIs(mirror);
       return mirror;
    }

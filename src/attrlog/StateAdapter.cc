@@ -312,7 +312,7 @@ Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet, unsigned, Ptr
 Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const> const& out) {
    if (!out || demuxFor(Ptr<NboAttrLog::In const>(out->reverseLog())) == nullptr)
       return nullptr;
-   Ptr<MoxNboAttrLogSa> const sa = moxNboAttrLogSa(out);
+   Ptr<MoxNboAttrLogSa> sa = moxNboAttrLogSa(out);
    if (sa)
       sa->detach();
    return sa;

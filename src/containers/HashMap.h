@@ -135,7 +135,7 @@ public:
       if (place.at != nullptr && vtable_->keyEquals(entry->fwkKey(), *place.at)) {
          if (place.at == entry.get())
             return nullptr;
-         Ptr<Entry> const replaced(place.at);
+         Ptr<Entry> replaced(place.at);
          vtable_->setNext(*entry, replaced->moxNext());
          link(place, entry);
          vtable_->setNext(*replaced, nullptr);

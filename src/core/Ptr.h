@@ -150,7 +150,7 @@ public:
          object_->referenceDec();
    }
 
-   Ptr& operator=(Ptr const& other) noexcept {
+   Ptr& operator=(Ptr const& other) noexcept { // NOLINT(bugprone-unhandled-self-assignment): holds it before it lets go
       Ptr(other).swap(*this);
       return *this;
    }

@@ -62,7 +62,7 @@ std::string inlineFunction(std::size_t indent, std::string_view signature, std::
    std::string const margin(indent, ' ');
    if (body.empty())
       return wrapped(indent, std::string(signature) + " {}");
-   std::string const line = margin + std::string(signature) + " { " + std::string(body) + " }\n";
+   std::string line = margin + std::string(signature) + " { " + std::string(body) + " }\n";
    if (line.size() <= maximumColumns + 1)
       return line;
    return wrapped(indent, std::string(signature) + " {") + wrapped(indent + 3, body) + margin + "}\n";

@@ -37,7 +37,7 @@ std::string_view typeWord(toml::node const& node) {
    return "nothing";
 }
 
-template <class T> constexpr std::string_view expectedWord = "";
+template <class T> constexpr std::string_view expectedWord;
 template <> constexpr std::string_view expectedWord<std::string> = "a string";
 template <> constexpr std::string_view expectedWord<bool> = "true or false";
 template <> constexpr std::string_view expectedWord<std::int64_t> = "an integer";

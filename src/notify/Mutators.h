@@ -228,7 +228,7 @@ void checkParameters(TypeList<Ps...>, Name const& name, Member const& member, Pa
 
 /// Nothing where the collection no longer holds `present`.
 template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& entity, typename A::Entry& present) {
-   Ptr<typename A::Entry> const member = A::cell(entity).remove(present);
+   Ptr<typename A::Entry> member = A::cell(entity).remove(present);
    if (!member)
       return nullptr;
    entity.moxChangeCountInc();
