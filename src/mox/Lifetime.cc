@@ -76,11 +76,12 @@ void Entity::moxEnd() noexcept {
       reactors_.unlink(*reactor);
       // Still flagged as registered, so that it joins the list of the next notifier it is given.
       reactor->notifier_ = nullptr;
-      // Of an object that no count keeps alive: one on the stack, or one that is watched while it goes.
+      // Of an object that no count keeps alive: one on the stack, or one that is watched while it goes. It is dying, and not
+      // deleted again, which the analyzer can't see.
       if (!reactor->weak_)
-         referenceDec();
+         referenceDec(); // NOLINT(clang-analyzer-cplusplus.NewDelete)
    }
-   while (auto* const reactor = idleWeak_) {
+   while (auto* const reactor = idleWeak_) { // NOLINT(clang-analyzer-cplusplus.NewDelete)
       idleWeakDel(*reactor);
       reactor->notifier_ = nullptr;
    }
