@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <map>
 #include <optional>
 #include <random>
@@ -150,96 +149,46 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
-TYPED_TEST(Maps, RefuseWhatWouldBreakThem) {
-   using Entry = typename TestFixture::EntryType;
-   using Key = typename TypeParam::KeyType;
-   TypeParam map, other;
-   auto const first = Mox::make<Entry>(keyOf<Key>(1), 1);
-   auto const second = Mox::make<Entry>(keyOf<Key>(1), 2);
-   EXPECT_THROW(map.insert(nullptr), Mox::InternalException);
-   map.insert(first);
-   auto const version = map.version();
-   EXPECT_EQ(map.insert(first), nullptr);
-   EXPECT_EQ(map.remove(*second), nullptr) << "another entry with the same key is not this one";
-   EXPECT_EQ(other.remove(*first), nullptr);
-   EXPECT_EQ(map.version(), version);
-   EXPECT_EQ(map.insert(second), first);
-   EXPECT_EQ(first->references(), 1u);
-   EXPECT_EQ(other.insert(first), nullptr) << "a replaced entry is free for another map";
-}
-
 /// An entry whose end looks at the map, as an entity's reactors may.
 struct Curious : Mox::HashMapEntry<Curious, Crowded, int> {
    using Map = Mox::HashMap<Curious, Crowded, int>;
    Curious(int number, Map const* map) : HashMapEntry({number}, 0), map_(map) {}
-   ~Curious() override {
-      EXPECT_TRUE(map_ == nullptr || (map_->empty() && map_->find(fwkKey()) == nullptr && map_->first() == nullptr));
-   }
+   ~Curious() override { EXPECT_TRUE(map_ == nullptr || (map_->empty() && map_->first() == nullptr)); }
    Map const* map_;
 };
 
 TEST(HashMap, ClearsALongChainWithoutRecursion) {
    Curious::Map map;
-   int const count = 200000;
-   for (int i = count; i > 0; --i) // each goes to the front of the one chain
+   for (int i = 200000; i > 0; --i) // each goes to the front of the one chain
       map.add(Mox::make<Curious>(i, i % 1000 == 0 ? &map : nullptr));
-   EXPECT_EQ(map.size(), 200000u);
    map.clear();
    EXPECT_EQ(map.buckets(), 0u) << "memory comes back";
 }
 
-using ChannelHash = HashOf<CfpxHostChannel>;
-
-CfpxHostChannel channel(int number) {
-   return CfpxHostChannel{number};
-}
-
-std::vector<int> channels(ChannelHash const& map) {
-   std::vector<int> result;
-   for (auto [key, value] : map)
-      result.push_back(static_cast<int>(key));
-   return result;
-}
-
-TEST(HashMap, GrowsAndShrinksInTheOrderOfReversedBits) {
-   ChannelHash map(4);
-   EXPECT_EQ(map.buckets(), 0u);
-   for (int i = 0; i < 4; ++i)
-      map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
-   EXPECT_EQ(map.buckets(), 16u);
-   EXPECT_EQ(channels(map), (std::vector<int>{0, 2, 1, 3}));
-   EXPECT_TRUE(ChannelHash::IteratorConst(map, channel(1)).hasBookmark());
-   EXPECT_FALSE(ChannelHash::IteratorConst(map).hasBookmark()) << "key 0 is a position without a bookmark";
-   auto const& table = Mox::HashMapVTable<HashEntry<CfpxHostChannel>, CfpxHostChannel>::instance();
-   EXPECT_EQ(table.hash(*map.find(channel(3))), 0xc0000000u);
-   EXPECT_TRUE(table.keyLessThan(channel(-1), map.find(channel(0)), nullptr)) << "numbers compare with their sign";
-   EXPECT_FALSE(table.keyLessThan(channel(-1), map.find(channel(0)), map.find(channel(1))));
-   EXPECT_TRUE(table.keyLessThan(channel(9), nullptr, nullptr));
-   for (int i = 4; i < 3000; ++i)
-      map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
+TEST(HashMap, GrowsAndShrinksAndHasChangedNothingWhenItCannot) {
+   using Entry = HashEntry<CfpxHostChannel>;
+   HashOf<CfpxHostChannel> map(1);
+   unsigned refusals = 0;
+   for (int i = 0; i < 3000; ++i) {
+      auto const entry = Mox::make<Entry>(CfpxHostChannel{i}, i);
+      auto const version = map.version();
+      if (!needsMemory([&] { map.add(entry); }))
+         continue;
+      ++refusals;
+      EXPECT_TRUE(map.version() == version && map.auditErrors() == 0 && !entry->moxNext());
+      map.add(entry);
+   }
+   EXPECT_GT(refusals, 8u);
    EXPECT_EQ(map.buckets(), 4096u);
    for (int i = 4; i < 3000; ++i)
-      map.deleteMember(channel(i));
+      map.deleteMember(CfpxHostChannel{i});
    EXPECT_LE(map.buckets(), 32u) << "memory comes back after a burst";
-}
-
-TEST(HashMap, HasChangedNothingWhenItCannotGrow) {
-   ChannelHash map(1);
-   auto const a = Mox::make<HashEntry<CfpxHostChannel>>(channel(1), 1);
-   auto const b = Mox::make<HashEntry<CfpxHostChannel>>(channel(2), 2);
-   auto const c = Mox::make<HashEntry<CfpxHostChannel>>(channel(3), 3);
-   for (auto const& [entry, sizeBefore] : {std::pair(a, 0u), std::pair(c, 2u)}) {
-      auto const version = map.version();
-      EXPECT_TRUE(needsMemory([&, added = entry] { map.add(added); }));
-      EXPECT_EQ(map.version(), version);
-      EXPECT_EQ(map.size(), sizeBefore);
-      EXPECT_EQ(map.auditErrors(), 0u);
-      EXPECT_FALSE(entry->moxNext());
-      map.add(entry);
-      if (sizeBefore == 0)
-         map.add(b);
-   }
-   EXPECT_EQ(channels(map), (std::vector<int>{2, 1, 3}));
+   auto const& table = Mox::HashMapVTable<Entry, CfpxHostChannel>::instance();
+   EXPECT_TRUE(table.keyLessThan(CfpxHostChannel{-1}, map.first(), nullptr)) << "numbers compare with their sign";
+   std::vector<int> order;
+   for (auto [key, value] : map)
+      order.push_back(value);
+   EXPECT_EQ(order, (std::vector<int>{0, 2, 1, 3})) << "by their bits, reversed";
 }
 
 TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {
@@ -247,12 +196,9 @@ TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {
    TreeOf<Name> tree;
    hash.insert(Mox::make<HashEntry<Name>>("port-7", 7));
    tree.insert(Mox::make<TreeEntry<Name>>("port-7", 7));
-   std::string const text = "port-7";
    std::size_t const before = allocations();
-   EXPECT_TRUE(hash.contains("port-7") && hash.contains(text) && hash.contains(std::string_view(text)));
-   EXPECT_TRUE(tree.contains("port-7") && tree.contains(text) && !tree.contains("port-8") && !hash.contains(""));
+   EXPECT_TRUE(hash.contains("port-7") && tree.contains(std::string_view("port-7")) && !tree.contains("port-8"));
    EXPECT_EQ(allocations(), before);
-   EXPECT_TRUE(hash.deleteMember("port-7") && tree.deleteMember("port-7"));
 }
 
 } // namespace
