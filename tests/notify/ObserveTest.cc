@@ -1,5 +1,4 @@
 #include "notify/Observe.h"
-#include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +40,6 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
    auto const keyed = Mox::on(port, Cl10010Config::Attr::initialIngressAmp, [&](Cl10010Config& c, CfpxHostChannel key) {
       log.push_back("amplitude " + std::to_string(c.initialIngressAmp(key).number()));
    });
-   auto const parent = Mox::on(port, Cl10010Config::Attr::parent, [&](Cl10010Config&) { log.push_back("parent"); });
    std::vector<Mox::AttributeId> any;
    auto const all = Mox::onAny(port, [&](Cl10010Config&, Mox::AttributeId id) { any.push_back(id); });
 
@@ -50,10 +48,7 @@ TEST_F(Watching, EachFunctionHearsOfItsAttributeAlone) {
    port->initialIngressAmpIs(CfpxHostChannel::channel2, 70);
    port->initialIngressAmpDel(CfpxHostChannel::channel2);
    EXPECT_EQ(any, (std::vector<Mox::AttributeId>{391, 394, 290, 393, 393}));
-   auto const dir = make<Cl10010ConfigDir>("config");
-   port->parentIs(dir);
-   port->parentIs(nullptr);
-   EXPECT_EQ(log, (Log{"rollOff", "rxSkewV of port", "amplitude 70", "amplitude 0", "parent", "parent"}));
+   EXPECT_EQ(log, (Log{"rollOff", "rxSkewV of port", "amplitude 70", "amplitude 0"}));
 }
 
 TEST_F(Watching, PauseEndMoveAndDeathStopIt) {
@@ -71,16 +66,12 @@ TEST_F(Watching, PauseEndMoveAndDeathStopIt) {
 
    Watch moved = std::move(first);
    EXPECT_FALSE(first);
-   first.pause(); // of nothing
-   change();
-   EXPECT_EQ(log, (Log{"second", "first"}));
+   first.pause();             // of nothing
    moved = std::move(second); // ends what it watched before
    change();
    EXPECT_EQ(log, Log{"second"});
    moved.stop();
    moved.stop();
-   change();
-   EXPECT_EQ(log, Log{});
    EXPECT_FALSE(port->moxHasReactors());
 
    Watch last = add("last");
