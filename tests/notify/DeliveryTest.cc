@@ -14,18 +14,15 @@ using Mox::Ptr;
 using Log = std::vector<std::string>;
 
 /// Writes down what it is told.
-class Reactor : public Cl10010Config::Notifiee {
-public:
-   explicit Reactor(Log& log) : log_(log) {}
-   void onRefClock() override { log_.push_back("refClock"); }
+struct Reactor : Cl10010Config::Notifiee {
+   explicit Reactor(Log& l) : log(l) {}
+   void onRefClock() override { log.push_back("refClock"); }
    void onCalibration(Xcvr::CfpxHostChannel key) override {
-      log_.push_back("calibration " + std::to_string(static_cast<int>(key)));
+      log.push_back("calibration " + std::to_string(static_cast<int>(key)));
    }
-   void onCalibration() override { log_.push_back("keyless, by mistake"); }
-   void onWakeupTime() override { log_.push_back("wakeupTime"); }
-
-private:
-   Log& log_;
+   void onCalibration() override { log.push_back("keyless, by mistake"); }
+   void onWakeupTime() override { log.push_back("wakeupTime"); }
+   Log& log;
 };
 
 /// A second type below the same base, as deep as the first: a level tells it apart from nothing.

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <limits>
 #include <sstream>
-#include <unordered_set>
 
 namespace {
 
@@ -47,31 +46,25 @@ TEST(BoundedValues, RejectWhatIsOutOfRangeWithTheTextOfTheType) {
    expectBounds<Mox::MoxAttrIntrospectionFlags>(0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed");
    expectBounds<Plex::IntfId>(0xffffffff, "IntfId::value < 0 or > 0xffffffff not allowed");
    static_assert(U4(7) > U4(6) && U4(7) == 7 && 6 < U4(7) && !Plex::IntfId() && Plex::IntfId(7));
-   EXPECT_EQ((std::unordered_set<U22>{1, 2, 1}.size()), 2u);
 }
 
 TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
    using Phy::Coherent::RollOff;
    for (double const good : {0.0, -0.0, 1e-300, 0.2, 1.0})
       EXPECT_EQ(RollOff(good).value, static_cast<float>(good));
-   EXPECT_EQ(RollOff(1), 1);
    std::string const text = "RollOff::value < RollOff::min or > RollOff::max not allowed";
    for (float const bad : {1.0000001f, -1e-30f, std::nanf(""), -std::nanf(""), HUGE_VALF})
       EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
    // Would be 1 and 0 as floats.
    for (double const bad : {1.0 + 1e-12, -1e-300})
       EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
-   EXPECT_EQ(thrownBy<RangeException>([] { RollOff{-1}; }), text);
 }
 
 TEST(Enumerations, KnowTheirNumbersAndNames) {
    EXPECT_EQ(Xcvr::CfpxHostChannelInstance(15), Xcvr::CfpxHostChannel::channel15);
    EXPECT_EQ(thrownBy<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
              "16 is no Xcvr::CfpxHostChannel: expected 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14 or 15");
-   EXPECT_EQ(thrownBy<RangeException>([] { Hardware::Phy::LinkStatusInstance(0xffffffff); }),
-             "4294967295 is no Hardware::Phy::LinkStatus: expected 0, 1 or 2");
    EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("100 Gbit/s"), Hardware::Phy::Speed::gbps100);
-   EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("gbps100"), std::nullopt);
 }
 
 TEST(Print, GivesEveryValueItsOneText) {
