@@ -5,7 +5,6 @@
 #include "entities/Cl10010StatusDir.h"
 #include "entities/Cl10010StatusPtrDir.h"
 #include "notify/Dump.h"
-#include "notify/Observe.h"
 #include "siblings/Accelerator.h"
 
 #include <gtest/gtest.h>
@@ -264,19 +263,16 @@ Bytes conversation() {
       }
    };
    auto const spi = make<Hardware::Spi::Accelerator>("spi");
-   for (int i = 0; i < 3; ++i) {
-      auto const port = config->phyConfigIs("port-" + std::to_string(i));
+   for (char const* const name : {"port-0", "port-1", "port-2", "port-1"}) {
+      config->phyConfigDel(name);
+      status->phyStatusDel(name);
+      auto const port = config->phyConfigIs(name);
       port->calibrationIs(Xcvr::CfpxHostChannel::channel3, {1, 2, 3});
-      port->initialIngressAmpIs(Xcvr::CfpxHostChannel::channel9, 9);
       port->spiAccelIs(spi);
-      status->phyStatusIs("port-" + std::to_string(i), port, nullptr)->fecFramesInc(7);
+      status->phyStatusIs(name, port, nullptr)->fecFramesInc(7);
       settle();
    }
-   config->phyConfigDel("port-1");
-   status->phyStatusDel("port-1");
-   config->phyConfigIs("port-1")->rollOffIs(0.5F);
    config->phyConfig("port-0")->calibrationDelAll();
-   config->phyConfig("port-0")->spiAccelIs(nullptr);
    settle();
    return said;
 }
@@ -313,13 +309,8 @@ TEST(Damage, AnyBytesEndInARecordASkipOrAClosedConnection) {
       if (!isWhole)
          bytes.resize(below(bytes.size()));
       LinkEnd end("end");
-      // What is damaged is told to a mounter, and to one that exports roots of those names.
       auto const mirror = end.mount<Cl10010ConfigDir>("config");
       auto const states = end.mount<Cl10010StatusDir>("status");
-      auto const ours = make<Cl10010ConfigDir>("ours");
-      end.exportRoot(ours);
-      auto const watch = on(mirror, Cl10010ConfigDir::Attr::phyConfig,
-                            [&](Cl10010ConfigDir&, Name const& name) { ours->phyConfigIs(name); });
       end.connected();
       for (std::size_t at = 0; at < bytes.size();) {
          std::size_t const n = std::min(bytes.size() - at, 1 + below(2000));

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <map>
 #include <optional>
 #include <random>
@@ -41,15 +40,13 @@ std::uint32_t baseHash(Crowded const&) noexcept {
    return 0x12345678;
 }
 
-template <class Key> Key keyOf(int number);
-template <> CfpxHostChannel keyOf(int number) {
-   return CfpxHostChannel{number - 300}; // both signs
-}
-template <> Name keyOf(int number) {
-   return number == 0 ? Name() : Name("port-" + std::to_string(number));
-}
-template <> Crowded keyOf(int number) {
-   return {number};
+template <class Key> Key keyOf(int number) {
+   if constexpr (std::same_as<Key, CfpxHostChannel>)
+      return CfpxHostChannel{number - 300}; // both signs
+   else if constexpr (std::same_as<Key, Name>)
+      return number == 0 ? Name() : Name("port-" + std::to_string(number));
+   else
+      return {number};
 }
 
 template <class Key> using TreeOf = Mox::RbTreeMap<TreeEntry<Key>, Key, int>;
@@ -105,7 +102,6 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       bool const filling = step / 2000 % 2 == 0;
       Key const key = keyOf<Key>(static_cast<int>(random() % 600));
       auto const version = map.version();
-      std::size_t const sizeBefore = twin.size();
       if (random() % 100 < (filling ? 80u : 12u)) {
          auto const entry = Mox::make<Entry>(key, step);
          Ptr<Entry> const present(map.find(key));
@@ -125,8 +121,6 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
             ASSERT_EQ(map.remove(*removed), nullptr);
          }
       }
-      ASSERT_LE(map.size(), sizeBefore + 1);
-
       Key const sought = keyOf<Key>(static_cast<int>(random() % 600));
       ASSERT_EQ(entryKey(map.lowerBound(sought)), twinKey(twin.lower_bound(sought)));
       ASSERT_EQ(entryKey(map.upperBound(sought)), twinKey(twin.upper_bound(sought)));
@@ -150,96 +144,32 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
-TYPED_TEST(Maps, RefuseWhatWouldBreakThem) {
-   using Entry = typename TestFixture::EntryType;
-   using Key = typename TypeParam::KeyType;
-   TypeParam map, other;
-   auto const first = Mox::make<Entry>(keyOf<Key>(1), 1);
-   auto const second = Mox::make<Entry>(keyOf<Key>(1), 2);
-   EXPECT_THROW(map.insert(nullptr), Mox::InternalException);
-   map.insert(first);
-   auto const version = map.version();
-   EXPECT_EQ(map.insert(first), nullptr);
-   EXPECT_EQ(map.remove(*second), nullptr) << "another entry with the same key is not this one";
-   EXPECT_EQ(other.remove(*first), nullptr);
-   EXPECT_EQ(map.version(), version);
-   EXPECT_EQ(map.insert(second), first);
-   EXPECT_EQ(first->references(), 1u);
-   EXPECT_EQ(other.insert(first), nullptr) << "a replaced entry is free for another map";
-}
-
-/// An entry whose end looks at the map, as an entity's reactors may.
-struct Curious : Mox::HashMapEntry<Curious, Crowded, int> {
-   using Map = Mox::HashMap<Curious, Crowded, int>;
-   Curious(int number, Map const* map) : HashMapEntry({number}, 0), map_(map) {}
-   ~Curious() override {
-      EXPECT_TRUE(map_ == nullptr || (map_->empty() && map_->find(fwkKey()) == nullptr && map_->first() == nullptr));
-   }
-   Map const* map_;
-};
-
 TEST(HashMap, ClearsALongChainWithoutRecursion) {
-   Curious::Map map;
-   int const count = 200000;
-   for (int i = count; i > 0; --i) // each goes to the front of the one chain
-      map.add(Mox::make<Curious>(i, i % 1000 == 0 ? &map : nullptr));
-   EXPECT_EQ(map.size(), 200000u);
+   HashOf<Crowded> map;
+   for (int i = 200000; i > 0; --i) // each goes to the front of the one chain
+      map.add(Mox::make<HashEntry<Crowded>>(Crowded{i}, i));
    map.clear();
    EXPECT_EQ(map.buckets(), 0u) << "memory comes back";
 }
 
-using ChannelHash = HashOf<CfpxHostChannel>;
-
-CfpxHostChannel channel(int number) {
-   return CfpxHostChannel{number};
-}
-
-std::vector<int> channels(ChannelHash const& map) {
-   std::vector<int> result;
-   for (auto [key, value] : map)
-      result.push_back(static_cast<int>(key));
-   return result;
-}
-
-TEST(HashMap, GrowsAndShrinksInTheOrderOfReversedBits) {
-   ChannelHash map(4);
-   EXPECT_EQ(map.buckets(), 0u);
-   for (int i = 0; i < 4; ++i)
-      map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
-   EXPECT_EQ(map.buckets(), 16u);
-   EXPECT_EQ(channels(map), (std::vector<int>{0, 2, 1, 3}));
-   EXPECT_TRUE(ChannelHash::IteratorConst(map, channel(1)).hasBookmark());
-   EXPECT_FALSE(ChannelHash::IteratorConst(map).hasBookmark()) << "key 0 is a position without a bookmark";
-   auto const& table = Mox::HashMapVTable<HashEntry<CfpxHostChannel>, CfpxHostChannel>::instance();
-   EXPECT_EQ(table.hash(*map.find(channel(3))), 0xc0000000u);
-   EXPECT_TRUE(table.keyLessThan(channel(-1), map.find(channel(0)), nullptr)) << "numbers compare with their sign";
-   EXPECT_FALSE(table.keyLessThan(channel(-1), map.find(channel(0)), map.find(channel(1))));
-   EXPECT_TRUE(table.keyLessThan(channel(9), nullptr, nullptr));
-   for (int i = 4; i < 3000; ++i)
-      map.add(Mox::make<HashEntry<CfpxHostChannel>>(channel(i), i));
+TEST(HashMap, GrowsAndShrinksAndHasChangedNothingWhenItCannot) {
+   using Entry = HashEntry<CfpxHostChannel>;
+   HashOf<CfpxHostChannel> map(1);
+   unsigned refusals = 0;
+   for (int i = 0; i < 3000; ++i) {
+      auto const entry = Mox::make<Entry>(CfpxHostChannel{i}, i);
+      auto const version = map.version();
+      if (!needsMemory([&] { map.add(entry); }))
+         continue;
+      ++refusals;
+      EXPECT_TRUE(map.version() == version && map.auditErrors() == 0 && !entry->moxNext());
+      map.add(entry);
+   }
+   EXPECT_GT(refusals, 8u);
    EXPECT_EQ(map.buckets(), 4096u);
    for (int i = 4; i < 3000; ++i)
-      map.deleteMember(channel(i));
+      map.deleteMember(CfpxHostChannel{i});
    EXPECT_LE(map.buckets(), 32u) << "memory comes back after a burst";
-}
-
-TEST(HashMap, HasChangedNothingWhenItCannotGrow) {
-   ChannelHash map(1);
-   auto const a = Mox::make<HashEntry<CfpxHostChannel>>(channel(1), 1);
-   auto const b = Mox::make<HashEntry<CfpxHostChannel>>(channel(2), 2);
-   auto const c = Mox::make<HashEntry<CfpxHostChannel>>(channel(3), 3);
-   for (auto const& [entry, sizeBefore] : {std::pair(a, 0u), std::pair(c, 2u)}) {
-      auto const version = map.version();
-      EXPECT_TRUE(needsMemory([&, added = entry] { map.add(added); }));
-      EXPECT_EQ(map.version(), version);
-      EXPECT_EQ(map.size(), sizeBefore);
-      EXPECT_EQ(map.auditErrors(), 0u);
-      EXPECT_FALSE(entry->moxNext());
-      map.add(entry);
-      if (sizeBefore == 0)
-         map.add(b);
-   }
-   EXPECT_EQ(channels(map), (std::vector<int>{2, 1, 3}));
 }
 
 TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {
@@ -247,12 +177,9 @@ TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {
    TreeOf<Name> tree;
    hash.insert(Mox::make<HashEntry<Name>>("port-7", 7));
    tree.insert(Mox::make<TreeEntry<Name>>("port-7", 7));
-   std::string const text = "port-7";
    std::size_t const before = allocations();
-   EXPECT_TRUE(hash.contains("port-7") && hash.contains(text) && hash.contains(std::string_view(text)));
-   EXPECT_TRUE(tree.contains("port-7") && tree.contains(text) && !tree.contains("port-8") && !hash.contains(""));
+   EXPECT_TRUE(hash.contains("port-7") && tree.contains(std::string_view("port-7")) && !tree.contains("port-8"));
    EXPECT_EQ(allocations(), before);
-   EXPECT_TRUE(hash.deleteMember("port-7") && tree.deleteMember("port-7"));
 }
 
 } // namespace

@@ -39,14 +39,6 @@ template <class... Functions> void follow(int& next, Functions... functions) {
    (expectNext(slotOf(functions)), ...);
 }
 
-// One of several overloads.
-template <class N, class Key> auto keyed(void (N::*function)(Key)) {
-   return function;
-}
-template <class N> auto bare(void (N::*function)()) {
-   return function;
-}
-
 struct Slots : testing::Test {
    void SetUp() override {
 #if !defined(__GXX_ABI_VERSION) || !defined(__x86_64__)
@@ -83,9 +75,10 @@ struct Slots : testing::Test {
       next += destructors;
       follow(next, &N::moxReactor, &N::moxRawReactor, &N::isStreamAdapter, &N::isRegisteredNotifieeIs, &N::mox_bitSetIs,
              &N::name, &N::notifierIs, &N::handleNotification, &N::handleDefault, &N::onAttribute, &N::onNotification,
-             &N::onCollectionNotification, bare<N>(&N::onNotificationException),
-             keyed<N, AttributeId>(&N::onNotificationException), keyed<N, AttributeId>(&N::handleNotificationException),
-             bare<N>(&N::handleNotificationException), &N::onZeroReferences, &N::activityPtr,
+             &N::onCollectionNotification, static_cast<void (N::*)()>(&N::onNotificationException),
+             static_cast<void (N::*)(AttributeId)>(&N::onNotificationException),
+             static_cast<void (N::*)(AttributeId)>(&N::handleNotificationException),
+             static_cast<void (N::*)()>(&N::handleNotificationException), &N::onZeroReferences, &N::activityPtr,
              static_cast<Mox::Activity* (N::*)()>(&N::moxFwkActivity),
              static_cast<Mox::Activity const* (N::*)() const>(&N::moxFwkActivity), &N::actsm);
       follow(next, &Entity::NotifieeConst::onParent, &Entity::NotifieeConst::onVersion);

@@ -40,6 +40,28 @@ inline std::string threw(std::size_t reactor, unsigned id) {
    return std::to_string(reactor) + " threw in " + std::to_string(id);
 }
 
+/// Does it on one of the two sides.
+template <class Side> void react(Reaction const& r, Side& side) {
+   switch (r.what) {
+   case Reaction::throws:
+   case Reaction::rethrows:
+      throw Thrown{};
+   case Reaction::changes:
+      side.run(r.op);
+      break;
+   case Reaction::leaves:
+   case Reaction::joins:
+      side.registeredIs(r.other, r.what == Reaction::joins);
+      break;
+   case Reaction::drops:
+      side.drop(r.other);
+      break;
+   case Reaction::nothing:
+   case Reaction::count:
+      break;
+   }
+}
+
 /// The counts and the reactors.
 class Subject {
 public:
@@ -105,24 +127,7 @@ private:
          r.reactions.pop_front();
       }
       try {
-         switch (reaction.what) {
-         case Reaction::throws:
-         case Reaction::rethrows:
-            throw Thrown{};
-         case Reaction::changes:
-            run(reaction.op);
-            break;
-         case Reaction::leaves:
-         case Reaction::joins:
-            registeredIs(reaction.other, reaction.what == Reaction::joins);
-            break;
-         case Reaction::drops:
-            drop(reaction.other);
-            break;
-         case Reaction::nothing:
-         case Reaction::count:
-            break;
-         }
+         react(reaction, *this);
       } catch (...) {
          log.push_back(threw(r.number, id));
          if (reaction.what == Reaction::rethrows)

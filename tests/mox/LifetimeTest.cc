@@ -25,18 +25,14 @@ private:
 TEST(Dying, WeakReactorsSeeZeroReferencesAndStrongOnesPreventIt) {
    Log log;
    auto entity = Ptr<Gpo>(make<LoggedGpo>("reset", log));
-   auto const strong = make<Listener>(log, "strong");
-   auto const weak = make<Listener>(log, "weak");
-   auto const paused = make<Listener>(log, "paused");
-   auto const idle = make<Listener>(log, "idle");
-   for (auto const& watch : {weak, paused, idle})
-      watch->isWeakReferenceIs(true);
-   for (auto const& watch : {idle, strong, weak, paused})
+   auto const strong = make<Listener>(log, "strong"), weak = make<Listener>(log, "weak");
+   auto const paused = make<Listener>(log, "paused"), idle = make<Listener>(log, "idle");
+   for (auto const& watch : {idle, strong, weak, paused}) {
+      watch->isWeakReferenceIs(watch != strong);
       watch->notifierIs(entity);
-   for (auto const& watch : {strong, weak, paused})
-      watch->isRegisteredNotifieeIs(true);
+      watch->isRegisteredNotifieeIs(watch != idle);
+   }
    paused->hasNotificationActiveIs(false);
-
    entity = nullptr;
    EXPECT_EQ(log, Log{}) << "the strong reactor keeps it";
    strong->notifier()->assertedIs(true);
@@ -44,19 +40,8 @@ TEST(Dying, WeakReactorsSeeZeroReferencesAndStrongOnesPreventIt) {
    log.clear();
    strong->isWeakReferenceIs(true); // the last strong one lets go
    EXPECT_EQ(log, (Log{"strong sees reset go", "weak sees reset go", "entity dies"}));
-   for (auto const& watch : {strong, weak, paused, idle}) {
-      EXPECT_EQ(watch->notifier(), nullptr);
-      EXPECT_EQ(watch->name(), "");
-   }
-   // Left as they were, for the next notifier that they are given.
-   paused->hasNotificationActiveIs(true);
-   auto const next = make<Gpo>("next");
    for (auto const& watch : {strong, weak, paused, idle})
-      watch->notifierIs(next);
-   log.clear();
-   next->assertedIs(true);
-   EXPECT_EQ(log, (Log{"strong", "weak", "paused"}));
-   EXPECT_EQ(next->auditErrors(1), 0u);
+      EXPECT_EQ(watch->notifier(), nullptr);
 }
 
 TEST(Dying, AReferenceTakenMeanwhileMayBeDroppedMeanwhile) {
@@ -119,11 +104,7 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
             back = notifier()->newPhyConfig(gone[0]); // behind the position
          throw 2;
       }
-      void onNotificationException(Mox::AttributeId id) override {
-         threw.push_back(id);
-         throw;
-      }
-      std::vector<Mox::AttributeId> threw;
+      void onNotificationException(Mox::AttributeId) override { throw; }
       std::vector<Mox::Name> gone;
       Ptr<Cl10010Config> back;
    };
@@ -135,7 +116,6 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
    stubborn->isRegisteredNotifieeIs(true);
    dir = nullptr;
    EXPECT_EQ(stubborn->gone.size(), 3u);
-   EXPECT_EQ(stubborn->threw, (std::vector<Mox::AttributeId>{5, 258, 258, 258}));
    EXPECT_EQ(stubborn->notifier(), nullptr);
    ASSERT_NE(stubborn->back, nullptr);
    EXPECT_EQ(stubborn->back->parent(), nullptr);

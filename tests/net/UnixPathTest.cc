@@ -39,16 +39,7 @@ TEST(UnixPath, SocketIsItsOwnersAndGoesWithIt) {
    EXPECT_EQ(messageOf([&] { connectedSocket(path); }),
              "socket '" + path + "': expected a listening process, got a socket that nobody listens on");
 
-   EXPECT_EQ(messageOf([&] { connectedSocket(folder.path() + "/none"); }),
-             "socket '" + folder.path() + "/none': expected a listening process, got no such socket");
-   EXPECT_EQ(messageOf([&] { BoundSocket s(""); }), "socket '': expected a path of 1 to 107 bytes, got 0");
-
    std::optional<BoundSocket> first(path);
-   int const connection = connectedSocket(path);
-   PeerCredentials const self = PeerCredentials::of(connection);
-   ::close(connection);
-   EXPECT_EQ(self.process, static_cast<unsigned long>(::getpid()));
-   EXPECT_EQ(self.user, ::geteuid());
    fs::remove(path); // somebody cleans up too eagerly, and another process takes the name
    std::optional<BoundSocket> second(path);
    first.reset();

@@ -14,20 +14,15 @@ using Mox::Ptr;
 using Log = std::vector<std::string>;
 
 /// Writes down what it is told.
-class Reactor : public Cl10010Config::Notifiee {
-public:
-   explicit Reactor(Log& log) : log_(log) {}
-   void onRollOff() override { log_.push_back("rollOff"); }
-   void onRefClock() override { log_.push_back("refClock"); }
+struct Reactor : Cl10010Config::Notifiee {
+   explicit Reactor(Log& l) : log(l) {}
+   void onRefClock() override { log.push_back("refClock"); }
    void onCalibration(Xcvr::CfpxHostChannel key) override {
-      log_.push_back("calibration " + std::to_string(static_cast<int>(key)));
+      log.push_back("calibration " + std::to_string(static_cast<int>(key)));
    }
-   void onCalibration() override { log_.push_back("keyless"); }
-   void onCalibrationmoxImmediate() override { log_.push_back("immediate"); }
-   void onWakeupTime() override { log_.push_back("wakeupTime"); }
-
-private:
-   Log& log_;
+   void onCalibration() override { log.push_back("keyless, by mistake"); }
+   void onWakeupTime() override { log.push_back("wakeupTime"); }
+   Log& log;
 };
 
 /// A second type below the same base, as deep as the first: a level tells it apart from nothing.
@@ -44,26 +39,16 @@ struct Cousin : PhyConfig::Notifiee {
 TEST(Delivery, OnlyReactorsOfTheTypeHearOfItsOwnAttributesInTheKeyedSlots) {
    Log log;
    auto const port = make<Cl10010Config>("port");
-   struct Base : PhyConfig::Notifiee {
-      explicit Base(Log& l) : log(l) {}
-      void onWakeupTime() override { log.push_back("base wakeupTime"); }
-      Log& log;
-   };
-   struct Any : Mox::Entity::Notifiee {};
-   Ptr<Mox::PtrInterface::NotifieeConst> const reactors[] = {make<Reactor>(log), make<Base>(log), make<Cousin>(log),
-                                                             make<Any>()};
+   Ptr<Mox::PtrInterface::NotifieeConst> const reactors[] = {make<Reactor>(log), make<Cousin>(log)};
    for (auto const& r : reactors) {
       r->notifierIs(port);
       r->isRegisteredNotifieeIs(true);
    }
-   port->spiAccelIs(nullptr);
    port->refClockIs(7);
-   port->rollOffIs(0.5F);
    port->calibrationIs(Xcvr::CfpxHostChannel::channel0, {1, 1, 1});
    port->calibrationNotify(Xcvr::CfpxHostChannel::channel7);
    port->wakeupTimeIs(2.0);
-   EXPECT_EQ(log, (Log{"refClock", "rollOff", "calibration 0", "calibration 7", "wakeupTime", "base wakeupTime",
-                       "cousin wakeupTime"}));
+   EXPECT_EQ(log, (Log{"refClock", "calibration 0", "calibration 7", "wakeupTime", "cousin wakeupTime"}));
 }
 
 } // namespace

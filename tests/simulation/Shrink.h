@@ -1,13 +1,14 @@
 #pragma once
 
-#include "Simulation.h"
-
-#include <functional>
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <vector>
 
 namespace Simulation {
 
 /// The shortest list that was found to fail still: halves are taken out, then quarters, down to single steps.
-inline std::vector<Step> shrink(std::vector<Step> steps, std::function<bool(std::vector<Step> const&)> const& fails) {
+template <class Step, class Fails> std::vector<Step> shrink(std::vector<Step> steps, Fails const& fails) {
    for (std::size_t size = steps.size() / 2; size != 0; size /= 2) {
       bool again = true;
       while (again) {

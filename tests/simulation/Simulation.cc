@@ -10,13 +10,14 @@ using namespace Mox;
 
 using Counters = NboAttrLog::Demuxer::Counters;
 
-std::array<Situation, 13> const situations = {{
+std::array<Situation, 22> const situations = {{
    {"pause inside a collection", &Counters::pausedCollections},
    {"table grown while paused", &Counters::grownWhilePaused},
    {"cut between begin and end", nullptr},
    {"change below a paused cursor", &Counters::belowCursor},
    {"parked reference woken", &Counters::woken},
    {"name re-created while stalled", nullptr},
+   {"member under another identifier", &Counters::renamedMembers},
    {"slot used again", &Counters::reusedSlots},
    {"sweep that deleted", &Counters::sweptEntries},
    {"owes all paid", &Counters::owedAll},
@@ -24,17 +25,15 @@ std::array<Situation, 13> const situations = {{
    {"announcement restarted", &Counters::restartedAnnouncements},
    {"throwing reactor", nullptr},
    {"new incarnation", nullptr},
+   {"cut", nullptr},
+   {"reconnect", nullptr},
+   {"stall", nullptr},
+   {"split storm", nullptr},
+   {"allocation failure", nullptr},
+   {"paused adapter", nullptr},
+   {"export closed", nullptr},
+   {"remount", nullptr},
 }};
-std::array<char const*, 10> const faults = {"cut",
-                                            "reconnect",
-                                            "new incarnation",
-                                            "stall",
-                                            "split storm",
-                                            "allocation failure",
-                                            "throwing reactor",
-                                            "paused adapter",
-                                            "export closed",
-                                            "remount"};
 
 /// What can happen, and how often it does; the functions get one of the worlds.
 struct Run::Kind {
@@ -42,7 +41,6 @@ struct Run::Kind {
    char const* text;
    void (*happens)(Run&, World&, Words&);
    char const* fault = nullptr; ///< that it is
-   bool isOperation = true;
 };
 
 namespace {
@@ -62,17 +60,8 @@ std::size_t owed(Footprint const& f) {
    return f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting;
 }
 std::string textOf(Footprint const& f) {
-   std::string text;
-   for (auto const& [what, n] : {std::pair(" announced ", f.announced),
-                                 {" mirrored ", f.mirrored},
-                                 {" waiting ", f.waiting},
-                                 {" flows ", f.flows},
-                                 {" dirty keys ", f.dirtyKeys},
-                                 {" parked ", f.parked},
-                                 {" retirements ", f.retirements},
-                                 {" pending ", f.bufferBytes}})
-      text += what + std::to_string(n);
-   return text;
+   return std::to_string(f.announced) + " announced, " + std::to_string(f.mirrored) + " mirrored, " +
+          std::to_string(owed(f)) + " owed";
 }
 
 /// Changes `entity`, unless it is null; it is held meanwhile.
@@ -88,8 +77,7 @@ Run::Kind const Run::kinds[] = {
     [](Run& r, World&, Words& words) {
        for (std::size_t n = 1 + words.below(4); n != 0; --n)
           r.carry(words.below(2), words, words.chance(40));
-    },
-    nullptr, false},
+    }},
    {300, "change", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.own(words)), w, words); }},
    {110, "change directory",
     [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.ownDirectory(words)), w, words); }},
@@ -99,7 +87,7 @@ Run::Kind const Run::kinds[] = {
        // What reactors do, the pipes above all, has the memory that it needs.
        Deeper const still(r.depth_), silent(r.depth_);
        if (w.changeWithoutMemory(words))
-          r.fault("allocation failure");
+          r.count("allocation failure");
     }},
    {20, "release", [](Run&, World& w, Words& words) { w.releaseHeld(words); }},
    {15, "adopt", [](Run&, World& w, Words& words) { w.adopt(words); }},
@@ -121,6 +109,7 @@ Run::Kind const Run::kinds[] = {
     [](Run& r, World& w, Words& words) { r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
     "stall"},
    {5, "split storm", [](Run& r, World& w, Words&) { r.pipeFrom(w).splitStorm(100); }, "split storm"},
+   {10, "ping", [](Run&, World& w, Words& words) { w.demuxer().out()->control(NboAttrLog::Ping{words.next()}); }},
    {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }},
    {20, "connect", [](Run& r, World&, Words&) { r.connect(); }},
    {3, "restart",
@@ -132,8 +121,7 @@ Run::Kind const Run::kinds[] = {
     [](Run& r, World&, Words&) {
        for (World& each : r.worlds_)
           each.checkMemory();
-    },
-    nullptr, false},
+    }},
 };
 
 char const* textOf(Step const& step) noexcept {
@@ -156,7 +144,7 @@ std::vector<Step> stepsOf(U64 seed) {
    return steps;
 }
 
-Run::Run(U64 seed) : worlds_{World('a', *this), World('b', *this)} {
+Run::Run(U64 seed, Counts& counts) : counts_(counts), worlds_{World('a', *this), World('b', *this)} {
    Words words(seed ^ 0x5eed);
    for (World& world : worlds_) {
       world.start(++incarnations_);
@@ -165,7 +153,6 @@ Run::Run(U64 seed) : worlds_{World('a', *this), World('b', *this)} {
    }
    if (words.chance(70))
       connect();
-   faultsMet_ = 0;
 }
 
 void Run::throwIfWrong() {
@@ -182,10 +169,10 @@ void Run::play(std::vector<Step> const& steps) {
       Words words(step.word);
       World& world = worlds_[words.below(2)];
       Kind const& kind = kinds[step.kind];
-      operations_ += kind.isOperation;
+      count("steps");
       kind.happens(*this, world, words);
       if (kind.fault != nullptr)
-         fault(kind.fault);
+         count(kind.fault);
       throwIfWrong();
    }
 }
@@ -194,14 +181,14 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
    if (depth_ >= 2)
       return;
    Deeper const scope(depth_);
-   ++operations_;
+   count("steps");
    Words words(word);
    if (role < 35) {
       change(Ptr<Entity>(world.own(words)), world, words);
    } else if (role < 60) {
       change(Ptr<Entity>(member != nullptr ? member : &entity), world, words);
    } else if (role < 80) {
-      fault("throwing reactor");
+      count("throwing reactor");
       throw std::runtime_error("a reactor that throws");
    } else if (role < 90) {
       words.chance(50) ? world.addReactor(words) : world.dropReactor(words);
@@ -212,7 +199,7 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
          return;
       world.unmount(words.below(world.mirrors().size()));
       world.mountAll();
-      fault("remount");
+      count("remount");
    } else {
       cut(words);
    }
@@ -227,7 +214,7 @@ bool Run::carry(std::size_t from, Words& words, bool isWhole) {
 void Run::connect() {
    if (isUp_)
       return;
-   fault("reconnect");
+   count("reconnect");
    for (World& world : worlds_)
       world.end()
          .connected(); // an end that learns only now of the cut runs reactors, and what they carry has no stream yet
@@ -238,7 +225,7 @@ void Run::cut(Words& words) {
    if (!isUp_)
       return;
    isUp_ = false;
-   fault("cut");
+   count("cut");
    for (std::size_t from = 0; from < 2; ++from)
       pipes_[from].cut(worlds_[1 - from].end(), words);
    throwIfWrong();
@@ -255,7 +242,7 @@ void Run::cut(Words& words) {
 }
 
 void Run::restart(World& world) {
-   fault("new incarnation");
+   count("new incarnation");
    collect(world);
    world.stop();
    world.start(++incarnations_);
@@ -290,8 +277,8 @@ void Run::settle(char const* when) {
    std::string text = std::string("does not become quiet ") + when + ":";
    for (World& world : worlds_)
       text += std::string("\n   ") + world.side() + (world.end().isConnected() ? "" : " is not connected,") +
-              (world.end().quiet() ? " is quiet" : " is not quiet") + textOf(world.demuxer().footprint()) +
-              (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReports();
+              (world.end().quiet() ? " is quiet, " : " is not quiet, ") + textOf(world.demuxer().footprint()) +
+              (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReport();
    throw Divergence(text);
 }
 
@@ -305,7 +292,7 @@ void Run::finish() {
    for (World& world : worlds_) {
       world.checkMemory();
       if (auto const f = world.demuxer().footprint(); owed(f) != 0)
-         world.diverges("is quiet and still has" + textOf(f));
+         world.diverges("is quiet and still has " + textOf(f));
       for (Ptr<Entity> const& mirror : world.mirrors())
          if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
             world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
@@ -328,7 +315,7 @@ void Run::finish() {
    settle("after the roots were closed");
    for (World& world : worlds_)
       if (auto const f = world.demuxer().footprint(); f.announced + f.mirrored + owed(f) != 0)
-         world.diverges("after all roots were closed there are left" + textOf(f));
+         world.diverges("after all roots were closed there are left " + textOf(f));
    isUp_ = false;
    for (World& world : worlds_)
       world.dropAll();
@@ -350,7 +337,7 @@ void Run::compareEntities(World& owner, Entity& truth, World& mirror, Entity& co
       return;
    auto const fail = [&](std::string const& where, std::string const& ours, std::string const& theirs) {
       throw Divergence(path + where + " is " + ours + " in " + owner.side() + " and " + theirs + " in " +
-                       mirror.side() + "\n" + owner.lastReports() + mirror.lastReports());
+                       mirror.side() + "\n" + owner.lastReport() + mirror.lastReport());
    };
    if (truth.fwkType() != copy.fwkType()) {
       fail("", truth.fwkType()->name().str(), copy.fwkType()->name().str());

@@ -23,14 +23,13 @@ char const* textOf(Step const& step) noexcept;
 /// The steps of a seed.
 std::vector<Step> stepsOf(U64 seed);
 
-/// How often each fault and each situation was met.
+/// How often each situation was met, faults among them.
 using Counts = std::map<std::string, Mox::U64>;
 struct Situation {
    char const* what;
    U64 Mox::NboAttrLog::Demuxer::Counters::*counter; ///< null for one that the simulation counts itself
 };
-extern std::array<Situation, 13> const situations;
-extern std::array<char const*, 10> const faults;
+extern std::array<Situation, 22> const situations;
 
 /// The two worlds don't agree, or one of them is not as it must be.
 class Divergence : public std::runtime_error {
@@ -40,20 +39,12 @@ class Divergence : public std::runtime_error {
 /// Runs steps on two worlds and compares them. \throws Divergence
 class Run {
 public:
-   explicit Run(Mox::U64 seed);
+   Run(Mox::U64 seed, Counts& counts);
    void play(std::vector<Step> const& steps);
    /// Heals the connection, waits until nothing moves, and compares; then closes all roots and looks for what is left.
    void finish();
 
-   Counts const& counts() const noexcept { return counts_; }
-   U64 operations() const noexcept { return operations_; }
-   unsigned faultsMet() const noexcept { return faultsMet_; }
-
    void count(std::string const& what) { ++counts_[what]; }
-   void fault(std::string const& what) {
-      ++counts_[what];
-      ++faultsMet_;
-   }
    /// A reactor does something of its own.
    void nested(World& world, int role, Mox::U64 word, Mox::Entity& entity, Mox::Entity* member);
    bool isStalled() const noexcept { return pipes_[0].isStalled(now_) || pipes_[1].isStalled(now_); }
@@ -80,6 +71,7 @@ private:
    void collect(World& world);
    void throwIfWrong();
 
+   Counts& counts_;
    std::array<World, 2> worlds_;
    std::array<Pipe, 2> pipes_; ///< from each world
    unsigned now_ = 0;
@@ -87,9 +79,6 @@ private:
    bool isUp_ = false;
    bool isEnding_ = false; ///< roots are closed for good: no reactor mounts them again
    U64 incarnations_ = 0;
-   Counts counts_;
-   U64 operations_ = 0;
-   unsigned faultsMet_ = 0;
    std::string wrong_;
    std::set<std::pair<Mox::Entity*, Mox::Entity*>> compared_;
 };

@@ -1,6 +1,8 @@
 #include "Types.h"
 
+#include "Attributes.h"
 #include "Values.h"
+#include "World.h"
 #include "attrlog/StateAdapter.h"
 #include "core/Exceptions.h"
 #include "entities/Cl10010ConfigDirReactor.h"
@@ -51,12 +53,8 @@ template <class... Key> Cell cellOf(AttributeId id, Key const&... key) {
    return cell;
 }
 
-/// Every attribute of `X` and its bases.
 template <class X, class Visitor> void forEachAttribute(Visitor&& visit) {
-   if constexpr (!std::same_as<X, Entity>) {
-      forEachAttribute<typename X::MoxBase>(visit);
-      X::MoxAttributes::forEach(visit);
-   }
+   AllOf<X>::List::forEach(visit);
 }
 
 /// Calls `visit` with one of the attributes that `fits` takes.
@@ -74,17 +72,17 @@ template <class X, class Fits, class Visitor> bool withOne(Words& words, Fits fi
    return found;
 }
 
-template <class T> Ptr<T> pick(Words& words, Context& context) {
+template <class T> Ptr<T> pick(Words& words, World& world) {
    std::vector<T*> fitting;
-   auto const all = context.targets();
+   auto const all = world.targets();
    for (Ptr<Entity> const& e : all)
       if (auto* const t = dynamic_cast<T*>(e.get()))
          fitting.push_back(t);
    return fitting.empty() || words.chance(20) ? Ptr<T>() : Ptr<T>(fitting[words.below(fitting.size())]);
 }
 
-template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, Context& context) {
-   return std::tuple<typename Ps::Value...>{pick<typename Ps::Target>(words, context)...};
+template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World& world) {
+   return std::tuple<typename Ps::Value...>{pick<typename Ps::Target>(words, world)...};
 }
 
 bool isMirror(Entity const& e) {
@@ -99,19 +97,19 @@ bool isOurs(Entity const& e) {
 }
 
 /// Runs one mutator, which may be refused because the entity is a mirror.
-template <class Call> void write(Entity& entity, Cell const& cell, Context& context, Call call) {
+template <class Call> void write(Entity& entity, Cell const& cell, World& world, Call call) {
    try {
       call();
    } catch (ReadOnlyException const&) {
-      context.refused(entity, cell);
+      world.refused(entity, cell);
    } catch (NameInUseException const&) {
       // a member that exists with other parameters: nothing has changed
    }
 }
 
-template <class A> void changeScalar(typename A::Owner& e, Words& words, Context& context) {
+template <class A> void changeScalar(typename A::Owner& e, Words& words, World& world) {
    using Value = typename A::Value;
-   write(e, {A::id, {}}, context, [&] {
+   write(e, {A::id, {}}, world, [&] {
       if constexpr (A::kind == Mox::Kind::optional)
          if (words.chance(30)) {
             optionalDel<A>(e);
@@ -123,7 +121,7 @@ template <class A> void changeScalar(typename A::Owner& e, Words& words, Context
             return;
          }
       if constexpr (A::kind == Mox::Kind::reference) {
-         A::put(e, pick<typename A::Target>(words, context));
+         A::put(e, pick<typename A::Target>(words, world));
       } else {
          Value const value = words.chance(10) ? A::cell(e) : makeValue<Value>(words);
          A::put(e, value);
@@ -132,27 +130,27 @@ template <class A> void changeScalar(typename A::Owner& e, Words& words, Context
 }
 
 /// Deletes entries from one key on through an iterator, which stands on what was deleted while reactors run.
-template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words, Context& context, Del del) {
+template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words, World& world, Del del) {
    typename A::Container::Iterator it(A::cell(e), makeKey<typename A::Key>(words));
    for (std::size_t n = 1 + words.below(3); n != 0 && it; --n, it.advance())
-      write(e, cellOf(A::id, it.key()), context, [&] { del(it); });
+      write(e, cellOf(A::id, it.key()), world, [&] { del(it); });
 }
 
 /// An entry was made that nobody was told of.
-template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, Context& context) {
-   context.madeSilently([owner = Ptr<typename A::Owner>(&e), key] {
+template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, World& world) {
+   world.madeSilently([owner = Ptr<typename A::Owner>(&e), key] {
       if (isOurs(*owner))
          keyNotify<A>(*owner, key);
    });
 }
 
 /// Arrays, maps, and references by the names of their targets.
-template <class A> void changeKeyed(typename A::Owner& e, Words& words, Context& context) {
+template <class A> void changeKeyed(typename A::Owner& e, Words& words, World& world) {
    constexpr bool refers = A::kind == Mox::Kind::hashReferences;
    auto& held = A::cell(e);
    auto const value = [&] {
       if constexpr (refers)
-         return pick<typename A::Target>(words, context);
+         return pick<typename A::Target>(words, world);
       else
          return makeValue<typename A::Value>(words);
    }();
@@ -171,98 +169,98 @@ template <class A> void changeKeyed(typename A::Owner& e, Words& words, Context&
    Cell const cell = cellOf(A::id, key);
    std::size_t const what = words.below(100);
    if (what < 60) {
-      write(e, cell, context, [&] { set(value); });
+      write(e, cell, world, [&] { set(value); });
    } else if (what < 72) {
-      write(e, cell, context, [&] { A::drop(e, key); });
+      write(e, cell, world, [&] { A::drop(e, key); });
    } else if (what < 78) {
-      write(e, cell, context, [&] { keyNotify<A>(e, key); });
+      write(e, cell, world, [&] { keyNotify<A>(e, key); });
    } else if constexpr (!A::hasEntries) {
       if (what < 90) {
          // Element by element, so that a refusal says which one it was.
          for (typename A::Container::Iterator it(held, key); it; it.advance())
-            write(e, cellOf(A::id, it.key()), context, [&] { arrayDel<A>(e, it); });
+            write(e, cellOf(A::id, it.key()), world, [&] { arrayDel<A>(e, it); });
       } else {
          auto const same = held[key];
-         write(e, cell, context, [&] { set(same); });
+         write(e, cell, world, [&] { set(same); });
       }
    } else if (what < 82) {
       if (auto const* const first = held.first())
-         write(e, cellOf(A::id, first->fwkKey()), context, [&] { mapDelAll<A>(e); });
+         write(e, cellOf(A::id, first->fwkKey()), world, [&] { mapDelAll<A>(e); });
    } else if (what < 90) {
-      deleteSome<A>(e, words, context, [&](auto& it) { mapDel<A>(e, it); });
+      deleteSome<A>(e, words, world, [&](auto& it) { mapDel<A>(e, it); });
    } else if (what < 93) {
-      write(e, cell, context, [&] { set(mapValue<A>(e, key)); });
+      write(e, cell, world, [&] { set(mapValue<A>(e, key)); });
    } else if (isOurs(e)) {
       if constexpr (!refers)
          newMapEntry<A>(e, key, value);
       else if (value)
          newReferenceEntry<A>(e, value);
-      tellLater<A>(e, key, context);
+      tellLater<A>(e, key, world);
    }
 }
 
-template <class A> void createMember(typename A::Owner& e, Name const& name, Words& words, Context& context) {
+template <class A> void createMember(typename A::Owner& e, Name const& name, Words& words, World& world) {
    using Parameters = typename A::Entry::MoxParameters;
    std::apply(
       [&](auto const&... p) {
-         write(e, cellOf(A::id, name), context, [&] {
+         write(e, cellOf(A::id, name), world, [&] {
             if (auto const member = A::put(e, name, p...))
-               context.created(*member);
+               world.created(*member);
          });
       },
-      makeParameters(Parameters{}, words, context));
+      makeParameters(Parameters{}, words, world));
 }
 
-template <class A> void deleteMember(typename A::Owner& e, Name const& name, Words& words, Context& context) {
+template <class A> void deleteMember(typename A::Owner& e, Name const& name, Words& words, World& world) {
    Ptr<Entity> const member = A::cell(e).find(name);
-   write(e, cellOf(A::id, name), context, [&] { A::drop(e, name); });
+   write(e, cellOf(A::id, name), world, [&] { A::drop(e, name); });
    if (member)
-      context.removed(member, words);
+      world.removed(member, words);
 }
 
-template <class A> void changeMembers(typename A::Owner& e, Words& words, Context& context) {
+template <class A> void changeMembers(typename A::Owner& e, Words& words, World& world) {
    Name const name = makeName(words);
    std::size_t const what = words.below(100);
    if (what < 45) {
-      createMember<A>(e, name, words, context);
+      createMember<A>(e, name, words, world);
    } else if (what < 57) {
-      deleteMember<A>(e, name, words, context);
+      deleteMember<A>(e, name, words, world);
    } else if (what < 70) {
       // The same name, another entity.
       bool const was = A::cell(e).find(name) != nullptr;
-      deleteMember<A>(e, name, words, context);
-      createMember<A>(e, name, words, context);
-      if (was && context.isStalled())
-         context.recreatedWhileStalled();
+      deleteMember<A>(e, name, words, world);
+      createMember<A>(e, name, words, world);
+      if (was)
+         world.recreated();
    } else if (what < 78) {
       for (std::size_t n = 2 + words.below(10); n != 0; --n) {
          Name const brief("brief" + std::to_string(words.below(100)));
-         createMember<A>(e, brief, words, context);
-         deleteMember<A>(e, brief, words, context);
+         createMember<A>(e, brief, words, world);
+         deleteMember<A>(e, brief, words, world);
       }
    } else if (what < 86) {
       for (std::size_t n = 5 + words.below(14); n != 0; --n)
-         createMember<A>(e, makeName(words), words, context);
+         createMember<A>(e, makeName(words), words, world);
    } else if (what < 90) {
-      write(e, cellOf(A::id, name), context, [&] { keyNotify<A>(e, name); });
+      write(e, cellOf(A::id, name), world, [&] { keyNotify<A>(e, name); });
    } else if (what < 91) {
       if (auto const* const first = A::cell(e).first())
-         write(e, cellOf(A::id, first->moxName()), context, [&] { memberDelAll<A>(e); });
+         write(e, cellOf(A::id, first->moxName()), world, [&] { memberDelAll<A>(e); });
    } else if (what < 95) {
-      deleteSome<A>(e, words, context, [&](auto& it) { memberDel<A>(e, it); });
+      deleteSome<A>(e, words, world, [&](auto& it) { memberDel<A>(e, it); });
    } else if (isOurs(e)) {
       std::apply(
          [&](auto const&... p) {
             Ptr<Entity> const replaced = A::cell(e).find(name);
-            context.created(*newMember<A>(e, name, p...));
+            world.created(*newMember<A>(e, name, p...));
             if (replaced)
-               context.removed(replaced, words);
+               world.removed(replaced, words);
          },
-         makeParameters(typename A::Entry::MoxParameters{}, words, context));
+         makeParameters(typename A::Entry::MoxParameters{}, words, world));
       if (words.chance(50))
          keyNotify<A>(e, name);
       else
-         tellLater<A>(e, name, context);
+         tellLater<A>(e, name, world);
    }
 }
 
@@ -290,11 +288,11 @@ void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key con
    }
 }
 
-/// Calls the context whenever it is notified.
+/// Calls the world whenever it is notified.
 template <class X> class Reactor final : public X::template MoxForwarder<typename X::Notifiee, Reactor<X>> {
 public:
-   Reactor(int role, U64 word, unsigned budget, Context& context)
-      : role_(role), word_(word), budget_(budget), context_(context) {}
+   Reactor(int role, U64 word, unsigned budget, World& world)
+      : role_(role), word_(word), budget_(budget), world_(world) {}
 
    template <class A, class... Key> void forward(A, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
@@ -304,7 +302,7 @@ public:
          Ptr<Entity> member;
          if constexpr (A::ownsMembers)
             member = A::cell(*entity).find(key...);
-         context_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
+         world_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
       }
    }
 
@@ -312,14 +310,14 @@ private:
    int role_;
    U64 word_;
    unsigned budget_;
-   Context& context_;
+   World& world_;
 };
 
 /// Records what it is told.
 template <class X>
 class Recorder final : public X::template MoxForwarder<typename X::Notifiee, Recorder<X>>, public History {
 public:
-   explicit Recorder(Context& context) : context_(context) {}
+   explicit Recorder(World& world) : world_(world) {}
 
    template <class A, class... Key> void forward(A a, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
@@ -331,15 +329,15 @@ public:
          Cell const cell = cellOf(A::id, key...);
          std::string const text = textIn(now.cells, cell);
          auto const before = told.cells.find(cell);
-         context_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
+         world_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
          told.cells[cell] = text;
          for (auto const& [where, target] : now.entities)
-            context_.seen(*target, A::ownsMembers);
+            world_.seen(*target, A::ownsMembers);
       }
    }
 
 private:
-   Context& context_;
+   World& world_;
 };
 
 template <class R, class X> Ptr<PtrInterface::NotifieeConst> attach(Ptr<R> const& reactor, X& entity) {
@@ -351,7 +349,7 @@ template <class R, class X> Ptr<PtrInterface::NotifieeConst> attach(Ptr<R> const
 
 template <class X> class TypeOf final : public Type {
 public:
-   void change(Entity& entity, Words& words, Context& context) const override {
+   void change(Entity& entity, Words& words, World& world) const override {
       X& e = static_cast<X&>(entity);
       // A status has over 150 scalars: the other kinds would hardly ever be met.
       bool const isRare = words.chance(40);
@@ -361,11 +359,11 @@ public:
       auto const change = [&](auto a) {
          using A = decltype(a);
          if constexpr (A::ownsMembers)
-            changeMembers<A>(e, words, context);
+            changeMembers<A>(e, words, world);
          else if constexpr (A::isKeyed)
-            changeKeyed<A>(e, words, context);
+            changeKeyed<A>(e, words, world);
          else
-            changeScalar<A>(e, words, context);
+            changeScalar<A>(e, words, world);
       };
       if (!withOne<X>(words, fits, change))
          withOne<X>(
@@ -421,15 +419,15 @@ public:
    }
 
    Ptr<PtrInterface::NotifieeConst> react(Entity& entity, int role, U64 word, unsigned budget,
-                                          Context& context) const override {
-      return attach(make<Reactor<X>>(role, word, budget, context), static_cast<X&>(entity));
+                                          World& world) const override {
+      return attach(make<Reactor<X>>(role, word, budget, world), static_cast<X&>(entity));
    }
 
-   Ptr<PtrInterface::NotifieeConst> record(Entity& entity, Context& context) const override {
-      auto const recorder = make<Recorder<X>>(context);
+   Ptr<PtrInterface::NotifieeConst> record(Entity& entity, World& world) const override {
+      auto const recorder = make<Recorder<X>>(world);
       recorder->told = snapshot(entity, identityOf);
       for (auto const& [cell, target] : Snapshot(recorder->told).entities)
-         context.seen(*target, false);
+         world.seen(*target, false);
       return attach(recorder, static_cast<X&>(entity));
    }
 };

@@ -29,28 +29,7 @@ inline std::string textIn(std::map<Cell, std::string> const& cells, Cell const& 
 }
 using EntityText = std::function<std::string(Mox::Entity const*)>;
 
-/// What the world of one process offers to whoever changes an entity of it.
-class Context {
-public:
-   virtual ~Context() = default;
-   /// Everything that a reference may point to.
-   virtual std::vector<Mox::Ptr<Mox::Entity>> targets() = 0;
-   /// A local write to a mirror has been refused.
-   virtual void refused(Mox::Entity const& entity, Cell const& cell) = 0;
-   virtual void created(Mox::Entity& entity) = 0;
-   virtual void removed(Mox::Ptr<Mox::Entity> const& entity, Words& words) = 0;
-   /// An entry was made that nobody was told of; `tell` does.
-   virtual void madeSilently(std::function<void()> tell) = 0;
-   virtual bool isStalled() const = 0;
-   virtual void recreatedWhileStalled() = 0;
-   /// A reactor was called; `member` is the one that the notification is about, if any.
-   virtual void reacts(int role, Mox::U64 word, Mox::Entity& entity, Mox::Entity* member) = 0;
-   // Histories.
-   /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`.
-   virtual void told(Mox::Entity const& entity, Cell const& cell, std::string const* before,
-                     std::string const& now) = 0;
-   virtual void seen(Mox::Entity& entity, bool isMember) = 0;
-};
+class World;
 
 /// What was told about one mirror entity, by the reactor that records it.
 class History {
@@ -72,17 +51,17 @@ class Type {
 public:
    virtual ~Type() = default;
    /// One operation on one attribute, both from `words`.
-   virtual void change(Mox::Entity& entity, Words& words, Context& context) const = 0;
+   virtual void change(Mox::Entity& entity, Words& words, World& world) const = 0;
    /// Sets a scalar while the next allocation fails. \return whether it did
    virtual bool changeWithoutMemory(Mox::Entity& entity, Words& words) const = 0;
    virtual Snapshot snapshot(Mox::Entity& entity, EntityText const& textOf) const = 0;
    /// 2 × members + 64, over all collections: how many keys may be dirty.
    virtual std::size_t mostDirtyKeys(Mox::Entity const& entity) const = 0;
-   /// A weak reactor that calls `context.reacts`, at most `budget` times.
+   /// A weak reactor that calls `world.reacts`, at most `budget` times.
    virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> react(Mox::Entity& entity, int role, Mox::U64 word,
-                                                            unsigned budget, Context& context) const = 0;
+                                                            unsigned budget, World& world) const = 0;
    /// A weak reactor that records; it is a `History`.
-   virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> record(Mox::Entity& entity, Context& context) const = 0;
+   virtual Mox::Ptr<Mox::PtrInterface::NotifieeConst> record(Mox::Entity& entity, World& world) const = 0;
 
    static Type const& of(Mox::Entity const& entity);
 };

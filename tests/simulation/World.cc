@@ -93,11 +93,7 @@ World::~World() {
 
 void World::start(U64 incarnation) {
    end_ = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
-   end_->onReport([this](std::string const& text) {
-      reports_.push_back(text);
-      if (reports_.size() > 5)
-         reports_.pop_front();
-   });
+   end_->onReport([this](std::string const& text) { report_ = std::string("   ") + side_ + ": " + text + "\n"; });
    markIs(mark_);
    openExports();
    mountAll();
@@ -154,7 +150,7 @@ void World::pause(Words& words) {
       return;
    sa->hasNotificationActiveIs(false);
    paused_.push_back(sa);
-   run_.fault("paused adapter");
+   run_.count("paused adapter");
 }
 
 void World::resume(Words& words) {
@@ -331,24 +327,11 @@ std::size_t World::survivors() const {
                                                  [](auto const& w) { return static_cast<bool>(w->notifier()); }));
 }
 
-std::string World::lastReports() {
-   std::string text;
-   if (end_)
-      demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
-         if (sa.isSyncing())
-            text += std::string("   ") + side_ + ": syncing " + sa.entity()->fullName().str() + " slot " +
-                    std::to_string(sa.entityId().slot()) + "\n";
-      });
-   for (std::string const& report : reports_)
-      text += std::string("   ") + side_ + ": " + report + "\n";
-   return text;
-}
-
 void World::diverges(std::string const& what) {
-   throw Divergence(std::string("side ") + side_ + ": " + what + "\n" + lastReports());
+   throw Divergence(std::string("side ") + side_ + ": " + what + "\n" + report_);
 }
 
-// Context ---------------------------------------------------------------------------------------------------------------
+// Changes ---------------------------------------------------------------------------------------------------------------
 
 std::vector<Ptr<Entity>> World::targets() {
    std::vector<Ptr<Entity>> all = siblings_;
@@ -381,12 +364,9 @@ void World::removed(Ptr<Entity> const& entity, Words& words) {
       held_.push_back(entity);
 }
 
-bool World::isStalled() const {
-   return run_.isStalled();
-}
-
-void World::recreatedWhileStalled() {
-   run_.count("name re-created while stalled");
+void World::recreated() {
+   if (run_.isStalled())
+      run_.count("name re-created while stalled");
 }
 
 void World::reacts(int role, U64 word, Entity& entity, Entity* member) {

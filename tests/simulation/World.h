@@ -9,7 +9,6 @@
 #include "siblings/PllStatus.h"
 #include "siblings/XcvrStatus.h"
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <set>
@@ -25,10 +24,10 @@ using Mox::U64;
 class Run;
 
 /// One process: its own roots and siblings, the mirrors of the other's, and its end of the link.
-class World final : public Context {
+class World {
 public:
    World(char side, Run& run);
-   ~World() override;
+   ~World();
 
    char side() const noexcept { return side_; }
    Mox::LinkEnd& end() noexcept { return *end_; }
@@ -74,21 +73,25 @@ public:
    void checkHistories();
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
-   std::string lastReports();
-   /// \throws Divergence with the side in front and the last reports behind
+   std::string const& lastReport() const noexcept { return report_; }
+   /// \throws Divergence with the side in front and the last report behind
    [[noreturn]] void diverges(std::string const& what);
 
-   // Context.
-   std::vector<Ptr<Entity>> targets() override;
-   void refused(Entity const& entity, Cell const& cell) override;
-   void created(Entity& entity) override;
-   void removed(Ptr<Entity> const& entity, Words& words) override;
-   void madeSilently(std::function<void()> tell) override { silent_.push_back(std::move(tell)); }
-   bool isStalled() const override;
-   void recreatedWhileStalled() override;
-   void reacts(int role, U64 word, Entity& entity, Entity* member) override;
-   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) override;
-   void seen(Entity& entity, bool isMember) override;
+   // What whoever changes an entity of it calls.
+   /// Everything that a reference may point to.
+   std::vector<Ptr<Entity>> targets();
+   /// A local write to a mirror has been refused.
+   void refused(Entity const& entity, Cell const& cell);
+   void created(Entity& entity);
+   void removed(Ptr<Entity> const& entity, Words& words);
+   /// An entry was made that nobody was told of; `tell` does.
+   void madeSilently(std::function<void()> tell) { silent_.push_back(std::move(tell)); }
+   void recreated();
+   /// A reactor was called; `member` is the one that the notification is about, if any.
+   void reacts(int role, U64 word, Entity& entity, Entity* member);
+   /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`.
+   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now);
+   void seen(Entity& entity, bool isMember);
 
 private:
    Entity* oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words);
@@ -109,7 +112,7 @@ private:
    std::vector<Ptr<Entity::NotifieeConst>> watchers_; ///< one for each entity ever seen, to know whether it went
    std::vector<Ptr<Entity::MoxNboAttrLogSa>> paused_;
    std::set<std::pair<Entity const*, Cell>> refused_;
-   std::deque<std::string> reports_;
+   std::string report_;
 };
 
 } // namespace Simulation

@@ -52,15 +52,9 @@ void operator delete(void* p) noexcept {
 void operator delete(void* p, std::size_t) noexcept {
    std::free(p);
 }
-void operator delete(void* p, std::nothrow_t const&) noexcept {
-   std::free(p);
-}
 void operator delete[](void* p) noexcept {
    std::free(p);
 }
 void operator delete[](void* p, std::size_t) noexcept {
-   std::free(p);
-}
-void operator delete[](void* p, std::nothrow_t const&) noexcept {
    std::free(p);
 }

@@ -10,9 +10,7 @@
 
 #include <cmath>
 #include <limits>
-#include <set>
 #include <sstream>
-#include <unordered_set>
 
 namespace {
 
@@ -26,8 +24,6 @@ template <class T> std::string printed(T const& value) {
 
 template <class T> void expectBounds(unsigned long long maximum, std::string const& text) {
    SCOPED_TRACE(text);
-   EXPECT_EQ(T().number(), 0u);
-   EXPECT_EQ(T(0).value, 0u);
    EXPECT_EQ(T(maximum).value, maximum);
    EXPECT_EQ(thrownBy<RangeException>([&] { T{maximum + 1}; }), text);
    EXPECT_EQ(thrownBy<RangeException>([&] { T{-1}; }), text);
@@ -43,75 +39,36 @@ template <class T> void expectBounds(unsigned long long maximum, std::string con
 
 TEST(BoundedValues, RejectWhatIsOutOfRangeWithTheTextOfTheType) {
    expectBounds<U1>(1, "U1::value < 0 or > 0x01 not allowed");
-   expectBounds<U4>(15, "U4::value < 0 or > 0x0f not allowed");
-   expectBounds<U6>(63, "U6::value < 0 or > 0x3f not allowed");
    expectBounds<U22>(4194303, "U22::value < 0 or > 0x003fffff not allowed");
-   expectBounds<Xcvr::CfpxHostLaneId>(3, "CfpxHostLaneId::value < 0 or > 3 not allowed");
    expectBounds<ClariPhyTypes::HostLane>(9, "HostLane::value < 0 or > 9 not allowed");
-   expectBounds<ClariPhyTypes::LdpcHistogramIterNum>(31, "LdpcHistogramIterNum::value < 0 or > 31 not allowed");
    expectBounds<ClariPhyTypes::LdpcHistogramCounter>(0xffffffffffff,
                                                      "LdpcHistogramCounter::value < 0 or > 0xffffffffffff not allowed");
    expectBounds<Mox::MoxAttrIntrospectionFlags>(0x3f, "MoxAttrIntrospectionFlags::value > 0x3f not allowed");
    expectBounds<Plex::IntfId>(0xffffffff, "IntfId::value < 0 or > 0xffffffff not allowed");
    static_assert(U4(7) > U4(6) && U4(7) == 7 && 6 < U4(7) && !Plex::IntfId() && Plex::IntfId(7));
-   EXPECT_EQ((std::unordered_set<U22>{1, 2, 1}.size()), 2u);
 }
 
 TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
    using Phy::Coherent::RollOff;
    for (double const good : {0.0, -0.0, 1e-300, 0.2, 1.0})
       EXPECT_EQ(RollOff(good).value, static_cast<float>(good));
-   EXPECT_EQ(RollOff(1), 1);
    std::string const text = "RollOff::value < RollOff::min or > RollOff::max not allowed";
    for (float const bad : {1.0000001f, -1e-30f, std::nanf(""), -std::nanf(""), HUGE_VALF})
       EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
    // Would be 1 and 0 as floats.
    for (double const bad : {1.0 + 1e-12, -1e-300})
       EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
-   EXPECT_EQ(thrownBy<RangeException>([] { RollOff{-1}; }), text);
-}
-
-TEST(FloatValues, CompareAsFloatsWithNumbersOfAnyKind) {
-   Xcvr::CfpxSkew const skew = 0.35;
-   EXPECT_TRUE(skew == 0.35 && 0.35 == skew && skew == Xcvr::CfpxSkew(0.35f) && !(skew < 0.35) && skew < 1 && 1 > skew);
-   Xcvr::CfpxSkew const nan = std::nanf("");
-   EXPECT_FALSE(nan == nan);
-   EXPECT_TRUE(Xcvr::CfpxSkew(-0.0) == Xcvr::CfpxSkew(0.0));
 }
 
 TEST(Enumerations, KnowTheirNumbersAndNames) {
    EXPECT_EQ(Xcvr::CfpxHostChannelInstance(15), Xcvr::CfpxHostChannel::channel15);
    EXPECT_EQ(thrownBy<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
              "16 is no Xcvr::CfpxHostChannel: expected 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14 or 15");
-   EXPECT_EQ(Hardware::Phy::MdioClauseInstance(2), Hardware::Phy::MdioClause::clause45);
-   EXPECT_EQ(thrownBy<RangeException>([] { Hardware::Phy::LinkStatusInstance(0xffffffff); }),
-             "4294967295 is no Hardware::Phy::LinkStatus: expected 0, 1 or 2");
    EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("100 Gbit/s"), Hardware::Phy::Speed::gbps100);
-   EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("gbps100"), std::nullopt);
-}
-
-/// Numbers and names are each there once, and the default is one of them.
-template <class... Es> void expectSoundTables() {
-   auto const expectSound = [](auto const& table) {
-      std::set<std::int32_t> numbers;
-      std::set<std::string_view> names;
-      for (auto const& row : table.rows)
-         EXPECT_TRUE(numbers.insert(row.number).second && names.insert(row.name).second) << table.type << row.name;
-      EXPECT_TRUE(numbers.contains(0)) << table.type;
-   };
-   (expectSound(Mox::enumTable<Es>), ...);
-}
-
-TEST(Enumerations, HaveSoundTables) {
-   using namespace Hardware::Phy;
-   expectSoundTables<Xcvr::CfpxHostChannel, DiagsMode, DriverRunMode, Loopback, MdioClause, PhyState, LinkStatus,
-                     Speed>();
 }
 
 TEST(Print, GivesEveryValueItsOneText) {
    EXPECT_EQ(printed(std::uint8_t{65}), "65");
-   EXPECT_EQ(printed(std::int64_t{-5}), "-5");
-   EXPECT_EQ(printed(false), "false");
    EXPECT_EQ(printed(0.1f), "0.1");
    EXPECT_EQ(printed(1.0 / 3), "0.3333333333333333");
    EXPECT_EQ(printed(-std::nan("")), "nan");
