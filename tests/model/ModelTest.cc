@@ -191,7 +191,7 @@ public:
          if constexpr (decltype(a)::ownsMembers)
             Plain::mapDelAll(plain_, a.id, state(a), [](auto const& k) { return textOfKey(k); });
       });
-      if (std::string const wrong = differenceOfLogs(); !wrong.empty())
+      if (std::string wrong = differenceOfLogs(); !wrong.empty())
          return wrong;
       for (auto const& member : members_)
          if (member->parent() != nullptr)
@@ -378,7 +378,7 @@ private:
             auto const text = textOfKey(key);
             if (what == 4) {
                plain_.pass(A::id, text);
-            } else if constexpr (A::kind == Kind::array) {
+            } else if constexpr (A::kind == Kind::array) { // NOLINT(bugprone-branch-clone): not for this kind alone
                if (what == 0)
                   Plain::arraySet(plain_, A::id, cell, key, value<A>(op.word), text);
                else if (what == 3)
@@ -561,8 +561,7 @@ std::vector<Step> sequence(std::uint64_t seed) {
 template <class X> std::string failure(std::vector<Step> const& steps, std::size_t reactors) {
    Run<X> run(reactors);
    for (Step const& s : steps) {
-      std::string const wrong =
-         s.isReactor ? run.reactorStep(s.reactor, s.op.word) : run.step(s.op, s.reactor, s.reaction);
+      std::string wrong = s.isReactor ? run.reactorStep(s.reactor, s.op.word) : run.step(s.op, s.reactor, s.reaction);
       if (!wrong.empty())
          return wrong;
    }

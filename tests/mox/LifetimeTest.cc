@@ -145,9 +145,9 @@ TEST(Counting, ThreadsShareObjectsInThreadSafeMode) {
    Mox::Name const name("shared");
    auto const work = [&](bool flags) {
       for (int i = 0; i < 20000; ++i) {
-         Ptr<Gpo> const a(shared);
+         Ptr<Gpo> const a(shared); // NOLINT(performance-unnecessary-copy-initialization)
          Ptr<Gpo const> const b(a);
-         Mox::Name const copy(name);
+         Mox::Name const copy(name); // NOLINT(performance-unnecessary-copy-initialization)
          ASSERT_EQ(copy.hash(), Mox::hashOf("shared"));
          if (flags)
             shared->moxMarkedForDeletionIs(i % 2 == 0); // the flags share the word with the count

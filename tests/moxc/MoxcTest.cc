@@ -125,9 +125,9 @@ TEST_F(Moxc, LeavesUnchangedFilesAloneAndReplacesAllOrNothing) {
    ASSERT_EQ(run(schemas, arguments).status, 0);
    fs::path const fan = folder_ / "out/Fan.h";
    fs::path const unit = folder_ / "out/Unit.h";
-   auto const long_ago = fs::file_time_type::clock::now() - std::chrono::hours(1);
-   fs::last_write_time(fan, long_ago);
-   fs::last_write_time(unit, long_ago);
+   auto const longAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+   fs::last_write_time(fan, longAgo);
+   fs::last_write_time(unit, longAgo);
    auto const old = fs::last_write_time(unit);
 
    std::string text = contents(schemas / "Fan.toml");

@@ -59,7 +59,7 @@ TEST_F(Watching, PauseEndMoveAndDeathStopIt) {
    EXPECT_EQ(log, Log{"second"});
    first.resume();
    Watch moved = std::move(first);
-   first.pause(); // of nothing
+   first.pause(); // NOLINT(bugprone-use-after-move): of nothing
    change();
    EXPECT_EQ(log, (Log{"second", "first"})) << "behind the others";
    moved = std::move(second); // ends what it watched before

@@ -51,7 +51,7 @@ template <class T> T taken(std::vector<T>& from, Words& words) {
    if (from.empty())
       return {};
    auto const at = from.begin() + static_cast<std::ptrdiff_t>(words.below(from.size()));
-   T const element = *at;
+   T element = *at;
    from.erase(at);
    return element;
 }
