@@ -169,6 +169,8 @@ std::string emitClass(EntityType const& type) {
    Mox::Ptr<Mox::MoxType const> fwkType() const override;
    Mox::String8 attributeString(Mox::AttributeId id) const override;
 )";
+   if (!own.empty())
+      text += "   template <class A, class... Key> void moxAnnounce(Key const&... key) const;\n";
    if (type.log)
       text += R"(   bool moxHasAttrLogInterface() const override { return true; }
    using MoxBase::moxNboAttrLogSaIs;
@@ -213,13 +215,7 @@ std::string emitClass(EntityType const& type) {
                  (member.isParameter ? std::string() : member.storage.initialiser) + ";\n";
    }
    text += "};\n";
-   text = inNamespace(type, text);
-   if (!own.empty()) {
-      text += "\n// The delivery passes are compiled with the type, so that nobody else needs its reactor interface.\n";
-      for (Attribute const* a : own)
-         text += wrapped(0, "extern " + a->kind->announcement(*a, type.name));
-   }
-   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + text;
+   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text);
 }
 
 std::string emitReactor(EntityType const& type) {
@@ -370,22 +366,21 @@ Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
 }
 )",
                    {{"X", X}});
-   text = inNamespace(type, text);
-   if (!changeable(type).empty())
+   bool const hasPasses = !changeable(type).empty();
+   if (hasPasses)
       text += fill(R"(
-namespace {
-using X = $X$;
+template <class A, class... Key> void $X$::moxAnnounce(Key const&... key) const {
+   Mox::deliver<A>(*this, key...);
 }
-
-// The delivery passes, one per attribute.
 )",
-                   {{"X", type.name}});
-   for (Attribute const* a : changeable(type))
-      text += wrapped(0, a->kind->announcement(*a, "X"));
+                   {{"X", X}});
+   text = inNamespace(type, text);
+   if (hasPasses || type.log)
+      text += "\n// What templates make of the type, compiled here once.\n";
+   if (hasPasses)
+      text += "template struct Mox::DeliveryPasses<" + type.name + ">;\n";
    if (type.log)
-      text += fill(R"(
-// The log's templates for this level, compiled here once.
-template class Mox::NboAttrLog::LevelSa<$X$>;
+      text += fill(R"(template class Mox::NboAttrLog::LevelSa<$X$>;
 template class Mox::NboAttrLog::LevelFlow<$X$>;
 template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",

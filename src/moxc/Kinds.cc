@@ -54,9 +54,6 @@ public:
       return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "changed(Attr::" + a.name + ");");
    }
    std::string flowOperations(Attribute const& a) const override { return dirtyBit(a); }
-   std::string announcement(Attribute const& a, std::string_view owner) const override {
-      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", owner}, {"x", a.name}});
-   }
    std::string memberFunctions(Attribute const& a) const override {
       std::string const v = a.name + "_";
       std::string text = inlineFunction(3, result(a) + ' ' + a.name + "() const noexcept", "return " + v + ';');
@@ -211,10 +208,6 @@ public:
              inlineFunction(3, "void moxIs" + X + "DirtyIs(" + k + " key, bool dirty)",
                             "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
              inlineFunction(3, "void moxIs" + X + "DirtyDel(" + k + " key)", "dirtyKeyDel(Attr::" + x + ", key);");
-   }
-   std::string announcement(Attribute const& a, std::string_view owner) const override {
-      return fill("template void Mox::announceKey<$X$::Attr::$x$_t>($X$ const&, $Key$ const&);",
-                  {{"X", owner}, {"x", a.name}, {"Key", key(a)}});
    }
 
 protected:
