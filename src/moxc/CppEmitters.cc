@@ -136,8 +136,6 @@ std::string emitClass(EntityType const& type) {
    headers.insert({"<string_view>", "core/Ptr.h", "core/String8.h"});
 
    auto const own = changeable(type);
-   unsigned const first = own.empty() ? firstId(type.level) : *own.front()->id;
-   unsigned const last = own.empty() ? first : *own.back()->id;
    std::string text = docComment(0, type.doc);
    text += derivedClass(0, "class " + type.shortName, "public " + std::string(type.baseName()));
    text += fill(R"(public:
@@ -149,37 +147,25 @@ std::string emitClass(EntityType const& type) {
    class _Type;
    using MoxBase = $Base$;
    static constexpr unsigned moxLevel = $level$;
-   /// Lowest and highest identifier among the level's own attributes.
-   static constexpr Mox::AttributeId moxFirstAttribute = $first$;
-   static constexpr Mox::AttributeId moxLastAttribute = $last$;
-   /// Whether the log cannot create the type, because its constructor takes what the log does not carry.
-   static constexpr bool moxIsAbstract = $abstract$;
-
 )",
-                {{"Base", type.baseName()},
-                 {"level", std::to_string(type.level)},
-                 {"first", std::to_string(first)},
-                 {"last", std::to_string(last)},
-                 {"abstract", type.isAbstract ? "true" : "false"}});
+                {{"Base", type.baseName()}, {"level", std::to_string(type.level)}});
+   // What is as in the base is inherited.
+   if (type.isAbstract != (type.base != nullptr && type.base->isAbstract))
+      text += fill("   static constexpr bool moxIsAbstract = $abstract$;\n",
+                   {{"abstract", type.isAbstract ? "true" : "false"}});
+   text += '\n';
    text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' +
                          constructorParameters(type) + ");");
    text += "   ~" + type.shortName + "() override;\n";
    text += R"(
    static Mox::Ptr<Mox::MoxType const> _fwkType();
-   Mox::Ptr<Mox::MoxType const> fwkType() const override;
-   Mox::String8 attributeString(Mox::AttributeId id) const override;
+   Mox::Ptr<Mox::MoxType const> fwkType() const override { return _fwkType(); }
 )";
+   if (type.log != (type.base != nullptr && type.base->log))
+      text += fill("   bool moxHasAttrLogInterface() const override { return $log$; }\n",
+                   {{"log", type.log ? "true" : "false"}});
    if (!own.empty())
       text += "   template <class A, class... Key> void moxAnnounce(Key const&... key) const;\n";
-   if (type.log)
-      text += R"(   bool moxHasAttrLogInterface() const override { return true; }
-   using MoxBase::moxNboAttrLogSaIs;
-   Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence,
-                                                            Mox::Ptr<Mox::NboAttrLog::Out> const& out,
-                                                            Mox::PtrInterface* parent) override;
-)";
-   else
-      text += "   bool moxHasAttrLogInterface() const override { return false; }\n";
    if (std::string const nested = forEach(own, &AttributeKind::nestedTypes); !nested.empty())
       text += '\n' + nested;
    text += '\n';
@@ -302,7 +288,6 @@ $adapter$public:
    std::string const once = fill(R"(
 extern template class Mox::NboAttrLog::LevelSa<$X$>;
 extern template class Mox::NboAttrLog::LevelFlow<$X$>;
-extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",
                                  {{"X", type.name}});
    return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text) + once;
@@ -336,36 +321,17 @@ std::string emitSource(EntityType const& type) {
    if (!construct.empty())
       text += construct + "}\n";
 
-   text +=
-      fill(R"(
+   text += fill(R"(
 $X$::~$X$() {
    moxEnd();
 }
 
 Mox::Ptr<Mox::MoxType const> $X$::_fwkType() {
-$static$   return type;
-}
-
-Mox::Ptr<Mox::MoxType const> $X$::fwkType() const {
-   return _fwkType();
-}
-
-Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
-   return Mox::attributeStringOf<$X$>(*this, id);
-}
+$return$}
 )",
-           {{"X", X},
-            {"static", wrapped(3, "static auto const type = Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
-                                     (type.log ? "Mox::NboAttrLog::typeOperations<" + X + ">()" : "nullptr") + ");")}});
-   if (type.log)
-      text += '\n' +
-              wrapped(0, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + X +
-                            "::moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence, "
-                            "Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {") +
-              fill(R"(   return Mox::NboAttrLog::adapterIs<$X$>(*this, flags, sequence, out, parent);
-}
-)",
-                   {{"X", X}});
+                {{"X", X},
+                 {"return", wrapped(3, "return Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
+                                          (type.log ? "MoxNboAttrLogSa::typeOperations()" : "nullptr") + ");")}});
    bool const hasPasses = !changeable(type).empty();
    if (hasPasses)
       text += fill(R"(
@@ -382,7 +348,6 @@ template <class A, class... Key> void $X$::moxAnnounce(Key const&... key) const 
    if (type.log)
       text += fill(R"(template class Mox::NboAttrLog::LevelSa<$X$>;
 template class Mox::NboAttrLog::LevelFlow<$X$>;
-template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",
                    {{"X", type.name}});
    std::set<std::string> headers{"notify/Delivery.h", "notify/TypeOperations.h", "<utility>"};

@@ -97,6 +97,18 @@ template <class... Types> struct TypeList {
 
 namespace detail {
 
+constexpr AttributeId idOfFirst(TypeList<>, unsigned level) noexcept {
+   return firstAttributeId(level);
+}
+template <class A, class... As> constexpr AttributeId idOfFirst(TypeList<A, As...>, unsigned) noexcept {
+   return A::id;
+}
+template <class... As> constexpr AttributeId idOfLast(TypeList<As...>, unsigned level) noexcept {
+   AttributeId last = firstAttributeId(level);
+   ((last = As::id), ...);
+   return last;
+}
+
 template <class Visitor, class A> void visitOne(Visitor& visit) {
    visit(A{});
 }
@@ -110,16 +122,22 @@ constexpr auto visitorTable(TypeList<As...>) noexcept {
 
 } // namespace detail
 
+/// Lowest and highest identifier of the attributes that the level of `X` adds; the level's first where it adds none.
+template <class X>
+inline constexpr AttributeId firstAttribute = detail::idOfFirst(typename X::MoxAttributes{}, X::moxLevel);
+template <class X>
+inline constexpr AttributeId lastAttribute = detail::idOfLast(typename X::MoxAttributes{}, X::moxLevel);
+
 /// Calls `visit` with the descriptor of attribute `id` of the level that `X` adds to its base: the one dispatch from number to
 /// attribute, a table look-up. False where the level has no such attribute.
 template <class X, class Visitor> bool visitAttribute(AttributeId id, Visitor&& visit) {
    using V = std::remove_reference_t<Visitor>;
    if constexpr (X::MoxAttributes::size != 0) {
       static constexpr auto table =
-         detail::visitorTable<V, X::moxFirstAttribute, X::moxLastAttribute>(typename X::MoxAttributes{});
-      if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
+         detail::visitorTable<V, firstAttribute<X>, lastAttribute<X>>(typename X::MoxAttributes{});
+      if (id < firstAttribute<X> || id > lastAttribute<X>)
          return false;
-      if (auto const call = table[id - X::moxFirstAttribute]) {
+      if (auto const call = table[id - firstAttribute<X>]) {
          call(visit);
          return true;
       }

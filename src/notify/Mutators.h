@@ -3,6 +3,7 @@
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/Entity.h"
+#include "mox/MoxType.h" // each type's `fwkType` hands out a counted one
 #include "notify/Kinds.h"
 
 #include <string>

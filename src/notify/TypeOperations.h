@@ -122,26 +122,27 @@ template <class X> void dumpLevel(Entity const& entity, std::vector<DumpLine>& l
    });
 }
 
-} // namespace detail
-
-/// Makes the type object of `X`; called once, from `X::_fwkType`. `log` is null for a type without an attribute log.
-template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, NboAttrLog::TypeOperations const* log) {
+template <class X> EntityOperations operationsOf(NboAttrLog::TypeOperations const* log) {
    EntityOperations operations;
-   if constexpr (detail::ownedCollections<X>() != 0) {
-      operations.membersDelAll = &detail::membersDelAll<X>;
-      operations.visitMembers = &detail::visitMembers<X>;
-      operations.collections = detail::ownedCollections<X>();
+   if constexpr (ownedCollections<X>() != 0) {
+      operations.membersDelAll = &membersDelAll<X>;
+      operations.visitMembers = &visitMembers<X>;
+      operations.collections = ownedCollections<X>();
    }
-   operations.dumpLines = &detail::dumpLevel<X>;
-   operations.auditErrors = &detail::auditLevel<X>;
+   operations.attributeName = &attributeNameOf<X>;
+   operations.dumpLines = &dumpLevel<X>;
+   operations.auditErrors = &auditLevel<X>;
    operations.log = log;
-   return make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), operations);
+   return operations;
 }
 
-/// The name of the attribute, the base's answer for what is not this level's.
-template <class X> String8 attributeStringOf(X const& entity, AttributeId id) {
-   std::string_view const name = attributeNameOf<X>(id);
-   return name.empty() ? entity.X::MoxBase::attributeString(id) : String8(name);
+} // namespace detail
+
+/// The type object of `X`, made at the first call; called from `X::_fwkType` alone. `log` is null for a type without an attribute
+/// log.
+template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, NboAttrLog::TypeOperations const* log) {
+   static auto const type = make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), detail::operationsOf<X>(log));
+   return type;
 }
 
 } // namespace Mox
