@@ -230,8 +230,8 @@ private:
 
 /// The reactor of a state adapter: carries every notification to the adapter's handler of the same name.
 template <class X>
-class SaReactor : public X::template MoxForwarder<typename X::Notifiee, SaReactor<X>>,
-                  public Entity::MoxNboAttrLogSa::ReactorLink {
+class SaReactor final : public X::template MoxForwarder<typename X::Notifiee, SaReactor<X>>,
+                        public Entity::MoxNboAttrLogSa::ReactorLink {
 public:
    explicit SaReactor(Entity::MoxNboAttrLogSa* sa) noexcept : ReactorLink(sa) {}
 

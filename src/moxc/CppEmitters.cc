@@ -111,11 +111,16 @@ std::string descriptors(EntityType const& type) {
    return text + "   };\n";
 }
 
-std::string typeList(std::vector<Attribute const*> const& attributes, EntityType const& type) {
+std::string typeList(std::string const& alias, std::vector<Attribute const*> const& attributes,
+                     EntityType const& type) {
    std::vector<std::string> names;
    for (Attribute const* a : attributes)
       names.push_back((a->owner == &type ? std::string() : a->owner->name + "::") + "Attr::" + a->name + "_t");
-   return "Mox::TypeList<" + joinedWith(", ", names) + '>';
+   std::string const head = "   using " + alias + " = Mox::TypeList<";
+   std::string const list = joinedWith(", ", names) + ">;";
+   if (head.size() + list.size() <= maximumColumns)
+      return head + list + '\n';
+   return head + '\n' + filled("      ", list); // behind the bracket there would be few columns
 }
 
 } // namespace
@@ -191,9 +196,9 @@ std::string emitClass(EntityType const& type) {
                    {{"X", type.shortName}});
    text += '\n' + descriptors(type);
    text += "   /// The level's own changeable attributes, in the order of their identifiers.\n";
-   text += wrapped(3, "using MoxAttributes = " + typeList(own, type) + ';');
+   text += typeList("MoxAttributes", own, type);
    text += "   /// Constructor parameters behind the name that can be read back, in order.\n";
-   text += wrapped(3, "using MoxParameters = " + typeList(readableParameters(type), type) + ';');
+   text += typeList("MoxParameters", readableParameters(type), type);
    if (auto const data = members(type); !data.empty()) {
       text += "\nprivate:\n";
       for (Member const& member : data)
@@ -211,27 +216,14 @@ std::string emitReactor(EntityType const& type) {
    auto const own = changeable(type);
 
    std::string text = "/// Watches a `" + X + "`: override the notifications that matter.\n";
-   text += derivedClass(0, "class " + X + "::NotifieeConst", "public " + base + "::NotifieeConst");
-   text += "public:\n";
-   text += wrapped(3, "static constexpr Mox::ReactorClass reactorClass{&" + base + "::NotifieeConst::reactorClass};");
-   text += "   using MoxNotifier = " + X + ";\n";
-   if (type.base == nullptr)
-      text += fill(R"(
-   void isRegisteredNotifieeIs(bool registered) const override {
-      Mox::Entity::NotifieeConst::isRegisteredNotifieeIs(registered);
-   }
-   Mox::Name name() const override { return Mox::Entity::NotifieeConst::name(); }
-   void notifierIs(Mox::Ptr<Mox::PtrInterface const> const& n) override { notifierOfTypeIs<$X$>(n); }
+   text += fill(R"(class $X$::NotifieeConst : public Mox::ReactorOf<$X$> {
+public:
+   Mox::Ptr<$X$ const> notifier() const noexcept { return notifierOfType<$X$>(); }
 )",
-                   {{"X", X}});
+                {{"X", X}});
    if (!own.empty())
       text += '\n' + forEach(own, &AttributeKind::notifications);
-   text += fill(R"(
-   Mox::Ptr<$X$ const> notifier() const noexcept { return notifierOfType<$X$>(); }
-
-protected:
-   NotifieeConst() noexcept { reactorClassIs(reactorClass); }
-};
+   text += fill(R"(};
 
 /// The variant for reactors that change the entity they watch.
 class $X$::Notifiee : public $X$::NotifieeConst {
@@ -263,7 +255,8 @@ std::string emitLog(EntityType const& type) {
       fill(R"(/// Mirrors a `$X$` over one stream.
 class $X$::MoxNboAttrLogSa : public Mox::NboAttrLog::LevelSa<$X$> {
 public:
-   class MoxNboAttrLogSaAdapter_;
+   /// The reactor through which the entity reaches its adapter.
+   using MoxNboAttrLogSaAdapter_ = Mox::NboAttrLog::SaReactor<$X$>;
    class FlowOut;
    using LevelSa::LevelSa;
 $handlers$};
@@ -272,15 +265,8 @@ $handlers$};
 $backlog$public:
    using LevelFlow::LevelFlow;
 $flow$};
-
-/// The reactor through which the entity reaches its adapter.
-$adapter$public:
-   using SaReactor::SaReactor;
-};
 )",
            {{"X", type.shortName},
-            {"adapter", derivedClass(0, sa + "::MoxNboAttrLogSaAdapter_ final",
-                                     "public Mox::NboAttrLog::SaReactor<" + type.shortName + '>')},
             {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
             {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
             {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
@@ -350,7 +336,7 @@ template <class A, class... Key> void $X$::moxAnnounce(Key const&... key) const 
 template class Mox::NboAttrLog::LevelFlow<$X$>;
 )",
                    {{"X", type.name}});
-   std::set<std::string> headers{"notify/Delivery.h", "notify/TypeOperations.h", "<utility>"};
+   std::set<std::string> headers{"notify/TypeOperations.h", "<utility>"};
    if (type.log)
       headers.insert("attrlog/LevelSaImpl.h");
    return banner(type) + "#include \"" + type.stem + (type.log ? "Log.h" : "Reactor.h") + "\"\n\n" + includes(headers) +

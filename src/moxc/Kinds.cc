@@ -319,14 +319,9 @@ public:
              commonFunctions(a, "map", t);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $T$, $Entry$, $Map$>",
-                  {{"kind", word()},
-                   {"X", a.owner->shortName},
-                   {"id", std::to_string(a.id.value_or(0))},
-                   {"Key", key(a)},
-                   {"T", a.value->cppType},
-                   {"Entry", entry(a)},
-                   {"Map", map(a)}});
+      return fill(
+         "Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Map$>",
+         {{"kind", word()}, {"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override { return keyedCalls(a); }
 };
@@ -379,13 +374,9 @@ public:
              commonFunctions(a, "member", pointer);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $M$, $M$, $Map$>",
-                  {{"kind", word()},
-                   {"X", a.owner->shortName},
-                   {"id", std::to_string(a.id.value_or(0))},
-                   {"Key", key(a)},
-                   {"M", a.entity->name},
-                   {"Map", map(a)}});
+      return fill(
+         "Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Map$>",
+         {{"kind", word()}, {"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override {
       return fill(
@@ -465,11 +456,8 @@ public:
              commonFunctions(a, "map", valueSpelling(a));
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::ReferencesAttribute<$X$, $id$, $T$, $Entry$, $Map$>", {{"X", a.owner->shortName},
-                                                                               {"id", std::to_string(a.id.value_or(0))},
-                                                                               {"T", entitySpelling(a)},
-                                                                               {"Entry", entry(a)},
-                                                                               {"Map", map(a)}});
+      return fill("Mox::ReferencesAttribute<$X$, $id$, $Map$>",
+                  {{"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override {
       return fill(R"(         static void put(auto& e, auto const& v) { e.$x$Is(v); }

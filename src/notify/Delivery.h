@@ -4,8 +4,6 @@
 #include "mox/Entity.h"
 #include "notify/Kinds.h"
 
-#include <array>
-
 namespace Mox {
 
 namespace detail {
@@ -70,21 +68,5 @@ template <class A, class... Key>
    if (second.reactor != nullptr && second.reactor->references() != 1)
       detail::notify<A>(*second.reactor, key...);
 }
-
-/// The passes of the attributes that the level of `X` adds. A type's source instantiates it: they are compiled there, whoever
-/// else calls them finds them there, and their addresses keep the compiler from leaving out one that it has inlined.
-template <class X> struct DeliveryPasses {
-   template <class A> static constexpr auto addressOf() noexcept {
-      if constexpr (A::isKeyed)
-         return &X::template moxAnnounce<A, typename A::Key>;
-      else
-         return &X::template moxAnnounce<A>;
-   }
-   template <class A> static constexpr auto pass = addressOf<A>();
-   template <class... As> static constexpr auto passes(TypeList<As...>) noexcept {
-      return std::array<void const*, sizeof...(As)>{&pass<As>...};
-   }
-   static constexpr auto all = passes(typename X::MoxAttributes{});
-};
 
 } // namespace Mox

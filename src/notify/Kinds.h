@@ -65,10 +65,11 @@ struct ParameterAttribute : AttributeBase<Kind::parameter, Owner, id, Ptr<Target
    using Target = Target_;
 };
 
-template <Kind kind, class Owner, AttributeId id, class Key_, class Value, class Entry_, class Container_>
+/// Entries under keys. The container tells the types of both.
+template <Kind kind, class Owner, AttributeId id, class Container_, class Value = typename Container_::ValueType>
 struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
-   using Key = Key_;
-   using Entry = Entry_;
+   using Key = typename Container_::KeyType;
+   using Entry = typename Container_::EntryType;
    using Container = Container_;
    static constexpr bool isKeyed = true;
    static constexpr bool hasEntries = true;
@@ -76,9 +77,10 @@ struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
 };
 
 /// Counted references to entities that the owner does not own, under their own names; `Target` may be const.
-template <class Owner, AttributeId id, class Target_, class Entry, class Container>
-struct ReferencesAttribute : KeyedAttribute<Kind::hashReferences, Owner, id, Name, Ptr<Target_>, Entry, Container> {
-   using Target = Target_;
+template <class Owner, AttributeId id, class Container>
+struct ReferencesAttribute
+   : KeyedAttribute<Kind::hashReferences, Owner, id, Container, Ptr<typename Container::ValueType>> {
+   using Target = typename Container::ValueType;
 };
 
 /// One value for each key of a bounded type.

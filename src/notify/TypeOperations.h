@@ -2,14 +2,18 @@
 
 #include "mox/Entity.h"
 #include "mox/MoxType.h"
+#include "notify/Delivery.h"
 #include "notify/Dump.h"
 #include "notify/Kinds.h"
 #include "notify/Mutators.h"
 #include "values/Print.h"
 
+#include <array>
 #include <exception>
 #include <sstream>
 #include <string_view>
+
+// What a type's own source is compiled from: the operations of its type object, and its delivery passes.
 
 namespace Mox {
 
@@ -144,5 +148,21 @@ template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, Nbo
    static auto const type = make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), detail::operationsOf<X>(log));
    return type;
 }
+
+/// The passes of the attributes that the level of `X` adds. A type's source instantiates it: they are compiled there, whoever
+/// else calls them finds them there, and their addresses keep the compiler from leaving out one that it has inlined.
+template <class X> struct DeliveryPasses {
+   template <class A> static constexpr auto addressOf() noexcept {
+      if constexpr (A::isKeyed)
+         return &X::template moxAnnounce<A, typename A::Key>;
+      else
+         return &X::template moxAnnounce<A>;
+   }
+   template <class A> static constexpr auto pass = addressOf<A>();
+   template <class... As> static constexpr auto passes(TypeList<As...>) noexcept {
+      return std::array<void const*, sizeof...(As)>{&pass<As>...};
+   }
+   static constexpr auto all = passes(typename X::MoxAttributes{});
+};
 
 } // namespace Mox
