@@ -16,7 +16,7 @@ using Bench::Board;
 namespace detail {
 
 template <unsigned count, class A> void setOne(Board& board, std::uint32_t value) {
-   if constexpr (A::id < Board::moxFirstAttribute + count)
+   if constexpr (A::id < Mox::firstAttribute<Board> + count)
       A::put(board, value);
 }
 template <unsigned count, class... A> void setFirst(Board& board, std::uint32_t value, Mox::TypeList<A...>) {

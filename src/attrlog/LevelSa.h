@@ -76,7 +76,7 @@ public:
    using Base = typename detail::BaseLog<X>::Flow;
    /// Bit 0 stands for the level's first identifier, whether or not an attribute has it.
    static constexpr AttributeId first = firstAttributeId(X::moxLevel);
-   static constexpr unsigned words = (X::moxLastAttribute - first) / 32 + 1;
+   static constexpr unsigned words = (lastAttribute<X> - first) / 32 + 1;
    using Words = std::array<std::uint32_t, words>;
 
    explicit LevelFlow(AttributeId startAttribute);
@@ -170,6 +170,9 @@ public:
    void tellUntold(Mark const& mark) override;
    void memberLeft(Mark const& mark) override;
 
+   /// The operations through which the log reaches the type `X`; for its type object.
+   static TypeOperations const* typeOperations() noexcept;
+
    LevelSa(Mox_BitSet flags, Ptr<X> const& entity, Demuxer* demuxer) : Base(flags, entity, demuxer) {}
 
    /// The backlog, if there is one.
@@ -226,8 +229,8 @@ private:
 
 /// The reactor of a state adapter: carries every notification to the adapter's handler of the same name.
 template <class X>
-class SaReactor : public X::template MoxForwarder<typename X::Notifiee, SaReactor<X>>,
-                  public Entity::MoxNboAttrLogSa::ReactorLink {
+class SaReactor final : public X::template MoxForwarder<typename X::Notifiee, SaReactor<X>>,
+                        public Entity::MoxNboAttrLogSa::ReactorLink {
 public:
    explicit SaReactor(Entity::MoxNboAttrLogSa* sa) noexcept : ReactorLink(sa) {}
 
@@ -254,13 +257,5 @@ public:
       A::fire(static_cast<typename A::Owner::MoxNboAttrLogSa&>(*sa_), key...);
    }
 };
-
-/// The operations through which the log reaches the type `X`; for its type object.
-template <class X> TypeOperations const* typeOperations();
-
-/// `X::moxNboAttrLogSaIs`: finds, updates or makes the adapter of `entity` on `out`. \throws RangeException "null ValidPtr"
-template <class X>
-Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned sequence, Ptr<Out> const& out,
-                                       PtrInterface* parent);
 
 } // namespace Mox::NboAttrLog

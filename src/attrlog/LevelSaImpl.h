@@ -72,7 +72,7 @@ template <class X> [[gnu::always_inline]] inline AttributeId LevelFlow<X>::nextP
    std::uint32_t left = w < words ? workable(w) & ~0u << (id - first) % 32 : 0;
    while (left == 0 && ++w < words)
       left = workable(w);
-   return left != 0 ? first + w * 32 + static_cast<unsigned>(std::countr_zero(left)) : X::moxLastAttribute + 1;
+   return left != 0 ? first + w * 32 + static_cast<unsigned>(std::countr_zero(left)) : lastAttribute<X> + 1;
 }
 
 template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, typename A::Key const& key, bool dirty) {
@@ -370,8 +370,8 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr
    }
    bool const isNew = !sa;
    if (isNew) {
-      sa = typeOperations<typename A::Entry>()->adapter(*child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak},
-                                                        demuxer);
+      sa = LevelSa<typename A::Entry>::typeOperations()->adapter(
+         *child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, demuxer);
       sa->moxOnInit();
    } else {
       sa->notificationFlagsIs({flags.bits | StreamAdapter::weak});
@@ -488,17 +488,17 @@ template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) 
    if (!flow)
       return attr::none;
    flow->moxDataBitsIs(static_cast<std::uint8_t>(flow->moxDataBits() & ~FlowOut::suspended));
-   if (start < X::moxFirstAttribute) {
+   if (start < firstAttribute<X>) {
       if (AttributeId const next = Base::handleAttrFlowOut(start))
          return next;
       if (this->flow_ != flow)
          return attr::none;
       if (!this->demuxer_->continueFlowOut())
-         return X::moxFirstAttribute;
-      start = X::moxFirstAttribute;
+         return firstAttribute<X>;
+      start = firstAttribute<X>;
    }
    Turn turn{*this, *flow, this->isPlainDrainer()};
-   for (AttributeId id = flow->nextPending(start); id <= X::moxLastAttribute; id = flow->nextPending(id + 1)) {
+   for (AttributeId id = flow->nextPending(start); id <= lastAttribute<X>; id = flow->nextPending(id + 1)) {
       flow->attrIdIs(id);
       visitAttribute<X>(id, turn);
       if (turn.isPlain) [[likely]] {
@@ -751,7 +751,7 @@ template <class X>
 int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptions options, unsigned count,
                                           Ptr<In> const& in) {
    AttributeId const id = attributeOf(aid);
-   if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
+   if (id < firstAttribute<X> || id > lastAttribute<X>)
       return Base::handleAttrDeserialization(aid, options, count, in);
    unsigned const removal = aid < 0 ? Reading::removal : 0;
    if (in) [[unlikely]] {
@@ -1065,6 +1065,10 @@ template <class X> Ptr<Entity::MoxNboAttrLogSa> makeAdapter(Entity& entity, Mox_
    return sa;
 }
 
+template <class X> bool isAdapter(Entity::MoxNboAttrLogSa const& sa) {
+   return dynamic_cast<typename X::MoxNboAttrLogSa const*>(&sa) != nullptr;
+}
+
 template <class X> Ptr<Entity> createFrom(Name const& name, In& in, Demuxer& demuxer) {
    return std::apply([&](auto const&... p) { return Ptr<Entity>(make<X>(name, p...)); },
                      readParameters(typename X::MoxParameters{}, in, demuxer));
@@ -1089,6 +1093,7 @@ template <class X> bool hasParameter(Entity const& entity, Entity const& target)
 template <class X> constexpr TypeOperations operationsOf() {
    TypeOperations operations;
    operations.adapter = &makeAdapter<X>;
+   operations.isAdapter = &isAdapter<X>;
    operations.parameters = X::MoxParameters::size;
    if constexpr (!X::moxIsAbstract) {
       operations.create = &createFrom<X>;
@@ -1102,29 +1107,9 @@ template <class X> constexpr TypeOperations operationsOf() {
 
 } // namespace detail
 
-template <class X> TypeOperations const* typeOperations() {
+template <class X> TypeOperations const* LevelSa<X>::typeOperations() noexcept {
    static constexpr TypeOperations operations = detail::operationsOf<X>();
    return &operations;
-}
-
-template <class X>
-Ptr<Entity::MoxNboAttrLogSa> adapterIs(X& entity, Mox_BitSet flags, unsigned, Ptr<Out> const& out, PtrInterface*) {
-   ValidPtr<Out> const valid(out);
-   Demuxer* const demuxer = demuxFor(Ptr<In const>(valid->reverseLog()));
-   if (demuxer == nullptr)
-      throwInternalException("an adapter needs a stream with a demultiplexer: " + valid->name());
-   if (Ptr<Entity::MoxNboAttrLogSa> present = entity.moxNboAttrLogSa(Ptr<Out const>(out))) {
-      if (dynamic_cast<typename X::MoxNboAttrLogSa*>(present.get()) != nullptr) {
-         if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
-            present->notificationFlagsIs(flags);
-         return present;
-      }
-      entity.moxNboAttrLogSaDel(Ptr<Out const>(out));
-   }
-   auto sa = detail::makeAdapter<X>(entity, flags, *demuxer);
-   demuxer->assign(*sa); // the stream holds its adapters
-   sa->hasNotificationActiveIs(true);
-   return sa;
 }
 
 } // namespace Mox::NboAttrLog

@@ -303,10 +303,28 @@ Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaForMsgChannel(Ptr<MoxNboAttr
    return nullptr; // no stream of this framework carries message channels
 }
 
-Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet, unsigned, Ptr<NboAttrLog::Out> const& out,
+Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet flags, unsigned, Ptr<NboAttrLog::Out> const& out,
                                                        PtrInterface*) {
    ValidPtr<NboAttrLog::Out> const valid(out);
-   throwInternalException(std::string(std::string_view(fwkType()->name())) + " has no attribute log: " + valid->name());
+   auto const* const operations = NboAttrLog::logOperationsOf(*this);
+   if (operations == nullptr)
+      throwInternalException(std::string(std::string_view(fwkType()->name())) +
+                             " has no attribute log: " + valid->name());
+   NboAttrLog::Demuxer* const demuxer = demuxFor(Ptr<NboAttrLog::In const>(valid->reverseLog()));
+   if (demuxer == nullptr)
+      throwInternalException("an adapter needs a stream with a demultiplexer: " + valid->name());
+   if (Ptr<MoxNboAttrLogSa> present = moxNboAttrLogSa(Ptr<NboAttrLog::Out const>(out))) {
+      if (operations->isAdapter(*present)) {
+         if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
+            present->notificationFlagsIs(flags);
+         return present;
+      }
+      moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const>(out));
+   }
+   auto sa = operations->adapter(*this, flags, *demuxer);
+   demuxer->assign(*sa); // the stream holds its adapters
+   sa->hasNotificationActiveIs(true);
+   return sa;
 }
 
 Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const> const& out) {

@@ -28,6 +28,8 @@ struct DeserializationOptions {
 /// What the log does with a type that it does not know: make an entity from a record, and an adapter for an entity.
 struct TypeOperations {
    Ptr<Entity::MoxNboAttrLogSa> (*adapter)(Entity&, Mox_BitSet flags, Demuxer&) = nullptr;
+   /// Whether an adapter is of the type.
+   bool (*isAdapter)(Entity::MoxNboAttrLogSa const&) = nullptr;
    /// Makes an entity from its name and the constructor parameters that `in` holds; null for a type that no peer may make.
    Ptr<Entity> (*create)(Name const& name, In& in, Demuxer&) = nullptr;
    /// Whether `entity` was made with the parameters that `in` holds.

@@ -69,6 +69,8 @@ private:
 template <class Entry, class Key, class Value = Entry> class HashMap {
 public:
    using KeyType = Key;
+   using EntryType = Entry;
+   using ValueType = Value;
    using VTable = HashMapVTable<Entry, Key>;
    using Iterator = MapIterator<HashMap, Entry>;
    using IteratorConst = MapIterator<HashMap const, Entry const>;

@@ -40,6 +40,8 @@ private:
 template <class Entry, class Key, class Value = Entry> class RbTreeMap {
 public:
    using KeyType = Key;
+   using EntryType = Entry;
+   using ValueType = Value;
    using Iterator = MapIterator<RbTreeMap, Entry>;
    using IteratorConst = MapIterator<RbTreeMap const, Entry const>;
    static constexpr bool entriesAreValues = std::is_same_v<Entry, Value>;

@@ -121,6 +121,10 @@ String8 Entity::fullNameOf(Entity const* entity) {
 }
 
 String8 Entity::attributeString(AttributeId id) const {
+   for (Ptr<MoxType const> type = fwkType(); type; type = type->base())
+      if (auto const nameOf = type->operations().attributeName)
+         if (std::string_view const name = nameOf(id); !name.empty())
+            return String8(name);
    switch (id) {
    case attr::name:
       return "name";

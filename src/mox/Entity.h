@@ -42,7 +42,10 @@ public:
       static constexpr parent_t parent{};
    };
 
+   /// Depth of the class chain.
    static constexpr unsigned moxLevel = 1;
+   /// Whether the log cannot create the type, because its constructor takes what the log does not carry.
+   static constexpr bool moxIsAbstract = false;
 
    explicit Entity(Name name);
 
@@ -74,7 +77,9 @@ public:
    virtual bool moxHasAttrLogInterface() const;
    virtual Ptr<MoxNboAttrLogSa> moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out);
    virtual Ptr<MoxNboAttrLogSa> moxNboAttrLogSaForMsgChannel(Ptr<MoxNboAttrLogSa> const& other) const;
+   /// Finds, updates or makes the adapter of the entity's type on `out`.
    /// \throws RangeException "null ValidPtr" for a null stream
+   /// \throws InternalException for a type without an attribute log
    virtual Ptr<MoxNboAttrLogSa> moxNboAttrLogSaIs(Mox_BitSet flags, unsigned sequence, Ptr<NboAttrLog::Out> const& out,
                                                   PtrInterface* parent);
    virtual Ptr<MoxNboAttrLogSa> moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const> const& out);

@@ -25,6 +25,8 @@ struct EntityOperations {
    void (*visitMembers)(Entity&, void* context, void (*visit)(void*, AttributeId, Entity&)) = nullptr;
    /// Faults in the structure of this level's own collections (order of trees and chains, counts, parent links).
    unsigned (*auditErrors)(Entity const&, unsigned depth) = nullptr;
+   /// Name of the attribute of this level, or empty.
+   std::string_view (*attributeName)(AttributeId) = nullptr;
    /// Appends a line per attribute and key of this level, and those of the members below it.
    void (*dumpLines)(Entity const&, std::vector<DumpLine>& lines) = nullptr;
    /// Instantiating collections of this level.

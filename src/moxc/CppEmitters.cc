@@ -111,11 +111,16 @@ std::string descriptors(EntityType const& type) {
    return text + "   };\n";
 }
 
-std::string typeList(std::vector<Attribute const*> const& attributes, EntityType const& type) {
+std::string typeList(std::string const& alias, std::vector<Attribute const*> const& attributes,
+                     EntityType const& type) {
    std::vector<std::string> names;
    for (Attribute const* a : attributes)
       names.push_back((a->owner == &type ? std::string() : a->owner->name + "::") + "Attr::" + a->name + "_t");
-   return "Mox::TypeList<" + joinedWith(", ", names) + '>';
+   std::string const head = "   using " + alias + " = Mox::TypeList<";
+   std::string const list = joinedWith(", ", names) + ">;";
+   if (head.size() + list.size() <= maximumColumns)
+      return head + list + '\n';
+   return head + '\n' + filled("      ", list); // behind the bracket there would be few columns
 }
 
 } // namespace
@@ -136,8 +141,6 @@ std::string emitClass(EntityType const& type) {
    headers.insert({"<string_view>", "core/Ptr.h", "core/String8.h"});
 
    auto const own = changeable(type);
-   unsigned const first = own.empty() ? firstId(type.level) : *own.front()->id;
-   unsigned const last = own.empty() ? first : *own.back()->id;
    std::string text = docComment(0, type.doc);
    text += derivedClass(0, "class " + type.shortName, "public " + std::string(type.baseName()));
    text += fill(R"(public:
@@ -149,35 +152,25 @@ std::string emitClass(EntityType const& type) {
    class _Type;
    using MoxBase = $Base$;
    static constexpr unsigned moxLevel = $level$;
-   /// Lowest and highest identifier among the level's own attributes.
-   static constexpr Mox::AttributeId moxFirstAttribute = $first$;
-   static constexpr Mox::AttributeId moxLastAttribute = $last$;
-   /// Whether the log cannot create the type, because its constructor takes what the log does not carry.
-   static constexpr bool moxIsAbstract = $abstract$;
-
 )",
-                {{"Base", type.baseName()},
-                 {"level", std::to_string(type.level)},
-                 {"first", std::to_string(first)},
-                 {"last", std::to_string(last)},
-                 {"abstract", type.isAbstract ? "true" : "false"}});
+                {{"Base", type.baseName()}, {"level", std::to_string(type.level)}});
+   // What is as in the base is inherited.
+   if (type.isAbstract != (type.base != nullptr && type.base->isAbstract))
+      text += fill("   static constexpr bool moxIsAbstract = $abstract$;\n",
+                   {{"abstract", type.isAbstract ? "true" : "false"}});
+   text += '\n';
    text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' +
                          constructorParameters(type) + ");");
    text += "   ~" + type.shortName + "() override;\n";
    text += R"(
    static Mox::Ptr<Mox::MoxType const> _fwkType();
-   Mox::Ptr<Mox::MoxType const> fwkType() const override;
-   Mox::String8 attributeString(Mox::AttributeId id) const override;
+   Mox::Ptr<Mox::MoxType const> fwkType() const override { return _fwkType(); }
 )";
-   if (type.log)
-      text += R"(   bool moxHasAttrLogInterface() const override { return true; }
-   using MoxBase::moxNboAttrLogSaIs;
-   Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence,
-                                                            Mox::Ptr<Mox::NboAttrLog::Out> const& out,
-                                                            Mox::PtrInterface* parent) override;
-)";
-   else
-      text += "   bool moxHasAttrLogInterface() const override { return false; }\n";
+   if (type.log != (type.base != nullptr && type.base->log))
+      text += fill("   bool moxHasAttrLogInterface() const override { return $log$; }\n",
+                   {{"log", type.log ? "true" : "false"}});
+   if (!own.empty())
+      text += "   template <class A, class... Key> void moxAnnounce(Key const&... key) const;\n";
    if (std::string const nested = forEach(own, &AttributeKind::nestedTypes); !nested.empty())
       text += '\n' + nested;
    text += '\n';
@@ -203,9 +196,9 @@ std::string emitClass(EntityType const& type) {
                    {{"X", type.shortName}});
    text += '\n' + descriptors(type);
    text += "   /// The level's own changeable attributes, in the order of their identifiers.\n";
-   text += wrapped(3, "using MoxAttributes = " + typeList(own, type) + ';');
+   text += typeList("MoxAttributes", own, type);
    text += "   /// Constructor parameters behind the name that can be read back, in order.\n";
-   text += wrapped(3, "using MoxParameters = " + typeList(readableParameters(type), type) + ';');
+   text += typeList("MoxParameters", readableParameters(type), type);
    if (auto const data = members(type); !data.empty()) {
       text += "\nprivate:\n";
       for (Member const& member : data)
@@ -213,13 +206,7 @@ std::string emitClass(EntityType const& type) {
                  (member.isParameter ? std::string() : member.storage.initialiser) + ";\n";
    }
    text += "};\n";
-   text = inNamespace(type, text);
-   if (!own.empty()) {
-      text += "\n// The delivery passes are compiled with the type, so that nobody else needs its reactor interface.\n";
-      for (Attribute const* a : own)
-         text += wrapped(0, "extern " + a->kind->announcement(*a, type.name));
-   }
-   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + text;
+   return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text);
 }
 
 std::string emitReactor(EntityType const& type) {
@@ -229,27 +216,14 @@ std::string emitReactor(EntityType const& type) {
    auto const own = changeable(type);
 
    std::string text = "/// Watches a `" + X + "`: override the notifications that matter.\n";
-   text += derivedClass(0, "class " + X + "::NotifieeConst", "public " + base + "::NotifieeConst");
-   text += "public:\n";
-   text += wrapped(3, "static constexpr Mox::ReactorClass reactorClass{&" + base + "::NotifieeConst::reactorClass};");
-   text += "   using MoxNotifier = " + X + ";\n";
-   if (type.base == nullptr)
-      text += fill(R"(
-   void isRegisteredNotifieeIs(bool registered) const override {
-      Mox::Entity::NotifieeConst::isRegisteredNotifieeIs(registered);
-   }
-   Mox::Name name() const override { return Mox::Entity::NotifieeConst::name(); }
-   void notifierIs(Mox::Ptr<Mox::PtrInterface const> const& n) override { notifierOfTypeIs<$X$>(n); }
+   text += fill(R"(class $X$::NotifieeConst : public Mox::ReactorOf<$X$> {
+public:
+   Mox::Ptr<$X$ const> notifier() const noexcept { return notifierOfType<$X$>(); }
 )",
-                   {{"X", X}});
+                {{"X", X}});
    if (!own.empty())
       text += '\n' + forEach(own, &AttributeKind::notifications);
-   text += fill(R"(
-   Mox::Ptr<$X$ const> notifier() const noexcept { return notifierOfType<$X$>(); }
-
-protected:
-   NotifieeConst() noexcept { reactorClassIs(reactorClass); }
-};
+   text += fill(R"(};
 
 /// The variant for reactors that change the entity they watch.
 class $X$::Notifiee : public $X$::NotifieeConst {
@@ -281,7 +255,8 @@ std::string emitLog(EntityType const& type) {
       fill(R"(/// Mirrors a `$X$` over one stream.
 class $X$::MoxNboAttrLogSa : public Mox::NboAttrLog::LevelSa<$X$> {
 public:
-   class MoxNboAttrLogSaAdapter_;
+   /// The reactor through which the entity reaches its adapter.
+   using MoxNboAttrLogSaAdapter_ = Mox::NboAttrLog::SaReactor<$X$>;
    class FlowOut;
    using LevelSa::LevelSa;
 $handlers$};
@@ -290,15 +265,8 @@ $handlers$};
 $backlog$public:
    using LevelFlow::LevelFlow;
 $flow$};
-
-/// The reactor through which the entity reaches its adapter.
-$adapter$public:
-   using SaReactor::SaReactor;
-};
 )",
            {{"X", type.shortName},
-            {"adapter", derivedClass(0, sa + "::MoxNboAttrLogSaAdapter_ final",
-                                     "public Mox::NboAttrLog::SaReactor<" + type.shortName + '>')},
             {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
             {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
             {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
@@ -306,7 +274,6 @@ $adapter$public:
    std::string const once = fill(R"(
 extern template class Mox::NboAttrLog::LevelSa<$X$>;
 extern template class Mox::NboAttrLog::LevelFlow<$X$>;
-extern template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",
                                  {{"X", type.name}});
    return banner(type) + "#pragma once\n\n" + includes(headers) + '\n' + inNamespace(type, text) + once;
@@ -340,57 +307,36 @@ std::string emitSource(EntityType const& type) {
    if (!construct.empty())
       text += construct + "}\n";
 
-   text +=
-      fill(R"(
+   text += fill(R"(
 $X$::~$X$() {
    moxEnd();
 }
 
 Mox::Ptr<Mox::MoxType const> $X$::_fwkType() {
-$static$   return type;
-}
-
-Mox::Ptr<Mox::MoxType const> $X$::fwkType() const {
-   return _fwkType();
-}
-
-Mox::String8 $X$::attributeString(Mox::AttributeId id) const {
-   return Mox::attributeStringOf<$X$>(*this, id);
-}
+$return$}
 )",
-           {{"X", X},
-            {"static", wrapped(3, "static auto const type = Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
-                                     (type.log ? "Mox::NboAttrLog::typeOperations<" + X + ">()" : "nullptr") + ");")}});
-   if (type.log)
-      text += '\n' +
-              wrapped(0, "Mox::Ptr<Mox::Entity::MoxNboAttrLogSa> " + X +
-                            "::moxNboAttrLogSaIs(Mox::Mox_BitSet flags, unsigned sequence, "
-                            "Mox::Ptr<Mox::NboAttrLog::Out> const& out, Mox::PtrInterface* parent) {") +
-              fill(R"(   return Mox::NboAttrLog::adapterIs<$X$>(*this, flags, sequence, out, parent);
+                {{"X", X},
+                 {"return", wrapped(3, "return Mox::typeOf<" + X + ">(\"" + type.name + "\", " +
+                                          (type.log ? "MoxNboAttrLogSa::typeOperations()" : "nullptr") + ");")}});
+   bool const hasPasses = !changeable(type).empty();
+   if (hasPasses)
+      text += fill(R"(
+template <class A, class... Key> void $X$::moxAnnounce(Key const&... key) const {
+   Mox::deliver<A>(*this, key...);
 }
 )",
                    {{"X", X}});
    text = inNamespace(type, text);
-   if (!changeable(type).empty())
-      text += fill(R"(
-namespace {
-using X = $X$;
-}
-
-// The delivery passes, one per attribute.
-)",
-                   {{"X", type.name}});
-   for (Attribute const* a : changeable(type))
-      text += wrapped(0, a->kind->announcement(*a, "X"));
+   if (hasPasses || type.log)
+      text += "\n// What templates make of the type, compiled here once.\n";
+   if (hasPasses)
+      text += "template struct Mox::DeliveryPasses<" + type.name + ">;\n";
    if (type.log)
-      text += fill(R"(
-// The log's templates for this level, compiled here once.
-template class Mox::NboAttrLog::LevelSa<$X$>;
+      text += fill(R"(template class Mox::NboAttrLog::LevelSa<$X$>;
 template class Mox::NboAttrLog::LevelFlow<$X$>;
-template Mox::NboAttrLog::TypeOperations const* Mox::NboAttrLog::typeOperations<$X$>();
 )",
                    {{"X", type.name}});
-   std::set<std::string> headers{"notify/Delivery.h", "notify/TypeOperations.h", "<utility>"};
+   std::set<std::string> headers{"notify/TypeOperations.h", "<utility>"};
    if (type.log)
       headers.insert("attrlog/LevelSaImpl.h");
    return banner(type) + "#include \"" + type.stem + (type.log ? "Log.h" : "Reactor.h") + "\"\n\n" + includes(headers) +

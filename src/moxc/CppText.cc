@@ -75,8 +75,7 @@ std::string derivedClass(std::size_t indent, std::string_view head, std::string_
    return std::string(indent, ' ') + std::string(head) + '\n' + wrapped(indent + 3, ": " + std::string(bases) + " {");
 }
 
-std::string docComment(std::size_t indent, std::string_view text) {
-   std::string const margin = std::string(indent, ' ') + "///";
+std::string filled(std::string const& margin, std::string_view text) {
    std::string result;
    std::string line = margin;
    while (!text.empty()) {
@@ -89,11 +88,16 @@ std::string docComment(std::size_t indent, std::string_view text) {
          result += line + '\n';
          line = margin;
       }
-      line += ' ';
+      if (line != margin)
+         line += ' ';
       line += word;
       text.remove_prefix(word.size());
    }
    return result + line + '\n';
+}
+
+std::string docComment(std::size_t indent, std::string_view text) {
+   return filled(std::string(indent, ' ') + "/// ", text);
 }
 
 std::string joinedWith(std::string_view separator, std::vector<std::string> const& parts) {

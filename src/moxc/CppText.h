@@ -24,6 +24,9 @@ std::string inlineFunction(std::size_t indent, std::string_view signature, std::
 /// `head : bases {`, broken before the colon where it is too long.
 std::string derivedClass(std::size_t indent, std::string_view head, std::string_view bases);
 
+/// The words of `text` in as few lines as they fit in, each behind `margin`.
+std::string filled(std::string const& margin, std::string_view text);
+
 /// `///` comment of `text`, filled to the line length.
 std::string docComment(std::size_t indent, std::string_view text);
 

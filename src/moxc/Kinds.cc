@@ -54,9 +54,6 @@ public:
       return inlineFunction(3, "virtual void on" + capitalised(a.name) + "()", "changed(Attr::" + a.name + ");");
    }
    std::string flowOperations(Attribute const& a) const override { return dirtyBit(a); }
-   std::string announcement(Attribute const& a, std::string_view owner) const override {
-      return fill("template void Mox::announce<$X$::Attr::$x$_t>($X$ const&);", {{"X", owner}, {"x", a.name}});
-   }
    std::string memberFunctions(Attribute const& a) const override {
       std::string const v = a.name + "_";
       std::string text = inlineFunction(3, result(a) + ' ' + a.name + "() const noexcept", "return " + v + ';');
@@ -212,10 +209,6 @@ public:
                             "dirtyKeyIs(Attr::" + x + ", key, dirty);") +
              inlineFunction(3, "void moxIs" + X + "DirtyDel(" + k + " key)", "dirtyKeyDel(Attr::" + x + ", key);");
    }
-   std::string announcement(Attribute const& a, std::string_view owner) const override {
-      return fill("template void Mox::announceKey<$X$::Attr::$x$_t>($X$ const&, $Key$ const&);",
-                  {{"X", owner}, {"x", a.name}, {"Key", key(a)}});
-   }
 
 protected:
    /// The key's type: reactors and handlers take it by value.
@@ -326,14 +319,9 @@ public:
              commonFunctions(a, "map", t);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $T$, $Entry$, $Map$>",
-                  {{"kind", word()},
-                   {"X", a.owner->shortName},
-                   {"id", std::to_string(a.id.value_or(0))},
-                   {"Key", key(a)},
-                   {"T", a.value->cppType},
-                   {"Entry", entry(a)},
-                   {"Map", map(a)}});
+      return fill(
+         "Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Map$>",
+         {{"kind", word()}, {"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override { return keyedCalls(a); }
 };
@@ -386,13 +374,9 @@ public:
              commonFunctions(a, "member", pointer);
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Key$, $M$, $M$, $Map$>",
-                  {{"kind", word()},
-                   {"X", a.owner->shortName},
-                   {"id", std::to_string(a.id.value_or(0))},
-                   {"Key", key(a)},
-                   {"M", a.entity->name},
-                   {"Map", map(a)}});
+      return fill(
+         "Mox::KeyedAttribute<Mox::Kind::$kind$, $X$, $id$, $Map$>",
+         {{"kind", word()}, {"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override {
       return fill(
@@ -472,11 +456,8 @@ public:
              commonFunctions(a, "map", valueSpelling(a));
    }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::ReferencesAttribute<$X$, $id$, $T$, $Entry$, $Map$>", {{"X", a.owner->shortName},
-                                                                               {"id", std::to_string(a.id.value_or(0))},
-                                                                               {"T", entitySpelling(a)},
-                                                                               {"Entry", entry(a)},
-                                                                               {"Map", map(a)}});
+      return fill("Mox::ReferencesAttribute<$X$, $id$, $Map$>",
+                  {{"X", a.owner->shortName}, {"id", std::to_string(a.id.value_or(0))}, {"Map", map(a)}});
    }
    std::string descriptorCalls(Attribute const& a) const override {
       return fill(R"(         static void put(auto& e, auto const& v) { e.$x$Is(v); }

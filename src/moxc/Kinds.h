@@ -70,8 +70,6 @@ public:
    virtual std::string adapterHandlers(Attribute const& a) const = 0;
    /// Operations of the adapter's backlog.
    virtual std::string flowOperations(Attribute const& a) const = 0;
-   /// Declaration that instantiates the delivery pass; `owner` spells the attribute's class.
-   virtual std::string announcement(Attribute const& a, std::string_view owner) const = 0;
 };
 
 std::vector<AttributeKind const*> const& allKinds();

@@ -2,7 +2,7 @@
 
 #include "containers/SnapshotIterator.h"
 #include "mox/Entity.h"
-#include "notify/Mutators.h"
+#include "notify/Kinds.h"
 
 namespace Mox {
 
@@ -67,14 +67,6 @@ template <class A, class... Key>
    }
    if (second.reactor != nullptr && second.reactor->references() != 1)
       detail::notify<A>(*second.reactor, key...);
-}
-
-template <class A> void announce(typename A::Owner const& entity) {
-   deliver<A>(entity);
-}
-
-template <class A> void announceKey(typename A::Owner const& entity, typename A::Key const& key) {
-   deliver<A>(entity, key);
 }
 
 } // namespace Mox

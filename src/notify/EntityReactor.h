@@ -3,7 +3,28 @@
 #include "mox/Entity.h"
 #include "notify/Kinds.h"
 
+#include <concepts>
+
 namespace Mox {
+
+/// What every generated reactor interface is made on: its identity, and the check of what it is attached to.
+template <class X> class ReactorOf : public X::MoxBase::NotifieeConst {
+public:
+   using MoxNotifier = X;
+   static constexpr ReactorClass reactorClass{&X::MoxBase::NotifieeConst::reactorClass};
+
+   /// Takes what is of the chain's first type, the one directly below `Mox::Entity`; anything else counts as null. An interface
+   /// further up may so be attached to an entity that is only a base of its type: it has no `notifier` then.
+   void notifierIs(Ptr<PtrInterface const> const& notifier) override {
+      if constexpr (std::same_as<typename X::MoxBase, Entity>)
+         this->template notifierOfTypeIs<X>(notifier);
+      else
+         X::MoxBase::NotifieeConst::notifierIs(notifier);
+   }
+
+protected:
+   ReactorOf() noexcept { this->reactorClassIs(reactorClass); }
+};
 
 /// Root of the generated forwarders. A forwarder is a reactor that carries every notification of its type to one template,
 /// `Derived::forward(attribute, key…)`: state adapters, generic adapters and watches are made from it.

@@ -65,10 +65,11 @@ struct ParameterAttribute : AttributeBase<Kind::parameter, Owner, id, Ptr<Target
    using Target = Target_;
 };
 
-template <Kind kind, class Owner, AttributeId id, class Key_, class Value, class Entry_, class Container_>
+/// Entries under keys. The container tells the types of both.
+template <Kind kind, class Owner, AttributeId id, class Container_, class Value = typename Container_::ValueType>
 struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
-   using Key = Key_;
-   using Entry = Entry_;
+   using Key = typename Container_::KeyType;
+   using Entry = typename Container_::EntryType;
    using Container = Container_;
    static constexpr bool isKeyed = true;
    static constexpr bool hasEntries = true;
@@ -76,9 +77,10 @@ struct KeyedAttribute : AttributeBase<kind, Owner, id, Value> {
 };
 
 /// Counted references to entities that the owner does not own, under their own names; `Target` may be const.
-template <class Owner, AttributeId id, class Target_, class Entry, class Container>
-struct ReferencesAttribute : KeyedAttribute<Kind::hashReferences, Owner, id, Name, Ptr<Target_>, Entry, Container> {
-   using Target = Target_;
+template <class Owner, AttributeId id, class Container>
+struct ReferencesAttribute
+   : KeyedAttribute<Kind::hashReferences, Owner, id, Container, Ptr<typename Container::ValueType>> {
+   using Target = typename Container::ValueType;
 };
 
 /// One value for each key of a bounded type.
@@ -97,6 +99,18 @@ template <class... Types> struct TypeList {
 
 namespace detail {
 
+constexpr AttributeId idOfFirst(TypeList<>, unsigned level) noexcept {
+   return firstAttributeId(level);
+}
+template <class A, class... As> constexpr AttributeId idOfFirst(TypeList<A, As...>, unsigned) noexcept {
+   return A::id;
+}
+template <class... As> constexpr AttributeId idOfLast(TypeList<As...>, unsigned level) noexcept {
+   AttributeId last = firstAttributeId(level);
+   ((last = As::id), ...);
+   return last;
+}
+
 template <class Visitor, class A> void visitOne(Visitor& visit) {
    visit(A{});
 }
@@ -110,16 +124,22 @@ constexpr auto visitorTable(TypeList<As...>) noexcept {
 
 } // namespace detail
 
+/// Lowest and highest identifier of the attributes that the level of `X` adds; the level's first where it adds none.
+template <class X>
+inline constexpr AttributeId firstAttribute = detail::idOfFirst(typename X::MoxAttributes{}, X::moxLevel);
+template <class X>
+inline constexpr AttributeId lastAttribute = detail::idOfLast(typename X::MoxAttributes{}, X::moxLevel);
+
 /// Calls `visit` with the descriptor of attribute `id` of the level that `X` adds to its base: the one dispatch from number to
 /// attribute, a table look-up. False where the level has no such attribute.
 template <class X, class Visitor> bool visitAttribute(AttributeId id, Visitor&& visit) {
    using V = std::remove_reference_t<Visitor>;
    if constexpr (X::MoxAttributes::size != 0) {
       static constexpr auto table =
-         detail::visitorTable<V, X::moxFirstAttribute, X::moxLastAttribute>(typename X::MoxAttributes{});
-      if (id < X::moxFirstAttribute || id > X::moxLastAttribute)
+         detail::visitorTable<V, firstAttribute<X>, lastAttribute<X>>(typename X::MoxAttributes{});
+      if (id < firstAttribute<X> || id > lastAttribute<X>)
          return false;
-      if (auto const call = table[id - X::moxFirstAttribute]) {
+      if (auto const call = table[id - firstAttribute<X>]) {
          call(visit);
          return true;
       }

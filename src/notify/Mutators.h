@@ -3,6 +3,7 @@
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/Entity.h"
+#include "mox/MoxType.h" // each type's `fwkType` hands out a counted one
 #include "notify/Kinds.h"
 
 #include <string>
@@ -17,10 +18,12 @@
 
 namespace Mox {
 
-/// One delivery pass of an attribute's notification. Defined in notify/Delivery.h and instantiated in the type's own source, so
-/// that an entity's header does not need its reactor interface.
-template <class A> void announce(typename A::Owner const& entity);
-template <class A> void announceKey(typename A::Owner const& entity, typename A::Key const& key);
+/// One delivery pass of `A`'s notification, with the key of a keyed attribute behind the entity. Each type declares its passes
+/// in its header and defines them in its own source (notify/Delivery.h), which alone needs its reactor interface. So a type
+/// above it does not compile them once more.
+template <class A, class... Key> inline void announce(typename A::Owner const& entity, Key const&... key) {
+   entity.template moxAnnounce<A>(key...);
+}
 
 /// Floats compare as floats: a NaN always counts as a change, -0.0 equals +0.0.
 template <class A> inline void scalarIs(typename A::Owner& entity, typename A::Value const& value) {
@@ -63,7 +66,7 @@ template <class A> inline typename A::Value mapValue(typename A::Owner const& en
 
 template <class A> inline void keyNotify(typename A::Owner const& entity, typename A::Key const& key) {
    if (entity.moxHasReactors())
-      announceKey<A>(entity, key);
+      announce<A>(entity, key);
 }
 
 /// Puts a new entry into the map, in the place of a present one with that key. Counts and tells nothing.

@@ -2,14 +2,18 @@
 
 #include "mox/Entity.h"
 #include "mox/MoxType.h"
+#include "notify/Delivery.h"
 #include "notify/Dump.h"
 #include "notify/Kinds.h"
 #include "notify/Mutators.h"
 #include "values/Print.h"
 
+#include <array>
 #include <exception>
 #include <sstream>
 #include <string_view>
+
+// What a type's own source is compiled from: the operations of its type object, and its delivery passes.
 
 namespace Mox {
 
@@ -122,26 +126,43 @@ template <class X> void dumpLevel(Entity const& entity, std::vector<DumpLine>& l
    });
 }
 
+template <class X> EntityOperations operationsOf(NboAttrLog::TypeOperations const* log) {
+   EntityOperations operations;
+   if constexpr (ownedCollections<X>() != 0) {
+      operations.membersDelAll = &membersDelAll<X>;
+      operations.visitMembers = &visitMembers<X>;
+      operations.collections = ownedCollections<X>();
+   }
+   operations.attributeName = &attributeNameOf<X>;
+   operations.dumpLines = &dumpLevel<X>;
+   operations.auditErrors = &auditLevel<X>;
+   operations.log = log;
+   return operations;
+}
+
 } // namespace detail
 
-/// Makes the type object of `X`; called once, from `X::_fwkType`. `log` is null for a type without an attribute log.
+/// The type object of `X`, made at the first call; called from `X::_fwkType` alone. `log` is null for a type without an attribute
+/// log.
 template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, NboAttrLog::TypeOperations const* log) {
-   EntityOperations operations;
-   if constexpr (detail::ownedCollections<X>() != 0) {
-      operations.membersDelAll = &detail::membersDelAll<X>;
-      operations.visitMembers = &detail::visitMembers<X>;
-      operations.collections = detail::ownedCollections<X>();
-   }
-   operations.dumpLines = &detail::dumpLevel<X>;
-   operations.auditErrors = &detail::auditLevel<X>;
-   operations.log = log;
-   return make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), operations);
+   static auto const type = make<MoxType>(qualifiedName, X::MoxBase::_fwkType(), detail::operationsOf<X>(log));
+   return type;
 }
 
-/// The name of the attribute, the base's answer for what is not this level's.
-template <class X> String8 attributeStringOf(X const& entity, AttributeId id) {
-   std::string_view const name = attributeNameOf<X>(id);
-   return name.empty() ? entity.X::MoxBase::attributeString(id) : String8(name);
-}
+/// The passes of the attributes that the level of `X` adds. A type's source instantiates it: they are compiled there, whoever
+/// else calls them finds them there, and their addresses keep the compiler from leaving out one that it has inlined.
+template <class X> struct DeliveryPasses {
+   template <class A> static constexpr auto addressOf() noexcept {
+      if constexpr (A::isKeyed)
+         return &X::template moxAnnounce<A, typename A::Key>;
+      else
+         return &X::template moxAnnounce<A>;
+   }
+   template <class A> static constexpr auto pass = addressOf<A>();
+   template <class... As> static constexpr auto passes(TypeList<As...>) noexcept {
+      return std::array<void const*, sizeof...(As)>{&pass<As>...};
+   }
+   static constexpr auto all = passes(typename X::MoxAttributes{});
+};
 
 } // namespace Mox
