@@ -89,20 +89,22 @@ void Demuxer::cut() noexcept {
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
    // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
-   releaseWaiting([this](PeerSlot const& slot) {
+   auto const gone = waitingTaken([this](PeerSlot const& slot) {
       Entity const* top = slot.entity.get();
       while (top->moxRawParent() != nullptr)
          top = top->moxRawParent();
       Sa const* const sa = adapterOf(*top);
       return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
    });
-   reidentified_.clear();
    retiredMembers_.clear();
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = 0;
    peerHighestSlot_ = highestSlot;
    out_->clear();
    in_->reset();
+   releaseAll(gone); // last: a reactor may connect anew
+   if (!isOpen_)
+      reidentified_.clear();
 }
 
 // What this side announces ----------------------------------------------------------------------------------------------
@@ -648,7 +650,7 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    if (slot.isUsed && slot.entity == &entity && slot.sa)
       return;
    if (slot.isUsed)
-      release(slot);
+      release(takenFrom(slot));
    Ptr<Sa> sa(adapterOf(entity));
    if (sa && sa->entityId().isAssigned()) {
       // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
@@ -666,16 +668,21 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    newIdentifiers_ = true;
 }
 
-void Demuxer::release(PeerSlot& slot) noexcept {
-   // Moved out first: what goes may run reactors that come back here.
-   PeerSlot const gone{std::move(slot.sa), std::move(slot.entity), slot.generation, false};
+/// Takes the mirror out of its slot: the identifier stands for nothing from here on. Nobody is told of it yet.
+Demuxer::PeerSlot Demuxer::takenFrom(PeerSlot& slot) noexcept {
+   PeerSlot gone = std::exchange(slot, {nullptr, nullptr, slot.generation, false});
    isInHandCurrent_ = false; // it may be this
-   slot.sa = nullptr;
-   slot.entity = nullptr;
-   slot.isUsed = false;
    if (gone.sa) {
       gone.sa->flowsInDelAll();
-      syncing(*gone.sa, false); // a reactor may end the connection, and a next one counts from the start
+      syncing(*gone.sa, false);
+      gone.sa->entityIdIs({});
+   }
+   return gone;
+}
+
+/// Lets go of a mirror that has been taken out. Runs reactors, which may do anything here.
+void Demuxer::release(PeerSlot const& gone) noexcept {
+   if (gone.sa) {
       // What a reactor writes in answer is a change of an entity of this process, told as any other, and no refused one.
       gone.sa->flagIs(StreamAdapter::letGo, true);
       try {
@@ -692,25 +699,29 @@ void Demuxer::release(PeerSlot& slot) noexcept {
    newIdentifiers_ = true;
 }
 
-/// Lets go of the mirrors of an earlier connection that `isLet` names. \return how many
-template <class Predicate> std::size_t Demuxer::releaseWaiting(Predicate&& isLet) {
-   // Taken out first: what goes may run reactors that look for mirrors here.
+/// As above, one after the other; what the reactors of one have announced again stays. \return how many were let go
+std::size_t Demuxer::releaseAll(std::vector<PeerSlot> const& gone) noexcept {
+   std::size_t count = 0;
+   for (PeerSlot const& slot : gone)
+      if (!slot.sa || !slot.sa->entityId().isAssigned()) {
+         release(slot);
+         ++count;
+      }
+   return count;
+}
+
+/// Takes the mirrors of an earlier connection out that `isLet` names.
+template <class Predicate> std::vector<Demuxer::PeerSlot> Demuxer::waitingTaken(Predicate&& isLet) {
    auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
    std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
    waiting_.erase(behind, waiting_.end());
-   std::size_t let = 0;
-   for (PeerSlot& slot : gone)
-      if (!slot.sa->entityId().isAssigned()) { // else announced again, while those before it went
-         release(slot);
-         ++let;
-      }
-   return let;
+   return gone;
 }
 
 /// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too.
 void Demuxer::releaseWaitingBelow(Entity const& top) {
-   releaseWaiting(
-      [&](PeerSlot const& slot) { return !slot.sa->entityId().isAssigned() && isAtOrBelow(slot.entity.get(), top); });
+   releaseAll(waitingTaken(
+      [&](PeerSlot const& slot) { return !slot.sa->entityId().isAssigned() && isAtOrBelow(slot.entity.get(), top); }));
 }
 
 Ptr<Entity> Demuxer::mirrorOf(EntityId wireId) noexcept {
@@ -748,7 +759,7 @@ void Demuxer::retired(EntityId wireId) {
          retiredMembers_.push_back(slot->entity);
       }
    Ptr<Entity> const gone = slot->entity;
-   release(*slot);
+   release(takenFrom(*slot));
    if (gone)
       releaseWaitingBelow(*gone);
 }
@@ -802,7 +813,7 @@ bool Demuxer::isBelowWaitingRoot(Entity const* entity) const noexcept {
 
 void Demuxer::remountEnded() {
    std::erase_if(waiting_, [](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
-   releaseWaiting([this](PeerSlot const& slot) { return !isBelowWaitingRoot(slot.entity.get()); });
+   releaseAll(waitingTaken([this](PeerSlot const& slot) { return !isBelowWaitingRoot(slot.entity.get()); }));
 }
 
 bool Demuxer::isWaiting() const noexcept {
@@ -822,7 +833,7 @@ bool Demuxer::waitsBroken() {
             return true;
       return false;
    };
-   std::size_t const gone = releaseWaiting(isLet);
+   std::size_t const gone = releaseAll(waitingTaken(isLet));
    counters_.brokenWaits += gone;
    return gone != 0;
 }
@@ -838,11 +849,13 @@ void Demuxer::forgetMirrors(Entity* top) {
    auto const isLet = [top](PeerSlot const& slot) {
       return slot.entity && (top == nullptr || isAtOrBelow(slot.entity.get(), *top));
    };
-   // First: what a reactor mounts meanwhile waits too, and stays.
-   releaseWaiting(isLet);
-   for (std::size_t i = 0; i < peer_.size(); ++i)
-      if (isLet(peer_[i]))
-         release(peer_[i]);
+   // All are taken out before the first is told: its reactors may mount another, which stays, or cut the connection.
+   std::vector<PeerSlot> gone = waitingTaken(isLet);
+   gone.reserve(gone.size() + static_cast<std::size_t>(std::count_if(peer_.begin(), peer_.end(), isLet)));
+   for (PeerSlot& slot : peer_)
+      if (isLet(slot))
+         gone.push_back(takenFrom(slot));
+   releaseAll(gone);
 }
 
 // Records that come in --------------------------------------------------------------------------------------------------

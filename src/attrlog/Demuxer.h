@@ -267,8 +267,10 @@ private:
    bool step(FlowOut& flow);
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
-   void release(PeerSlot& slot) noexcept;
-   template <class Predicate> std::size_t releaseWaiting(Predicate&& isLet);
+   PeerSlot takenFrom(PeerSlot& slot) noexcept;
+   void release(PeerSlot const& gone) noexcept;
+   std::size_t releaseAll(std::vector<PeerSlot> const& gone) noexcept;
+   template <class Predicate> std::vector<PeerSlot> waitingTaken(Predicate&& isLet);
    void releaseWaitingBelow(Entity const& top);
    std::string where(In const& in, Sa const* sa, AttributeId id) const;
 

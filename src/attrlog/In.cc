@@ -52,7 +52,7 @@ void In::feed(std::span<std::uint8_t const> bytes) {
    if (broken_)
       return;
    if (reading_) {
-      insert(waiting_, waiting_.size(), bytes);
+      queue(bytes);
       return;
    }
    reading_ = true;
@@ -64,6 +64,11 @@ void In::feed(std::span<std::uint8_t const> bytes) {
    queue_.swap(waiting_);
    waiting_.clear();
    arrived_ = queue_;
+}
+
+void In::queue(std::span<std::uint8_t const> bytes) {
+   if (!broken_)
+      insert(waiting_, waiting_.size(), bytes);
 }
 
 void In::keep() {

@@ -80,6 +80,10 @@ public:
    /// The two halves of `consume`, for callers with a loop of their own: after `feed`, the bytes must stay where they
    /// are until `next` has returned false, or `keep` was called.
    void feed(std::span<std::uint8_t const> bytes);
+   /// Keeps a copy of the bytes, for `next` or the next `feed` to go on with. \throws std::bad_alloc; the stream is broken then
+   void queue(std::span<std::uint8_t const> bytes);
+   /// Whether bytes were queued that `next` has not come to.
+   bool isQueued() const noexcept { return !waiting_.empty(); }
    /// Steps to the next whole frame. False when there is none yet, and for good once the stream has been found broken.
    bool next() { return nextPlain() || nextOfAny(); }
    /// Copies what has not been stepped over; a later `feed` goes on from there. Where memory for bytes of the stream

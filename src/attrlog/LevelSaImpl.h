@@ -913,8 +913,12 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          try {
             instantiate();
          } catch (NameInUseException const&) {
-            // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again.
+            // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again. It may have
+            // left the collection there by now, and be referred to: until the identifier is retired, it stands for one beside.
             this->askOwner(Mark(A::id, name));
+            if (!before)
+               demuxer.bind(
+                  id, *std::apply([&](auto const&... p) { return make<typename A::Entry>(name, p...); }, parameters));
             throw;
          }
       }

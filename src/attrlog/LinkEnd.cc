@@ -160,7 +160,7 @@ void LinkEnd::peerGone(std::string_view reason) {
    isConnected_ = false;
    requests_.clear();
    demuxer_.cut();
-   for (std::size_t i = 0; i < mounts_.size(); ++i)
+   for (std::size_t i = 0; i < mounts_.size() && !isConnected_; ++i) // who is told may connect anew
       stateIs(mounts_[i], State::stale);
 }
 
@@ -168,23 +168,30 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
    if (!isConnected_ || mustEnd_)
       return;
    if (isApplying_) {
-      demuxer_.in()->feed(bytes); // waits behind the record in hand
+      try {
+         demuxer_.in()->queue(bytes); // behind the record in hand
+      } catch (std::exception const& e) {
+         peerGone(e.what());
+      }
       return;
    }
    isApplying_ = true;
    try {
-      demuxer_.in()->consume(bytes, [this](In& in) {
-         if (mustEnd_)
-            return;
-         if (!in.isControl()) {
-            demuxer_.record(in);
-         } else {
-            demuxer_.recordsEnd();
-            in.dispatchControl([this](auto const& control) { on(control); });
-         }
-      });
-      demuxer_.recordsEnd();
-      settleStates();
+      // What is told behind the last record runs reactors too, which may hand in more.
+      do {
+         demuxer_.in()->consume(std::exchange(bytes, {}), [this](In& in) {
+            if (mustEnd_)
+               return;
+            if (!in.isControl()) {
+               demuxer_.record(in);
+            } else {
+               demuxer_.recordsEnd();
+               in.dispatchControl([this](auto const& control) { on(control); });
+            }
+         });
+         demuxer_.recordsEnd();
+         settleStates();
+      } while (!mustEnd_ && demuxer_.in()->isQueued());
    } catch (std::exception const& e) {
       failure_ = e.what();
    }

@@ -49,6 +49,23 @@ struct Mirrored : testing::Test {
    }
 };
 
+TEST_F(Mirrored, WhoIsToldOfAStateMayHandInMore) {
+   link.right().onState([&](Name const&, LinkEnd::State state) {
+      if (state != LinkEnd::State::live)
+         return;
+      port->rollOffIs(0.35F);
+      auto const offered = link.left().bytesToSend();
+      std::vector<std::uint8_t> bytes(offered.begin(), offered.end());
+      link.left().bytesSent(bytes.size());
+      link.right().bytesArrived(bytes);
+      std::fill(bytes.begin(), bytes.end(), std::uint8_t{0xff}); // they are the caller's again
+   });
+   link.cut();
+   link.reconnect();
+   settle();
+   EXPECT_EQ(mirror->rollOff(), 0.35F);
+}
+
 TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
    auto const watch =
       onAny(mirror, [&](Cl10010Config& e, AttributeId id) { log.push_back(e.attributeString(id).str()); });
