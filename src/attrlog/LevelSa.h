@@ -124,9 +124,9 @@ public:
    AttributeId nextPending(AttributeId id) const noexcept;
 
 private:
-   static void bitIs(Words& words, unsigned bit, bool on) noexcept {
+   static void bitIs(Words& to, unsigned bit, bool on) noexcept {
       std::uint32_t const mask = 1u << bit % 32;
-      words[bit / 32] = on ? words[bit / 32] | mask : words[bit / 32] & ~mask;
+      to[bit / 32] = on ? to[bit / 32] | mask : to[bit / 32] & ~mask;
    }
    std::uint32_t pending(unsigned word) const noexcept { return (bits_[word] ^ collections()[word]) | haveKeys_[word]; }
    std::uint32_t workable(unsigned word) const noexcept { return pending(word) & (~still_[word] | haveKeys_[word]); }
