@@ -136,7 +136,7 @@ int main(int argc, char** argv) {
             }
       });
    // Of all questions or of none: a program that was asked one side alone may have sent nothing.
-   if (!link.right().failure().empty() || (argc == 1 && link.right().demuxer().counters().applied < batch)) {
+   if (!link.right().failure().empty() || (argc == 1 && link.right().demuxer().applied() < batch)) {
       std::fprintf(stderr, "records were not applied: %s\n", link.right().failure().c_str());
       return 1;
    }
