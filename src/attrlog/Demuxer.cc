@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
+#include <new>
 
 namespace Mox {
 
@@ -16,8 +18,6 @@ namespace {
 /// How far a slot may lie beyond the ones announced so far: an announcement that was taken back leaves a gap.
 constexpr std::uint32_t slotGap = 64;
 
-thread_local Demuxer* firstDemuxer = nullptr;
-
 constinit Ptr<In> const noStream; ///< a record is applied, not answered
 
 std::string textOf(EntityId id) {
@@ -26,33 +26,20 @@ std::string textOf(EntityId id) {
 
 } // namespace
 
-Demuxer::Demuxer(std::string const& name) : out_(make<Out>(name)), in_(make<In>(name)), nextDemuxer_(firstDemuxer) {
+Demuxer::Demuxer(std::string const& name) : out_(make<Out>(name)), in_(make<In>(name)) {
    out_->reverseLogIs(in_);
    in_->demuxerIs(this);
-   firstDemuxer = this;
 }
 
 Demuxer::~Demuxer() {
    cut();
    forgetMirrors(nullptr);
    in_->demuxerIs(nullptr);
-   Demuxer** at = &firstDemuxer;
-   while (*at != this)
-      at = &(*at)->nextDemuxer_;
-   *at = nextDemuxer_;
-}
-
-void Demuxer::forEach(std::function<void(Demuxer&)> const& visit) {
-   for (Demuxer* d = firstDemuxer; d != nullptr;) {
-      Demuxer* const next = d->nextDemuxer_;
-      visit(*d);
-      d = next;
-   }
 }
 
 void Demuxer::forEachAdapter(std::function<void(Sa&)> const& visit) {
    for (std::size_t i = 0; i < own_.size(); ++i)
-      if (Ptr<Sa> const sa = own_[i].sa)
+      if (Ptr<Sa> const sa{own_.at(i)})
          visit(*sa);
    for (std::size_t i = 0; i < peer_.size(); ++i)
       if (Ptr<Sa> const sa = peer_[i].sa)
@@ -66,37 +53,41 @@ void Demuxer::opened() noexcept {
 }
 
 void Demuxer::cut() noexcept {
-   isOpen_ = anyAwaited_ = false;
+   isOpen_ = anyAwaited_ = isLimitReported_ = false;
    forgetAnnounced();
    own_.clear();
-   freeSlots_.clear();
-   retirements_.clear();
-   // What was announced again stands in the table; only that entry goes on.
-   std::erase_if(waiting_, [](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
-   for (PeerSlot& slot : peer_) {
+   limited_.clear();
+   std::vector<Mirror> gone = std::exchange(letGo_, {});
+   for (PeerSlot& slot : std::exchange(peer_, {})) {
       if (!slot.sa)
          continue;
-      slot.sa->flowsInDelAll();
-      slot.sa->entityIdIs({});
-      slot.sa->isSyncingIs(false);
-      slot.sa->isAwaitedIs(false);
-      for (auto& untold : slot.sa->untold())
-         untold = {untold.mark, false, untold.isTold, true};
-      waiting_.push_back(std::move(slot));
+      Sa& sa = *slot.sa;
+      sa.flowsInDelAll();
+      sa.entityIdIs({});
+      sa.isSyncingIs(false);
+      sa.isAwaitedIs(false);
+      sa.isReferredIs(false);
+      asking_.remove(sa);
+      sa.untoldCut();
+      try {
+         waiting_.add(std::move(slot));
+      } catch (std::bad_alloc const&) {
+         sa.detach(); // announced again, it is bound by its name as any other
+      }
    }
-   peer_.clear();
+   peerEnd_ = mirrored_ = retiredSinceTrim_ = 0;
    isInHandCurrent_ = false;
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
    // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
-   auto const gone = waitingTaken([this](PeerSlot const& slot) {
-      Entity const* top = slot.entity.get();
-      while (top->moxRawParent() != nullptr)
-         top = top->moxRawParent();
-      Sa const* const sa = adapterOf(*top);
-      return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
-   });
-   retiredMembers_.clear();
+   for (Mirror& mirror : waiting_.takenIf([this](Sa const& waiting) {
+           Entity const* top = waiting.entity();
+           while (top->moxRawParent() != nullptr)
+              top = top->moxRawParent();
+           Sa const* const sa = adapterOf(*top);
+           return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
+        }))
+      gone.push_back(std::move(mirror));
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = 0;
    peerHighestSlot_ = highestSlot;
@@ -112,7 +103,7 @@ void Demuxer::cut() noexcept {
 Demuxer::Sa* Demuxer::adapterOf(Entity const& entity) const noexcept {
    // Adapters stand at the head of the list, one per stream: a short walk, and no table to keep.
    for (auto* r = entity.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
-      if (auto* const sa = static_cast<Sa*>(r->moxRawReactor()); sa->streamDemuxer() == this)
+      if (Sa* const sa = Sa::ofReactor(*r); sa != nullptr && sa->streamDemuxer() == this)
          return sa;
    return nullptr;
 }
@@ -129,32 +120,41 @@ Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
    return sa;
 }
 
-Ptr<Demuxer::Sa> Demuxer::announcedUnder(EntityId id) const {
-   if (!id.isAssigned() || id.slot() >= own_.size() || own_[id.slot()].generation != id.generation())
-      return nullptr;
-   return own_[id.slot()].sa;
+void Demuxer::assign(Sa& sa) {
+   retirementsWrite();
+   own_.assign(sa, peerHighestSlot_);
+   counters_.reusedSlots += sa.entityId().generation() > 1;
 }
 
-void Demuxer::assign(Sa& sa) {
-   flushRetirements();
-   if (freeSlots_.empty()) {
-      std::size_t const slot = std::max<std::size_t>(own_.size(), 1);
-      if (slot > peerHighestSlot_)
-         throw InternalException("stream \"" + name() + "\" has no identifier left: the peer takes slots up to " +
-                                 std::to_string(peerHighestSlot_));
-      // Room first, so that giving an identifier back never fails.
-      if (own_.capacity() <= slot)
-         own_.reserve(std::max(slot + 1, 2 * own_.capacity()));
-      freeSlots_.reserve(own_.capacity());
-      retirements_.reserve(own_.capacity());
-      own_.resize(slot + 1);
-      freeSlots_.push_back(static_cast<std::uint32_t>(slot));
+void Demuxer::limitReached(Sa& sa) {
+   ++counters_.withoutIdentifier;
+   if (!std::exchange(isLimitReported_, true))
+      report("stream \"" + name() + "\": the peer takes identifiers up to slot " + std::to_string(peerHighestSlot_) +
+             ", and none is left; something in " + std::string(std::string_view(Entity::fullNameOf(sa.entity()))) +
+             " can't be told");
+   Entity const* top = sa.entity();
+   while (top != nullptr && top->moxRawParent() != nullptr)
+      top = top->moxRawParent();
+   Sa* const root = top == nullptr ? nullptr : adapterOf(*top);
+   auto const note = [this](Sa& concerned) {
+      if (std::find(limited_.begin(), limited_.end(), &concerned) == limited_.end())
+         limited_.push_back(Ptr<Sa>(&concerned));
+   };
+   if (root != nullptr && root->isRoot() && !root->isMirror()) {
+      note(*root);
+      return;
    }
-   std::uint32_t const slot = freeSlots_.back();
-   freeSlots_.pop_back();
-   counters_.reusedSlots += own_[slot].generation != 0;
-   own_[slot].sa = Ptr<Sa>(&sa);
-   sa.entityIdIs(EntityId::assigned(slot, 1, ++own_[slot].generation));
+   // What lacks it belongs to no root, but to all that may refer to it.
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Sa* const other = own_.at(i); other != nullptr && other->isRoot())
+         note(*other);
+}
+
+/// The roots that lack something go with the peer's knowledge of them: it must not take for whole what is not.
+void Demuxer::limitsTell() {
+   for (Ptr<Sa> const& root : std::exchange(limited_, {}))
+      if (limitReached_ && root->entity() != nullptr && root->entityId().isAssigned())
+         limitReached_(*Ptr<Entity>(root->entity()));
 }
 
 bool Demuxer::isUnderAnnounced(Entity const& entity) const noexcept {
@@ -190,6 +190,9 @@ void Demuxer::announceOrphan(Entity& entity) {
       if (!sa->entityId().isAssigned())
          assign(*sa);
       writeAnnouncement(*sa);
+   } catch (RecordTooLong const& e) {
+      sa->detach();
+      throw RecordTooLong(std::string(std::string_view(entity.fullName())) + " can't be announced: " + e.what());
    } catch (...) {
       sa->detach();
       throw;
@@ -229,7 +232,7 @@ void Demuxer::mirrorRootIs(Entity& root) {
    Ptr<Sa> const sa = operations->adapter(
       root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    sa->isRootIs(true);
-   waiting_.push_back({sa, Ptr<Entity>(&root), 0, false});
+   waiting_.add({sa, Ptr<Entity>(&root)});
 }
 
 EntityId Demuxer::entityIdFor(Entity const* target) {
@@ -248,15 +251,19 @@ EntityId Demuxer::entityIdFor(Entity const* target) {
    }
    if (Sa* const sa = adapterOf(*target)) {
       if (sa->isMirror()) {
-         if (sa->entityId().isAssigned())
+         if (sa->entityId().isAssigned()) {
+            sa->isReferredIs(true);
             return sa->entityId();
+         }
          sa->isAwaitedIs(true);
          anyAwaited_ = true;
          throw NoEntityIdException(std::string(std::string_view(target->fullName())) +
                                    " has no identifier on this stream until its owner announces it again");
       }
-      if (sa->isAnnounced())
+      if (sa->isAnnounced()) {
+         sa->isReferredIs(true);
          return sa->entityId();
+      }
    }
    if (out_->isRecordOpen()) {
       wanted_ = Ptr<Entity>(const_cast<Entity*>(target));
@@ -264,9 +271,10 @@ EntityId Demuxer::entityIdFor(Entity const* target) {
                                    " must be announced before the record that refers to it");
    }
    announce(*const_cast<Entity*>(target));
-   Sa const* const sa = adapterOf(*target);
+   Sa* const sa = adapterOf(*target);
    if (sa == nullptr || !sa->isAnnounced())
       throw NoEntityIdException(std::string(std::string_view(target->fullName())) + " could not be announced");
+   sa->isReferredIs(true);
    return sa->entityId();
 }
 
@@ -304,33 +312,32 @@ bool isAtOrBelow(Entity const* entity, Entity const& top) noexcept {
 
 } // namespace
 
-void Demuxer::forgetTree(Entity& top) {
-   std::vector<Ptr<Entity>> tree;
-   collectTree(top, tree);
-   for (Ptr<Entity> const& entity : tree)
-      if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror())
-         sa->detach();
-}
-
 void Demuxer::reidentify(Entity& top) {
    std::vector<Ptr<Entity>> tree;
    collectTree(top, tree);
    // With a root goes what was announced below a root and has left it since, and what lies below that: whether the peer saw it,
    // nobody can know.
    if (Sa const* const sa = adapterOf(top); sa != nullptr && sa->isRoot())
-      for (OwnSlot const& slot : own_)
-         if (slot.sa && !slot.sa->isRoot() && !slot.sa->isOrphan() && !isUnderAnnounced(*slot.sa->entity()))
-            collectTree(*slot.sa->entity(), tree);
+      for (std::size_t i = 0; i < own_.size(); ++i)
+         if (Sa const* const loose = own_.at(i);
+             loose != nullptr && !loose->isRoot() && !loose->isOrphan() && !isUnderAnnounced(*loose->entity()))
+            collectTree(*loose->entity(), tree);
    for (Ptr<Entity> const& entity : tree)
       if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror()) {
-         reidentified_.push_back(entity.get());
+         reidentified(*sa, *entity);
          sa->detach();
       }
 }
 
+/// `entity` loses the identifier that `sa` has given it: who refers to it says so again.
+void Demuxer::reidentified(Sa const& sa, Entity const& entity) {
+   if (sa.isReferred())
+      reidentified_.insert(&entity);
+}
+
 void Demuxer::forgetAnnounced() {
    for (std::size_t i = 0; i < own_.size(); ++i)
-      if (Ptr<Sa> const sa = own_[i].sa)
+      if (Ptr<Sa> const sa{own_.at(i)})
          sa->detach();
 }
 
@@ -340,35 +347,33 @@ void Demuxer::detached(Sa& sa) noexcept {
       flow->ownerIs(nullptr);
       sa.flowIs(nullptr);
    }
-   std::erase(parkedAdapters_, &sa);
-   sa.parked().clear();
+   owing_.dequeue(sa);
+   parked_.remove(sa);
+   asking_.remove(sa);
+   sa.parkedDelAll(attr::none);
    if (sa.isSyncing())
       syncing(sa, false);
+   if (WaitingMirrors::isWaiting(sa)) {
+      Mirror const gone = waiting_.taken(sa); // its entity goes last
+      return;
+   }
    EntityId const id = sa.entityId();
    if (!id.isAssigned())
       return;
-   sa.entityIdIs({});
    if (id.side() == 1) {
-      if (id.slot() < own_.size() && own_[id.slot()].sa == &sa) {
-         // The table keeps no reference here: `Sa::detach` holds the adapter.
-         own_[id.slot()].sa = nullptr;
-         if (isOpen_ && sa.hasFlag(StreamAdapter::serializing))
-            retirements_.push_back(id.slot());
-         else
-            freeSlots_.push_back(id.slot());
-      }
+      if (own_.find(id) == &sa)
+         own_.release(id, isOpen_ && sa.hasFlag(StreamAdapter::serializing));
    } else if (id.slot() < peer_.size() && peer_[id.slot()].sa == &sa) {
       peer_[id.slot()].sa = nullptr;
       isInHandCurrent_ = false;
    }
+   sa.entityIdIs({});
 }
 
-void Demuxer::flushRetirements() {
-   while (!retirements_.empty()) {
-      std::uint32_t const slot = retirements_.back();
-      out_->control(Retire{EntityId::assigned(slot, 1, own_[slot].generation)});
-      retirements_.pop_back();
-      freeSlots_.push_back(slot);
+void Demuxer::retirementsWrite() {
+   while (own_.owesRetirements() && out_->hasSufficientBuffer()) {
+      out_->control(Retire{own_.nextRetirement()});
+      own_.retirementWritten();
    }
 }
 
@@ -411,12 +416,6 @@ FlowOut& Demuxer::createFlowOut(Sa& sa, AttributeId startAttribute) {
    return *sa.flow();
 }
 
-void Demuxer::parkedIs(Sa& sa) {
-   ++counters_.parked;
-   if (std::find(parkedAdapters_.begin(), parkedAdapters_.end(), &sa) == parkedAdapters_.end())
-      parkedAdapters_.push_back(&sa);
-}
-
 void Demuxer::syncModeSend(Sa& sa, SyncMode mode) {
    beforeRecord();
    MsgHeader header;
@@ -439,6 +438,7 @@ bool Demuxer::step(FlowOut& flow) {
       if (flow.isResend() && !flow.hasOpened()) {
          for (AttributeId const id : flow.pendingAborts())
             sa->sendTransactionMarker(id, AttrTransactionType::abort, 0);
+         counters_.abortedResends += flow.pendingAborts().size();
          flow.pendingAborts().clear();
          syncModeSend(*sa, SyncMode::resend);
          flow.hasOpenedIs(true);
@@ -483,54 +483,53 @@ bool Demuxer::step(FlowOut& flow) {
 }
 
 void Demuxer::owedAllPaid() {
-   // The bit of the stream goes last: what throws on the way leaves the rest for the next drain.
-   if (!anyOwesAll_)
-      return;
-   for (std::size_t i = 0; i < own_.size(); ++i) {
-      Ptr<Sa> const sa = own_[i].sa;
-      if (!sa || !sa->owesAll() || sa->isPaused())
-         continue;
-      if (!sa->hasFlag(StreamAdapter::serializing)) {
-         sa->owesAllDel(); // it owes everything with its announcement
-         continue;
-      }
-      Ptr<FlowOut> const before = sa->flow();
-      Ptr<FlowOut> const flow = sa->flowOutIs(attr::none);
-      if (before) {
-         flow->pendingAborts() = std::move(before->pendingAborts());
-         before->openCollections(flow->pendingAborts());
-         dequeue(*before);
-         before->ownerIs(nullptr);
-      }
-      flow->ownerIs(sa.get());
-      sa->flowIs(flow);
-      sa->parked().clear();
-      enqueue(*flow);
-      sa->owesAllDel();
-      ++counters_.owedAll;
-   }
-   for (std::size_t i = 0; i < peer_.size(); ++i)
-      if (Ptr<Sa> const sa = peer_[i].sa; sa && sa->owesAll()) {
-         out_->control(Refresh{sa->entityId(), 0, {}});
+   while (Sa* const first = owing_.first()) {
+      Ptr<Sa> const sa(first);
+      if (sa->isMirror() && sa->entityId().isAssigned() && !out_->hasSufficientBuffer())
+         return;
+      // What throws leaves it in the queue, for the next drain.
+      if (sa->isPaused()) {
+         // resumed, it comes back
+      } else if (sa->isMirror()) {
+         if (sa->entityId().isAssigned()) { // without, its next announcement tells all
+            out_->control(Refresh{sa->entityId(), 0, {}});
+            ++counters_.refreshesAsked;
+         }
          sa->owesAllDel();
-         ++counters_.refreshesAsked;
+      } else if (!sa->hasFlag(StreamAdapter::serializing)) {
+         sa->owesAllDel(); // it owes everything with its announcement
+      } else {
+         Ptr<FlowOut> const before = sa->flow();
+         Ptr<FlowOut> const flow = sa->flowOutIs(attr::none);
+         if (before) {
+            flow->pendingAborts() = before->pendingAborts();
+            before->openCollections(flow->pendingAborts());
+            dequeue(*before);
+            before->ownerIs(nullptr);
+         }
+         flow->ownerIs(sa.get());
+         sa->flowIs(flow);
+         sa->parkedDelAll(attr::none);
+         parked_.remove(*sa);
+         sa->notesTrim();
+         enqueue(*flow);
+         sa->owesAllDel();
+         ++counters_.owedAll;
       }
-   anyOwesAll_ = false;
+      owing_.dequeue(*sa);
+   }
 }
 
-void Demuxer::reidentifiedMarked() {
+void Demuxer::identifiersSettled() {
    while (!reidentified_.empty()) {
-      std::vector<Entity const*> const targets = std::move(reidentified_);
-      reidentified_.clear();
+      std::unordered_set<Entity const*> const targets = std::exchange(reidentified_, {});
       for (std::size_t i = 0; i < own_.size(); ++i) {
-         Ptr<Sa> const sa = own_[i].sa;
+         Ptr<Sa> const sa{own_.at(i)};
          if (!sa || !sa->hasFlag(StreamAdapter::serializing))
             continue;
-         TypeOperations const* const operations = logOperationsOf(*sa->entity());
-         auto const refers = [&](Entity const* target) { return operations->hasParameter(*sa->entity(), *target); };
          // What no collection announces again: an orphan, and a former member that somebody still refers to.
          bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
-         if (isLoose && std::any_of(targets.begin(), targets.end(), refers))
+         if (isLoose && logOperationsOf(*sa->entity())->hasParameter(*sa->entity(), targets))
             reidentify(*sa->entity());
          else
             sa->markReferencesTo(targets);
@@ -539,47 +538,50 @@ void Demuxer::reidentifiedMarked() {
 }
 
 void Demuxer::wake() {
-   if (!std::exchange(newIdentifiers_, false))
+   if (!std::exchange(newIdentifiers_, false) || parked_.empty())
       return;
-   std::vector<Sa*> const adapters = std::move(parkedAdapters_);
-   parkedAdapters_.clear();
-   parkedAdapters_.reserve(adapters.size());
-   for (Sa* const sa : adapters) {
-      std::vector<Mark> const marks = std::move(sa->parked());
-      sa->parked().clear();
-      for (Mark const& mark : marks)
-         sa->markAgain(mark);
-      if (sa->flow()) {
-         sa->flow()->woken();
-         enqueue(*sa->flow());
+   // Taken off the list first: marks that wait again put their adapter back.
+   std::vector<Sa*> const adapters = parked_.all();
+   for (Sa* const sa : adapters)
+      parked_.remove(*sa);
+   for (auto at = adapters.begin(); at != adapters.end(); ++at)
+      try {
+         Sa& sa = **at;
+         MarkSet const marks = std::exchange(sa.notes()->parked, {});
+         for (Mark const& mark : marks)
+            sa.markAgain(mark);
+         if (sa.flow()) {
+            sa.flow()->woken();
+            enqueue(*sa.flow());
+         }
+         counters_.woken += marks.size();
+         sa.notesTrim();
+      } catch (...) {
+         std::for_each(at, adapters.end(), [](Sa* sa) { sa->owesAllIs(); });
+         throw;
       }
-      counters_.woken += marks.size();
-   }
 }
 
 void Demuxer::refreshesAsk() {
-   if (!anyUntold_)
-      return;
-   for (std::size_t i = 0; i < peer_.size(); ++i) {
-      Ptr<Sa> const sa = peer_[i].sa;
-      if (!sa || sa->untold().empty())
-         continue;
-      for (auto& untold : sa->untold()) {
-         if (untold.isAsked || untold.isOld)
-            continue;
+   while (!asking_.empty() && out_->hasSufficientBuffer()) {
+      Sa& sa = *asking_.last();
+      MarkSet& unasked = sa.notes()->unasked;
+      while (!unasked.empty()) {
          if (!out_->hasSufficientBuffer())
             return;
+         Mark const& mark = *unasked.begin();
          std::vector<std::uint8_t> key;
-         if (untold.mark.hasKey)
-            sa->writeKey(untold.mark, key);
-         out_->control(Refresh{sa->entityId(),
-                               static_cast<std::int32_t>(untold.mark.attribute),
+         if (mark.hasKey)
+            sa.writeKey(mark, key);
+         out_->control(Refresh{sa.entityId(),
+                               static_cast<std::int32_t>(mark.attribute),
                                {reinterpret_cast<char const*>(key.data()), key.size()}});
-         untold.isAsked = true;
+         unasked.erase(unasked.begin());
          ++counters_.refreshesAsked;
       }
+      asking_.remove(sa);
+      sa.notesTrim();
    }
-   anyUntold_ = false;
 }
 
 void Demuxer::drain() {
@@ -592,26 +594,27 @@ void Demuxer::drain() {
    } const scope(isDraining_);
    try {
       owedAllPaid();
-      reidentifiedMarked();
+      identifiersSettled();
       wake();
       refreshesAsk();
       while (head_ != nullptr && out_->hasSufficientBuffer()) {
          if (!step(*head_))
-            return;
+            break;
          // What a step told may have woken others or retired what they refer to.
-         reidentifiedMarked();
+         identifiersSettled();
          wake();
       }
-      flushRetirements();
+      retirementsWrite();
+      limitsTell();
    } catch (std::bad_alloc const&) {
       report("stream \"" + name() + "\": no memory to go on; the next drain tries again");
    }
 }
 
 bool Demuxer::owes() const noexcept {
-   if (head_ != nullptr || anyOwesAll_ || anyUntold_ || !retirements_.empty() || !reidentified_.empty())
+   if (head_ != nullptr || !owing_.empty() || !asking_.empty() || own_.owesRetirements() || !reidentified_.empty())
       return true;
-   return newIdentifiers_ && !parkedAdapters_.empty();
+   return newIdentifiers_ && !parked_.empty();
 }
 
 // What the peer announces -----------------------------------------------------------------------------------------------
@@ -632,7 +635,7 @@ void Demuxer::checkAnnounced(EntityId id) const {
    if (id.slot() > highestSlot)
       fail("expected slots up to " + std::to_string(highestSlot));
    // Each record for what was unmounted here meanwhile may have announced one that this side never saw.
-   if (std::size_t const end = peer_.size() + slotGap + counters_.staleRecords; id.slot() >= end)
+   if (std::size_t const end = peerEnd_ + slotGap + counters_.staleRecords; id.slot() >= end)
       fail("expected a slot below " + std::to_string(end));
    if (id.slot() >= peer_.size())
       return;
@@ -642,86 +645,120 @@ void Demuxer::checkAnnounced(EntityId id) const {
            std::to_string(slot.generation));
 }
 
-void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
-   checkAnnounced(id);
+/// The slot of an identifier that the peer announces and that has been checked.
+Demuxer::PeerSlot& Demuxer::neededSlot(EntityId id) {
    if (id.slot() >= peer_.size())
       peer_.resize(id.slot() + 1);
-   PeerSlot& slot = peer_[id.slot()];
+   peerEnd_ = std::max<std::size_t>(peerEnd_, id.slot() + 1);
+   return peer_[id.slot()];
+}
+
+/// Notes an identifier that stands for what this side has no type for.
+void Demuxer::reserve(EntityId id) {
+   PeerSlot& slot = neededSlot(id);
+   slot.generation = id.generation();
+   slot.isUsed = true;
+   slot.isOwedRetirement = false;
+   ++mirrored_;
+}
+
+void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
+   checkAnnounced(id);
+   PeerSlot& slot = neededSlot(id);
    if (slot.isUsed && slot.entity == &entity && slot.sa)
       return;
-   if (slot.isUsed)
-      release(takenFrom(slot));
+   letGo_.reserve(letGo_.size() + 1);
    Ptr<Sa> sa(adapterOf(entity));
    if (sa && sa->entityId().isAssigned()) {
       // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
-      reidentified_.push_back(&entity);
+      reidentified(*sa, entity);
       sa->detach();
       sa = nullptr;
    }
    if (!sa)
       sa = logOperationsOf(entity)->adapter(
          entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
+   if (slot.isUsed)
+      letGo_.push_back(takenFrom(slot));
+   if (WaitingMirrors::isWaiting(*sa))
+      waiting_.taken(*sa);
    sa->isOrphanIs(isOrphan);
    sa->entityIdIs(ofPeer(id));
-   peer_[id.slot()] = {sa, Ptr<Entity>(&entity), id.generation(), true};
+   slot.sa = sa;
+   slot.entity = Ptr<Entity>(&entity);
+   slot.generation = id.generation();
+   slot.isUsed = true;
+   slot.isOwedRetirement = false;
+   ++mirrored_;
    syncing(*sa, true);
    newIdentifiers_ = true;
 }
 
 /// Takes the mirror out of its slot: the identifier stands for nothing from here on. Nobody is told of it yet.
-Demuxer::PeerSlot Demuxer::takenFrom(PeerSlot& slot) noexcept {
-   PeerSlot gone = std::exchange(slot, {nullptr, nullptr, slot.generation, false});
+Mirror Demuxer::takenFrom(PeerSlot& slot) noexcept {
+   Mirror gone{std::move(slot.sa), std::move(slot.entity)};
+   slot.sa = nullptr;
+   slot.entity = nullptr;
+   slot.isUsed = false;
+   --mirrored_;
    isInHandCurrent_ = false; // it may be this
    if (gone.sa) {
       gone.sa->flowsInDelAll();
       syncing(*gone.sa, false);
+      asking_.remove(*gone.sa);
       gone.sa->entityIdIs({});
    }
    return gone;
 }
 
 /// Lets go of a mirror that has been taken out. Runs reactors, which may do anything here.
-void Demuxer::release(PeerSlot const& gone) noexcept {
+void Demuxer::release(Mirror const& gone) noexcept {
    if (gone.sa) {
       // What a reactor writes in answer is a change of an entity of this process, told as any other, and no refused one.
       gone.sa->flagIs(StreamAdapter::letGo, true);
       try {
-         while (!gone.sa->untold().empty() && gone.sa->entity() != nullptr)
-            gone.sa->tellUntold(Mark(gone.sa->untold().back().mark));
+         while (gone.sa->hasUntold() && gone.sa->entity() != nullptr)
+            gone.sa->tellUntold(Mark(gone.sa->notes()->untold.begin()->first));
       } catch (std::exception const& e) {
          report("stream \"" + name() + "\": not told: " + e.what());
       }
       gone.sa->detach();
+      // Whoever still refers to it here refers to an entity of this process from now on.
+      try {
+         if (gone.entity)
+            reidentified(*gone.sa, *gone.entity);
+      } catch (std::bad_alloc const&) {
+         for (std::size_t i = 0; i < own_.size(); ++i)
+            if (Sa* const sa = own_.at(i))
+               sa->owesAllIs();
+      }
    }
-   // Whoever still refers to it here refers to an entity of this process from now on.
-   if (gone.entity && gone.entity->references() > 1)
-      reidentified_.push_back(gone.entity.get());
    newIdentifiers_ = true;
 }
 
 /// As above, one after the other; what the reactors of one have announced again stays. \return how many were let go
-std::size_t Demuxer::releaseAll(std::vector<PeerSlot> const& gone) noexcept {
+std::size_t Demuxer::releaseAll(std::vector<Mirror> const& gone) noexcept {
    std::size_t count = 0;
-   for (PeerSlot const& slot : gone)
-      if (!slot.sa || !slot.sa->entityId().isAssigned()) {
-         release(slot);
+   for (Mirror const& mirror : gone)
+      if (!mirror.sa || !mirror.sa->entityId().isAssigned()) {
+         release(mirror);
          ++count;
       }
    return count;
 }
 
-/// Takes the mirrors of an earlier connection out that `isLet` names.
-template <class Predicate> std::vector<Demuxer::PeerSlot> Demuxer::waitingTaken(Predicate&& isLet) {
-   auto const behind = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(isLet));
-   std::vector<PeerSlot> gone(std::make_move_iterator(behind), std::make_move_iterator(waiting_.end()));
-   waiting_.erase(behind, waiting_.end());
-   return gone;
-}
-
 /// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too.
-void Demuxer::releaseWaitingBelow(Entity const& top) {
-   releaseAll(waitingTaken(
-      [&](PeerSlot const& slot) { return !slot.sa->entityId().isAssigned() && isAtOrBelow(slot.entity.get(), top); }));
+void Demuxer::releaseWaitingBelow(Entity& top) {
+   if (waiting_.empty())
+      return;
+   std::vector<Ptr<Entity>> tree;
+   collectTree(top, tree);
+   std::vector<Mirror> gone;
+   gone.reserve(tree.size());
+   for (Ptr<Entity> const& entity : tree)
+      if (Sa* const sa = adapterOf(*entity); sa != nullptr && WaitingMirrors::isWaiting(*sa))
+         gone.push_back(waiting_.taken(*sa));
+   releaseAll(gone);
 }
 
 Ptr<Entity> Demuxer::mirrorOf(EntityId wireId) noexcept {
@@ -735,10 +772,10 @@ Ptr<Entity> Demuxer::entityOf(EntityId wireId) {
    if (wireId.side() == 1) {
       if (PeerSlot const* const slot = peerSlot(wireId))
          return slot->entity;
-   } else if (wireId.slot() < own_.size()) {
-      OwnSlot const& slot = own_[wireId.slot()];
-      if (slot.sa && slot.generation == wireId.generation() && slot.sa->entity() != nullptr)
-         return Ptr<Entity>(slot.sa->entity());
+   } else {
+      // An own identifier comes as its writer sees it: of the other side.
+      if (Sa const* const sa = own_.find(wireId); sa != nullptr && sa->entity() != nullptr)
+         return Ptr<Entity>(sa->entity());
    }
    ++counters_.staleReferences;
    return nullptr;
@@ -748,35 +785,55 @@ void Demuxer::retired(EntityId wireId) {
    if (wireId.side() != 1)
       throw ProtocolException(in_->where() + ": retires " + textOf(wireId) + ", which is not its own");
    PeerSlot* const slot = peerSlot(wireId);
-   if (slot == nullptr)
+   if (slot == nullptr) {
+      if (wireId.isAssigned() && wireId.slot() < peer_.size() && peer_[wireId.slot()].generation == wireId.generation())
+         peer_[wireId.slot()].isOwedRetirement = false;
+      peerSlotsTrim();
       return;
-   if (Entity const* const parent = slot->entity ? slot->entity->moxRawParent() : nullptr)
-      if (Sa const* const sa = adapterOf(*parent); sa != nullptr && sa->isMirror()) {
-         // The retirement has overtaken the loss of the member, which is still told: that it has gone, or that its name is
-         // another's now. What was told meanwhile has left its parent.
-         if (retiredMembers_.size() == retiredMembers_.capacity())
-            std::erase_if(retiredMembers_, [](Ptr<Entity> const& member) { return member->moxRawParent() == nullptr; });
-         retiredMembers_.push_back(slot->entity);
-      }
-   Ptr<Entity> const gone = slot->entity;
-   release(takenFrom(*slot));
-   if (gone)
-      releaseWaitingBelow(*gone);
+   }
+   Ptr<Entity> const entity = slot->entity;
+   if (Entity const* const parent = entity ? entity->moxRawParent() : nullptr)
+      // The retirement has overtaken the loss of the member, which is still told: that it has gone, or that its name is another's
+      // now.
+      if (Sa* const sa = adapterOf(*parent); sa != nullptr && sa->isMirror())
+         sa->retiredIs(Mark(entity->parentAttrId(), entity->moxName()));
+   Mirror const gone = takenFrom(*slot);
+   peerSlotsTrim();
+   release(gone);
+   if (entity)
+      releaseWaitingBelow(*entity);
 }
 
-bool Demuxer::isOfAnother(Entity const& member, EntityId id) {
-   if (std::erase(retiredMembers_, &member) != 0)
-      return true;
+/// Drops the end of the table where most of it stands for nothing any more.
+void Demuxer::peerSlotsTrim() noexcept {
+   if (++retiredSinceTrim_ < std::max<std::size_t>(64, peer_.size() / 2))
+      return;
+   retiredSinceTrim_ = 0;
+   std::size_t end = peer_.size();
+   // One that went here and not there is still named by what is under way.
+   while (end > 0 && !peer_[end - 1].isUsed && !peer_[end - 1].isOwedRetirement)
+      --end;
+   if (end > peer_.size() / 2)
+      return;
+   try {
+      std::vector<PeerSlot> fewer;
+      fewer.reserve(end);
+      std::move(peer_.begin(), peer_.begin() + static_cast<std::ptrdiff_t>(end), std::back_inserter(fewer));
+      peer_ = std::move(fewer);
+   } catch (std::bad_alloc const&) { // it stays as it is
+   }
+}
+
+bool Demuxer::isOfAnother(Entity const& member, EntityId id) const noexcept {
    Sa const* const sa = adapterOf(member);
    return sa != nullptr && sa->entityId().isAssigned() && sa->entityId() != ofPeer(id);
 }
 
 void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view key) {
-   if (wireId.side() != 0 || wireId.slot() >= own_.size() || attribute < 0)
+   if (wireId.side() != 0 || attribute < 0)
       return;
-   OwnSlot const& slot = own_[wireId.slot()];
-   Ptr<Sa> const sa = slot.sa;
-   if (!sa || slot.generation != wireId.generation() || !sa->isAnnounced())
+   Ptr<Sa> const sa(own_.find(wireId));
+   if (!sa || !sa->isAnnounced())
       return; // gone meanwhile; its retirement says so
    ++counters_.refreshesAnswered;
    Mark mark(static_cast<AttributeId>(attribute));
@@ -812,28 +869,25 @@ bool Demuxer::isBelowWaitingRoot(Entity const* entity) const noexcept {
 }
 
 void Demuxer::remountEnded() {
-   std::erase_if(waiting_, [](PeerSlot const& slot) { return slot.sa->entityId().isAssigned(); });
-   releaseAll(waitingTaken([this](PeerSlot const& slot) { return !isBelowWaitingRoot(slot.entity.get()); }));
+   releaseAll(waiting_.takenIf([this](Sa const& sa) { return !isBelowWaitingRoot(sa.entity()); }));
 }
 
 bool Demuxer::isWaiting() const noexcept {
-   return isOpen_ && anyAwaited_ && !owes() && std::any_of(waiting_.begin(), waiting_.end(), [](PeerSlot const& slot) {
-             return slot.sa->isAwaited() && !slot.sa->entityId().isAssigned();
-          });
+   return isOpen_ && anyAwaited_ && !owes() && waiting_.any([](Sa const& sa) { return sa.isAwaited(); });
 }
 
 bool Demuxer::waitsBroken() {
    // With what is awaited goes what lies below it: whoever announces it from now on announces its members too.
-   auto const isLet = [&](PeerSlot const& slot) {
-      if (slot.sa->entityId().isAssigned() || isBelowWaitingRoot(slot.entity.get()))
+   auto const isLet = [&](Sa const& waiting) {
+      if (isBelowWaitingRoot(waiting.entity()))
          return false;
-      for (Entity const* e = slot.entity.get(); e != nullptr; e = e->moxRawParent())
+      for (Entity const* e = waiting.entity(); e != nullptr; e = e->moxRawParent())
          if (Sa const* const sa = adapterOf(*e);
              sa != nullptr && sa->isMirror() && sa->isAwaited() && !sa->entityId().isAssigned())
             return true;
       return false;
    };
-   std::size_t const gone = releaseAll(waitingTaken(isLet));
+   std::size_t const gone = releaseAll(waiting_.takenIf(isLet));
    counters_.brokenWaits += gone;
    return gone != 0;
 }
@@ -846,15 +900,15 @@ void Demuxer::isNoMember(Entity& member) {
 }
 
 void Demuxer::forgetMirrors(Entity* top) {
-   auto const isLet = [top](PeerSlot const& slot) {
-      return slot.entity && (top == nullptr || isAtOrBelow(slot.entity.get(), *top));
-   };
+   auto const isLet = [top](Entity const* entity) { return top == nullptr || isAtOrBelow(entity, *top); };
    // All are taken out before the first is told: its reactors may mount another, which stays, or cut the connection.
-   std::vector<PeerSlot> gone = waitingTaken(isLet);
-   gone.reserve(gone.size() + static_cast<std::size_t>(std::count_if(peer_.begin(), peer_.end(), isLet)));
+   std::vector<Mirror> gone = waiting_.takenIf([&](Sa const& sa) { return isLet(sa.entity()); });
+   gone.reserve(gone.size() + mirrored_);
    for (PeerSlot& slot : peer_)
-      if (isLet(slot))
+      if (slot.entity && isLet(slot.entity.get())) {
+         slot.isOwedRetirement = true;
          gone.push_back(takenFrom(slot));
+      }
    releaseAll(gone);
 }
 
@@ -897,6 +951,7 @@ void Demuxer::record(In& in) {
    // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
    applyRecord(*inHand_.sa, in);
+   releasePending();
 }
 
 /// Takes in hand what the record is for. \return false where nothing here is mirrored under its identifier
@@ -917,7 +972,7 @@ bool Demuxer::taken(In& in) noexcept {
 void Demuxer::letGo() noexcept {
    isInHandCurrent_ = false;
    // Moved out first: what goes may run reactors that come back here.
-   PeerSlot const gone{std::move(inHand_.sa), std::move(inHand_.entity)};
+   Mirror const gone{std::move(inHand_.sa), std::move(inHand_.entity)};
    inHand_.sa = nullptr;
    inHand_.entity = nullptr;
 }
@@ -935,10 +990,12 @@ void Demuxer::otherRecord(In& in) {
    }
    ++applied_;
    if (header.entity == orphanAnnouncement) {
-      if (header.attribute == static_cast<std::int32_t>(attr::orphan))
+      if (header.attribute == static_cast<std::int32_t>(attr::orphan)) {
          readOrphan(in);
-      else
+         releasePending();
+      } else {
          ++counters_.unknownAttributes;
+      }
       return;
    }
    if (header.entity.slot() > highestSlot)
@@ -1018,27 +1075,24 @@ void Demuxer::readOrphan(In& in) {
       if (!type) {
          ++counters_.unknownTypes;
          report(in.where() + ": entity of unknown type " + std::string(chain.empty() ? "(none)" : chain.front()));
-         if (id.slot() >= peer_.size())
-            peer_.resize(id.slot() + 1);
-         peer_[id.slot()] = {nullptr, nullptr, id.generation(), true};
+         reserve(id);
          return;
       }
       TypeOperations const& operations = *type->operations().log;
       // The same orphan of an earlier connection is bound in place, so that references to it stay as they are.
-      for (PeerSlot const& slot : waiting_) {
-         if (!slot.sa->isOrphan() || slot.sa->entityId().isAssigned() || slot.sa->entity() == nullptr ||
-             slot.entity->moxName() != name || slot.entity->fwkType() != type)
-            continue;
+      Sa* const waiting = waiting_.orphan(name, [&](Sa const& sa) {
+         if (sa.entity()->fwkType() != type)
+            return false;
          in.positionIs(parameters);
-         if (operations.parametersMatch(*slot.entity, in, *this)) {
-            Ptr<Entity> const entity = slot.entity;
-            bind(id, *entity, true);
-            return;
-         }
+         return operations.parametersMatch(*sa.entity(), in, *this);
+      });
+      if (waiting != nullptr) {
+         bindInRecord(id, *Ptr<Entity>(waiting->entity()), true);
+         return;
       }
       in.positionIs(parameters);
       Ptr<Entity> const entity = operations.create(name, in, *this);
-      bind(id, *entity, true);
+      bindInRecord(id, *entity, true);
    } catch (ProtocolException const&) {
       throw;
    } catch (std::exception const& e) {
@@ -1049,22 +1103,157 @@ void Demuxer::readOrphan(In& in) {
 
 Demuxer::Footprint Demuxer::footprint() const {
    Footprint f;
-   for (OwnSlot const& slot : own_)
-      if (slot.sa) {
-         ++f.announced;
-         f.parked += slot.sa->parked().size();
-         if (auto const& flow = slot.sa->flow()) {
-            ++f.flows;
-            f.dirtyKeys += flow->dirtyKeys();
-         }
-      }
-   for (PeerSlot const& slot : peer_)
-      f.mirrored += slot.isUsed;
+   f.announced = own_.used();
+   f.mirrored = mirrored_;
    f.waiting = waiting_.size();
-   f.retirements = retirements_.size();
+   f.reidentified = reidentified_.size();
+   f.retirements = own_.retirements();
    f.bufferBytes = out_->pendingBytes();
    f.slots = own_.size() + peer_.size();
+   auto const add = [&](Sa const& sa) {
+      if (auto const& flow = sa.flow()) {
+         ++f.flows;
+         f.dirtyKeys += flow->dirtyKeys();
+      }
+      if (Notes const* const notes = sa.notes()) {
+         f.parked += notes->parked.size();
+         f.untold += notes->untold.size();
+         f.successors += notes->successors.size();
+         f.retired += notes->retired.size();
+      }
+   };
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Sa const* const sa = own_.at(i))
+         add(*sa);
+   for (PeerSlot const& slot : peer_)
+      if (slot.sa)
+         add(*slot.sa);
    return f;
+}
+
+// Audits ----------------------------------------------------------------------------------------------------------------
+
+std::string Demuxer::audit() const {
+   for (std::string found : {own_.audit(), waiting_.audit(), auditFlows(), auditMirrors(), auditLists()})
+      if (!found.empty())
+         return "stream \"" + name() + "\": " + found;
+   return {};
+}
+
+/// A flow stands in the queue exactly if its turn would do something; and every flow there is some adapter's.
+std::string Demuxer::auditFlows() const {
+   std::size_t queued = 0;
+   FlowOut const* before = nullptr;
+   for (FlowOut const* flow = head_; flow != nullptr; before = flow, flow = flow->behind_, ++queued) {
+      if (!flow->isQueued_ || flow->before_ != before)
+         return "the queue of flows is not linked as it should";
+      if (flow->owner() == nullptr || flow->owner()->flow() != flow || flow->owner()->streamDemuxer() != this)
+         return "a flow in the queue is no adapter's";
+   }
+   if (tail_ != before)
+      return "the queue of flows does not end with its last";
+   std::size_t owned = 0;
+   for (std::size_t i = 0; i < own_.size(); ++i) {
+      Sa const* const sa = own_.at(i);
+      if (sa == nullptr || !sa->flow())
+         continue;
+      FlowOut const& flow = *sa->flow();
+      std::string const whose = "the flow of " + std::string(std::string_view(Entity::fullNameOf(sa->entity())));
+      if (flow.owner() != sa)
+         return whose + " belongs to another adapter";
+      owned += flow.isQueued();
+      if (sa->isPaused() || sa->owesAll())
+         continue; // resumed or paid, it gets another
+      bool const isUnopened = flow.isResend() && !flow.hasOpened();
+      if (!flow.isQueued() && (flow.hasWork() || isUnopened))
+         return whose + " has work and stands outside the queue";
+      if (!flow.isQueued())
+         if (Notes const* const notes = sa->notes())
+            for (Mark const& mark : notes->parked)
+               if (flow.isMarked(mark))
+                  return whose + " rests with attribute " + std::to_string(mark.attribute) + " both parked and marked";
+   }
+   if (owned != queued)
+      return std::to_string(queued) + " flows are queued, " + std::to_string(owned) + " of them by adapters with an identifier";
+   return {};
+}
+
+/// Slots and adapters stand one to one, and every entity knows the adapter that the table has for it.
+std::string Demuxer::auditMirrors() const {
+   std::size_t used = 0;
+   std::size_t syncing = 0;
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Sa const* const sa = own_.at(i)) {
+         if (sa->isMirror() || sa->streamDemuxer() != this || sa->entity() == nullptr || adapterOf(*sa->entity()) != sa)
+            return "slot " + std::to_string(i) + " of this side holds an adapter that is none of this side's entities";
+         syncing += sa->isSyncing();
+      }
+   for (std::size_t i = 0; i < peer_.size(); ++i) {
+      PeerSlot const& slot = peer_[i];
+      std::string const which = "slot " + std::to_string(i) + " of the peer";
+      used += slot.isUsed;
+      if (!slot.isUsed && (slot.sa || slot.entity))
+         return which + " is free and holds something";
+      if (slot.sa) {
+         if (slot.sa->entityId() != ofPeer(EntityId::assigned(static_cast<std::uint32_t>(i), 1, slot.generation)))
+            return which + " holds an adapter with another identifier";
+         if (!slot.sa->isMirror() || slot.sa->entity() != slot.entity.get() || adapterOf(*slot.entity) != slot.sa)
+            return which + " holds an adapter that is not its entity's";
+         syncing += slot.sa->isSyncing();
+      }
+   }
+   if (used != mirrored_)
+      return "the peer has " + std::to_string(used) + " slots in use, " + std::to_string(mirrored_) + " are counted";
+   if (peer_.size() > peerEnd_)
+      return "the table of the peer's slots is longer than what it has announced";
+   if (syncing != syncing_)
+      return std::to_string(syncing) + " entities are being told, " + std::to_string(syncing_) + " are counted";
+   return {};
+}
+
+/// Every list holds what belongs there, each once, and nothing else does.
+std::string Demuxer::auditLists() const {
+   if (!letGo_.empty())
+      return "a mirror that was to be let go behind its record is still there";
+   std::size_t queued = 0;
+   for (Sa const* sa = owing_.first(); sa != nullptr; sa = AdapterQueue::next(*sa), ++queued)
+      if (!AdapterQueue::isQueued(*sa) || !sa->owesAll() || sa->streamDemuxer() != this)
+         return "an adapter in the queue of those that owe everything owes nothing";
+   if (queued != owing_.size())
+      return "the queue of those that owe everything is not as long as it says";
+   std::size_t parked = 0;
+   std::size_t asking = 0;
+   std::string found;
+   auto const look = [&](Sa const& sa, bool hasIdentifier) {
+      std::string const whose = std::string(std::string_view(Entity::fullNameOf(sa.entity())));
+      if (sa.owesAll() && !sa.isPaused() && hasIdentifier && !AdapterQueue::isQueued(sa))
+         found = whose + " owes everything and nobody knows";
+      Notes const* const notes = sa.notes();
+      if (notes == nullptr)
+         return;
+      parked += notes->parkedAt != Notes::unlisted;
+      asking += notes->askingAt != Notes::unlisted;
+      if (!notes->parked.empty() && notes->parkedAt == Notes::unlisted && !sa.owesAll())
+         found = whose + " has parked marks that nobody will wake";
+      if (!notes->unasked.empty() && notes->askingAt == Notes::unlisted && hasIdentifier && !sa.owesAll())
+         found = whose + " has marks that the owner will never be asked for";
+      for (Mark const& mark : notes->unasked)
+         if (!notes->untold.contains(mark))
+            found = whose + " asks for a mark that it is not owed";
+   };
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Sa const* const sa = own_.at(i))
+         look(*sa, true);
+   for (PeerSlot const& slot : peer_)
+      if (slot.sa)
+         look(*slot.sa, true);
+   waiting_.any([&](Sa const& sa) {
+      look(sa, false);
+      return false;
+   });
+   if (found.empty() && (parked != parked_.size() || asking != asking_.size()))
+      found = "the lists of adapters with notes do not hold those that have them";
+   return found;
 }
 
 } // namespace NboAttrLog

@@ -1,12 +1,17 @@
 #pragma once
 
+#include "attrlog/AdapterLists.h"
 #include "attrlog/In.h"
 #include "attrlog/Out.h"
+#include "attrlog/OwnSlots.h"
 #include "attrlog/StateAdapter.h"
+#include "attrlog/WaitingMirrors.h"
 
 #include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Mox {
@@ -19,7 +24,7 @@ namespace NboAttrLog {
 /// Two tables, one per side, indexed by slot: no record costs a hash look-up. What this side has announced is forgotten at a cut;
 /// what the peer has announced keeps its adapters, without identifiers, until it is announced again or the remount ends.
 ///
-/// *Threads*: one. *Re-entrancy*: a reactor may do anything to entities while a record is applied; a drain inside a drain does
+/// *Threads*: one at a time, no matter which. *Re-entrancy*: a reactor may do anything to entities while a record is applied; a drain inside a drain does
 /// nothing.
 class Demuxer {
 public:
@@ -33,6 +38,9 @@ public:
    Ptr<Out> const& out() const noexcept { return out_; }
    Ptr<In> const& in() const noexcept { return in_; }
    std::string const& name() const noexcept { return out_->name(); }
+   /// The peer as its last hello called it; empty before the first.
+   std::string const& peerName() const noexcept { return peerName_; }
+   void peerNameIs(std::string_view name) { peerName_ = name; }
 
    // Life of a connection.
    /// A fresh stream: nothing has been announced on it.
@@ -51,9 +59,15 @@ public:
    /// The adapter of `entity` on this stream, or null.
    Sa* adapterOf(Entity const& entity) const noexcept;
    /// The adapter that this side has announced under `id`, or null.
-   Ptr<Sa> announcedUnder(EntityId id) const;
-   /// Gives an identifier of this side; retirements that are due go out before.
+   Ptr<Sa> announcedUnder(EntityId id) const { return Ptr<Sa>(own_.find(id)); }
+   /// Gives an identifier of this side; retirements that are due go out before, as far as the buffer has room.
+   /// \throws NoIdentifierLeft where the peer takes no more
    void assign(Sa& sa);
+   /// Something that `sa` has to tell needs an identifier, and none is left: counts it and, once per connection, reports it. The
+   /// root that it belongs to can't be told any more.
+   void limitReached(Sa& sa);
+   /// Told of each such root, once, at the end of the drain that met it.
+   void limitReachedIs(std::function<void(Entity& root)> told) { limitReached_ = std::move(told); }
    /// The identifier under which a reference to `target` travels now. Announces it first where this side must: as a member of
    /// what is exported, else as an orphan.
    /// \throws NoEntityIdException where the peer must announce it first
@@ -63,9 +77,8 @@ public:
    void announceWanted();
    /// The announcement of `sa` has been committed: from here on it writes.
    void announced(Sa& sa, bool owesEverything);
-   /// Takes `sa` and the adapters of everything below its entity out of the stream; their identifiers are retired.
-   void forgetTree(Entity& top);
-   /// As `forgetTree`, and references to what it held are told again under whatever identifier it gets next.
+   /// Takes the adapters of `top` and of everything below it out of the stream; their identifiers are retired, and references to
+   /// what they stood for are told again under whatever identifier it gets next.
    void reidentify(Entity& top);
    /// Ends everything that this side has announced.
    void forgetAnnounced();
@@ -81,8 +94,12 @@ public:
    void drain();
    /// Whether anything at all is owed, by a flow, by a mark or by a bit.
    bool owes() const noexcept;
-   void owesAllNoticed() noexcept { anyOwesAll_ = true; }
-   void untoldNoticed() noexcept { anyUntold_ = true; }
+   void owesAllNoticed(Sa& sa) noexcept { owing_.enqueue(sa); }
+   /// The owner of `sa`'s entity is to be asked for something. \throws std::bad_alloc
+   void untoldNoticed(Sa& sa) { asking_.add(sa); }
+   /// Marks again what refers to entities whose identifier has changed. `drain` does so too; a carrier that is not asked for bytes
+   /// does it behind each batch that has arrived, so that what is noted does not grow.
+   void identifiersSettled();
    /// Called by a record that is about to be written: what was applied is acknowledged before.
    void beforeRecord() {
       if (applied_ != acknowledged_)
@@ -108,8 +125,14 @@ public:
       if (inHand_.sa)
          letGo();
    }
-   /// Binds the peer's identifier to an entity of this process.
-   void bind(EntityId id, Entity& entity, bool isOrphan = false);
+   /// Binds the peer's identifier to an entity of this process. What the identifier stood for is let go last: that runs reactors,
+   /// which may do anything here.
+   void bind(EntityId id, Entity& entity) {
+      bindInRecord(id, entity);
+      releasePending();
+   }
+   /// The same while a record is applied, behind which the rest is let go.
+   void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
    void checkAnnounced(EntityId id) const;
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
@@ -117,8 +140,8 @@ public:
    /// The entity that `wireId` of the peer is bound to; null for none.
    Ptr<Entity> mirrorOf(EntityId wireId) noexcept;
    void retired(EntityId wireId);
-   /// Whether `member` was announced on this connection under another identifier than `id`, which its name has now.
-   bool isOfAnother(Entity const& member, EntityId id);
+   /// Whether `member` stands under another identifier on this connection than `id`, which its name has now.
+   bool isOfAnother(Entity const& member, EntityId id) const noexcept;
    void refresh(EntityId wireId, std::int32_t attribute, std::string_view key);
    /// Every entity that the peer has announced has been told whole.
    bool isSynced() const noexcept { return syncing_ == 0; }
@@ -162,7 +185,10 @@ public:
    // Called by adapters.
    void detached(Sa& sa) noexcept;
    void applicationStarts() noexcept { applicationStarted_ = true; }
-   void parkedIs(Sa& sa);
+   void parkedIs(Sa& sa) {
+      parked_.add(sa);
+      ++counters_.parked;
+   }
 
    /// What happened on this stream since it was made.
    struct Counters {
@@ -175,6 +201,7 @@ public:
       U64 unknownKinds = 0;
       U64 refusedWrites = 0;         ///< of the peer, to what this side owns
       U64 tooLong = 0;               ///< records never sent, because the peer takes none of that length
+      U64 withoutIdentifier = 0;     ///< records never sent, because the peer takes no further identifier
       U64 withoutLog = 0;            ///< references sent as null, because the target's type has no log
       U64 applicationExceptions = 0; ///< that left a mutator while a record was applied
       U64 restartedAnnouncements = 0;
@@ -191,6 +218,7 @@ public:
       U64 refreshesAnswered = 0;
       U64 renamedMembers = 0; ///< a name announced under another identifier within the connection
       U64 belowCursor = 0;    ///< marks set behind a flow's position, which a further round sends
+      U64 abortedResends = 0; ///< resends of a collection that began anew before their end
       U64 brokenWaits = 0;    ///< mirrors let go because both ends waited for each other
    };
    Counters& counters() noexcept { return counters_; }
@@ -203,12 +231,21 @@ public:
       std::size_t waiting = 0;   ///< mirrors of an earlier connection, not yet announced again
       std::size_t flows = 0;
       std::size_t dirtyKeys = 0;
-      std::size_t parked = 0;
-      std::size_t retirements = 0;
+      std::size_t parked = 0;       ///< marks that wait for an identifier: at most one per reference and member
+      std::size_t untold = 0;       ///< local writes that were refused and are not yet answered
+      std::size_t successors = 0;   ///< members created raw in the place of an announced one
+      std::size_t retired = 0;      ///< members that still stand here although their identifier has been retired
+      std::size_t reidentified = 0; ///< entities whose references have to be told again
+      std::size_t retirements = 0;  ///< at most the slots of this side
       std::size_t bufferBytes = 0;
       std::size_t slots = 0; ///< entries of the two tables, in use or not
    };
+   /// *Cost*: a walk over all adapters.
    Footprint footprint() const;
+   /// What is wrong with the structure of this end; empty where all is well. Not to be asked while a record is applied or a backlog
+   /// drained. *Cost*: a walk over all adapters.
+   std::string audit() const;
+   unsigned auditErrors() const { return audit().empty() ? 0 : 1; }
 
    /// Told what went wrong with one record, with stream, offset, entity and attribute: the connection goes on.
    using Report = std::function<void(std::string const&)>;
@@ -221,31 +258,23 @@ public:
    void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.
    U64 applied() const noexcept { return applied_; }
-   U64 acknowledged() const noexcept { return acknowledged_; }
    void peerHighestSlotIs(std::uint32_t slot) noexcept { peerHighestSlot_ = slot; }
    static constexpr std::uint32_t highestSlot = 0x00ffffff;
-
-   /// Every demultiplexer of this thread, for what must reach an entity's adapters on all streams.
-   static void forEach(std::function<void(Demuxer&)> const& visit);
 
    /// Calls `visit` for every adapter on this stream, this side's first.
    void forEachAdapter(std::function<void(Sa&)> const& visit);
 
 private:
-   struct OwnSlot {
-      Ptr<Sa> sa;
-      std::uint32_t generation = 0;
-      bool owesRetirement = false;
-   };
-   struct PeerSlot {
-      Ptr<Sa> sa;
-      Ptr<Entity> entity; ///< held until the peer retires the identifier, so that references in order always resolve
+   struct PeerSlot : Mirror {
       std::uint32_t generation = 0;
       bool isUsed = false;
+      bool isOwedRetirement = false; ///< let go here, which the peer has still to learn and answer
    };
 
    // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
    inline PeerSlot* peerSlot(EntityId wireId) noexcept;
+   PeerSlot& neededSlot(EntityId id);
+   void reserve(EntityId id);
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);
@@ -258,48 +287,60 @@ private:
    [[gnu::always_inline]] inline void applyRecord(Sa& sa, In& in);
    void applyMarker(Sa& sa, In& in);
    void applicationFailed(Sa& sa, In& in);
-   void flushRetirements();
+   void retirementsWrite();
    void owedAllPaid();
-   void reidentifiedMarked();
+   void reidentified(Sa const& sa, Entity const& entity);
    void syncModeSend(Sa& sa, SyncMode mode);
    void wake();
    void refreshesAsk();
+   void limitsTell();
    bool step(FlowOut& flow);
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
-   PeerSlot takenFrom(PeerSlot& slot) noexcept;
-   void release(PeerSlot const& gone) noexcept;
-   std::size_t releaseAll(std::vector<PeerSlot> const& gone) noexcept;
-   template <class Predicate> std::vector<PeerSlot> waitingTaken(Predicate&& isLet);
-   void releaseWaitingBelow(Entity const& top);
+   Mirror takenFrom(PeerSlot& slot) noexcept;
+   void release(Mirror const& gone) noexcept;
+   std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
+   void releasePending() noexcept {
+      if (!letGo_.empty()) [[unlikely]]
+         releaseAll(std::exchange(letGo_, {}));
+   }
+   void releaseWaitingBelow(Entity& top);
+   void peerSlotsTrim() noexcept;
+   std::string auditFlows() const;
+   std::string auditMirrors() const;
+   std::string auditLists() const;
    std::string where(In const& in, Sa const* sa, AttributeId id) const;
 
    Ptr<Out> out_;
    Ptr<In> in_;
+   std::string peerName_;
    bool isOpen_ = false;
    bool isDraining_ = false;
-   bool anyOwesAll_ = false;
-   bool anyUntold_ = false;
    bool anyAwaited_ = false; ///< something was referred to, on this connection, before its owner has announced it again
    bool newIdentifiers_ = false;
    bool applicationStarted_ = false;
    bool isInHandCurrent_ = false; ///< `inHandId_` still stands for `inHand_`
+   bool isLimitReported_ = false; ///< on this connection
 
-   std::vector<OwnSlot> own_;
-   std::vector<std::uint32_t> freeSlots_;
-   std::vector<std::uint32_t> retirements_; ///< slots that owe one; room for every slot is kept
-   std::vector<PeerSlot> peer_;
+   OwnSlots own_;
+   std::vector<PeerSlot> peer_; ///< by slot; may end before the highest slot that the peer has used
+   std::size_t peerEnd_ = 0;    ///< behind the highest slot that the peer has announced on this connection
+   std::size_t mirrored_ = 0;   ///< slots in use
+   std::size_t retiredSinceTrim_ = 0;
    std::uint32_t peerHighestSlot_ = highestSlot;
-   PeerSlot inHand_; ///< what the last record was for
+   Mirror inHand_; ///< what the last record was for
    EntityId inHandId_;
-   std::vector<PeerSlot> waiting_; ///< of an earlier connection
+   WaitingMirrors waiting_;
+   std::vector<Mirror> letGo_; ///< lost their identifier to another while a record was applied; let go behind it
    std::size_t syncing_ = 0;
 
    FlowOut* head_ = nullptr;
    FlowOut* tail_ = nullptr;
-   std::vector<Sa*> parkedAdapters_;
-   std::vector<Entity const*> reidentified_;
-   std::vector<Ptr<Entity>> retiredMembers_; ///< mirrors whose identifier went before they left their parent
+   AdapterQueue owing_;                          ///< owe everything and have been heard of since
+   NotedAdapters<&Notes::parkedAt> parked_;      ///< have marks that wait for an identifier
+   NotedAdapters<&Notes::askingAt> asking_;      ///< have something to ask the owner for
+   std::unordered_set<Entity const*> reidentified_; ///< never looked at, only compared: they may be gone
+   std::vector<Ptr<Sa>> limited_;                ///< roots that can't be told any more
    Ptr<Entity> wanted_;
 
    DeserializingEidAnchor* anchor_ = nullptr;
@@ -309,8 +350,8 @@ private:
    Counters counters_;
    Report report_;
    std::function<void(Sa&)> mismatch_;
+   std::function<void(Entity&)> limitReached_;
    std::vector<MoxType const*> reportedTypes_;
-   Demuxer* nextDemuxer_ = nullptr;
 };
 
 } // namespace NboAttrLog

@@ -1,46 +1,17 @@
 #pragma once
 
+#include "attrlog/Mark.h"
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
-#include "core/String8.h"
 #include "mox/Entity.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 #include <vector>
 
 namespace Mox::NboAttrLog {
 
 class Demuxer;
-
-/// A position in an entity's attributes: the attribute, and for a keyed one the key. One small value, whatever the key's type:
-/// replacing or dropping it needs nobody who knows the type. Whether there is a key is said, never guessed from the key: 0 and the
-/// empty name are keys.
-struct Mark {
-   AttributeId attribute = attr::none;
-   bool hasKey = false;
-   std::int64_t number = 0;
-   Name name;
-
-   Mark() = default;
-   explicit Mark(AttributeId a) : attribute(a) {}
-   template <class Key> Mark(AttributeId a, Key const& key) : attribute(a), hasKey(true) {
-      if constexpr (std::is_convertible_v<Key const&, Name>)
-         name = key;
-      else
-         number = static_cast<std::int64_t>(key);
-   }
-   template <class Key> Key as() const {
-      if constexpr (std::is_convertible_v<Key const&, Name>)
-         return name;
-      else
-         return Key(static_cast<Key>(number));
-   }
-   friend bool operator==(Mark const& a, Mark const& b) {
-      return a.attribute == b.attribute && a.hasKey == b.hasKey && a.number == b.number && a.name == b.name;
-   }
-};
 
 /// Where a backlog stands and what one entity owes one stream. The levels of the entity's type add their dirty bits and keys
 /// (`LevelFlow`). Exists only while something is owed.
@@ -80,6 +51,8 @@ public:
    virtual bool hasWork() const { return false; }
    /// A parked key is back among the marks: what waited for it is looked at again.
    virtual void woken() {}
+   /// Whether the attribute or key is marked: its next turn writes it.
+   virtual bool isMarked(Mark const&) const { return false; }
    /// Appends the collections whose begin the peer has been sent and whose end it has not.
    virtual void openCollections(std::vector<AttributeId>&) const {}
    /// Keys marked, over all collections: what the flow's memory grows with.

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <bit>
+#include <optional>
 #include <tuple>
 #include <type_traits>
 
@@ -46,6 +47,7 @@ template <class A> struct DirtyKeys {
       std::conditional_t<isHashed<A>, HashMap<Entry, typename A::Key, bool>, RbTreeMap<Entry, typename A::Key, bool>>;
    Map map;
    std::size_t gone = 0;
+   std::optional<typename A::Key> last; ///< the key that was written last
 };
 
 namespace detail {
@@ -87,6 +89,7 @@ public:
    void woken() override { still_ = {}; }
    void openCollections(std::vector<AttributeId>& ids) const override;
    std::size_t dirtyKeys() const override;
+   bool isMarked(Mark const& m) const override;
 
    template <class A> bool dirtyBit(A) const noexcept { return (bits_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
    template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(bits_, A::bit, on); }
@@ -161,7 +164,7 @@ public:
    void markAgain(Mark const& mark) override;
    void refreshAsked(Mark const& mark) override;
    void unmark(Mark const& mark) override;
-   void markReferencesTo(std::vector<Entity const*> const& targets) override;
+   void markReferencesTo(std::unordered_set<Entity const*> const& targets) override;
    void announceMember(AttributeId id, Entity& member) override;
    void writeKey(Mark const& mark, std::vector<std::uint8_t>& bytes) const override;
    Mark readKey(AttributeId id, In& in) const override;
@@ -223,6 +226,7 @@ private:
    template <class A> void readMember(A, In& in, bool isLocal);
    template <class A> void dropHere(A, typename A::Key const& key);
    template <class A, class Put, class... Key> void apply(A, Put put, Key const&... key);
+   template <class A, class Put, class... Key> void applyAs(A, bool isAnswer, Put put, Key const&... key);
    template <class A> void sweep(A);
    template <class A> void marksIs(A, bool marked);
 };

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 
 namespace Mox::NboAttrLog {
 
@@ -54,7 +55,7 @@ template <class X> template <class A> void LevelFlow<X>::restarted(A a) {
    isWalkedIs(a, false);
    if (this->holdsBookmark(A::id))
       this->bookmarkDel();
-   std::erase_if(this->owner()->parked(), [](Mark const& mark) { return mark.attribute == A::id; });
+   this->owner()->parkedDelAll(A::id);
 }
 
 template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
@@ -65,6 +66,20 @@ template <class X> std::size_t LevelFlow<X>::dirtyKeys() const {
             count += k->map.size();
    });
    return count;
+}
+
+template <class X> bool LevelFlow<X>::isMarked(Mark const& m) const {
+   bool isOne = false;
+   bool const known = visitAttribute<X>(m.attribute, [&](auto a) {
+      using A = decltype(a);
+      if constexpr (!A::hasEntries) {
+         isOne = dirtyBit(a);
+      } else if (auto const* const k = keys(a)) {
+         auto const* const dirty = k->map.find(m.template as<typename A::Key>());
+         isOne = dirty != nullptr && dirty->value();
+      }
+   });
+   return known ? isOne : Base::isMarked(m);
 }
 
 template <class X> [[gnu::always_inline]] inline AttributeId LevelFlow<X>::nextPending(AttributeId id) const noexcept {
@@ -225,7 +240,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       if constexpr (A::ownsMembers)
          if (auto const* const anchor = this->demuxer_->anchor(); anchor != nullptr && anchor->isFor(*this, key...))
             if (auto* const member = A::cell(object()).find(key...))
-               this->demuxer_->bind(anchor->id(), *member);
+               this->demuxer_->bindInRecord(anchor->id(), *member);
       this->applyingConsumed();
       return;
    }
@@ -276,7 +291,14 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
          mark(a);
          suspendedIs(*flowOut(), Mark(A::id));
          return;
+      } catch (NoIdentifierLeft const&) {
+         demuxer.limitReached(*this);
+         return;
+      } catch (RecordTooLong const& e) {
+         this->tooLong(A::id, e);
+         return;
       }
+      this->parkedDel(Mark(A::id));
    }
    demuxer.beforeRecord();
    Out& out = *demuxer.out();
@@ -296,8 +318,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
          record.close();
       }
    } catch (RecordTooLong const& e) {
-      ++demuxer.counters().tooLong;
-      demuxer.report(e.what());
+      this->tooLong(A::id, e);
    }
 }
 
@@ -313,10 +334,12 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
       flow.dirtyKeyIs(a, key, true);
       suspendedIs(flow, Mark(A::id, key));
       return false;
+   } catch (NoIdentifierLeft const&) {
+      this->demuxer_->limitReached(*this);
    } catch (RecordTooLong const& e) {
-      ++this->demuxer_->counters().tooLong;
-      this->demuxer_->report(e.what());
+      this->tooLong(A::id, e);
    }
+   this->parkedDel(Mark(A::id, key));
    return true;
 }
 
@@ -532,7 +555,7 @@ template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, 
 
 /// The end marker of a collection that has been walked, unless a member is parked: the sweep would delete it.
 template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& flow) {
-   if (std::any_of(this->parked_.begin(), this->parked_.end(), [](Mark const& m) { return m.attribute == A::id; })) {
+   if (this->isParked(A::id)) {
       flow.isStillIs(a, true);
       return;
    }
@@ -604,13 +627,17 @@ template <class X> template <class A> bool LevelSa<X>::sendDirtyKeys(A a, Flow& 
       flow.hasSyncedIs(a, true);
       this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
    }
-   while (flow.keys(a) != nullptr) {
-      auto* const dirty = flow.keys(a)->map.first();
+   while (auto* const keys = flow.keys(a)) {
+      // On from the last one that was written: whoever begins at the front each time looks through all that has been emptied.
+      auto* dirty = keys->last ? keys->map.lowerBound(*keys->last) : keys->map.first();
+      if (dirty == nullptr && keys->last)
+         dirty = keys->map.first();
       if (dirty == nullptr)
          break;
       if (!this->demuxer_->continueFlowOut())
          return false;
       typename A::Key const key = dirty->fwkKey();
+      keys->last = key;
       if (!writeKeyNow(a, key))
          return false;
       if (this->flow_.get() != &flow)
@@ -675,8 +702,8 @@ template <class X> void LevelSa<X>::unmark(Mark const& m) {
       Base::unmark(m);
 }
 
-template <class X> void LevelSa<X>::markReferencesTo(std::vector<Entity const*> const& targets) {
-   auto const isTarget = [&](Entity const* e) { return std::find(targets.begin(), targets.end(), e) != targets.end(); };
+template <class X> void LevelSa<X>::markReferencesTo(std::unordered_set<Entity const*> const& targets) {
+   auto const isTarget = [&](Entity const* e) { return targets.contains(e); };
    X::MoxAttributes::forEach([&](auto a) {
       using A = decltype(a);
       if constexpr (A::kind == Kind::reference) {
@@ -763,15 +790,22 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
       LevelSa& self;
       ~End() { self.applyingConsumed(); }
    } const end{*this};
-   Reading reading{*this, *this->demuxer_->in(), removal | (this->untold_.empty() ? 0 : Reading::owing)};
+   Reading reading{*this, *this->demuxer_->in(), removal | (this->hasUntold() ? Reading::owing : 0)};
    return visitAttribute<X>(id, reading) && (reading.how & Reading::unknown) == 0 ? 1 : 0;
 }
 
+template <class X> template <class A, class Put, class... Key> void LevelSa<X>::apply(A a, Put put, Key const&... key) {
+   applyAs(a, true, put, key...);
+}
+
 /// Runs `put` for the peer, and tells the reactors once where they were owed it and `put` found nothing to change.
-template <class X> template <class A, class Put, class... Key> void LevelSa<X>::apply(A, Put put, Key const&... key) {
+/// \param isAnswer whether the record may answer what was written here
+template <class X>
+template <class A, class Put, class... Key>
+void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
    if (this->demuxer_ == nullptr)
       return; // a reactor has unmounted the mirror between two changes of one record: it stays as it is
-   bool const isOwed = !this->untold_.empty() && this->untoldTaken(Mark(A::id, key...));
+   bool const isOwed = isAnswer && this->hasUntold() && this->untoldTaken(Mark(A::id, key...));
    typename Entity::MoxNboAttrLogSa::Applying const scope(*this);
    this->applyingBegins(A::id);
    this->demuxer_->applicationStarts();
@@ -871,6 +905,7 @@ template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A:
          return;
       Ptr<Entity> const member(A::cell(object()).find(key));
       Demuxer& demuxer = *this->demuxer_;
+      this->retiredTaken(Mark(A::id, key));
       apply(
          a, [&] { A::drop(object(), key); }, key);
       if (member)
@@ -892,17 +927,19 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    }
    demuxer.checkAnnounced(id);
    auto& cell = A::cell(object());
+   bool const wasRetired = this->retiredTaken(Mark(A::id, name));
    if (auto* const present = cell.find(name))
-      if (demuxer.isOfAnother(*present, id)) {
+      if (wasRetired || demuxer.isOfAnother(*present, id)) {
          // The name was announced under another identifier on this connection: this is another entity.
          ++demuxer.counters().renamedMembers;
          dropHere(a, name);
       }
    Ptr<Entity> const before = demuxer.mirrorOf(id);
    typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id, *this, name);
+   // Under an identifier that is known already nothing is answered: the owner was asked for another.
    auto const instantiate = [&] {
-      apply(
-         a, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
+      applyAs(
+         a, !before, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
    };
    {
       Expect const scope(NameInUseException::kind);
@@ -915,9 +952,11 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          } catch (NameInUseException const&) {
             // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again. It may have
             // left the collection there by now, and be referred to: until the identifier is retired, it stands for one beside.
+            if (this->demuxer_ == nullptr)
+               throw;
             this->askOwner(Mark(A::id, name));
             if (!before)
-               demuxer.bind(
+               demuxer.bindInRecord(
                   id, *std::apply([&](auto const&... p) { return make<typename A::Entry>(name, p...); }, parameters));
             throw;
          }
@@ -925,11 +964,11 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    }
    if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {
       member->moxMarkedForDeletionIs(false);
-      demuxer.bind(id, *member);
       // Somebody here has put another in the place of what was announced under this identifier, which others have been told to
       // refer to. The owner, who knows of one only, is asked to announce it anew.
       if (before && before != member)
          this->askOwner(Mark(A::id, name), true);
+      demuxer.bindInRecord(id, *member);
    }
 }
 
@@ -984,7 +1023,7 @@ template <class X> void LevelSa<X>::memberLeft(Mark const& m) {
           using A = decltype(a);
           if constexpr (A::ownsMembers)
              if (A::cell(object()).find(m.name) != nullptr)
-                this->successors_.push_back(m);
+                this->neededNotes().successors.insert(m);
        }))
       Base::memberLeft(m);
 }
@@ -1020,13 +1059,17 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
       }
    }
    // Keys deleted here, and absent at the owner by now: the reactors were never told, and an answer to come will find them told.
-   for (std::size_t i = this->untold_.size(); i-- > 0;)
-      if (i < this->untold_.size() && (this->untold_[i].isOld || this->untold_[i].isAsked) &&
-          this->untold_[i].mark.attribute == A::id) {
-         typename A::Key const key = this->untold_[i].mark.template as<typename A::Key>();
-         if (cell.find(key) == nullptr)
+   if (this->hasUntold()) {
+      std::vector<Mark> marks;
+      for (auto const& [mark, untold] : this->notes_->untold)
+         if (mark.attribute == A::id && (untold.isOld || !this->notes_->unasked.contains(mark)))
+            marks.push_back(mark);
+      for (Mark const& m : marks) {
+         typename A::Key const key = m.template as<typename A::Key>();
+         if (this->demuxer_ != nullptr && this->isUntold(m) && cell.find(key) == nullptr)
             dropHere(a, key);
       }
+   }
    if (first)
       std::rethrow_exception(first);
 }
@@ -1088,9 +1131,10 @@ template <class X> bool parametersMatch(Entity const& entity, In& in, Demuxer& d
                           readParameters(typename X::MoxParameters{}, in, demuxer));
 }
 
-template <class X> bool hasParameter(Entity const& entity, Entity const& target) {
+template <class X>
+bool hasParameter(Entity const& entity, [[maybe_unused]] std::unordered_set<Entity const*> const& targets) {
    bool has = false;
-   X::MoxParameters::forEach([&](auto p) { has |= p.cell(static_cast<X const&>(entity)) == &target; });
+   X::MoxParameters::forEach([&](auto p) { has |= targets.contains(p.cell(static_cast<X const&>(entity)).get()); });
    return has;
 }
 

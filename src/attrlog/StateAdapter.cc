@@ -35,6 +35,10 @@ Sa::MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Dem
       entity_->referenceInc();
 }
 
+Sa* Sa::ofReactor(PtrInterface::NotifieeConst const& reactor) noexcept {
+   return dynamic_cast<Sa*>(reactor.moxRawReactor());
+}
+
 Sa::~MoxNboAttrLogSa() {
    detach();
 }
@@ -58,6 +62,7 @@ void Sa::detach() noexcept {
       demuxer_->detached(*this);
       demuxer_ = nullptr;
    }
+   notes_ = nullptr;
    if (Entity* const entity = std::exchange(entity_, nullptr); entity != nullptr && std::exchange(holdsEntity_, false))
       entity->referenceDec();
 }
@@ -104,10 +109,10 @@ int Sa::handleAttrDeserialization(std::int32_t aid, NboAttrLog::DeserializationO
    std::uint32_t const mode = input.nextU32();
    if (mode > static_cast<std::uint32_t>(SyncMode::resend))
       throwRangeException("sync mode " + std::to_string(mode) + ": expected 0 to 2");
-   NboAttrLog::Demuxer::forEach([&](NboAttrLog::Demuxer& demuxer) {
-      if (Sa* const sa = demuxer.adapterOf(*entity_); sa != nullptr && sa->entityId() == entityId_)
+   // To every stream on which the identifier stands for the entity.
+   for (auto* r = entity_->moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (Sa* const sa = ofReactor(*r); sa != nullptr && sa->entityId() == entityId_)
          sa->syncModeIs(static_cast<SyncMode>(mode));
-   });
    return 1;
 }
 
@@ -145,7 +150,7 @@ void Sa::refreshAsked(NboAttrLog::Mark const& mark) {
 }
 
 void Sa::unmark(NboAttrLog::Mark const&) {}
-void Sa::markReferencesTo(std::vector<Entity const*> const&) {}
+void Sa::markReferencesTo(std::unordered_set<Entity const*> const&) {}
 void Sa::announceMember(AttributeId, Entity&) {}
 void Sa::marksDel(AttributeId) {}
 void Sa::tellUntold(NboAttrLog::Mark const&) {}
@@ -202,7 +207,7 @@ void Sa::onNotificationException(AttributeId) {
 void Sa::owesAllIs() noexcept {
    owesAll_ = true;
    if (demuxer_ != nullptr)
-      demuxer_->owesAllNoticed();
+      demuxer_->owesAllNoticed(*this);
 }
 
 bool Sa::prepareImmediateTransmission(AttributeId, bool isTight) {
@@ -216,7 +221,9 @@ bool Sa::prepareImmediateTransmission(AttributeId, bool isTight) {
 void Sa::doThrowReadOnly(AttributeId id) const {
    throw ReadOnlyException(std::string(std::string_view(entity_->fullName())) + "." +
                            std::string(std::string_view(entity_->attributeString(id))) +
-                           " is read-only here: it mirrors " + demuxer_->name());
+                           " is read-only here: " +
+                           (demuxer_->peerName().empty() ? "its owner is another process"
+                                                         : "its owner is \"" + demuxer_->peerName() + "\""));
 }
 
 void Sa::throwPeerMayNotWrite() const {
@@ -224,6 +231,12 @@ void Sa::throwPeerMayNotWrite() const {
       throwInternalException("entity reactor is already active");
    throwInternalException("write-update from readonly proxy: " + std::string(std::string_view(entity_->fullName())) +
                           " peerName: " + demuxer_->name());
+}
+
+void Sa::tooLong(AttributeId id, std::exception const& e) const {
+   ++demuxer_->counters().tooLong;
+   demuxer_->report(std::string(std::string_view(entity_->fullName())) + "." +
+                    std::string(std::string_view(entity_->attributeString(id))) + " is not told: " + e.what());
 }
 
 void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count) {
@@ -234,35 +247,66 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
 void Sa::parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark) {
    using NboAttrLog::FlowOut;
    flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
+   neededNotes();
    demuxer_->parkedIs(*this);
-   parked_.push_back(std::move(mark)); // first: without memory for it, it stays marked
-   unmark(parked_.back());
+   // First: without memory for it, it stays marked.
+   notes_->parked.insert(mark);
+   unmark(mark);
+}
+
+bool Sa::isParked(AttributeId id) const noexcept {
+   return notes_ && std::any_of(notes_->parked.begin(), notes_->parked.end(),
+                                [id](NboAttrLog::Mark const& m) { return m.attribute == id; });
+}
+
+void Sa::parkedDelAll(AttributeId id) noexcept {
+   if (!notes_)
+      return;
+   if (id == attr::none)
+      notes_->parked.clear();
+   else
+      std::erase_if(notes_->parked, [id](NboAttrLog::Mark const& m) { return m.attribute == id; });
 }
 
 void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
    try {
-      auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
-      if (at == untold_.end()) {
-         untold_.push_back({std::move(mark), false, isTold, !entityId_.isAssigned()});
-      } else {
-         at->isTold = at->isTold && isTold;
-         if (at->isOld && entityId_.isAssigned())
-            at->isOld = false; // written again while the resend goes on, which may be past it
+      NboAttrLog::Notes& notes = neededNotes();
+      bool const isBound = entityId_.isAssigned();
+      auto const [at, isNew] = notes.untold.try_emplace(mark, NboAttrLog::Untold{isTold, !isBound});
+      bool isOpen = isNew;
+      if (!isNew) {
+         at->second.isTold = at->second.isTold && isTold;
+         isOpen = at->second.isOld && isBound; // written again while the resend goes on, which may be past it
+         if (isOpen)
+            at->second.isOld = false;
       }
-      demuxer_->untoldNoticed();
+      if (isOpen && isBound) {
+         notes.unasked.insert(std::move(mark));
+         demuxer_->untoldNoticed(*this);
+      }
    } catch (std::bad_alloc const&) {
       owesAllIs();
    }
 }
 
 bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
-   auto const at = std::find_if(untold_.begin(), untold_.end(), [&](Untold const& u) { return u.mark == mark; });
-   if (at == untold_.end())
+   auto const at = notes_->untold.find(mark);
+   if (at == notes_->untold.end())
       return false;
    // An answer that is still to come finds nothing to tell.
-   bool const isOwed = !at->isTold;
-   untold_.erase(at);
+   bool const isOwed = !at->second.isTold;
+   notes_->untold.erase(at);
+   notes_->unasked.erase(mark);
    return isOwed;
+}
+
+void Sa::untoldCut() noexcept {
+   if (!notes_)
+      return;
+   notes_->unasked.clear();
+   for (auto& [mark, untold] : notes_->untold)
+      untold.isOld = true;
+   notesTrim();
 }
 
 void Sa::doSerializeOrphan() {
@@ -289,7 +333,7 @@ void Sa::doSerializeOrphan() {
 
 Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out) {
    for (auto* r = reactors_.first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
-      if (auto* const sa = dynamic_cast<MoxNboAttrLogSa*>(r->moxRawReactor()))
+      if (auto* const sa = MoxNboAttrLogSa::ofReactor(*r))
          if (out ? sa->nboAttrLogOut() == out : sa->entityId().isAssigned() && sa->streamDemuxer()->isOpen())
             return Ptr<MoxNboAttrLogSa>(sa);
    return nullptr;

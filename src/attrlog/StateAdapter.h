@@ -7,7 +7,10 @@
 #include "mox/Entity.h"
 #include "mox/Reactor.h"
 
+#include <cstdint>
 #include <memory>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Mox {
@@ -16,9 +19,11 @@ class MoxType;
 class StreamAdapter;
 
 namespace NboAttrLog {
+class AdapterQueue;
 class Demuxer;
 class In;
 class Out;
+class WaitingMirrors;
 
 /// What a received record says beside its value; passed on unchanged to the framework's level.
 struct DeserializationOptions {
@@ -38,9 +43,37 @@ struct TypeOperations {
    void (*writeParameters)(Entity const& entity, Out& out, Demuxer&) = nullptr;
    /// Announces what the constructor parameters refer to. \throws NoEntityIdException where the peer must announce it
    void (*announceParameters)(Entity const& entity, Demuxer&) = nullptr;
-   /// Whether a constructor parameter refers to `target`.
-   bool (*hasParameter)(Entity const& entity, Entity const& target) = nullptr;
+   /// Whether a constructor parameter refers to one of `targets`.
+   bool (*hasParameter)(Entity const& entity, std::unordered_set<Entity const*> const& targets) = nullptr;
    std::size_t parameters = 0;
+};
+
+/// What was written here although the owner is another process: asked for again, and told once when it comes.
+struct Untold {
+   bool isTold = false; ///< the reactors know what is here: the answer tells them a difference or nothing
+   bool isOld = false;  ///< written before this connection told the entity: the resend answers it
+};
+
+/// What an adapter has to remember beside its backlog. Few adapters have anything, and only those have notes.
+struct Notes {
+   static constexpr std::uint32_t unlisted = ~std::uint32_t{0};
+
+   MarkSet parked; ///< wait for an identifier; one per reference or key
+   MarkMap<Untold> untold;
+   MarkSet unasked;    ///< those of `untold` that the owner is still to be asked for
+   MarkSet successors; ///< created raw in the place of an announced member; one per member
+   MarkSet retired;    ///< members whose identifier the owner has retired before it told that they are gone
+   // Positions in the demultiplexer's lists.
+   std::uint32_t parkedAt = unlisted;
+   std::uint32_t askingAt = unlisted;
+
+   bool empty() const noexcept {
+      return parked.empty() && untold.empty() && unasked.empty() && successors.empty() && retired.empty() &&
+             parkedAt == unlisted && askingAt == unlisted;
+   }
+   std::size_t size() const noexcept {
+      return parked.size() + untold.size() + unasked.size() + successors.size() + retired.size();
+   }
 };
 
 /// The log operations of an entity's type, its base's where it has none of its own; null without a log.
@@ -143,7 +176,7 @@ public:
    /// What `mark` refers to has no identifier yet: moves it from `flow` to what waits for one, and lets the flow go on.
    void parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark);
    /// Marks every reference whose target is in `targets`; `onMember` is told the members whose constructor parameters are.
-   virtual void markReferencesTo(std::vector<Entity const*> const& targets);
+   virtual void markReferencesTo(std::unordered_set<Entity const*> const& targets);
    /// Announces `member` of the collection `id` now, as the group that a reference needs.
    virtual void announceMember(AttributeId id, Entity& member);
    /// The open resend of `id` has ended without its end marker: takes its marks along.
@@ -205,20 +238,44 @@ public:
    void owesAllIs() noexcept;
    bool owesAll() const noexcept { return owesAll_; }
    void owesAllDel() noexcept { owesAll_ = false; }
+   /// Something on this stream refers to the entity, or has: a new identifier concerns others.
+   bool isReferred() const noexcept { return isReferred_; }
+   void isReferredIs(bool referred) noexcept { isReferred_ = referred; }
 
-   /// Marks that wait for an identifier.
-   std::vector<NboAttrLog::Mark>& parked() noexcept { return parked_; }
+   /// Null where there is nothing to remember.
+   NboAttrLog::Notes* notes() const noexcept { return notes_.get(); }
+   /// Lets go of notes that say nothing any more.
+   void notesTrim() noexcept {
+      if (notes_ && notes_->empty())
+         notes_ = nullptr;
+   }
 
-   /// What was written here although the owner is another process: asked for again, and told once when it comes.
-   struct Untold {
-      NboAttrLog::Mark mark;
-      bool isAsked = false;
-      bool isTold = false; ///< the reactors know what is here: the answer tells them a difference or nothing
-      bool isOld = false;  ///< written before this connection told the entity: the resend answers it
-   };
-   std::vector<Untold>& untold() noexcept { return untold_; }
+   // Marks that wait for an identifier.
+   std::size_t parkedCount() const noexcept { return notes_ ? notes_->parked.size() : 0; }
+   /// Whether a key of the attribute waits.
+   bool isParked(AttributeId id) const noexcept;
+   /// The mark has been written, or waits no more.
+   void parkedDel(NboAttrLog::Mark const& mark) noexcept {
+      if (notes_) [[unlikely]]
+         notes_->parked.erase(mark);
+   }
+   /// No key of the attribute waits any more; of any with `attr::none`.
+   void parkedDelAll(AttributeId id) noexcept;
 
-   std::vector<Untold> const& untold() const noexcept { return untold_; }
+   // What was written here and not told.
+   bool hasUntold() const noexcept { return notes_ && !notes_->untold.empty(); }
+   /// Whether `mark` stands here as somebody wrote it, without its owner.
+   bool isUntold(NboAttrLog::Mark const& mark) const { return notes_ && notes_->untold.contains(mark); }
+   /// The connection has ended: the next resend answers what this one has not.
+   void untoldCut() noexcept;
+
+   /// The owner has retired the identifier of the member `mark` while it still stands here.
+   void retiredIs(NboAttrLog::Mark mark) { neededNotes().retired.insert(std::move(mark)); }
+   /// Whether that was said of `mark`; forgets it.
+   bool retiredTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->retired.erase(mark) != 0; }
+
+   /// The adapter that `reactor` carries notifications to; null for a reactor of anything else, whatever it says of itself.
+   static MoxNboAttrLogSa* ofReactor(PtrInterface::NotifieeConst const& reactor) noexcept;
 
    /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
    void detach() noexcept;
@@ -295,14 +352,19 @@ protected:
          throwPeerMayNotWrite();
    }
    [[noreturn]] void throwPeerMayNotWrite() const;
+   /// A record of `id` that the peer does not take has been given up: counts and reports it.
+   void tooLong(AttributeId id, std::exception const& e) const;
    void applyingConsumed() noexcept { flags_ &= ~applying; }
    /// Has the owner asked what `mark` is there; `isTold` where the reactors know what it is here. Never throws; without memory
    /// the whole entity is asked for.
    void askOwner(NboAttrLog::Mark mark, bool isTold = false) noexcept;
-   /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
-   bool successorTaken(NboAttrLog::Mark const& mark) noexcept {
-      return !successors_.empty() && std::erase(successors_, mark) != 0;
+   NboAttrLog::Notes& neededNotes() {
+      if (!notes_)
+         notes_ = std::make_unique<NboAttrLog::Notes>();
+      return *notes_;
    }
+   /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
+   bool successorTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->successors.erase(mark) != 0; }
    /// Whether the reactors are owed word of `mark`, which was written here and not told; forgets it.
    bool untoldTaken(NboAttrLog::Mark const& mark);
 
@@ -314,15 +376,23 @@ protected:
    bool owesAll_ = false;
    bool isPaused_ = false;
    bool isAwaited_ = false;
+   bool isReferred_ = false;
    AttributeId applyingId_ = attr::none;
    EntityId memberOf_;
    ReactorLink* link_ = nullptr;
    Ptr<PtrInterface::NotifieeConst> adapter_;
    Ptr<NboAttrLog::FlowOut> flow_;
-   std::vector<NboAttrLog::Mark> parked_;
-   std::vector<Untold> untold_;
+   std::unique_ptr<NboAttrLog::Notes> notes_;
    std::vector<AttributeId> flowsIn_;
-   std::vector<NboAttrLog::Mark> successors_; ///< at most one per member
+
+private:
+   friend class NboAttrLog::AdapterQueue;
+   friend class NboAttrLog::WaitingMirrors;
+
+   MoxNboAttrLogSa* queuedBefore_ = nullptr; ///< in the demultiplexer's queue of those that owe everything
+   MoxNboAttrLogSa* queuedBehind_ = nullptr;
+   bool isQueued_ = false;
+   std::uint32_t waitingAt_ = NboAttrLog::Notes::unlisted; ///< in the demultiplexer's list of waiting mirrors
 };
 
 } // namespace Mox

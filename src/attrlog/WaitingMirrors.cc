@@ -1,0 +1,65 @@
+#include "attrlog/WaitingMirrors.h"
+
+#include <utility>
+
+namespace Mox::NboAttrLog {
+
+void WaitingMirrors::add(Mirror mirror) {
+   Sa& sa = *mirror.sa;
+   mirrors_.push_back(std::move(mirror));
+   if (sa.isOrphan())
+      try {
+         orphans_.emplace(sa.entity()->moxName(), &sa);
+      } catch (...) {
+         mirrors_.pop_back();
+         throw;
+      }
+   sa.waitingAt_ = static_cast<std::uint32_t>(mirrors_.size() - 1);
+}
+
+Mirror WaitingMirrors::taken(Sa& sa) noexcept {
+   std::uint32_t const place = std::exchange(sa.waitingAt_, Notes::unlisted);
+   Mirror mirror = std::move(mirrors_[place]);
+   if (place + 1 != mirrors_.size()) {
+      mirrors_[place] = std::move(mirrors_.back());
+      mirrors_[place].sa->waitingAt_ = place;
+   }
+   mirrors_.pop_back();
+   if (sa.isOrphan()) {
+      auto const [first, last] = orphans_.equal_range(mirror.entity->moxName());
+      for (auto at = first; at != last; ++at)
+         if (at->second == &sa) {
+            orphans_.erase(at);
+            break;
+         }
+   }
+   // Memory comes back after a burst.
+   if (mirrors_.empty()) {
+      mirrors_ = {};
+      orphans_ = {};
+   }
+   return mirror;
+}
+
+std::string WaitingMirrors::audit() const {
+   std::size_t orphans = 0;
+   for (std::size_t i = 0; i < mirrors_.size(); ++i) {
+      Mirror const& mirror = mirrors_[i];
+      if (!mirror.sa || !mirror.entity || mirror.sa->entity() != mirror.entity.get())
+         return "a waiting mirror has no entity, or another than its adapter";
+      std::string const which = "waiting mirror " + mirror.entity->fullName().str();
+      if (mirror.sa->waitingAt_ != i)
+         return which + " does not know its place";
+      if (mirror.sa->entityId().isAssigned())
+         return which + " has an identifier";
+      if (!mirror.sa->isMirror())
+         return which + " is this side's own";
+      orphans += mirror.sa->isOrphan();
+   }
+   if (orphans != orphans_.size())
+      return "of " + std::to_string(orphans) + " waiting orphans " + std::to_string(orphans_.size()) +
+             " can be found by name";
+   return {};
+}
+
+} // namespace Mox::NboAttrLog

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "attrlog/StateAdapter.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace Mox::NboAttrLog {
+
+/// An entity of the peer's as it stands here, and its adapter.
+struct Mirror {
+   Ptr<Entity::MoxNboAttrLogSa> sa; ///< null for what this side has no type for
+   Ptr<Entity> entity;              ///< held until the peer retires the identifier, so that references in order always resolve
+};
+
+/// Mirrors that have no identifier: of an earlier connection, until the peer announces them again or has told everything, and roots
+/// that wait for their first opening. Each knows its place, and orphans are found by their names.
+class WaitingMirrors {
+public:
+   using Sa = Entity::MoxNboAttrLogSa;
+
+   bool empty() const noexcept { return mirrors_.empty(); }
+   std::size_t size() const noexcept { return mirrors_.size(); }
+   static bool isWaiting(Sa const& sa) noexcept { return sa.waitingAt_ != Notes::unlisted; }
+
+   /// \throws std::bad_alloc; nothing has changed then
+   void add(Mirror mirror);
+   /// Takes the mirror out; it waits.
+   Mirror taken(Sa& sa) noexcept;
+   /// Takes those out for which `isTaken(sa)` holds, in the order in which they came.
+   template <class Predicate> std::vector<Mirror> takenIf(Predicate isTaken) {
+      std::vector<Mirror> some;
+      for (Mirror const& mirror : mirrors_)
+         if (isTaken(*mirror.sa))
+            some.push_back(mirror);
+      for (Mirror const& mirror : some)
+         taken(*mirror.sa);
+      return some;
+   }
+   /// Whether `is(sa)` holds for an orphan of that name; the first for which it does, or null.
+   template <class Predicate> Sa* orphan(Name const& name, Predicate is) const {
+      auto const [first, last] = orphans_.equal_range(name);
+      for (auto at = first; at != last; ++at)
+         if (is(*at->second))
+            return at->second;
+      return nullptr;
+   }
+   template <class Predicate> bool any(Predicate is) const {
+      for (Mirror const& mirror : mirrors_)
+         if (is(*mirror.sa))
+            return true;
+      return false;
+   }
+
+   /// What is wrong with the list; empty where all is well.
+   std::string audit() const;
+
+private:
+   std::vector<Mirror> mirrors_;
+   std::unordered_multimap<Name, Sa*> orphans_;
+};
+
+} // namespace Mox::NboAttrLog
