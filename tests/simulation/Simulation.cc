@@ -41,6 +41,7 @@ struct Run::Kind {
    char const* text;
    void (*happens)(Run&, World&, Words&);
    char const* fault = nullptr; ///< that it is
+   bool heals = false;          ///< entities are told whole afterwards: none in a calm stretch
 };
 
 namespace {
@@ -88,15 +89,16 @@ Run::Kind const Run::kinds[] = {
        Deeper const still(r.depth_), silent(r.depth_);
        if (w.changeWithoutMemory(words))
           r.count("allocation failure");
-    }},
+    },
+    nullptr, true},
    {20, "release", [](Run&, World& w, Words& words) { w.releaseHeld(words); }},
    {15, "adopt", [](Run&, World& w, Words& words) { w.adopt(words); }},
    {45, "add reactor", [](Run&, World& w, Words& words) { w.addReactor(words); }},
    {20, "drop reactor", [](Run&, World& w, Words& words) { w.dropReactor(words); }},
-   {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }},
-   {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }},
+   {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }, nullptr, true},
+   {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }, nullptr, true},
    {3, "close export", [](Run&, World& w, Words& words) { w.closeExport(words.below(w.roots().size())); },
-    "export closed"},
+    "export closed", true},
    {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
    {3, "remount",
     [](Run&, World& w, Words& words) {
@@ -104,19 +106,21 @@ Run::Kind const Run::kinds[] = {
        if (words.chance(60))
           w.mountAll();
     },
-    "remount"},
+    "remount", true},
    {16, "stall",
     [](Run& r, World& w, Words& words) { r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
     "stall"},
    {5, "split storm", [](Run& r, World& w, Words&) { r.pipeFrom(w).splitStorm(100); }, "split storm"},
    {10, "ping", [](Run&, World& w, Words& words) { w.demuxer().out()->control(NboAttrLog::Ping{words.next()}); }},
-   {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }},
+   {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }, nullptr, true},
    {20, "connect", [](Run& r, World&, Words&) { r.connect(); }},
    {3, "restart",
     [](Run& r, World& w, Words& words) {
        r.cut(words);
        r.restart(w);
-    }},
+    },
+    nullptr, true},
+   {4, "settle and compare", [](Run& r, World&, Words&) { r.settleAndCompare("on the way"); }},
    {15, "check",
     [](Run& r, World&, Words&) {
        for (World& each : r.worlds_)
@@ -134,12 +138,21 @@ std::vector<Step> stepsOf(U64 seed) {
    for (auto const& kind : Run::kinds)
       all += kind.weight;
    std::vector<Step> steps(480 + words.below(200));
+   std::size_t left = 0;
+   bool isCalm = false;
    for (Step& step : steps) {
-      std::size_t at = words.below(all);
-      step.kind = 0;
-      while (at >= Run::kinds[step.kind].weight)
-         at -= Run::kinds[step.kind++].weight;
+      if (left-- == 0) {
+         left = 40 + words.below(200);
+         isCalm = words.chance(50);
+      }
+      do {
+         std::size_t at = words.below(all);
+         step.kind = 0;
+         while (at >= Run::kinds[step.kind].weight)
+            at -= Run::kinds[step.kind++].weight;
+      } while (isCalm && Run::kinds[step.kind].heals);
       step.word = words.next();
+      step.isCalm = isCalm;
    }
    return steps;
 }
@@ -170,11 +183,19 @@ void Run::play(std::vector<Step> const& steps) {
       World& world = worlds_[words.below(2)];
       Kind const& kind = kinds[step.kind];
       count("steps");
+      isCalm_ = step.isCalm;
       kind.happens(*this, world, words);
       if (kind.fault != nullptr)
          count(kind.fault);
       throwIfWrong();
+      audit();
    }
+}
+
+/// After every step: what is wrong for a moment only is found too.
+void Run::audit() {
+   for (World& world : worlds_)
+      world.audit();
 }
 
 void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* member) {
@@ -195,12 +216,12 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
    } else if (role < 96) {
       carry(words.below(2), words, words.chance(40));
    } else if (role < 98) {
-      if (isEnding_)
+      if (isEnding_ || isCalm_)
          return;
       world.unmount(words.below(world.mirrors().size()));
       world.mountAll();
       count("remount");
-   } else {
+   } else if (!isCalm_) {
       cut(words);
    }
 }
@@ -282,13 +303,13 @@ void Run::settle(char const* when) {
    throw Divergence(text);
 }
 
-void Run::finish() {
+void Run::settleAndCompare(char const* when) {
    for (World& world : worlds_) {
       world.resumeAll();
       world.openExports();
       world.mountAll();
    }
-   settle("after the last change");
+   settle(when);
    for (World& world : worlds_) {
       world.checkMemory();
       if (auto const f = world.demuxer().footprint(); owed(f) != 0)
@@ -297,12 +318,18 @@ void Run::finish() {
          if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
             world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
    }
+   compared_.clear();
    compare(worlds_[0], worlds_[1]);
    compare(worlds_[1], worlds_[0]);
-   for (World& world : worlds_) {
+   for (World& world : worlds_)
       world.checkHistories();
+}
+
+void Run::finish() {
+   isCalm_ = false;
+   settleAndCompare("after the last change");
+   for (World& world : worlds_)
       collect(world);
-   }
 
    isEnding_ = true;
    for (World& world : worlds_)

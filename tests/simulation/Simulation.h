@@ -17,6 +17,7 @@ namespace Simulation {
 struct Step {
    std::size_t kind;
    U64 word;
+   bool isCalm; ///< of a stretch without cuts, remounts, and resends of whole entities: nothing heals what went wrong
 };
 char const* textOf(Step const& step) noexcept;
 
@@ -41,7 +42,7 @@ class Run {
 public:
    Run(Mox::U64 seed, Counts& counts);
    void play(std::vector<Step> const& steps);
-   /// Heals the connection, waits until nothing moves, and compares; then closes all roots and looks for what is left.
+   /// Settles and compares; then closes all roots and looks for what is left.
    void finish();
 
    void count(std::string const& what) { ++counts_[what]; }
@@ -65,7 +66,10 @@ private:
    void connect();
    void cut(Words& words);
    void restart(World& world);
+   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
+   void settleAndCompare(char const* when);
    void settle(char const* when);
+   void audit();
    void compare(World& owner, World& mirror);
    void compareEntities(World& owner, Mox::Entity& truth, World& mirror, Mox::Entity& copy, std::string const& path);
    void collect(World& world);
@@ -77,6 +81,7 @@ private:
    unsigned now_ = 0;
    unsigned depth_ = 0;
    bool isUp_ = false;
+   bool isCalm_ = false;
    bool isEnding_ = false; ///< roots are closed for good: no reactor mounts them again
    U64 incarnations_ = 0;
    std::string wrong_;

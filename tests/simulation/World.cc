@@ -59,6 +59,14 @@ template <class T> T taken(std::vector<T>& from, Words& words) {
 /// Sees whether an entity lives, and keeps it from nothing.
 class Watcher final : public Entity::NotifieeConst {};
 
+/// What is wrong with the inside of one end; empty for nothing.
+template <class Demuxer> std::string faultIn(Demuxer const& demuxer) {
+   if constexpr (requires { demuxer.auditErrors(); })
+      if (demuxer.auditErrors() != 0)
+         return demuxer.audit();
+   return {};
+}
+
 /// Members and theirs.
 void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
    if (auto const visit = root.fwkType()->operations().visitMembers)
@@ -282,19 +290,30 @@ std::string World::pathOf(Entity const* entity) const {
    return "/" + entity->name().str();
 }
 
-void World::checkMemory() {
+void World::audit() {
    auto const& out = *demuxer().out();
+   auto const f = demuxer().footprint();
    // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
-   std::size_t const bound = mark_ + 2048 + 1024 + 32 * demuxer().footprint().slots;
+   std::size_t const bound = mark_ + 2048 + 1024 + 32 * f.slots;
    if (out.highWater() > bound)
       diverges("the buffer held " + std::to_string(out.highWater()) + " bytes, at most " + std::to_string(bound) +
                " are allowed with a mark of " + std::to_string(mark_));
-   demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
-      if (sa.flow() && sa.entity() != nullptr)
-         if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
-            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.flow()->dirtyKeys()) +
-                     " dirty keys, at most " + std::to_string(most) + " are allowed");
-   });
+   if (f.retirements > f.slots)
+      diverges(std::to_string(f.retirements) + " retirements are owed for " + std::to_string(f.slots) + " slots");
+   if (f.dirtyKeys != 0)
+      demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+         if (sa.flow() && sa.entity() != nullptr)
+            if (std::size_t const keys = sa.flow()->dirtyKeys(); keys > 64)
+               if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); keys > most)
+                  diverges(sa.entity()->fullName().str() + " has " + std::to_string(keys) + " dirty keys, at most " +
+                           std::to_string(most) + " are allowed");
+      });
+   if (std::string const fault = faultIn(demuxer()); !fault.empty())
+      diverges("audit finds " + fault);
+}
+
+void World::checkMemory() {
+   audit();
    if (demuxer().counters().refusedWrites != 0)
       diverges("a mirror wrote to its owner");
    for (auto const* const roots : {&roots_, &mirrors_})

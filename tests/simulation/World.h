@@ -70,6 +70,8 @@ public:
    /// What a reference is called in both worlds, once all roots are open.
    std::string pathOf(Entity const* entity) const;
    void checkMemory();
+   /// What must hold at any time, and costs little to ask.
+   void audit();
    void checkHistories();
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
