@@ -168,6 +168,18 @@ Run::Run(U64 seed, Counts& counts) : counts_(counts), worlds_{World('a', *this),
       connect();
 }
 
+Run::Run(Counts& counts) : counts_(counts), worlds_{World('a', *this), World('b', *this)} {
+   for (World& world : worlds_)
+      world.start(++incarnations_);
+   connect();
+}
+
+void Run::reconnect() {
+   Words words(0);
+   cut(words);
+   connect();
+}
+
 void Run::throwIfWrong() {
    if (!wrong_.empty())
       throw Divergence(wrong_);

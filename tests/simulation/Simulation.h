@@ -41,9 +41,17 @@ class Divergence : public std::runtime_error {
 class Run {
 public:
    Run(Mox::U64 seed, Counts& counts);
+   /// Two worlds that are connected, with nothing chosen by chance.
+   explicit Run(Counts& counts);
    void play(std::vector<Step> const& steps);
    /// Settles and compares; then closes all roots and looks for what is left.
    void finish();
+   /// Carries bytes until nothing moves.
+   void settle(char const* when);
+   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
+   void settleAndCompare(char const* when);
+   void reconnect();
+   World& world(std::size_t which) noexcept { return worlds_[which]; }
 
    void count(std::string const& what) { ++counts_[what]; }
    /// A reactor does something of its own.
@@ -63,12 +71,9 @@ private:
 
    Pipe& pipeFrom(World const& world) noexcept { return pipes_[&world == &worlds_[1] ? 1 : 0]; }
    bool carry(std::size_t from, Words& words, bool isWhole);
-   void connect();
    void cut(Words& words);
    void restart(World& world);
-   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
-   void settleAndCompare(char const* when);
-   void settle(char const* when);
+   void connect();
    void audit();
    void compare(World& owner, World& mirror);
    void compareEntities(World& owner, Mox::Entity& truth, World& mirror, Mox::Entity& copy, std::string const& path);
