@@ -104,7 +104,7 @@ int playScenarios(std::string const& name, bool pending) {
          [&] {
             Counts counts;
             return wrongIn([&] {
-               Run run(counts);
+               Run run(scenario.shape, counts);
                scenario.play(run);
                run.finish();
             });
