@@ -1,10 +1,11 @@
 #include "Scenarios.h"
 
+#include "Values.h"
 #include "core/Exceptions.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
 #include "notify/Observe.h"
 #include "siblings/Gpo.h"
-
-#include "entities/Cl10010ConfigReactor.h"
 
 namespace Simulation {
 
@@ -31,8 +32,10 @@ template <class E, class Call> void throws(Call call, char const* what) {
    }
    throw Divergence(what);
 }
-template <class Call> void refuses(Call call) {
+/// Writes `attribute`, of `name` if there is one, of a mirror in `world`.
+template <class A, class Call> void refuses(World& world, typename A::Owner& entity, A, char const* name, Call call) {
    throws<ReadOnlyException>(call, "a write to a mirror is not refused");
+   world.refused(entity, {A::id, name == nullptr ? "" : "[" + textOf(Name(name)) + "]"});
 }
 
 Cl10010ConfigDir& directory(World& world) {
@@ -63,7 +66,8 @@ void refusedDeletionTwoAnnouncements(Run& run) {
    run.settle("before");
    truth.phyConfigNotify("x");
    truth.phyConfigNotify("x");
-   refuses([&] { mirrored(run.world(1)).phyConfigDel("x"); });
+   auto& mirror = mirrored(run.world(1));
+   refuses(run.world(1), mirror, Cl10010ConfigDir::Attr::phyConfig, "x", [&] { mirror.phyConfigDel("x"); });
    run.settleAndCompare("after two announcements");
 }
 
@@ -128,7 +132,7 @@ void watchUnmountsBehindRawReplacement(Run& run) {
    run.settle("before");
    Ptr<Cl10010Config> const member = mirrored(world).phyConfig("x");
    Watch const watch = on(member, Cl10010Config::Attr::refClock, [&](Cl10010Config&) { world.unmount(configs); });
-   refuses([&] { member->refClockIs(5); });
+   refuses(world, *member, Cl10010Config::Attr::refClock, nullptr, [&] { member->refClockIs(5); });
    mirrored(world).newPhyConfig("x");
    truth.phyConfigNotify("x");
    run.settle("after the announcement");
@@ -219,6 +223,27 @@ void oneEntityMountedTwice(Run& run) {
    run.settleAndCompare("afterwards");
 }
 
+/// What is written to a mirror and refused stays in that process: who mirrors the mirror sees the owner's values only.
+void refusedWritesInAChain(Run& run) {
+   directory(run.world(0)).phyConfigIs("x")->refClockIs(7);
+   run.settle("before");
+   auto& middle = mirrored(run.world(1));
+   auto const far = staticCast<Cl10010ConfigDir>(run.world(2).mirrors()[run.world(1).roots().size() + configs]);
+   Ptr<Cl10010Config> const copy = far->phyConfig("x");
+   std::string seen;
+   Watch const value = on(copy, Cl10010Config::Attr::refClock,
+                          [&](Cl10010Config& e) { seen += " refClock " + std::to_string(e.refClock()); });
+   Watch const names = on(far, Cl10010ConfigDir::Attr::phyConfig,
+                          [&](Cl10010ConfigDir&, Name const& name) { seen += " " + name.str(); });
+   auto const member = middle.phyConfig("x");
+   refuses(run.world(1), *member, Cl10010Config::Attr::refClock, nullptr, [&] { member->refClockIs(5); });
+   run.settle("after the value");
+   refuses(run.world(1), middle, Cl10010ConfigDir::Attr::phyConfig, "y", [&] { middle.phyConfigIs("y"); });
+   run.settle("after the member");
+   must(seen.empty(), "the far mirror is told of" + seen);
+   run.settleAndCompare("at the end");
+}
+
 constexpr Scenario all[] = {
    {"refused-deletion-two-announcements", refusedDeletionTwoAnnouncements, false},
    {"deleted-and-made-again-behind-backlog", deletedAndMadeAgainBehindBacklog, false},
@@ -232,6 +257,7 @@ constexpr Scenario all[] = {
    {"mounted-and-unmounted-unread", mountedAndUnmountedUnread, false},
    {"many-retired-unread", manyRetiredUnread, false},
    {"one-entity-mounted-twice", oneEntityMountedTwice, false},
+   {"refused-writes-in-a-chain", refusedWritesInAChain, false, Shape::chain},
 };
 
 } // namespace
