@@ -2,6 +2,7 @@
 
 #include "mox/MoxType.h"
 
+#include <algorithm>
 #include <iterator>
 
 namespace Simulation {
@@ -41,6 +42,7 @@ struct Run::Kind {
    char const* text;
    void (*happens)(Run&, World&, Words&);
    char const* fault = nullptr; ///< that it is
+   bool heals = false;          ///< entities are told whole afterwards: none in a calm stretch
 };
 
 namespace {
@@ -76,7 +78,7 @@ Run::Kind const Run::kinds[] = {
    {330, "carry",
     [](Run& r, World&, Words& words) {
        for (std::size_t n = 1 + words.below(4); n != 0; --n)
-          r.carry(words.below(2), words, words.chance(40));
+          r.carry(words);
     }},
    {300, "change", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.own(words)), w, words); }},
    {110, "change directory",
@@ -88,35 +90,37 @@ Run::Kind const Run::kinds[] = {
        Deeper const still(r.depth_), silent(r.depth_);
        if (w.changeWithoutMemory(words))
           r.count("allocation failure");
-    }},
+    },
+    nullptr, true},
    {20, "release", [](Run&, World& w, Words& words) { w.releaseHeld(words); }},
    {15, "adopt", [](Run&, World& w, Words& words) { w.adopt(words); }},
    {45, "add reactor", [](Run&, World& w, Words& words) { w.addReactor(words); }},
    {20, "drop reactor", [](Run&, World& w, Words& words) { w.dropReactor(words); }},
-   {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }},
-   {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }},
-   {3, "close export", [](Run&, World& w, Words& words) { w.closeExport(words.below(w.roots().size())); },
-    "export closed"},
+   {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }, nullptr, true},
+   {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }, nullptr, true},
+   {3, "close export", [](Run&, World& w, Words& words) { w.closeOne(words); },
+    "export closed", true},
    {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
    {3, "remount",
     [](Run&, World& w, Words& words) {
-       w.unmount(words.below(w.mirrors().size()));
+       w.unmountOne(words);
        if (words.chance(60))
           w.mountAll();
     },
-    "remount"},
+    "remount", true},
    {16, "stall",
-    [](Run& r, World& w, Words& words) { r.pipeFrom(w).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
+    [](Run& r, World& w, Words& words) { r.pipeFrom(w, words).stall(r.now_ + 10 + static_cast<unsigned>(words.below(80))); },
     "stall"},
-   {5, "split storm", [](Run& r, World& w, Words&) { r.pipeFrom(w).splitStorm(100); }, "split storm"},
-   {10, "ping", [](Run&, World& w, Words& words) { w.demuxer().out()->control(NboAttrLog::Ping{words.next()}); }},
-   {10, "cut", [](Run& r, World&, Words& words) { r.cut(words); }},
-   {20, "connect", [](Run& r, World&, Words&) { r.connect(); }},
+   {5, "split storm", [](Run& r, World& w, Words& words) { r.pipeFrom(w, words).splitStorm(100); }, "split storm"},
+   {10, "ping", [](Run&, World& w, Words& words) { w.demuxer(words.below(w.ports())).out()->control(NboAttrLog::Ping{words.next()}); }},
+   {10, "cut", [](Run& r, World&, Words& words) { r.cut(r.linkOf(words), words); }, nullptr, true},
+   {20, "connect", [](Run& r, World&, Words& words) { r.connect(r.linkOf(words)); }},
    {3, "restart",
     [](Run& r, World& w, Words& words) {
-       r.cut(words);
-       r.restart(w);
-    }},
+       r.restart(w, words);
+    },
+    nullptr, true},
+   {4, "settle and compare", [](Run& r, World&, Words&) { r.settleAndCompare("on the way"); }},
    {15, "check",
     [](Run& r, World&, Words&) {
        for (World& each : r.worlds_)
@@ -134,47 +138,112 @@ std::vector<Step> stepsOf(U64 seed) {
    for (auto const& kind : Run::kinds)
       all += kind.weight;
    std::vector<Step> steps(480 + words.below(200));
+   std::size_t left = 0;
+   bool isCalm = false;
    for (Step& step : steps) {
-      std::size_t at = words.below(all);
-      step.kind = 0;
-      while (at >= Run::kinds[step.kind].weight)
-         at -= Run::kinds[step.kind++].weight;
+      if (left-- == 0) {
+         left = 40 + words.below(200);
+         isCalm = words.chance(50);
+      }
+      do {
+         std::size_t at = words.below(all);
+         step.kind = 0;
+         while (at >= Run::kinds[step.kind].weight)
+            at -= Run::kinds[step.kind++].weight;
+      } while (isCalm && Run::kinds[step.kind].heals);
       step.word = words.next();
+      step.isCalm = isCalm;
    }
    return steps;
 }
 
-Run::Run(U64 seed, Counts& counts) : counts_(counts), worlds_{World('a', *this), World('b', *this)} {
-   Words words(seed ^ 0x5eed);
-   for (World& world : worlds_) {
+void Run::join(Shape shape) {
+   for (char const side : {'a', 'b', 'c'})
+      if (side != 'c' || shape != Shape::pair)
+         worlds_.emplace_back(side, *this);
+   auto const link = [this](World& one, std::string owners, int passesOn, World& other, std::string ownersThere) {
+      links_.push_back({{&one, &other}, {one.ports(), other.ports()}});
+      one.addPort(std::move(owners), passesOn);
+      other.addPort(std::move(ownersThere), -1);
+   };
+   link(worlds_[0], "b", -1, worlds_[1], "a");
+   if (shape == Shape::fan)
+      link(worlds_[0], "c", -1, worlds_[2], "a");
+   if (shape == Shape::chain)
+      link(worlds_[1], "c", 0, worlds_[2], "ba");
+   for (World& world : worlds_)
       world.start(++incarnations_);
-      if (words.chance(60))
-         world.markIs(200 + words.below(1800));
-   }
-   if (words.chance(70))
-      connect();
+}
+
+Run::Run(U64 seed, Counts& counts) : counts_(counts) {
+   Words words(seed ^ 0x5eed);
+   std::size_t const shape = words.below(6);
+   join(shape == 0 ? Shape::fan : shape == 1 ? Shape::chain : Shape::pair);
+   count(shape == 0 ? "fan" : shape == 1 ? "chain" : "pair");
+   for (World& world : worlds_)
+      for (std::size_t port = 0; port < world.ports(); ++port)
+         if (words.chance(60))
+            world.markIs(200 + words.below(1800), port);
+   for (Link& link : links_)
+      if (words.chance(70))
+         connect(link);
+}
+
+Run::Run(Shape shape, Counts& counts) : counts_(counts) {
+   join(shape);
+   connect();
+}
+
+void Run::reconnect() {
+   Words words(0);
+   for (Link& link : links_)
+      cut(link, words);
+   connect();
+}
+
+bool Run::isStalled() const noexcept {
+   return std::any_of(links_.begin(), links_.end(), [this](Link const& link) {
+      return link.pipes[0].isStalled(now_) || link.pipes[1].isStalled(now_);
+   });
+}
+
+Pipe& Run::pipeFrom(World const& world, Words& words) noexcept {
+   for (;;)
+      if (Link& link = linkOf(words); link.worlds[0] == &world)
+         return link.pipes[0];
+      else if (link.worlds[1] == &world)
+         return link.pipes[1];
 }
 
 void Run::throwIfWrong() {
    if (!wrong_.empty())
       throw Divergence(wrong_);
    for (World& world : worlds_)
-      if (auto const& failure = world.end().failure(); !failure.empty())
-         world.diverges(failure);
+      for (std::size_t port = 0; port < world.ports(); ++port)
+         if (auto const& failure = world.end(port).failure(); !failure.empty())
+            world.diverges(failure);
 }
 
 void Run::play(std::vector<Step> const& steps) {
    for (Step const& step : steps) {
       ++now_;
       Words words(step.word);
-      World& world = worlds_[words.below(2)];
+      World& world = worlds_[words.below(worlds_.size())];
       Kind const& kind = kinds[step.kind];
       count("steps");
+      isCalm_ = step.isCalm;
       kind.happens(*this, world, words);
       if (kind.fault != nullptr)
          count(kind.fault);
       throwIfWrong();
+      audit();
    }
+}
+
+/// After every step: what is wrong for a moment only is found too.
+void Run::audit() {
+   for (World& world : worlds_)
+      world.audit();
 }
 
 void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* member) {
@@ -193,56 +262,69 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
    } else if (role < 90) {
       words.chance(50) ? world.addReactor(words) : world.dropReactor(words);
    } else if (role < 96) {
-      carry(words.below(2), words, words.chance(40));
+      carry(words);
    } else if (role < 98) {
-      if (isEnding_)
+      if (isEnding_ || isCalm_)
          return;
-      world.unmount(words.below(world.mirrors().size()));
+      world.unmountOne(words);
       world.mountAll();
       count("remount");
-   } else {
-      cut(words);
+   } else if (!isCalm_) {
+      cut(linkOf(words), words);
    }
 }
 
-bool Run::carry(std::size_t from, Words& words, bool isWhole) {
-   if (!isUp_ || pipes_[from].isStalled(now_))
+bool Run::carry(Link& link, std::size_t from, Words& words, bool isWhole) {
+   if (!link.isUp || link.pipes[from].isStalled(now_))
       return false;
-   return pipes_[from].carry(worlds_[from].end(), worlds_[1 - from].end(), words, isWhole);
+   return link.pipes[from].carry(link.end(from), link.end(1 - from), words, isWhole);
+}
+
+bool Run::carry(Words& words) {
+   Link& link = linkOf(words);
+   return carry(link, words.below(2), words, words.chance(40));
+}
+
+void Run::connect(Link& link) {
+   if (link.isUp)
+      return;
+   count("reconnect");
+   for (std::size_t side = 0; side < 2; ++side)
+      link.end(side).connected(); // one that learns only now of the cut runs reactors, whose bytes have no stream yet
+   link.isUp = true;
 }
 
 void Run::connect() {
-   if (isUp_)
-      return;
-   count("reconnect");
-   for (World& world : worlds_)
-      world.end()
-         .connected(); // an end that learns only now of the cut runs reactors, and what they carry has no stream yet
-   isUp_ = true;
+   for (Link& link : links_)
+      connect(link);
 }
 
-void Run::cut(Words& words) {
-   if (!isUp_)
+void Run::cut(Link& link, Words& words) {
+   if (!link.isUp)
       return;
-   isUp_ = false;
+   link.isUp = false;
    count("cut");
    for (std::size_t from = 0; from < 2; ++from)
-      pipes_[from].cut(worlds_[1 - from].end(), words);
+      link.pipes[from].cut(link.end(1 - from), words);
    throwIfWrong();
    bool isInside = false;
-   for (World& world : worlds_)
-      world.demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.hasFlowIn(); });
+   for (std::size_t side = 0; side < 2; ++side)
+      link.end(side).demuxer().forEachAdapter(
+         [&](Entity::MoxNboAttrLogSa& sa) { isInside |= sa.isMirror() && sa.hasFlowIn(); });
    if (isInside)
       count("cut between begin and end");
    // One side may learn of it no sooner than with the next connection.
    std::size_t const unaware = words.below(6);
    for (std::size_t side = 0; side < 2; ++side)
       if (side != unaware)
-         worlds_[side].end().peerGone("cut");
+         link.end(side).peerGone("cut");
 }
 
-void Run::restart(World& world) {
+void Run::restart(World& world, Words& words) {
    count("new incarnation");
+   for (Link& link : links_)
+      if (link.worlds[0] == &world || link.worlds[1] == &world)
+         cut(link, words);
    collect(world);
    world.stop();
    world.start(++incarnations_);
@@ -251,72 +333,96 @@ void Run::restart(World& world) {
 void Run::collect(World& world) {
    for (auto const& [what, counter] : situations)
       if (counter != nullptr)
-         counts_[what] += world.demuxer().counters().*counter;
+         for (std::size_t port = 0; port < world.ports(); ++port)
+            counts_[what] += world.demuxer(port).counters().*counter;
 }
 
 void Run::settle(char const* when) {
    Words words(1);
-   for (Pipe& pipe : pipes_)
-      pipe.stall(0);
+   for (Link& link : links_)
+      for (Pipe& pipe : link.pipes)
+         pipe.stall(0);
    // A reactor may cut the connection while it settles; its budget ends.
    for (unsigned round = 0; round < 20000; ++round) {
       ++now_;
       connect();
-      bool const movedThere = carry(0, words, true);
-      bool const moved = carry(1, words, true) || movedThere;
+      bool moved = false, isQuiet = true;
+      for (Link& link : links_)
+         for (std::size_t side = 0; side < 2; ++side)
+            moved = carry(link, side, words, true) || moved;
       throwIfWrong();
-      if (moved || !isUp_ || !pipes_[0].empty() || !pipes_[1].empty() || !worlds_[0].end().quiet() ||
-          !worlds_[1].end().quiet())
+      for (Link const& link : links_)
+         for (std::size_t side = 0; side < 2; ++side)
+            isQuiet = isQuiet && link.isUp && link.pipes[side].empty() && link.end(side).quiet();
+      if (moved || !isQuiet)
          continue;
       // Reactors may have made further entries that nobody was told of.
-      bool const toldThere = worlds_[0].tellSilentOnes();
-      bool const told = worlds_[1].tellSilentOnes() || toldThere;
+      bool told = false;
+      for (World& world : worlds_)
+         told = world.tellSilentOnes() || told;
       if (!told)
          return;
    }
    std::string text = std::string("does not become quiet ") + when + ":";
-   for (World& world : worlds_)
-      text += std::string("\n   ") + world.side() + (world.end().isConnected() ? "" : " is not connected,") +
-              (world.end().quiet() ? " is quiet, " : " is not quiet, ") + textOf(world.demuxer().footprint()) +
-              (world.demuxer().owes() ? ", owes" : "") + "\n" + world.lastReport();
+   for (Link const& link : links_)
+      for (std::size_t side = 0; side < 2; ++side) {
+         LinkEnd& end = link.end(side);
+         text += std::string("\n   ") + link.worlds[side]->side() + " to " + link.worlds[1 - side]->side() +
+                 (end.isConnected() ? "" : " is not connected,") + (end.quiet() ? " is quiet, " : " is not quiet, ") +
+                 textOf(end.demuxer().footprint()) + (end.demuxer().owes() ? ", owes" : "") + "\n" +
+                 link.worlds[side]->lastReport();
+      }
    throw Divergence(text);
 }
 
-void Run::finish() {
+void Run::settleAndCompare(char const* when) {
    for (World& world : worlds_) {
       world.resumeAll();
       world.openExports();
       world.mountAll();
    }
-   settle("after the last change");
+   settle(when);
    for (World& world : worlds_) {
       world.checkMemory();
-      if (auto const f = world.demuxer().footprint(); owed(f) != 0)
-         world.diverges("is quiet and still has " + textOf(f));
-      for (Ptr<Entity> const& mirror : world.mirrors())
-         if (auto const state = world.end().state(mirror->name()); state != LinkEnd::State::live)
-            world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
+      for (std::size_t port = 0; port < world.ports(); ++port) {
+         if (auto const f = world.demuxer(port).footprint(); owed(f) != 0)
+            world.diverges("is quiet and still has " + textOf(f));
+         for (Ptr<Entity> const& mirror : world.mirrors(port))
+            if (auto const state = world.end(port).state(mirror->name()); state != LinkEnd::State::live)
+               world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
+      }
    }
-   compare(worlds_[0], worlds_[1]);
-   compare(worlds_[1], worlds_[0]);
-   for (World& world : worlds_) {
+   compared_.clear();
+   for (Link const& link : links_)
+      for (std::size_t side = 0; side < 2; ++side)
+         compare({link.worlds[side], link.ports[side]}, {link.worlds[1 - side], link.ports[1 - side]});
+   for (World& world : worlds_)
       world.checkHistories();
+}
+
+void Run::finish() {
+   isCalm_ = false;
+   settleAndCompare("after the last change");
+   for (World& world : worlds_)
       collect(world);
-   }
 
    isEnding_ = true;
    for (World& world : worlds_)
-      for (std::size_t which = 0; which < world.roots().size(); ++which)
-         world.closeExport(which);
+      for (std::size_t port = 0; port < world.ports(); ++port)
+         for (std::size_t which = 0; which < world.exports(port).size(); ++which)
+            world.closeExport(which, port);
    settle("after the exports were closed");
    for (World& world : worlds_)
-      for (std::size_t which = 0; which < world.mirrors().size(); ++which)
-         world.unmount(which);
+      for (std::size_t port = 0; port < world.ports(); ++port)
+         for (std::size_t which = 0; which < world.mirrors(port).size(); ++which)
+            world.unmount(which, port);
    settle("after the roots were closed");
    for (World& world : worlds_)
-      if (auto const f = world.demuxer().footprint(); f.announced + f.mirrored + owed(f) != 0)
-         world.diverges("after all roots were closed there are left " + textOf(f));
-   isUp_ = false;
+      for (std::size_t port = 0; port < world.ports(); ++port)
+         if (auto const f = world.demuxer(port).footprint(); f.announced + f.mirrored + owed(f) != 0)
+            world.diverges("after all roots were closed there are left " + textOf(f));
+   for (Link& link : links_)
+      link.isUp = false;
    for (World& world : worlds_)
       world.dropAll();
    for (World& world : worlds_)
@@ -326,23 +432,24 @@ void Run::finish() {
 
 // Comparison ------------------------------------------------------------------------------------------------------------
 
-void Run::compare(World& owner, World& mirror) {
-   for (std::size_t which = 0; which < owner.roots().size(); ++which)
-      compareEntities(owner, *owner.roots()[which], mirror, *mirror.mirrors()[which],
-                      owner.roots()[which]->fullName().str());
+void Run::compare(View owner, View mirror) {
+   auto const& exports = owner.world->exports(owner.port);
+   for (std::size_t which = 0; which < exports.size(); ++which)
+      compareEntities(owner, *exports[which], mirror, *mirror.world->mirrors(mirror.port)[which],
+                      exports[which]->fullName().str());
 }
 
-void Run::compareEntities(World& owner, Entity& truth, World& mirror, Entity& copy, std::string const& path) {
+void Run::compareEntities(View owner, Entity& truth, View mirror, Entity& copy, std::string const& path) {
    if (!compared_.emplace(&truth, &copy).second)
       return;
    auto const fail = [&](std::string const& where, std::string const& ours, std::string const& theirs) {
-      throw Divergence(path + where + " is " + ours + " in " + owner.side() + " and " + theirs + " in " +
-                       mirror.side() + "\n" + owner.lastReport() + mirror.lastReport());
+      throw Divergence(path + where + " is " + ours + " in " + owner.world->side() + " and " + theirs + " in " +
+                       mirror.world->side() + "\n" + owner.world->lastReport() + mirror.world->lastReport());
    };
    if (truth.fwkType() != copy.fwkType()) {
       fail("", truth.fwkType()->name().str(), copy.fwkType()->name().str());
    }
-   auto const pathIn = [](World& world) { return [&world](Entity const* e) { return world.pathOf(e); }; };
+   auto const pathIn = [](View view) { return [view](Entity const* e) { return view.world->pathOf(e, view.port); }; };
    Snapshot const ours = Type::of(truth).snapshot(truth, pathIn(owner));
    Snapshot const theirs = Type::of(copy).snapshot(copy, pathIn(mirror));
    for (Snapshot const* const of : {&ours, &theirs})

@@ -4,6 +4,7 @@
 #include "World.h"
 
 #include <array>
+#include <deque>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -17,6 +18,7 @@ namespace Simulation {
 struct Step {
    std::size_t kind;
    U64 word;
+   bool isCalm; ///< of a stretch without cuts, remounts, and resends of whole entities: nothing heals what went wrong
 };
 char const* textOf(Step const& step) noexcept;
 
@@ -36,18 +38,33 @@ class Divergence : public std::runtime_error {
    using runtime_error::runtime_error;
 };
 
-/// Runs steps on two worlds and compares them. \throws Divergence
+/// Which worlds there are, and how they are linked.
+enum class Shape {
+   pair,
+   fan,   ///< two mirror what a third owns
+   chain, ///< the one in the middle passes on what it mirrors
+};
+
+/// Runs steps on two or three worlds and compares them. \throws Divergence
 class Run {
 public:
    Run(Mox::U64 seed, Counts& counts);
+   /// Worlds that are connected, with nothing chosen by chance.
+   Run(Shape shape, Counts& counts);
    void play(std::vector<Step> const& steps);
-   /// Heals the connection, waits until nothing moves, and compares; then closes all roots and looks for what is left.
+   /// Settles and compares; then closes all roots and looks for what is left.
    void finish();
+   /// Carries bytes until nothing moves.
+   void settle(char const* when);
+   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
+   void settleAndCompare(char const* when);
+   void reconnect();
+   World& world(std::size_t which) noexcept { return worlds_[which]; }
 
    void count(std::string const& what) { ++counts_[what]; }
    /// A reactor does something of its own.
    void nested(World& world, int role, Mox::U64 word, Mox::Entity& entity, Mox::Entity* member);
-   bool isStalled() const noexcept { return pipes_[0].isStalled(now_) || pipes_[1].isStalled(now_); }
+   bool isStalled() const noexcept;
    /// Remembers the first thing that went wrong where throwing is of no use: inside a reactor.
    void wrong(std::string const& text) {
       if (wrong_.empty())
@@ -60,23 +77,40 @@ private:
    friend std::vector<Step> stepsOf(U64 seed);
    friend char const* textOf(Step const& step) noexcept;
 
-   Pipe& pipeFrom(World const& world) noexcept { return pipes_[&world == &worlds_[1] ? 1 : 0]; }
-   bool carry(std::size_t from, Words& words, bool isWhole);
+   struct Link {
+      std::array<World*, 2> worlds;
+      std::array<std::size_t, 2> ports;
+      std::array<Pipe, 2> pipes{}; ///< from each world
+      bool isUp = false;
+      Mox::LinkEnd& end(std::size_t side) const { return worlds[side]->end(ports[side]); }
+   };
+   /// One side of a link.
+   struct View {
+      World* world;
+      std::size_t port;
+   };
+
+   void join(Shape shape);
+   Link& linkOf(Words& words) noexcept { return links_[words.below(links_.size())]; }
+   Pipe& pipeFrom(World const& world, Words& words) noexcept;
+   bool carry(Link& link, std::size_t from, Words& words, bool isWhole);
+   bool carry(Words& words);
    void connect();
-   void cut(Words& words);
-   void restart(World& world);
-   void settle(char const* when);
-   void compare(World& owner, World& mirror);
-   void compareEntities(World& owner, Mox::Entity& truth, World& mirror, Mox::Entity& copy, std::string const& path);
+   void connect(Link& link);
+   void cut(Link& link, Words& words);
+   void restart(World& world, Words& words);
+   void audit();
+   void compare(View owner, View mirror);
+   void compareEntities(View owner, Mox::Entity& truth, View mirror, Mox::Entity& copy, std::string const& path);
    void collect(World& world);
    void throwIfWrong();
 
    Counts& counts_;
-   std::array<World, 2> worlds_;
-   std::array<Pipe, 2> pipes_; ///< from each world
+   std::deque<World> worlds_;
+   std::vector<Link> links_;
    unsigned now_ = 0;
    unsigned depth_ = 0;
-   bool isUp_ = false;
+   bool isCalm_ = false;
    bool isEnding_ = false; ///< roots are closed for good: no reactor mounts them again
    U64 incarnations_ = 0;
    std::string wrong_;

@@ -86,9 +86,10 @@ template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World&
 }
 
 bool isMirror(Entity const& e) {
-   auto* const first = e.moxReactors().first();
-   return first != nullptr && first->isStreamAdapter() &&
-          static_cast<Entity::MoxNboAttrLogSa*>(first->moxRawReactor())->isMirror();
+   for (auto* r = e.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (static_cast<Entity::MoxNboAttrLogSa*>(r->moxRawReactor())->isMirror())
+         return true;
+   return false;
 }
 
 /// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.

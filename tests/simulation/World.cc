@@ -42,8 +42,9 @@ constexpr Make siblingKinds[] = {made<Spi::Accelerator>, made<Interface::EthPhyI
 Name rootName(std::size_t which, char side) {
    return Name(rootKinds[which].first + std::string(1, side));
 }
-char other(char side) {
-   return side == 'a' ? 'b' : 'a';
+/// Of the mirror at a place: the peer's own roots are first, then those that it passes on.
+Name mirrorName(Port const& port, std::size_t which) {
+   return rootName(which % rootsEach, port.owners[which / rootsEach]);
 }
 
 /// Takes one element out; null where there is none.
@@ -58,6 +59,14 @@ template <class T> T taken(std::vector<T>& from, Words& words) {
 
 /// Sees whether an entity lives, and keeps it from nothing.
 class Watcher final : public Entity::NotifieeConst {};
+
+/// What is wrong with the inside of one end; empty for nothing.
+template <class Demuxer> std::string faultIn(Demuxer const& demuxer) {
+   if constexpr (requires { demuxer.auditErrors(); })
+      if (demuxer.auditErrors() != 0)
+         return demuxer.audit();
+   return {};
+}
 
 /// Members and theirs.
 void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
@@ -74,9 +83,6 @@ void addMembers(Entity& root, std::vector<Ptr<Entity>>& to) {
 World::World(char side, Run& run) : side_(side), run_(run) {
    for (std::size_t which = 0; which < rootsEach; ++which)
       roots_.push_back(rootKinds[which].second(rootName(which, side)));
-   isOpen_.assign(rootsEach, false);
-   isMounted_.assign(rootsEach, false);
-   mirrors_.resize(rootsEach);
    for (char const* const n : {"1-", "2-"})
       for (Make const made : siblingKinds)
          siblings_.push_back(made(Name(n + std::string(1, side))));
@@ -91,61 +97,105 @@ World::~World() {
 
 // Life ------------------------------------------------------------------------------------------------------------------
 
+void World::addPort(std::string owners, int passesOn) {
+   Port port;
+   port.mirrors.resize(rootsEach * owners.size());
+   port.owners = std::move(owners);
+   port.passesOn = passesOn;
+   port.open.resize(passesOn < 0 ? rootsEach : rootsEach + ports_[static_cast<std::size_t>(passesOn)].mirrors.size());
+   ports_.push_back(std::move(port));
+}
+
 void World::start(U64 incarnation) {
-   end_ = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
-   end_->onReport([this](std::string const& text) { report_ = std::string("   ") + side_ + ": " + text + "\n"; });
-   markIs(mark_);
+   for (Port& port : ports_) {
+      port.end = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
+      port.end->onReport(
+         [this](std::string const& text) { report_ = std::string("   ") + side_ + ": " + text + "\n"; });
+      port.end->demuxer().out()->markIs(port.mark);
+   }
+   isRunning_ = true;
    openExports();
    mountAll();
 }
 
 void World::stop() {
+   isRunning_ = false;
    paused_.clear();
    // Moved out first: what ends runs reactors, which look around here.
-   auto const end = std::move(end_);
-   auto const mirrors = std::exchange(mirrors_, std::vector<Ptr<Entity>>(rootsEach));
-   isOpen_.assign(rootsEach, false);
-   isMounted_.assign(rootsEach, false);
+   std::vector<std::unique_ptr<LinkEnd>> ends;
+   std::vector<Ptr<Entity>> gone;
+   for (Port& port : ports_) {
+      ends.push_back(std::move(port.end));
+      for (auto* const entities : {&port.open, &port.mirrors})
+         for (Ptr<Entity>& entity : *entities)
+            gone.push_back(std::exchange(entity, nullptr));
+   }
 }
 
-void World::closeExport(std::size_t which) {
-   if (!isOpen_[which])
-      return;
-   isOpen_[which] = false;
-   end_->exportDel(roots_[which]);
+void World::closeExport(std::size_t which, std::size_t port) {
+   if (auto const root = std::exchange(ports_[port].open[which], nullptr))
+      ports_[port].end->exportDel(root);
+}
+
+void World::openExports(std::size_t at) {
+   Port& port = ports_[at];
+   for (std::size_t which = 0; which < port.open.size(); ++which) {
+      Ptr<Entity> const root =
+         which < rootsEach ? roots_[which] : ports_[static_cast<std::size_t>(port.passesOn)].mirrors[which - rootsEach];
+      if (port.open[which] == root)
+         continue;
+      closeExport(which, at);
+      port.open[which] = root;
+      if (root)
+         port.end->exportRoot(root);
+   }
 }
 
 void World::openExports() {
-   for (std::size_t which = 0; which < rootsEach; ++which)
-      if (!isOpen_[which]) {
-         isOpen_[which] = true;
-         end_->exportRoot(roots_[which]);
-      }
+   for (std::size_t port = 0; port < ports_.size(); ++port)
+      openExports(port);
 }
 
-void World::unmount(std::size_t which) {
-   if (!isMounted_[which])
-      return;
-   isMounted_[which] = false;
-   auto const mirror = std::exchange(mirrors_[which], nullptr); // whose reactors may mount another
-   end_->unmount(rootName(which, other(side_)));
+void World::unmount(std::size_t which, std::size_t port) {
+   for (std::size_t on = 0; on < ports_.size(); ++on)
+      if (ports_[on].passesOn == static_cast<int>(port))
+         closeExport(rootsEach + which, on);
+   // Whose reactors may mount another.
+   if (auto const mirror = std::exchange(ports_[port].mirrors[which], nullptr))
+      ports_[port].end->unmount(mirrorName(ports_[port], which));
 }
 
 void World::mountAll() {
-   for (std::size_t which = 0; which < rootsEach; ++which)
-      if (!isMounted_[which]) {
-         isMounted_[which] = true;
-         mirrors_[which] = rootKinds[which].second(rootName(which, other(side_)));
-         seen(*mirrors_[which], true);
-         end_->mountIs(mirrors_[which]);
-      }
+   for (std::size_t at = 0; at < ports_.size(); ++at) {
+      Port& port = ports_[at];
+      for (std::size_t which = 0; which < port.mirrors.size(); ++which)
+         if (!port.mirrors[which]) {
+            Ptr<Entity> const mirror = rootKinds[which % rootsEach].second(mirrorName(port, which));
+            port.mirrors[which] = mirror;
+            seen(*mirror, true);
+            port.end->mountIs(mirror);
+         }
+   }
+   for (std::size_t on = 0; on < ports_.size(); ++on)
+      if (ports_[on].passesOn >= 0)
+         openExports(on);
+}
+
+void World::closeOne(Words& words) {
+   std::size_t const port = words.below(ports_.size());
+   closeExport(words.below(ports_[port].open.size()), port);
+}
+
+void World::unmountOne(Words& words) {
+   std::size_t const port = words.below(ports_.size());
+   unmount(words.below(ports_[port].mirrors.size()), port);
 }
 
 void World::pause(Words& words) {
    Entity* const entity = own(words);
    if (entity == nullptr)
       return;
-   Ptr<Entity::MoxNboAttrLogSa> const sa(demuxer().adapterOf(*entity));
+   Ptr<Entity::MoxNboAttrLogSa> const sa(demuxer(words.below(ports_.size())).adapterOf(*entity));
    if (!sa || sa->isMirror())
       return;
    sa->hasNotificationActiveIs(false);
@@ -234,12 +284,13 @@ Entity* World::ownDirectory(Words& words) {
 }
 
 Entity* World::mirror(Words& words) {
-   return oneOf(mirrors_, false, words);
+   return oneOf(allMirrors(), false, words);
 }
 
 void World::addReactor(Words& words) {
+   std::size_t const port = words.below(ports_.size());
    Entity* const entity = words.chance(50)   ? own(words)
-                          : words.chance(40) ? mirrors_[words.below(4)].get()
+                          : words.chance(40) ? ports_[port].mirrors[words.below(4)].get()
                                              : mirror(words);
    if (entity == nullptr)
       return;
@@ -254,11 +305,13 @@ void World::dropReactor(Words& words) {
 }
 
 bool World::changeWithoutMemory(Words& words) {
-   if (!demuxer().hasBacklog())
+   auto& stream = demuxer(words.below(ports_.size()));
+   if (!stream.hasBacklog())
       return false;
    std::vector<Ptr<Entity>> fitting;
-   demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
-      if (!sa.isMirror() && sa.isAnnounced() && !sa.flow() && sa.entity() != nullptr)
+   stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+      if (!sa.isMirror() && sa.isAnnounced() && !sa.flow() && sa.entity() != nullptr &&
+          mirrorAdapterOf(*sa.entity()) == nullptr)
          fitting.push_back(Ptr<Entity>(sa.entity()));
    });
    if (fitting.empty())
@@ -269,46 +322,81 @@ bool World::changeWithoutMemory(Words& words) {
 
 // Checks ----------------------------------------------------------------------------------------------------------------
 
-std::string World::pathOf(Entity const* entity) const {
+Entity::MoxNboAttrLogSa const* World::mirrorAdapterOf(Entity const& entity) const {
+   for (Port const& port : ports_)
+      if (port.end)
+         if (auto const* const sa = port.end->demuxer().adapterOf(entity); sa != nullptr && sa->isMirror())
+            return sa;
+   return nullptr;
+}
+
+std::vector<Ptr<Entity>> World::allMirrors() const {
+   std::vector<Ptr<Entity>> all;
+   for (Port const& port : ports_)
+      for (Ptr<Entity> const& mirror : port.mirrors)
+         if (mirror)
+            all.push_back(mirror);
+   return all;
+}
+
+std::string World::pathOf(Entity const* entity, std::size_t port) const {
    if (entity == nullptr || !entity->moxHasAttrLogInterface())
       return "null";
    Entity const* top = entity;
    while (top->moxRawParent() != nullptr)
       top = top->moxRawParent();
-   auto const isTop = [top](Ptr<Entity> const& root) { return root == top; };
-   if (std::any_of(roots_.begin(), roots_.end(), isTop) || std::any_of(mirrors_.begin(), mirrors_.end(), isTop))
-      return entity->uriPath().str();
+   for (auto const* const roots : {&ports_[port].open, &ports_[port].mirrors})
+      if (std::any_of(roots->begin(), roots->end(), [top](Ptr<Entity> const& root) { return root == top; }))
+         return entity->uriPath().str();
    // Whoever belongs to no open root travels as one without a parent.
    return "/" + entity->name().str();
 }
 
-void World::checkMemory() {
-   auto const& out = *demuxer().out();
+void World::audit() {
+   for (std::size_t port = 0; port < ports_.size(); ++port)
+      audit(port);
+}
+
+void World::audit(std::size_t port) {
+   auto& stream = demuxer(port);
+   auto const& out = *stream.out();
+   auto const f = stream.footprint();
+   std::size_t const mark = ports_[port].mark;
    // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
-   std::size_t const bound = mark_ + 2048 + 1024 + 32 * demuxer().footprint().slots;
+   std::size_t const bound = mark + 2048 + 1024 + 32 * f.slots;
    if (out.highWater() > bound)
       diverges("the buffer held " + std::to_string(out.highWater()) + " bytes, at most " + std::to_string(bound) +
-               " are allowed with a mark of " + std::to_string(mark_));
-   demuxer().forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
-      if (sa.flow() && sa.entity() != nullptr)
-         if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); sa.flow()->dirtyKeys() > most)
-            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.flow()->dirtyKeys()) +
-                     " dirty keys, at most " + std::to_string(most) + " are allowed");
-   });
-   if (demuxer().counters().refusedWrites != 0)
-      diverges("a mirror wrote to its owner");
-   for (auto const* const roots : {&roots_, &mirrors_})
-      for (Ptr<Entity> const& root : *roots)
-         if (root && root->auditErrors(8) != 0)
-            diverges("audit of " + root->fullName().str() + " finds errors");
+               " are allowed with a mark of " + std::to_string(mark));
+   if (f.retirements > f.slots)
+      diverges(std::to_string(f.retirements) + " retirements are owed for " + std::to_string(f.slots) + " slots");
+   if (f.dirtyKeys != 0)
+      stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+         if (sa.flow() && sa.entity() != nullptr)
+            if (std::size_t const keys = sa.flow()->dirtyKeys(); keys > 64)
+               if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); keys > most)
+                  diverges(sa.entity()->fullName().str() + " has " + std::to_string(keys) + " dirty keys, at most " +
+                           std::to_string(most) + " are allowed");
+      });
+   if (std::string const fault = faultIn(stream); !fault.empty())
+      diverges("audit finds " + fault);
+}
+
+void World::checkMemory() {
+   audit();
+   for (Port const& port : ports_)
+      if (port.end->demuxer().counters().refusedWrites != 0)
+         diverges("a mirror wrote to its owner");
+   auto all = allMirrors();
+   all.insert(all.end(), roots_.begin(), roots_.end());
+   for (Ptr<Entity> const& root : all)
+      if (root->auditErrors(8) != 0)
+         diverges("audit of " + root->fullName().str() + " finds errors");
 }
 
 void World::checkHistories() {
-   std::vector<Ptr<Entity>> all;
-   for (Ptr<Entity> const& mirror : mirrors_) {
-      all.push_back(mirror);
+   std::vector<Ptr<Entity>> all = allMirrors();
+   for (Ptr<Entity> const& mirror : allMirrors())
       addMembers(*mirror, all);
-   }
    for (Ptr<Entity> const& entity : all) {
       History const* const history = historyOf(*entity);
       if (history == nullptr)
@@ -339,11 +427,10 @@ std::vector<Ptr<Entity>> World::targets() {
    all.insert(all.end(), held_.begin(), held_.end());
    for (Ptr<Entity> const& root : roots_)
       addMembers(*root, all);
-   for (Ptr<Entity> const& mirror : mirrors_)
-      if (mirror) {
-         all.push_back(mirror);
-         addMembers(*mirror, all);
-      }
+   for (Ptr<Entity> const& mirror : allMirrors()) {
+      all.push_back(mirror);
+      addMembers(*mirror, all);
+   }
    return all;
 }
 
@@ -370,15 +457,14 @@ void World::recreated() {
 }
 
 void World::reacts(int role, U64 word, Entity& entity, Entity* member) {
-   if (end_)
+   if (isRunning_)
       run_.nested(*this, role, word, entity, member);
 }
 
 void World::told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
    bool const wasRefused = refused_.erase({&entity, cell}) != 0;
    // What is no mirror any more may be told by its new owner whatever that likes.
-   if (auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr;
-       sa == nullptr || !sa->isMirror() || sa->hasFlag(StreamAdapter::letGo))
+   if (auto const* const sa = mirrorAdapterOf(entity); sa == nullptr || sa->hasFlag(StreamAdapter::letGo))
       return;
    if ((before == nullptr ? now != "absent" : *before != now) || now.find("NaN") != std::string::npos)
       return;
@@ -390,11 +476,8 @@ void World::told(Entity const& entity, Cell const& cell, std::string const* befo
 }
 
 void World::seen(Entity& entity, bool isMember) {
-   if (!isMember) {
-      auto const* const sa = end_ ? demuxer().adapterOf(entity) : nullptr;
-      if (sa == nullptr || !sa->isMirror())
-         return;
-   }
+   if (!isMember && mirrorAdapterOf(entity) == nullptr)
+      return;
    if (historyOf(entity) != nullptr)
       return;
    recorders_.push_back(Type::of(entity).record(entity, *this));

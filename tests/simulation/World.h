@@ -23,27 +23,43 @@ using Mox::U64;
 
 class Run;
 
-/// One process: its own roots and siblings, the mirrors of the other's, and its end of the link.
+/// One end of a link: what a world exports there, and its mirrors of what the peer exports.
+struct Port {
+   std::string owners; ///< sides whose roots the peer exports: its own first
+   int passesOn = -1;  ///< the port whose mirrors are exported here too, behind the world's own roots
+   std::size_t mark = Mox::NboAttrLog::Out::defaultMark;
+   std::unique_ptr<Mox::LinkEnd> end;
+   std::vector<Ptr<Entity>> open;    ///< what is exported, by place; null where it is closed
+   std::vector<Ptr<Entity>> mirrors; ///< null where none is mounted
+};
+
+/// One process: its own roots and siblings, the mirrors of others', and its ends of links.
 class World {
 public:
    World(char side, Run& run);
    ~World();
 
    char side() const noexcept { return side_; }
-   Mox::LinkEnd& end() noexcept { return *end_; }
-   Mox::NboAttrLog::Demuxer& demuxer() noexcept { return end_->demuxer(); }
+   /// Adds an end of a link to the world of the first of `owners`.
+   void addPort(std::string owners, int passesOn);
+   std::size_t ports() const noexcept { return ports_.size(); }
+   Mox::LinkEnd& end(std::size_t port = 0) noexcept { return *ports_[port].end; }
+   Mox::NboAttrLog::Demuxer& demuxer(std::size_t port = 0) noexcept { return ports_[port].end->demuxer(); }
    std::vector<Ptr<Entity>> const& roots() const noexcept { return roots_; }
-   std::vector<Ptr<Entity>> const& mirrors() const noexcept { return mirrors_; }
+   std::vector<Ptr<Entity>> const& exports(std::size_t port) const noexcept { return ports_[port].open; }
+   std::vector<Ptr<Entity>> const& mirrors(std::size_t port = 0) const noexcept { return ports_[port].mirrors; }
 
    // Life.
-   /// The process begins: exports its roots, mounts those of the other world.
+   /// The process begins: exports its roots, mounts those of the others.
    void start(U64 incarnation);
    /// The process ends; of what it owned its entities stay.
    void stop();
-   void closeExport(std::size_t which);
+   void closeExport(std::size_t which, std::size_t port = 0);
    void openExports();
-   void unmount(std::size_t which);
+   void unmount(std::size_t which, std::size_t port = 0);
    void mountAll();
+   void closeOne(Words& words);
+   void unmountOne(Words& words);
    void pause(Words& words);
    void resume(Words& words);
    void resumeAll();
@@ -52,9 +68,9 @@ public:
    void dropAll();
    void releaseHeld(Words& words);
    void adopt(Words& words);
-   void markIs(std::size_t bytes) {
-      mark_ = bytes;
-      end_->demuxer().out()->markIs(bytes);
+   void markIs(std::size_t bytes, std::size_t port = 0) {
+      ports_[port].mark = bytes;
+      demuxer(port).out()->markIs(bytes);
    }
 
    // Choices.
@@ -67,9 +83,11 @@ public:
    bool changeWithoutMemory(Words& words);
 
    // Checks.
-   /// What a reference is called in both worlds, once all roots are open.
-   std::string pathOf(Entity const* entity) const;
+   /// What a reference is called at both ends of a link, once all roots are open.
+   std::string pathOf(Entity const* entity, std::size_t port) const;
    void checkMemory();
+   /// What must hold at any time, and costs little to ask.
+   void audit();
    void checkHistories();
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
@@ -94,16 +112,18 @@ public:
    void seen(Entity& entity, bool isMember);
 
 private:
+   void openExports(std::size_t port);
+   /// The adapter by which `entity` is somebody else's here; null where it isn't.
+   Entity::MoxNboAttrLogSa const* mirrorAdapterOf(Entity const& entity) const;
+   std::vector<Ptr<Entity>> allMirrors() const;
+   void audit(std::size_t port);
    Entity* oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words);
 
    char side_;
    Run& run_;
-   std::unique_ptr<Mox::LinkEnd> end_;
-   std::size_t mark_ = Mox::NboAttrLog::Out::defaultMark;
+   bool isRunning_ = false;
+   std::vector<Port> ports_;
    std::vector<Ptr<Entity>> roots_;
-   std::vector<bool> isOpen_;
-   std::vector<Ptr<Entity>> mirrors_;
-   std::vector<bool> isMounted_;
    std::vector<Ptr<Entity>> siblings_;
    std::vector<Ptr<Entity>> held_;
    std::vector<std::function<void()>> silent_;

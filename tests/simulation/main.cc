@@ -1,4 +1,5 @@
 // kestrel-simulate: runs seeds of the simulation, and replays and shrinks those that fail.
+#include "Scenarios.h"
 #include "Shrink.h"
 #include "Simulation.h"
 #include "core/String8.h"
@@ -35,20 +36,26 @@ extern "C" void crashed(int signal) {
 }
 
 /// \return what goes wrong; empty for nothing
-std::string runOne(U64 seed, std::vector<Step> const& steps, Counts& counts) {
+template <class Call> std::string wrongIn(Call call) {
    try {
-      Run run(seed, counts);
-      run.play(steps);
-      run.finish();
+      call();
       return {};
    } catch (std::exception const& e) {
       return e.what();
    }
 }
 
-/// How the steps fail, in a process of their own: they may crash it. 0 where they don't; else a number for the sort of failure,
-/// so that shrinking doesn't slip from one fault to another. `report` shows the reason.
-int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
+std::string runOne(U64 seed, std::vector<Step> const& steps, Counts& counts) {
+   return wrongIn([&] {
+      Run run(seed, counts);
+      run.play(steps);
+      run.finish();
+   });
+}
+
+/// How `run` fails, in a process of its own: it may crash. 0 where it doesn't; else a number for the sort of failure, so that
+/// shrinking doesn't slip from one fault to another. `report` shows the reason.
+template <class Call> int failureAlone(Call run, bool report) {
    std::cout.flush();
    pid_t const child = fork();
    if (child == 0) {
@@ -57,13 +64,12 @@ int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
       alarm(patience);
       if (!report && (std::freopen("/dev/null", "w", stderr) == nullptr))
          _exit(2);
-      Counts counts;
-      std::string const wrong = runOne(seed, steps, counts);
+      std::string const wrong = run();
       if (report && !wrong.empty())
          std::cout << wrong << std::endl;
       int sort = 1;
       for (char const* const what :
-           {"told again", "history of", "become quiet", "is quiet and", "after all roots", " is ", "live"}) {
+           {"audit", "told again", "history of", "become quiet", "is quiet and", "after all roots", " is ", "live"}) {
          if (wrong.find(what) != std::string::npos)
             break;
          ++sort;
@@ -76,6 +82,39 @@ int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
    if (report && WIFSIGNALED(status))
       std::cout << "ended by signal " << WTERMSIG(status) << '\n';
    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
+   return failureAlone(
+      [&] {
+         Counts counts;
+         return runOne(seed, steps, counts);
+      },
+      report);
+}
+
+/// Plays the scenario of that name, or all that the library passes; with `pending` the others.
+int playScenarios(std::string const& name, bool pending) {
+   std::size_t played = 0, failed = 0;
+   for (Scenario const& scenario : scenarios()) {
+      if (name.empty() ? scenario.isMet == pending : scenario.name != name)
+         continue;
+      ++played;
+      int const sort = failureAlone(
+         [&] {
+            Counts counts;
+            return wrongIn([&] {
+               Run run(scenario.shape, counts);
+               scenario.play(run);
+               run.finish();
+            });
+         },
+         true);
+      std::cout << "scenario " << scenario.name << (sort == 0 ? ": passes\n" : ": FAILS\n");
+      failed += sort != 0;
+   }
+   std::cout << "scenarios " << played << ", failed " << failed << '\n';
+   return played == 0 || failed != 0 ? 1 : 0;
 }
 
 int replay(U64 seed) {
@@ -97,17 +136,23 @@ int replay(U64 seed) {
 
 int main(int argc, char** argv) {
    U64 seeds = 1, first = 1, replayed = 0;
-   bool keepsGoing = false;
+   bool keepsGoing = false, playsAll = false, playsPending = false;
+   std::string scenario;
    CLI::App app("Runs seeds of the simulation, and shrinks the first that fails.");
    app.add_option("--seeds", seeds, "how many");
    app.add_option("--seed", first, "the first of them");
    auto const* const replays = app.add_option("--replay", replayed, "runs one seed that fails, and shrinks it");
    app.add_flag("--keep-going", keepsGoing, "goes on behind a seed that fails");
+   auto const* const plays = app.add_option("--scenario", scenario, "plays the scenario of that name");
+   app.add_flag("--scenarios", playsAll, "plays all scenarios");
+   app.add_flag("--pending-scenarios", playsPending, "plays those that the library doesn't pass yet");
    CLI11_PARSE(app, argc, argv);
    // The order of names in tables is part of what a seed fixes.
    Mox::nameHashKeyIs(1);
    if (replays->count() != 0)
       return replay(replayed);
+   if (plays->count() != 0 || playsAll || playsPending)
+      return playScenarios(scenario, playsPending);
 
    for (int const s : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS})
       std::signal(s, crashed);
