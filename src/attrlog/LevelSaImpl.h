@@ -211,8 +211,10 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
          dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced()) || isSuccessor;
       }
    auto& keys = *flow.keys(a);
-   keys.gone += (present == nullptr ? 1u : 0u) - (dirty.isGone ? 1u : 0u);
-   dirty.isGone = present == nullptr;
+   if (bool const isGone = present == nullptr; isGone != dirty.isGone) {
+      isGone ? ++keys.gone : --keys.gone;
+      dirty.isGone = isGone;
+   }
    // More keys to say "gone" of than there are: the whole collection says it shorter, and its sweep deletes the rest.
    if (keys.gone > std::max<std::size_t>(64, cell.size())) {
       flow.restarted(a);
