@@ -111,8 +111,8 @@ void Demuxer::cut() noexcept {
 
 Demuxer::Sa* Demuxer::adapterOf(Entity const& entity) const noexcept {
    // Adapters stand at the head of the list, one per stream: a short walk, and no table to keep.
-   for (auto* r = entity.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
-      if (auto* const sa = static_cast<Sa*>(r->moxRawReactor()); sa->streamDemuxer() == this)
+   for (auto* r = entity.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
+      if (auto* const sa = static_cast<Sa*>(r->moxRawStateAdapter()); sa != nullptr && sa->streamDemuxer() == this)
          return sa;
    return nullptr;
 }

@@ -288,8 +288,8 @@ void Sa::doSerializeOrphan() {
 // What an entity answers about its adapters: the same for every type.
 
 Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out) {
-   for (auto* r = reactors_.first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
-      if (auto* const sa = dynamic_cast<MoxNboAttrLogSa*>(r->moxRawReactor()))
+   for (auto* r = reactors_.first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
+      if (auto* const sa = static_cast<MoxNboAttrLogSa*>(r->moxRawStateAdapter()))
          if (out ? sa->nboAttrLogOut() == out : sa->entityId().isAssigned() && sa->streamDemuxer()->isOpen())
             return Ptr<MoxNboAttrLogSa>(sa);
    return nullptr;

@@ -92,7 +92,8 @@ public:
    bool isAnnounced() const noexcept { return entityId_.isAssigned() && hasFlag(serializing); }
 
 protected:
-   StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept : demuxer_(demuxer), flags_(flags.bits) {}
+   StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept
+      : PtrInterface(stateAdapterKind), demuxer_(demuxer), flags_(flags.bits) {}
 
    NboAttrLog::Demuxer* demuxer_;
    std::uint32_t flags_;

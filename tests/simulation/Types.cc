@@ -87,8 +87,8 @@ template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World&
 
 bool isMirror(Entity const& e) {
    auto* const first = e.moxReactors().first();
-   return first != nullptr && first->isStreamAdapter() &&
-          static_cast<Entity::MoxNboAttrLogSa*>(first->moxRawReactor())->isMirror();
+   auto* const adapter = first == nullptr ? nullptr : first->moxRawStateAdapter();
+   return adapter != nullptr && static_cast<Entity::MoxNboAttrLogSa*>(adapter)->isMirror();
 }
 
 /// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.
