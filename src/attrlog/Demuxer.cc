@@ -102,7 +102,7 @@ void Demuxer::cut() noexcept {
 
 Demuxer::Sa* Demuxer::adapterOf(Entity const& entity) const noexcept {
    // Adapters stand at the head of the list, one per stream: a short walk, and no table to keep.
-   for (auto* r = entity.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+   for (auto* r = entity.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
       if (Sa* const sa = Sa::ofReactor(*r); sa != nullptr && sa->streamDemuxer() == this)
          return sa;
    return nullptr;

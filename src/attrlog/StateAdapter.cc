@@ -35,10 +35,6 @@ Sa::MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Dem
       entity_->referenceInc();
 }
 
-Sa* Sa::ofReactor(PtrInterface::NotifieeConst const& reactor) noexcept {
-   return dynamic_cast<Sa*>(reactor.moxRawReactor());
-}
-
 Sa::~MoxNboAttrLogSa() {
    detach();
 }
@@ -110,7 +106,7 @@ int Sa::handleAttrDeserialization(std::int32_t aid, NboAttrLog::DeserializationO
    if (mode > static_cast<std::uint32_t>(SyncMode::resend))
       throwRangeException("sync mode " + std::to_string(mode) + ": expected 0 to 2");
    // To every stream on which the identifier stands for the entity.
-   for (auto* r = entity_->moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+   for (auto* r = entity_->moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
       if (Sa* const sa = ofReactor(*r); sa != nullptr && sa->entityId() == entityId_)
          sa->syncModeIs(static_cast<SyncMode>(mode));
    return 1;
@@ -332,7 +328,7 @@ void Sa::doSerializeOrphan() {
 // What an entity answers about its adapters: the same for every type.
 
 Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSa(Ptr<NboAttrLog::Out const> const& out) {
-   for (auto* r = reactors_.first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+   for (auto* r = reactors_.first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
       if (auto* const sa = MoxNboAttrLogSa::ofReactor(*r))
          if (out ? sa->nboAttrLogOut() == out : sa->entityId().isAssigned() && sa->streamDemuxer()->isOpen())
             return Ptr<MoxNboAttrLogSa>(sa);

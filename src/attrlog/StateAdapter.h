@@ -125,7 +125,8 @@ public:
    bool isAnnounced() const noexcept { return entityId_.isAssigned() && hasFlag(serializing); }
 
 protected:
-   StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept : demuxer_(demuxer), flags_(flags.bits) {}
+   StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept
+      : PtrInterface(stateAdapterKind), demuxer_(demuxer), flags_(flags.bits) {}
 
    NboAttrLog::Demuxer* demuxer_;
    std::uint32_t flags_;
@@ -275,7 +276,9 @@ public:
    bool retiredTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->retired.erase(mark) != 0; }
 
    /// The adapter that `reactor` carries notifications to; null for a reactor of anything else, whatever it says of itself.
-   static MoxNboAttrLogSa* ofReactor(PtrInterface::NotifieeConst const& reactor) noexcept;
+   static MoxNboAttrLogSa* ofReactor(PtrInterface::NotifieeConst const& reactor) noexcept {
+      return static_cast<MoxNboAttrLogSa*>(reactor.moxRawStateAdapter());
+   }
 
    /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
    void detach() noexcept;

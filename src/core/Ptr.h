@@ -85,6 +85,10 @@ public:
          lastReference();
    }
 
+   /// Whether this is the object that stands between an entity and a stream of an attribute log. The object's own word says so,
+   /// whatever its virtual functions answer: who sees true may cast it down.
+   bool moxIsStateAdapter() const noexcept { return kind() == stateAdapterKind; }
+
    /// Set on an entry or member while an open resend has not confirmed it; the end of the resend deletes what still has it.
    bool moxMarkedForDeletion() const noexcept { return flag(markedForDeletionFlag); }
    void moxMarkedForDeletionIs(bool marked) const noexcept { flagIs(markedForDeletionFlag, marked); }
@@ -94,8 +98,11 @@ public:
 
 protected:
    static constexpr std::uint32_t countMask = 0x03ffffff;
-   static constexpr std::uint32_t entityFlag = 0x04000000;
-   static constexpr std::uint32_t reactorFlag = 0x08000000;
+   // What the object is, two bits: neither for whatever else is counted.
+   static constexpr std::uint32_t entityKind = 0x04000000;
+   static constexpr std::uint32_t reactorKind = 0x08000000;
+   static constexpr std::uint32_t stateAdapterKind = 0x0c000000;
+   static constexpr std::uint32_t kindMask = 0x0c000000;
    static constexpr std::uint32_t markedForDeletionFlag = 0x10000000;
    static constexpr std::uint32_t activeFlag = 0x20000000;               ///< reactor: notification active
    static constexpr std::uint32_t registeredWhenPausedFlag = 0x40000000; ///< reactor: registered before deactivation
@@ -103,6 +110,7 @@ protected:
 
    explicit PtrInterface(std::uint32_t flags = 0) noexcept : word_(flags | 1u) {}
 
+   std::uint32_t kind() const noexcept { return word_.load(std::memory_order_relaxed) & kindMask; }
    bool flag(std::uint32_t f) const noexcept { return (word_.load(std::memory_order_relaxed) & f) != 0; }
    void flagIs(std::uint32_t f, bool on) const noexcept {
       if (VFPtrInterface::threadSafePointers()) {

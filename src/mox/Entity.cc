@@ -7,7 +7,7 @@
 
 namespace Mox {
 
-Entity::Entity(Name name) : PtrInterface(entityFlag), name_(std::move(name)) {}
+Entity::Entity(Name name) : PtrInterface(entityKind), name_(std::move(name)) {}
 
 Entity::~Entity() {
    moxEnd();
@@ -153,8 +153,8 @@ unsigned Entity::auditErrors(unsigned depth) const {
    for (auto* r = reactors_.first(); r != nullptr && counted <= reactors_.size(); r = r->moxNextInList(), ++counted) {
       errors += r->notifier_ != this;
       errors += !r->isRegisteredNotifiee();
-      errors += r->isStreamAdapter() && adaptersOver;
-      adaptersOver = !r->isStreamAdapter();
+      errors += r->isAtHead_ && adaptersOver;
+      adaptersOver = !r->isAtHead_;
    }
    errors += counted != reactors_.size();
    for (auto* r = idleWeak_; r != nullptr; r = r->moxNextInList())
@@ -171,7 +171,10 @@ unsigned Entity::moxAuditErrors(unsigned depth) const {
 
 void Entity::reactorIs(PtrInterface::NotifieeConst const& reactor) const {
    auto& r = const_cast<PtrInterface::NotifieeConst&>(reactor);
-   if (r.isStreamAdapter())
+   // Asked for its object and not for its word: a reactor of somebody else's may answer anything to `isStreamAdapter`.
+   Ptr<PtrInterface> const object = r.moxReactor();
+   r.isAtHead_ = object && object->moxIsStateAdapter();
+   if (r.isAtHead_)
       reactors_.pushFront(r);
    else
       reactors_.pushBack(r);

@@ -52,9 +52,9 @@ void PtrInterface::lastReference() const noexcept {
    auto* const self = const_cast<PtrInterface*>(this);
    // Back to one: a Ptr taken and dropped from here on can't bring the count to zero a second time.
    self->referenceInc();
-   if (flag(reactorFlag))
+   if (kind() == reactorKind)
       static_cast<NotifieeConst*>(self)->leaveList();
-   if (flag(entityFlag)) {
+   if (kind() == entityKind) {
       static_cast<Entity*>(self)->moxEnd();
    } else {
       self->flagIs(dyingFlag, true);

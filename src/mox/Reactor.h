@@ -68,7 +68,7 @@ public:
    /// The object that reacts: this, or for a forwarding adapter its owner.
    virtual Ptr<PtrInterface> moxReactor() const;
    virtual PtrInterface* moxRawReactor() const;
-   /// True for the reactors of attribute-log adapters, which stand at the head of a notifier's list.
+   /// True for the reactors of attribute-log adapters. The framework decides nothing by it: see `moxIsAtHead`.
    virtual bool isStreamAdapter() const;
    /// Puts the reactor on its notifier's list or takes it off. Without a notifier only the flag is set.
    virtual void isRegisteredNotifieeIs(bool registered) const;
@@ -103,6 +103,15 @@ public:
    ReactorClass const& moxClass() const noexcept { return *class_; }
    template <class Interface> bool isOfClass() const noexcept { return class_->isOf<Interface>(); }
 
+   /// Whether this was an attribute log's reactor when it joined its notifier's list (`moxReactor` answered a state adapter): those
+   /// stand at the head.
+   bool moxIsAtHead() const noexcept { return isAtHead_; }
+   /// The object that reacts, if it is an attribute log's state adapter; else null.
+   PtrInterface* moxRawStateAdapter() const {
+      PtrInterface* const object = moxRawReactor();
+      return object != nullptr && object->moxIsStateAdapter() ? object : nullptr;
+   }
+
    // The list of the notifier.
    NotifieeConst* moxNextInList() const noexcept { return next_; }
    void moxNextInListIs(NotifieeConst* next) const noexcept { next_ = next; }
@@ -113,7 +122,7 @@ public:
    static std::uint64_t swallowedExceptions() noexcept;
 
 protected:
-   NotifieeConst() noexcept : PtrInterface(reactorFlag | activeFlag), class_(&reactorClass) {}
+   NotifieeConst() noexcept : PtrInterface(reactorKind | activeFlag), class_(&reactorClass) {}
 
    void reactorClassIs(ReactorClass const& c) noexcept { class_ = &c; }
    Entity const* rawNotifier() const noexcept { return notifier_; }
@@ -132,6 +141,7 @@ private:
    mutable Entity const* notifier_ = nullptr;
    mutable NotifieeConst* next_ = nullptr;
    mutable bool registered_ = false;
+   mutable bool isAtHead_ = false; // as of the last registration
    bool weak_ = false;
 };
 

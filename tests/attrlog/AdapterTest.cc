@@ -54,6 +54,22 @@ TEST_F(OneAdapter, IsFoundUpdatedAndTakenOff) {
    EXPECT_EQ(written(), Lines{"#1 388: 00000001"}) << "and nothing of what came behind";
 }
 
+TEST_F(OneAdapter, IsFoundBesideAReactorThatSaysItIsOne) {
+   struct Pretender : Cl10010Config::Notifiee {
+      bool isStreamAdapter() const override { return true; }
+   };
+   auto const pretender = make<Pretender>();
+   pretender->notifierIs(port);
+   pretender->isRegisteredNotifieeIs(true);
+   EXPECT_EQ(demuxer.adapterOf(*port), sa.get());
+   EXPECT_NE(port->moxReactors().first(), pretender.get()) << "adapters stand at the head";
+   Demuxer second("second");
+   EXPECT_EQ(second.adapterOf(*port), nullptr);
+   EXPECT_EQ(port->moxNboAttrLogSaDel(demuxer.out()), sa);
+   EXPECT_EQ(demuxer.adapterOf(*port), nullptr);
+   EXPECT_EQ(port->auditErrors(0), 0u);
+}
+
 TEST_F(OneAdapter, WritesOneRecordPerChange) {
    Written<Cl10010Status> other(nullptr, nullptr);
    auto const& status = other.port;

@@ -6,12 +6,16 @@
 #include <functional>
 #include <utility>
 
-/// Writes down its title when it is told; may do something when what it listens to goes.
+/// Writes down its title when it is told; may do something when what it listens to goes. It always says that it is an adapter's;
+/// what counts is the object that it answers.
 class Listener : public Fru::Gpo::Notifiee {
 public:
-   Listener(Log& log, std::string title, bool isAdapter = false)
-      : log_(log), title_(std::move(title)), isAdapter_(isAdapter) {}
-   bool isStreamAdapter() const override { return isAdapter_; }
+   Listener(Log& log, std::string title, bool isAdapter = false) : log_(log), title_(std::move(title)) {
+      if (isAdapter)
+         object_ = Mox::make<StateAdapter>();
+   }
+   bool isStreamAdapter() const override { return true; }
+   Mox::Ptr<Mox::PtrInterface> moxReactor() const override { return object_ ? object_ : Notifiee::moxReactor(); }
    void onAsserted() override { log_.push_back(title_); }
    void onZeroReferences() override {
       log_.push_back(title_ + " sees " + name().str() + " go");
@@ -25,7 +29,10 @@ public:
    std::function<void()> onGoing;
 
 private:
+   struct StateAdapter : Mox::PtrInterface {
+      StateAdapter() noexcept : PtrInterface(stateAdapterKind) {}
+   };
    Log& log_;
    std::string title_;
-   bool isAdapter_;
+   Mox::Ptr<Mox::PtrInterface> object_;
 };

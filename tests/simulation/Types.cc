@@ -86,8 +86,8 @@ template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World&
 }
 
 bool isMirror(Entity const& e) {
-   for (auto* r = e.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
-      if (static_cast<Entity::MoxNboAttrLogSa*>(r->moxRawReactor())->isMirror())
+   for (auto* r = e.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
+      if (auto* const sa = r->moxRawStateAdapter(); sa != nullptr && static_cast<Entity::MoxNboAttrLogSa*>(sa)->isMirror())
          return true;
    return false;
 }
