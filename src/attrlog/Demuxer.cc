@@ -90,6 +90,7 @@ void Demuxer::cut() noexcept {
       gone.push_back(std::move(mirror));
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = 0;
+   refusals_.clear();
    peerHighestSlot_ = highestSlot;
    out_->clear();
    in_->reset();
@@ -378,6 +379,9 @@ void Demuxer::retirementsWrite() {
 }
 
 void Demuxer::acknowledge() {
+   for (U64 const number : refusals_)
+      out_->control(Refused{number, Reason::readOnly, {}});
+   refusals_.clear();
    out_->control(Acknowledgement{applied_});
    acknowledged_ = applied_;
    acknowledgedAt_ = out_->bytesSent() + out_->pendingBytes();
@@ -981,9 +985,13 @@ void Demuxer::letGo() noexcept {
 void Demuxer::otherRecord(In& in) {
    MsgHeader const header = in.header();
    if (header.entity.side() == 0 && header.entity != orphanAnnouncement) {
-      // A write to what this side owns. The refusal goes out before any acknowledgement of it.
+      // A write to what this side owns. The refusal goes out right before the acknowledgement that covers it: neither before the
+      // peer has read the last one.
       ++counters_.refusedWrites;
-      out_->control(Refused{applied_ + 1, Reason::readOnly, {}});
+      if (refusals_.size() == requestWindow)
+         throw ProtocolException(in.where() + ": expected at most " + std::to_string(requestWindow) +
+                                 " writes without an answer");
+      refusals_.push_back(applied_ + 1);
       ++applied_;
       report(in.where() + ": write-update from readonly proxy refused");
       return;

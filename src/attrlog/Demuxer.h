@@ -113,6 +113,8 @@ public:
          acknowledge();
    }
    bool owesAcknowledgement() const noexcept { return applied_ != acknowledged_; }
+   /// Writes of the peer that were refused and have not been answered: at most `requestWindow`.
+   std::size_t owedRefusals() const noexcept { return refusals_.size(); }
 
    // What the peer announces.
    /// An identifier as the peer writes it and as this side keeps it: each calls itself side 1.
@@ -158,6 +160,9 @@ public:
    bool waitsBroken();
    /// Ends the mirrors below `top`; with null all of them.
    void forgetMirrors(Entity* top);
+   /// Hands the mirrors at and below `root` that wait for their owner over to another stream, where they wait in the same way; with
+   /// `withOrphans` the orphans that wait here as well.
+   void moveMirrors(Entity& root, bool withOrphans, Demuxer& to);
 
    /// While a member is made for an announcement: the identifier that it is bound to, before any reactor of it runs. A reactor may
    /// have other members told meanwhile, which it is not for.
@@ -347,6 +352,7 @@ private:
    U64 applied_ = 0;
    U64 acknowledged_ = 0;
    U64 acknowledgedAt_ = 0;
+   std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
    Counters counters_;
    Report report_;
    std::function<void(Sa&)> mismatch_;

@@ -15,6 +15,30 @@ std::string titleOf(ControlKind k) {
    return title;
 }
 
+std::string textOf(Reason reason) {
+   switch (reason) {
+   case Reason::none:
+      return "no reason given";
+   case Reason::changedHere:
+      return "changed there meanwhile";
+   case Reason::readOnly:
+      return "read-only";
+   case Reason::badValue:
+      return "bad value";
+   case Reason::gone:
+      return "gone";
+   case Reason::unknownAttribute:
+      return "unknown attribute";
+   case Reason::failed:
+      return "failed";
+   case Reason::limit:
+      return "a limit is reached";
+   case Reason::notExported:
+      return "not exported there";
+   }
+   return "reason " + std::to_string(static_cast<unsigned>(reason));
+}
+
 namespace detail {
 
 void throwTextTooLong(char const* field, std::size_t size, std::size_t limit) {

@@ -55,7 +55,16 @@ enum class Reason : std::uint16_t {
    unknownAttribute,
    failed,
    limit,
+   notExported,
 };
+/// In words, for messages.
+std::string textOf(Reason reason);
+
+/// Requests (mounts, refreshes, writes) that a writer may have without an answer before it has read the peer's hello, and whatever
+/// that says.
+inline constexpr std::uint32_t leastWindow = 64;
+/// What this side's hello states: a peer that has more of them without an answer is none that can be served.
+inline constexpr std::uint32_t requestWindow = 1024;
 
 enum class MountMode : std::uint8_t { readOnly, readWrite };
 enum class MountState : std::uint8_t { refused, waiting, open, gone };
@@ -71,7 +80,7 @@ struct Hello {
    std::uint32_t attempt = 0;                          ///< of one incarnation the higher replaces the lower
    std::uint32_t maximumFrame = frame::defaultMaximum; ///< longest frame taken, in bytes after the length word
    std::uint32_t highestSlot = 0;                      ///< highest slot of an entity identifier
-   std::uint32_t window = 0;                           ///< most writes without an answer
+   std::uint32_t window = 0;                           ///< most requests without an answer
    std::uint32_t pingInterval = 0;                     ///< milliseconds
    U64 features = 0;
    std::uint8_t digestKind = digestFnv1a;
@@ -100,7 +109,7 @@ struct Acknowledgement {
    static void fields(auto& self, auto& field) { field("count", self.count); }
 };
 
-/// Record `number` (the first is 1) was a write and has not been applied.
+/// Record `number` (the first is 1) was a write and has not been applied. Number 0: the connection is refused, `text` says why.
 struct Refused {
    static constexpr ControlKind kind = ControlKind::refused;
    static constexpr char const* title = "refused";

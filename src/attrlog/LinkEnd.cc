@@ -5,11 +5,32 @@
 #include "mox/MoxType.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <random>
 
 namespace Mox {
 
 using namespace NboAttrLog;
+
+namespace {
+
+/// Adds up structs of nothing but numbers, whatever they are called.
+template <class Number, class Struct> void addUp(Struct& sum, Struct const& other) noexcept {
+   using Numbers = std::array<Number, sizeof(Struct) / sizeof(Number)>;
+   static_assert(sizeof(Numbers) == sizeof(Struct));
+   auto all = std::bit_cast<Numbers>(sum);
+   auto const more = std::bit_cast<Numbers>(other);
+   for (std::size_t i = 0; i < all.size(); ++i)
+      all[i] += more[i];
+   sum = std::bit_cast<Struct>(all);
+}
+
+std::string textOfType(Entity const& entity) {
+   return std::string(std::string_view(entity.fwkType()->name()));
+}
+
+} // namespace
 
 char const* textOf(LinkEnd::State state) noexcept {
    switch (state) {
@@ -25,6 +46,8 @@ char const* textOf(LinkEnd::State state) noexcept {
       return "refused";
    case LinkEnd::State::mismatch:
       return "mismatch";
+   case LinkEnd::State::notExported:
+      return "not exported there";
    }
    return "unknown";
 }
@@ -39,27 +62,31 @@ U64 LinkEnd::processIncarnation() {
 
 LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
    : name_(name), incarnation_(incarnation != 0 ? incarnation : processIncarnation()), demuxer_(std::string(name)) {
-   demuxer_.mismatchIs([this](Demuxer::Sa& sa) {
-      for (Mount& mount : mounts_)
-         if (mount.mirror == sa.entity())
-            stateIs(mount, State::mismatch);
-   });
+   demuxer_.mismatchIs([this](Demuxer::Sa& sa) { mismatched(sa); });
 }
 
 LinkEnd::~LinkEnd() = default;
 
-void LinkEnd::exportRoot(Ptr<Entity> const& root) {
+// Roots of this side ----------------------------------------------------------------------------------------------------
+
+void LinkEnd::checkExport(Ptr<Entity> const& root) {
    ValidPtr<Entity> const valid(root);
    if (auto const* const operations = logOperationsOf(*root); operations == nullptr || operations->create == nullptr)
-      throw TypeException(std::string(std::string_view(root->fullName())) + " can't be exported: " +
-                          std::string(std::string_view(root->fwkType()->name())) + " has no attribute log");
+      throw TypeException(std::string(std::string_view(root->fullName())) + " can't be exported: " + textOfType(*root) +
+                          " has no attribute log");
+}
+
+void LinkEnd::exportRoot(Ptr<Entity> const& root) {
+   checkExport(root);
    for (Ptr<Entity> const& other : exports_)
-      if (other->moxName() == valid->moxName())
-         throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is exported already");
+      if (other->moxName() == root->moxName())
+         throwNameInUseException("a root named " + std::string(quoted(root->moxName())) + " is exported already");
    exports_.push_back(root);
    for (Request& request : requests_)
-      if (!request.root && request.name == root->moxName())
-         answer(request);
+      if (!request.root && request.name == root->moxName()) {
+         request.refusal = Reason::none;
+         request.owesAnswer = owesAnswers_ = true;
+      }
 }
 
 void LinkEnd::exportDel(Ptr<Entity> const& root) {
@@ -67,51 +94,134 @@ void LinkEnd::exportDel(Ptr<Entity> const& root) {
       return;
    for (Request& request : requests_)
       if (request.root == root) {
-         demuxer_.out()->control(Mounted{request.handle, MountState::gone, MountMode::readOnly, Reason::gone, {}});
          request.root = nullptr;
+         request.refusal = Reason::none;
+         request.owesGone = owesAnswers_ = true;
+         request.owesAnswer = false;
+      } else if (request.name == root->moxName()) {
+         request.refusal = Reason::none;
+         request.waits = false;
+         // Of a root that has ended and come again meanwhile, untold, the end is all that there is to tell.
+         request.owesAnswer = !request.owesGone;
+         owesAnswers_ = true;
       }
-   demuxer_.reidentify(*root);
+   announcedEnds(*root);
+}
+
+/// Nothing of `root` is told on this stream any more.
+void LinkEnd::announcedEnds(Entity& root) {
+   demuxer_.reidentify(root);
    if (std::none_of(requests_.begin(), requests_.end(), [](Request const& r) { return static_cast<bool>(r.root); }))
       demuxer_.forgetAnnounced();
 }
 
+void LinkEnd::rootLimited(Entity& root) {
+   // Only noted: the stream is in the middle of telling it.
+   for (Request& request : requests_)
+      if (request.root == &root) {
+         request.refusal = Reason::limit;
+         request.owesAnswer = owesAnswers_ = true;
+      }
+}
+
+// Roots of the peer -----------------------------------------------------------------------------------------------------
+
+LinkEnd::Mount const* LinkEnd::findMount(Name const& name) const noexcept {
+   auto const at = std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.name == name; });
+   return at == mounts_.end() ? nullptr : &*at;
+}
+
+LinkEnd::Mount* LinkEnd::findMount(Name const& name) noexcept {
+   return const_cast<Mount*>(std::as_const(*this).findMount(name));
+}
+
+LinkEnd::Mount* LinkEnd::findHandle(std::uint32_t handle) noexcept {
+   auto const at = std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.handle == handle; });
+   return at == mounts_.end() ? nullptr : &*at;
+}
+
+LinkEnd::Mount const& LinkEnd::mountOf(Name const& name) const {
+   if (Mount const* const mount = findMount(name))
+      return *mount;
+   throwRangeException("no root named " + std::string(quoted(name)) + " is mounted");
+}
+
+std::size_t LinkEnd::mirrorCount() const noexcept {
+   return static_cast<std::size_t>(
+      std::count_if(mounts_.begin(), mounts_.end(), [](Mount const& m) { return static_cast<bool>(m.mirror); }));
+}
+
 void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    ValidPtr<Entity> const valid(mirror);
-   for (Mount const& other : mounts_)
-      if (other.mirror->moxName() == valid->moxName())
-         throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
+   if (findMount(valid->moxName()) != nullptr)
+      throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
+   mounts_.reserve(mounts_.size() + 1);
    demuxer_.mirrorRootIs(*mirror);
-   mounts_.push_back({++lastHandle_, mirror, isConnected_ ? State::syncing : State::connecting});
-   if (isConnected_)
-      demuxer_.out()->control(NboAttrLog::Mount{lastHandle_, MountMode::readOnly, std::string_view(mirror->moxName())});
+   mounts_.push_back(
+      {++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});
    remountEnded_ = false;
 }
 
+void LinkEnd::ask(Name const& root) {
+   if (findMount(root) == nullptr)
+      mounts_.push_back({++lastHandle_, root, nullptr, isConnected_ ? State::syncing : State::connecting, {}});
+}
+
+/// The peer is told that this side does not ask for it any more, if it has heard that it does.
+void LinkEnd::withdraw(Mount const& mount) {
+   if (isConnected_ && mount.isAsked)
+      unmounts_.push_back(mount.handle);
+}
+
 void LinkEnd::unmount(Name const& name) {
-   auto const at =
-      std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.mirror->moxName() == name; });
-   if (at == mounts_.end())
+   Mount* const at = findMount(name);
+   if (at == nullptr)
       return;
+   withdraw(*at);
    Mount const mount = std::move(*at);
-   mounts_.erase(at);
-   if (isConnected_)
-      demuxer_.out()->control(Unmount{mount.handle});
-   demuxer_.forgetMirrors(mounts_.empty() ? nullptr : mount.mirror.get());
+   mounts_.erase(mounts_.begin() + (at - mounts_.data()));
+   if (mount.mirror)
+      demuxer_.forgetMirrors(hasMounts() ? mount.mirror.get() : nullptr);
+}
+
+void LinkEnd::mountMove(Name const& root, LinkEnd& to) {
+   Mount* const from = findMount(root);
+   if (from == nullptr || !from->mirror || from->isOpen || &to == this)
+      throwInternalException("root " + std::string(quoted(root)) + " can't be moved: no mirror of it waits here");
+   to.ask(root);
+   Ptr<Entity> const mirror = from->mirror;
+   bool const isLast = std::none_of(mounts_.begin(), mounts_.end(), [](Mount const& m) { return m.isOpen; });
+   demuxer_.moveMirrors(*mirror, isLast, to.demuxer_);
+   from->mirror = nullptr;
+   to.findMount(root)->mirror = mirror;
+   to.remountEnded_ = false;
+}
+
+bool LinkEnd::isAnswered(Name const& root) const noexcept {
+   Mount const* const mount = findMount(root);
+   return mount != nullptr && mount->isAnswered;
+}
+
+bool LinkEnd::isOpen(Name const& root) const noexcept {
+   Mount const* const mount = findMount(root);
+   return mount != nullptr && mount->isOpen;
 }
 
 LinkEnd::State LinkEnd::state(Name const& root) const {
-   for (Mount const& mount : mounts_)
-      if (mount.mirror->moxName() == root)
-         return mount.state;
-   throwRangeException("no root named " + std::string(quoted(root)) + " is mounted");
+   return mountOf(root).state;
 }
 
-void LinkEnd::stateIs(Mount& mount, State state) {
+std::string const& LinkEnd::reason(Name const& root) const {
+   return mountOf(root).reason;
+}
+
+void LinkEnd::stateIs(Mount& mount, State state, std::string reason) {
+   mount.reason = std::move(reason);
    if (mount.state == state)
       return;
    mount.state = state;
    if (stateCall_) {
-      Name const name = mount.mirror->moxName(); // the call may unmount
+      Name const name = mount.name; // the call may unmount
       try {
          stateCall_(name, state);
       } catch (std::exception const& e) {
@@ -120,32 +230,67 @@ void LinkEnd::stateIs(Mount& mount, State state) {
    }
 }
 
+/// The owner tells the root no more. The mirror keeps what it has, and waits to be opened again.
+void LinkEnd::mirrorEnds(std::uint32_t handle, State state, std::string reason) {
+   Mount* at = findHandle(handle);
+   if (std::exchange(at->isOpen, false) && at->mirror) {
+      Ptr<Entity> const mirror = at->mirror;
+      demuxer_.forgetMirrors(mirror.get());
+      // What went may have run reactors that unmounted the root.
+      if (at = findHandle(handle); at == nullptr || at->mirror != mirror)
+         return;
+      demuxer_.mirrorRootIs(*mirror);
+   }
+   stateIs(*at, state, std::move(reason));
+}
+
+/// The record in hand announces the root of `sa` as an entity of a type that its mirror is not of.
+void LinkEnd::mismatched(Demuxer::Sa& sa) {
+   // Its body begins with a section of type names: number, length, and of each name length and bytes.
+   auto const body = demuxer_.in()->body();
+   std::size_t const size = loadBigEndian<std::uint16_t>(body.data() + 5);
+   std::string const theirs(reinterpret_cast<char const*>(body.data() + 7), size);
+   for (Mount& mount : mounts_)
+      if (mount.mirror == sa.entity()) {
+         std::string const reason =
+            "expected an entity of type " + textOfType(*mount.mirror) + ", the owner's is of type " + theirs;
+         std::string const told = demuxer_.in()->where() + ": root " + std::string(quoted(mount.name)) + ": " + reason;
+         stateIs(mount, State::mismatch, reason);
+         demuxer_.report(told); // last: who is told may unmount
+         return;
+      }
+}
+
 // The carrier -----------------------------------------------------------------------------------------------------------
 
 void LinkEnd::connected() {
-   if (isConnected_)
+   if (isConnected_) {
       peerGone("replaced by a new stream");
+      if (mustEnd_) {
+         mustConnect_ = true; // the record in hand is finished first
+         return;
+      }
+      if (isConnected_)
+         return; // who was told that the roots are stale has connected anew
+   }
    failure_.clear();
    isConnected_ = true;
    remountEnded_ = false;
    peerApplied_ = 0;
+   peerWindow_ = leastWindow;
    told_ = peers_ = {};
    Hello hello;
    hello.incarnation = incarnation_;
    hello.attempt = ++attempt_;
    hello.maximumFrame = demuxer_.in()->maximumFrame();
    hello.highestSlot = Demuxer::highestSlot;
-   hello.window = 1;
+   hello.window = requestWindow;
    hello.name = name_;
    demuxer_.opened();
    demuxer_.out()->control(hello);
-   for (std::size_t i = 0; i < mounts_.size(); ++i) {
-      Mount& mount = mounts_[i];
-      mount.isAnswered = mount.isOpen = false;
-      demuxer_.out()->control(
-         NboAttrLog::Mount{mount.handle, MountMode::readOnly, std::string_view(mount.mirror->moxName())});
-      stateIs(mount, State::syncing);
-   }
+   // Who is told may unmount, cut, or connect anew.
+   for (std::size_t i = 0; i < mounts_.size() && isConnected_ && attempt_ == hello.attempt; ++i)
+      stateIs(mounts_[i], State::syncing);
 }
 
 void LinkEnd::peerGone(std::string_view reason) {
@@ -157,11 +302,27 @@ void LinkEnd::peerGone(std::string_view reason) {
       endReason_ = reason;
       return;
    }
-   isConnected_ = false;
+   std::string const why(reason);
+   isConnected_ = isGreeted_ = owesAnswers_ = false;
    requests_.clear();
+   overLimit_.clear();
+   unmounts_.clear();
+   for (Mount& mount : mounts_)
+      mount.isAsked = mount.isAnswered = mount.isOpen = false;
    demuxer_.cut();
    for (std::size_t i = 0; i < mounts_.size() && !isConnected_; ++i) // who is told may connect anew
-      stateIs(mounts_[i], State::stale);
+      stateIs(mounts_[i], State::stale, why);
+}
+
+std::vector<std::uint8_t> LinkEnd::refusal(std::string_view name, std::string_view why) {
+   auto const out = make<Out>(std::string(name));
+   Hello hello;
+   hello.incarnation = processIncarnation();
+   hello.name = name;
+   out->control(hello);
+   out->control(Refused{0, Reason::none, why});
+   auto const bytes = out->pending();
+   return {bytes.begin(), bytes.end()};
 }
 
 void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
@@ -197,20 +358,192 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
    }
    demuxer_.recordsEnd();
    isApplying_ = false;
+   endIfAsked();
+}
+
+/// Does what had to wait until the frame in hand, or the answer, was finished.
+void LinkEnd::endIfAsked() {
    if (!failure_.empty())
       peerGone(failure_);
    else if (std::exchange(mustEnd_, false))
       peerGone(std::exchange(endReason_, {}));
    mustEnd_ = false;
+   if (std::exchange(mustConnect_, false) && !isConnected_)
+      connected();
 }
 
 std::span<std::uint8_t const> LinkEnd::bytesToSend() {
+   if (!isConnected_ || mustEnd_)
+      return {};
+   settleControl();
+   demuxer_.drain();
+   settleControl(); // the drain may have come to a limit
    if (!isConnected_)
       return {};
-   demuxer_.drain();
    settleWaits();
    demuxer_.acknowledgeIfSent();
    return demuxer_.out()->pending();
+}
+
+/// Writes what is owed about roots, as far as the buffer has room: an answer before whatever follows from it.
+void LinkEnd::settleControl() {
+   if (isSettling_ || !isConnected_ || demuxer_.out()->isRecordOpen())
+      return;
+   // Who is told of something here may hand in bytes or cut: the lists stay as they are until then.
+   bool const isOutermost = !isApplying_;
+   isSettling_ = isApplying_ = true;
+   try {
+      settleMounts();
+      settleAnswers();
+   } catch (std::exception const& e) {
+      demuxer_.report("stream " + quoted(name_) + ": the next answer to a mount waits: " + e.what());
+   }
+   isSettling_ = false;
+   if (!isOutermost)
+      return;
+   isApplying_ = false;
+   if (demuxer_.in()->isQueued())
+      bytesArrived({});
+   else
+      endIfAsked();
+}
+
+void LinkEnd::settleMounts() {
+   Out& out = *demuxer_.out();
+   // A name that is mounted anew has been given up before.
+   for (; !unmounts_.empty() && out.hasSufficientBuffer(); unmounts_.erase(unmounts_.begin()))
+      out.control(Unmount{unmounts_.front()});
+   if (!unmounts_.empty())
+      return;
+   std::size_t open = 0;
+   for (Mount const& mount : mounts_)
+      open += mount.isAsked && !mount.isAnswered;
+   for (std::size_t i = 0; i < mounts_.size() && open < peerWindow_ && out.hasSufficientBuffer(); ++i) {
+      Mount& mount = mounts_[i];
+      if (mount.isAsked)
+         continue;
+      mount.isAsked = true;
+      try {
+         out.control(NboAttrLog::Mount{mount.handle, MountMode::readOnly, std::string_view(mount.name)});
+         open += !mount.isAnswered;
+      } catch (std::bad_alloc const&) {
+         mount.isAsked = false;
+         throw;
+      } catch (Exception const& e) {
+         mount.isAnswered = true; // nobody else will
+         stateIs(mount, State::refused, e.what());
+      }
+   }
+}
+
+void LinkEnd::settleAnswers() {
+   Out const& out = *demuxer_.out();
+   if (std::exchange(owesAnswers_, false)) {
+      // By index: a report may bring about more.
+      for (std::size_t i = 0; i < requests_.size(); ++i) {
+         if (!out.hasSufficientBuffer()) {
+            owesAnswers_ = true;
+            return;
+         }
+         try {
+            answer(requests_[i]);
+         } catch (std::bad_alloc const&) {
+            owesAnswers_ = true;
+            throw;
+         }
+      }
+   }
+   std::size_t told = 0;
+   for (; told < overLimit_.size() && out.hasSufficientBuffer(); ++told)
+      demuxer_.out()->control(
+         Mounted{overLimit_[told], MountState::refused, MountMode::readOnly, Reason::limit, {}});
+   overLimit_.erase(overLimit_.begin(), overLimit_.begin() + static_cast<std::ptrdiff_t>(told));
+}
+
+/// Writes what `request` is owed.
+void LinkEnd::answer(Request& request) {
+   auto const say = [&](MountState state, Reason reason) {
+      demuxer_.out()->control(Mounted{request.handle, state, MountMode::readOnly, reason, {}});
+   };
+   if (request.owesGone) {
+      say(MountState::gone, Reason::gone);
+      request.owesGone = false;
+   }
+   if (!request.owesAnswer)
+      return;
+   if (request.refusal != Reason::none) {
+      if (Ptr<Entity> const root = request.root) { // told so far
+         request.root = nullptr;
+         say(MountState::refused, request.refusal);
+         request.owesAnswer = false;
+         announcedEnds(*root);
+         return;
+      }
+      say(MountState::refused, request.refusal);
+      request.owesAnswer = false;
+      return;
+   }
+   for (Ptr<Entity> const& root : exports_)
+      if (root->moxName() == request.name) {
+         open(request, *root);
+         return;
+      }
+   say(MountState::waiting, Reason::notExported);
+   request.owesAnswer = false;
+}
+
+void LinkEnd::open(Request& request, Entity& entity) {
+   Ptr<Entity> const root(&entity);
+   Out& out = *demuxer_.out();
+   std::uint32_t const handle = request.handle;
+   auto const say = [&](MountState state, Reason reason, EntityId id = {}) {
+      out.control(Mounted{handle, state, MountMode::readOnly, reason, id});
+   };
+   if (Demuxer::Sa const* const sa = demuxer_.adapterOf(entity); sa != nullptr && !sa->isOrphan()) {
+      say(MountState::refused, Reason::limit);
+      request.refusal = Reason::limit;
+      request.owesAnswer = false;
+      return;
+   }
+   try {
+      logOperationsOf(entity)->announceParameters(entity, demuxer_);
+   } catch (NoEntityIdException const&) {
+      // The peer has something to announce first.
+      if (!std::exchange(request.waits, true))
+         say(MountState::waiting, Reason::none);
+      request.owesAnswer = false;
+      return;
+   } catch (std::bad_alloc const&) {
+      throw;
+   } catch (Exception const& e) {
+      say(MountState::refused, Reason::limit);
+      request.refusal = Reason::limit;
+      request.owesAnswer = false;
+      demuxer_.report("root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what());
+      return;
+   }
+   bool isSaid = false;
+   try {
+      Ptr<Demuxer::Sa> const sa = demuxer_.rootIs(entity);
+      say(MountState::open, Reason::none, sa->entityId());
+      isSaid = true;
+      request.root = root;
+      request.owesAnswer = request.waits = false;
+      demuxer_.announceRoot(*sa);
+   } catch (std::bad_alloc const&) {
+      demuxer_.reidentify(entity);
+      request.root = nullptr;
+      request.owesAnswer = true;
+      request.owesGone = isSaid;
+      throw;
+   } catch (Exception const& e) {
+      request.root = nullptr;
+      request.refusal = Reason::limit;
+      request.owesAnswer = false;
+      say(MountState::refused, Reason::limit);
+      announcedEnds(entity);
+      demuxer_.report("root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what());
+   }
 }
 
 /// Each end may wait for what the other can't announce before this one has: two that stand still with every record applied would
@@ -233,17 +566,83 @@ void LinkEnd::bytesSent(std::size_t n) {
    demuxer_.out()->sent(n);
 }
 
+std::size_t LinkEnd::owedAnswers() const noexcept {
+   return overLimit_.size() + static_cast<std::size_t>(std::count_if(
+                                 requests_.begin(), requests_.end(),
+                                 [](Request const& r) { return r.owesGone || (r.owesAnswer && !r.waits); }));
+}
+
 bool LinkEnd::quiet() const noexcept {
    if (!isConnected_ || demuxer_.owes() || demuxer_.owesAcknowledgement() || demuxer_.out()->hasPending())
       return false;
+   if (owedAnswers() != 0 || !unmounts_.empty() ||
+       !std::all_of(mounts_.begin(), mounts_.end(), [](Mount const& m) { return m.isAnswered; }))
+      return false;
    return peerApplied_ == demuxer_.out()->recordsWritten() && demuxer_.in()->keptBytes() == 0;
+}
+
+LinkEnd::Footprint& LinkEnd::Footprint::operator+=(Footprint const& other) noexcept {
+   addUp<std::size_t>(*this, other);
+   return *this;
+}
+
+Demuxer::Counters& NboAttrLog::operator+=(Demuxer::Counters& sum, Demuxer::Counters const& other) noexcept {
+   addUp<U64>(sum, other);
+   return sum;
+}
+
+LinkEnd::Footprint LinkEnd::footprint() const {
+   Footprint f;
+   f.stream = demuxer_.footprint();
+   f.mounts = mounts_.size();
+   f.owedMounts = static_cast<std::size_t>(
+      std::count_if(mounts_.begin(), mounts_.end(), [this](Mount const& m) { return isConnected_ && !m.isAsked; }));
+   f.owedUnmounts = unmounts_.size();
+   f.requests = requests_.size();
+   f.owedAnswers = owedAnswers();
+   f.owedRefusals = demuxer_.owedRefusals();
+   f.controlBytes = demuxer_.out()->pendingControlBytes();
+   return f;
+}
+
+std::size_t LinkEnd::auditErrors() const {
+   std::size_t errors = 0;
+   auto const expect = [&](bool holds) { errors += !holds; };
+   auto const areDistinct = [](auto const& list, auto const& keyOf) {
+      for (auto a = list.begin(); a != list.end(); ++a)
+         for (auto b = list.begin(); b != a; ++b)
+            if (keyOf(*a) == keyOf(*b))
+               return false;
+      return true;
+   };
+   expect(areDistinct(exports_, [](Ptr<Entity> const& root) { return root->moxName(); }));
+   expect(areDistinct(mounts_, [](Mount const& m) { return m.handle; }));
+   expect(areDistinct(mounts_, [](Mount const& m) { return m.name; }));
+   expect(areDistinct(requests_, [](Request const& r) { return r.handle; }));
+   expect(areDistinct(requests_, [](Request const& r) { return r.name; }));
+   for (Mount const& mount : mounts_) {
+      Demuxer::Sa const* const sa = mount.mirror ? demuxer_.adapterOf(*mount.mirror) : nullptr;
+      expect(!mount.mirror || (sa != nullptr && sa->isMirror() && sa->isRoot()));
+      expect(isConnected_ || !(mount.isAsked || mount.isAnswered || mount.isOpen));
+   }
+   for (Request const& request : requests_) {
+      Demuxer::Sa const* const sa = request.root ? demuxer_.adapterOf(*request.root) : nullptr;
+      expect(!request.root || (sa != nullptr && !sa->isMirror() && sa->isRoot()));
+      expect(owesAnswers_ || !(request.owesGone || request.owesAnswer));
+   }
+   expect(isConnected_ || (requests_.empty() && overLimit_.empty() && unmounts_.empty()));
+   expect(requests_.size() <= mostRequests && owedAnswers() <= requestWindow);
+   expect(demuxer_.owedRefusals() <= requestWindow);
+   return errors;
 }
 
 // What the peer says ----------------------------------------------------------------------------------------------------
 
 void LinkEnd::on(Hello const& hello) {
+   isGreeted_ = true;
    peerName_ = hello.name;
    peerIncarnation_ = hello.incarnation;
+   peerWindow_ = std::max(leastWindow, hello.window);
    demuxer_.out()->peerMaximumFrameIs(hello.maximumFrame);
    demuxer_.peerHighestSlotIs(std::min(hello.highestSlot, Demuxer::highestSlot));
 }
@@ -266,47 +665,25 @@ U64 LinkEnd::checkedCount(U64 count, char const* what) const {
 }
 
 void LinkEnd::on(Refused const& refused) {
+   if (refused.number == 0)
+      throw ProtocolException("refused by the peer: " +
+                              (refused.text.empty() ? textOf(refused.reason) : std::string(quoted(refused.text))));
    demuxer_.report(demuxer_.in()->where() + ": the peer refused record " + std::to_string(refused.number) + ": " +
-                   std::string(refused.text));
+                   textOf(refused.reason) + (refused.text.empty() ? "" : ", " + std::string(quoted(refused.text))));
 }
 
 void LinkEnd::on(NboAttrLog::Mount const& mount) {
-   auto const refuse = [&](Reason reason) {
-      demuxer_.out()->control(Mounted{mount.handle, MountState::refused, MountMode::readOnly, reason, {}});
-   };
+   if (owedAnswers() == requestWindow)
+      throw ProtocolException(demuxer_.in()->where() + ": expected at most " + std::to_string(requestWindow) +
+                              " mounts without an answer");
    Name const name(mount.name);
    bool const isKnown = std::any_of(requests_.begin(), requests_.end(),
                                     [&](Request const& r) { return r.handle == mount.handle || r.name == name; });
-   if (isKnown || requests_.size() >= mostRequests) {
-      refuse(Reason::limit);
-      return;
-   }
-   requests_.push_back({mount.handle, name, nullptr});
-   answer(requests_.back());
-   if (!requests_.back().root && !requests_.back().isRefused)
-      demuxer_.out()->control(Mounted{mount.handle, MountState::waiting, MountMode::readOnly, Reason::none, {}});
-}
-
-void LinkEnd::answer(Request& request) {
-   for (Ptr<Entity> const& root : exports_) {
-      if (root->moxName() != request.name)
-         continue;
-      if (Demuxer::Sa const* const sa = demuxer_.adapterOf(*root); sa != nullptr && !sa->isOrphan()) {
-         demuxer_.out()->control(Mounted{request.handle, MountState::refused, MountMode::readOnly, Reason::limit, {}});
-         request.isRefused = true;
-         return;
-      }
-      try {
-         logOperationsOf(*root)->announceParameters(*root, demuxer_);
-      } catch (NoEntityIdException const&) {
-         return; // waits, as a root does that nobody exports yet: the peer has something to announce first
-      }
-      request.root = root;
-      Ptr<Demuxer::Sa> const sa = demuxer_.rootIs(*root);
-      demuxer_.out()->control(
-         Mounted{request.handle, MountState::open, MountMode::readOnly, Reason::none, sa->entityId()});
-      demuxer_.announceRoot(*sa);
-      return;
+   if (isKnown || requests_.size() == mostRequests || mount.name.size() > longestName) {
+      overLimit_.push_back(mount.handle);
+   } else {
+      requests_.push_back({mount.handle, name, nullptr});
+      owesAnswers_ = true;
    }
 }
 
@@ -318,41 +695,47 @@ void LinkEnd::on(Unmount const& unmount) {
    Ptr<Entity> const root = at->root;
    requests_.erase(at);
    if (root)
-      demuxer_.reidentify(*root);
-   if (std::none_of(requests_.begin(), requests_.end(), [](Request const& r) { return static_cast<bool>(r.root); }))
-      demuxer_.forgetAnnounced();
+      announcedEnds(*root);
 }
 
 void LinkEnd::on(Mounted const& mounted) {
-   auto const find = [&] {
-      return std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.handle == mounted.handle; });
-   };
-   auto at = find();
-   if (at == mounts_.end())
+   Mount* at = findHandle(mounted.handle);
+   if (at == nullptr)
       return; // unmounted meanwhile
    at->isAnswered = true;
-   Ptr<Entity> const mirror = at->mirror;
    switch (mounted.state) {
    case MountState::refused:
-      stateIs(*at, State::refused);
+      mirrorEnds(mounted.handle, State::refused, "the owner refuses it: " + textOf(mounted.reason));
       break;
    case MountState::waiting:
-      break;
-   case MountState::open:
-      at->isOpen = true;
-      remountEnded_ = false; // it may have waited since an earlier opening
-      demuxer_.bind(mounted.entity, *mirror);
-      if (at = find(); at != mounts_.end())
+      if (mounted.reason == Reason::notExported)
+         stateIs(*at, State::notExported, "the peer exports no root of that name");
+      else
          stateIs(*at, State::syncing);
       break;
-   case MountState::gone:
-      at->isOpen = false;
-      demuxer_.forgetMirrors(mirror.get());
-      // What went may have run reactors that unmounted the root.
-      if (at = find(); at != mounts_.end()) {
-         demuxer_.mirrorRootIs(*mirror);
-         stateIs(*at, State::stale);
+   case MountState::open: {
+      if (openingCall_ && !at->isOpen) {
+         Name const name = at->name;
+         bool const isHere = openingCall_(name);
+         if (at = findHandle(mounted.handle); at == nullptr)
+            break;
+         if (!isHere || !at->mirror) {
+            unmount(name);
+            break;
+         }
       }
+      if (!at->mirror)
+         break;
+      at->isOpen = true;
+      remountEnded_ = false; // it may have waited since an earlier opening
+      Ptr<Entity> const mirror = at->mirror;
+      demuxer_.bind(mounted.entity, *mirror);
+      if (at = findHandle(mounted.handle); at != nullptr)
+         stateIs(*at, State::syncing);
+      break;
+   }
+   case MountState::gone:
+      mirrorEnds(mounted.handle, State::stale, "its owner exports it no more");
       break;
    }
 }
@@ -371,13 +754,13 @@ void LinkEnd::on(Ping const& ping) {
 
 void LinkEnd::settleStates() {
    for (Request& request : requests_)
-      if (!request.root && !request.isRefused)
-         answer(request);
+      if (request.waits && !request.root)
+         request.owesAnswer = owesAnswers_ = true;
    if (!demuxer_.isSynced())
       return;
    bool areAnswered = true;
    for (std::size_t i = 0; i < mounts_.size(); ++i) {
-      areAnswered = areAnswered && mounts_[i].isAnswered;
+      areAnswered = areAnswered && (mounts_[i].isAnswered || !mounts_[i].mirror);
       if (mounts_[i].isOpen && mounts_[i].state == State::syncing)
          stateIs(mounts_[i], State::live);
    }
@@ -385,6 +768,50 @@ void LinkEnd::settleStates() {
       remountEnded_ = true;
       demuxer_.remountEnded();
    }
+}
+
+// Between two ends ------------------------------------------------------------------------------------------------------
+
+void NboAttrLog::Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
+   auto const isMoved = [&](PeerSlot const& slot) {
+      if (slot.sa->entityId().isAssigned())
+         return false;
+      if (withOrphans && slot.sa->isOrphan())
+         return true;
+      for (Entity const* e = slot.entity.get(); e != nullptr; e = e->moxRawParent())
+         if (e == &root)
+            return true;
+      return false;
+   };
+   auto const first =
+      std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return !isMoved(slot); });
+   auto const count = static_cast<std::size_t>(waiting_.end() - first);
+   to.waiting_.reserve(to.waiting_.size() + count);
+   to.reidentified_.reserve(to.reidentified_.size() + count);
+   reidentified_.reserve(reidentified_.size() + count);
+   for (; first != waiting_.end(); waiting_.pop_back()) {
+      PeerSlot& slot = waiting_.back();
+      Entity& entity = *slot.entity;
+      if (Ptr<Sa> const own{to.adapterOf(entity)}) {
+         // It was told there as an entity of this process; who refers to it says so again, once its owner has announced it.
+         to.reidentified_.push_back(&entity);
+         own->detach();
+      }
+      Ptr<Sa> const sa = logOperationsOf(entity)->adapter(
+         entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to);
+      sa->isRootIs(slot.sa->isRoot());
+      sa->isOrphanIs(slot.sa->isOrphan());
+      sa->untold() = std::move(slot.sa->untold());
+      for (auto& untold : sa->untold())
+         untold = {untold.mark, false, untold.isTold, true};
+      to.waiting_.push_back({sa, slot.entity, 0, false});
+      slot.sa->untold().clear();
+      slot.sa->detach();
+      // Here it is an entity of this process from now on.
+      if (isOpen_)
+         reidentified_.push_back(&entity);
+   }
+   newIdentifiers_ = true;
 }
 
 } // namespace Mox

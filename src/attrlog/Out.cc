@@ -131,6 +131,17 @@ bool Out::hasPending() const noexcept {
    return overtakingHead_ != overtakingTail_ || head_ != writtenEnd() || (bytesSent_ != 0 && (ping_ || pong_));
 }
 
+std::size_t Out::pendingControlBytes() const noexcept {
+   std::size_t bytes = 0;
+   for (std::uint8_t const* at = head_ + frameRest_; at != writtenEnd();) {
+      auto const word = loadBigEndian<std::uint32_t>(at);
+      std::size_t const size = frame::lengthSize + (word & frame::lengthMask);
+      bytes += (word & frame::controlBit) != 0 ? size : 0;
+      at += size;
+   }
+   return bytes;
+}
+
 std::span<std::uint8_t const> Out::pending() noexcept {
    // The first frame of a connection is the hello, which nothing overtakes.
    bool const atBoundary = frameRest_ == 0 && bytesSent_ != 0;

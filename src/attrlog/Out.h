@@ -150,6 +150,8 @@ public:
    /// Bytes in the buffer, the open record included, overtaking frames left out.
    std::size_t pendingBytes() const noexcept { return static_cast<std::size_t>(tail_ - head_); }
    bool hasPending() const noexcept;
+   /// Those of control frames among them, without the frame that is being carried off. *Cost*: a walk over the frames.
+   std::size_t pendingControlBytes() const noexcept;
 
    /// Whether a change should be written now rather than marked: less is pending than the mark. One comparison.
    bool hasSufficientBuffer() const noexcept { return pendingBytes() < mark_; }

@@ -11,14 +11,31 @@
 
 namespace Mox {
 
-Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), end_(&end) {
+Carrier::Carrier(Socket socket, LinkEnd& end)
+   : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
    socket_.non_blocking(true);
 }
 
-void Carrier::start() {
+void Carrier::start(std::chrono::milliseconds patience) {
    end_->connected();
+   awaitHello(patience);
    awaitBytes();
    flush();
+}
+
+void Carrier::awaitHello(std::chrono::milliseconds patience) {
+   awaitsHello_ = true;
+   patience_ = patience;
+   hello_.expires_after(patience);
+   hello_.async_wait([self = shared_from_this()](asio::error_code const& error) {
+      if (error || !self->isOpen() || !self->awaitsHello_)
+         return;
+      self->isLate_ = true;
+      // What has come in time, while this process was busy, is still to be read.
+      asio::error_code ignored;
+      if (self->socket_.available(ignored) == 0)
+         self->closeIfLate();
+   });
 }
 
 void Carrier::awaitBytes() {
@@ -34,7 +51,13 @@ void Carrier::awaitBytes() {
          }
          self->lastReading_ = size;
          self->end_->bytesArrived(std::span(self->arrived_.data(), size));
+         if (self->awaitsHello_ && self->isOpen()) {
+            self->awaitsHello_ = !self->end_->isGreeted();
+            if (!self->awaitsHello_)
+               self->hello_.cancel();
+         }
          self->closeAtFailure();
+         self->closeIfLate();
          // The answer first: whoever waits for it shall not wait for this side to look whether more has come.
          if (self->isOpen())
             self->flush();
@@ -83,9 +106,15 @@ void Carrier::closeAtFailure() {
       close(std::string(end_->failure()));
 }
 
+void Carrier::closeIfLate() {
+   if (isOpen() && awaitsHello_ && isLate_)
+      close("expected a hello within " + std::to_string(patience_.count()) + " ms, got none");
+}
+
 void Carrier::close(std::string_view reason) {
    if (!isOpen())
       return;
+   hello_.cancel();
    LinkEnd& end = *std::exchange(end_, nullptr);
    asio::error_code ignored;
    socket_.close(ignored);
@@ -99,6 +128,7 @@ void Carrier::close(std::string_view reason) {
 
 void Carrier::abandon() {
    end_ = nullptr;
+   hello_.cancel();
    asio::error_code ignored;
    socket_.close(ignored);
 }

@@ -2,8 +2,10 @@
 
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -27,7 +29,8 @@ public:
 
    void onLost(Lost lost) { lost_ = std::move(lost); }
 
-   void start();
+   /// \param patience how long the peer may take to say its hello; a connection without is ended then
+   void start(std::chrono::milliseconds patience);
    /// Writes what the link end has to send, as much as the socket takes.
    void flush();
    /// Ends the connection and tells the link end, if that has not happened yet.
@@ -39,15 +42,21 @@ public:
    bool mayHaveMore() const noexcept { return !isOpen() || lastReading_ == readSize; }
 
 private:
+   void awaitHello(std::chrono::milliseconds patience);
    void awaitBytes();
    void awaitRoom();
    void closeAtFailure();
+   void closeIfLate();
 
    static constexpr std::size_t readSize = 65536;
 
    Socket socket_;
+   asio::steady_timer hello_; ///< pending until the hello has come
+   std::chrono::milliseconds patience_{};
    LinkEnd* end_; ///< null once closed
    Lost lost_;
+   bool awaitsHello_ = false;
+   bool isLate_ = false; ///< with its hello: the bytes that have come are the last to be looked at
    bool awaitsRoom_ = false;
    bool flushing_ = false;
    std::size_t lastReading_ = 0;

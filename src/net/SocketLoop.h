@@ -1,5 +1,6 @@
 #pragma once
 
+#include "attrlog/LinkEnd.h"
 #include "core/Identifiers.h"
 
 #include <chrono>
@@ -12,8 +13,6 @@ class io_context;
 }
 
 namespace Mox {
-
-class LinkEnd;
 
 /// Something that happened to a connection.
 struct PeerEvent {
@@ -64,6 +63,10 @@ public:
    /// \param told called for every connection that comes, goes, or is kept out
    void onPeer(std::function<void(PeerEvent const&)> told) { told_ = std::move(told); }
 
+   /// How long a peer may take to say its first word: a connection without is ended then, as `lost`. Ten seconds at first; for
+   /// connections to come.
+   void patienceIs(Milliseconds patience) { patience_ = patience; }
+
 protected:
    SocketLoop();
    virtual ~SocketLoop();
@@ -73,11 +76,13 @@ protected:
    virtual bool mayHaveMore() const noexcept = 0;
    asio::io_context& context() noexcept { return *context_; }
    void tell(PeerEvent const& event) const;
+   Milliseconds patience() const noexcept { return patience_; }
    static Traffic trafficOf(LinkEnd const& end) noexcept;
 
 private:
    std::unique_ptr<asio::io_context> context_;
    std::function<void(PeerEvent const&)> told_;
+   Milliseconds patience_{10'000};
    bool polling_ = false;
 };
 

@@ -27,7 +27,7 @@ void UnixClient::connect(std::string const& path) {
       event.reason = reason;
       tell(event);
    });
-   carrier_->start();
+   carrier_->start(patience());
    tell(event);
 }
 

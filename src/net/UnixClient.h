@@ -41,11 +41,19 @@ public:
    void unmount(Name const& name) { end_.unmount(name); }
    void onState(std::function<void(Name const& root, LinkEnd::State state)> told) { end_.onState(std::move(told)); }
    LinkEnd::State state(Name const& root) const { return end_.state(root); }
+   /// Why the root is refused, of another type, not exported, stale; empty where it stands well.
+   std::string const& reason(Name const& root) const { return end_.reason(root); }
    /// Told of each record that could not be applied or sent, ready to print.
    void onReport(std::function<void(std::string const&)> told) { end_.onReport(std::move(told)); }
    /// Whether the server has everything, and said so; also true where nobody is connected.
    bool quiet() const { return !isConnected() || end_.quiet(); }
    Traffic traffic() const noexcept { return trafficOf(end_); }
+   /// What happened since this client was made: records dropped, values that this side can't hold, and the like.
+   LinkEnd::Counters counters() const noexcept { return end_.counters(); }
+   /// Sizes of what this client holds for its link.
+   LinkEnd::Footprint footprint() const { return end_.footprint(); }
+   /// The number of promises about the link's own lists that do not hold; 0 while all is well.
+   std::size_t auditErrors() const { return end_.auditErrors(); }
 
 private:
    void flush() override;

@@ -5,6 +5,7 @@
 #include "net/Carrier.h"
 #include "net/UnixPath.h"
 
+#include <asio/buffer.hpp>
 #include <asio/error.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
@@ -41,7 +42,7 @@ struct UnixServer::Listener {
 };
 
 UnixServer::UnixServer(std::string path, std::string_view name)
-   : name_(name), listener_(std::make_unique<Listener>(context(), std::move(path))) {
+   : name_(name), listener_(std::make_unique<Listener>(context(), std::move(path))), store_(name) {
    awaitClient();
 }
 
@@ -52,6 +53,7 @@ std::string const& UnixServer::path() const noexcept {
 }
 
 void UnixServer::exportRoot(Ptr<Entity> const& root) {
+   LinkEnd::checkExport(root);
    for (auto const& exported : exported_)
       if (exported->moxName() == root->moxName())
          throw NameInUseException("a root named " + quoted(root->moxName()) + " is exported already");
@@ -66,22 +68,144 @@ void UnixServer::exportDel(Ptr<Entity> const& root) {
       peers_[i]->end.exportDel(root);
 }
 
+// Mounts ----------------------------------------------------------------------------------------------------------------
+
+UnixServer::Mount* UnixServer::find(Name const& root) noexcept {
+   auto const at = std::find_if(mounts_.begin(), mounts_.end(), [&](Mount const& m) { return m.name == root; });
+   return at == mounts_.end() ? nullptr : &*at;
+}
+
+void UnixServer::mountIs(Ptr<Entity> const& mirror) {
+   if (mirror && find(mirror->moxName()) != nullptr)
+      throw NameInUseException("a root named " + quoted(mirror->moxName()) + " is mounted already");
+   store_.mountIs(mirror);
+   mounts_.push_back({mirror->moxName(), &store_});
+   askAll(mounts_.back());
+   mounts_.back().told = standing(mirror->moxName()).state; // who mounts asks
+}
+
 void UnixServer::unmount(Name const& name) {
-   for (auto const& peer : peers_)
-      if (peer->end.hasMounts())
-         return peer->end.unmount(name);
+   std::erase_if(mounts_, [&](Mount const& m) { return m.name == name; });
+   store_.unmount(name);
+   for (std::size_t i = 0; i < peers_.size(); ++i)
+      peers_[i]->end.unmount(name);
 }
 
 void UnixServer::onState(StateFunction told) {
    stateTold_ = std::move(told);
 }
 
-LinkEnd::State UnixServer::state(Name const& root) const {
-   for (auto const& peer : peers_)
-      if (peer->end.hasMounts())
-         return peer->end.state(root);
-   throw RangeException("no root named " + quoted(root) + " is mounted");
+UnixServer::Standing UnixServer::standing(Name const& root) const {
+   using State = LinkEnd::State;
+   Mount const* const mount = const_cast<UnixServer*>(this)->find(root);
+   if (mount == nullptr)
+      throw RangeException("no root named " + quoted(root) + " is mounted");
+   if (mount->seat->isOpen(root))
+      return {mount->seat->state(root), mount->seat->reason(root)};
+   Standing worst{mount->wasAsked ? State::stale : State::connecting, mount->loss};
+   bool isAnswered = false;
+   for (auto const& peer : peers_) {
+      if (!peer->isOpen() || !peer->end.hasAsked(root))
+         continue;
+      State const state = peer->end.state(root);
+      if (state == State::syncing)
+         return {state, {}};
+      // A refusal says more than the end of an export, and that more than what was never there.
+      auto const rank = [](State s) { return s == State::refused ? 2 : s == State::stale ? 1 : 0; };
+      if (!isAnswered || rank(state) > rank(worst.state))
+         worst = {state, peer->end.reason(root)};
+      isAnswered = true;
+   }
+   return worst;
 }
+
+LinkEnd::State UnixServer::state(Name const& root) const {
+   return standing(root).state;
+}
+
+std::string UnixServer::reason(Name const& root) const {
+   return standing(root).reason;
+}
+
+void UnixServer::askAll(Mount& mount) {
+   if (mount.seat->isOpen(mount.name))
+      return;
+   for (auto const& peer : peers_)
+      if (peer->isOpen()) {
+         peer->end.ask(mount.name);
+         mount.wasAsked = true;
+      }
+}
+
+/// Nobody is asked first for the root that `mount` mirrors.
+void UnixServer::store(Mount& mount) {
+   if (mount.seat == &store_)
+      return;
+   mount.seat->mountMove(mount.name, store_);
+   mount.seat = &store_;
+}
+
+/// The peer of `end` opens `root`. \return whether it owns it from now on
+bool UnixServer::opens(LinkEnd& end, Name const& root) {
+   Mount* const mount = find(root);
+   if (mount == nullptr)
+      return false;
+   if (mount->seat != &end) {
+      if (mount->seat->isOpen(root))
+         return false;
+      mount->seat->mountMove(root, end);
+      mount->seat = &end;
+   }
+   for (auto const& peer : peers_)
+      if (&peer->end != &end)
+         peer->end.unmount(root);
+   return true;
+}
+
+/// A client has answered for `root`, or has gone: asks the others where it is the owner no more, and tells what has changed.
+void UnixServer::judge(Name const& root) {
+   using State = LinkEnd::State;
+   Mount* mount = find(root);
+   if (mount == nullptr)
+      return;
+   if (LinkEnd& seat = *mount->seat; seat.isConnected() && !seat.isOpen(root)) {
+      State const state = seat.state(root);
+      if (state == State::notExported || state == State::refused || state == State::stale) {
+         mount->loss = seat.reason(root);
+         store(*mount);
+         askAll(*mount);
+      }
+   }
+   State const now = standing(root).state;
+   if (std::exchange(mount->told, now) == now || !stateTold_)
+      return;
+   try {
+      stateTold_(root, now);
+   } catch (std::exception const& e) {
+      if (reportTold_)
+         reportTold_("root " + quoted(root) + ", told that it is " + textOf(now) + ": " + e.what());
+   }
+}
+
+/// Takes leave of a client whose connection has ended: what it owned is asked of the others.
+void UnixServer::lost(Peer& peer, std::string const& reason) {
+   gone_ += peer.end.counters();
+   std::vector<Name> names;
+   for (Mount& mount : mounts_) {
+      names.push_back(mount.name);
+      if (mount.seat == &peer.end) {
+         mount.loss = reason;
+         store(mount);
+      }
+   }
+   std::erase_if(peers_, [&](auto const& p) { return p.get() == &peer; });
+   for (Mount& mount : mounts_)
+      askAll(mount);
+   for (Name const& name : names)
+      judge(name); // who is told may mount and unmount
+}
+
+// Clients ---------------------------------------------------------------------------------------------------------------
 
 std::size_t UnixServer::peerCount() const noexcept {
    return static_cast<std::size_t>(
@@ -89,8 +213,33 @@ std::size_t UnixServer::peerCount() const noexcept {
 }
 
 bool UnixServer::quiet() const {
-   return std::all_of(peers_.begin(), peers_.end(),
-                      [](auto const& peer) { return !peer->isOpen() || peer->end.quiet(); });
+   return std::all_of(peers_.begin(), peers_.end(), [this](auto const& peer) {
+      return !peer->isOpen() || (peer->end.quiet() && std::all_of(mounts_.begin(), mounts_.end(), [&](Mount const& m) {
+                return m.seat->isOpen(m.name) || peer->end.hasAsked(m.name);
+             }));
+   });
+}
+
+LinkEnd::Counters UnixServer::counters() const noexcept {
+   LinkEnd::Counters sum = gone_;
+   sum += store_.counters();
+   for (auto const& peer : peers_)
+      sum += peer->end.counters();
+   return sum;
+}
+
+LinkEnd::Footprint UnixServer::footprint() const {
+   LinkEnd::Footprint sum = store_.footprint();
+   for (auto const& peer : peers_)
+      sum += peer->end.footprint();
+   return sum;
+}
+
+std::size_t UnixServer::auditErrors() const {
+   std::size_t errors = store_.auditErrors();
+   for (auto const& peer : peers_)
+      errors += peer->end.auditErrors();
+   return errors;
 }
 
 Traffic UnixServer::traffic() const noexcept {
@@ -111,28 +260,32 @@ void UnixServer::flush() {
          peers_[i]->carrier->flush();
 }
 
+/// A client to be: it is asked for every root that nobody owns, and first of all for what waits in store.
 UnixServer::Peer& UnixServer::newPeer() {
    auto peer = std::make_unique<Peer>(name_);
-   peer->end.onState([this](Name const& root, LinkEnd::State state) {
-      if (stateTold_)
-         stateTold_(root, state);
-   });
-   peer->end.onReport([this](std::string const& text) {
+   LinkEnd& end = peer->end;
+   end.onReport([this](std::string const& text) {
       if (reportTold_)
          reportTold_(text);
    });
    for (auto const& root : exported_)
-      peer->end.exportRoot(root);
+      end.exportRoot(root);
+   for (Mount& mount : mounts_) {
+      if (mount.seat->isOpen(mount.name))
+         continue;
+      mount.wasAsked = true;
+      if (mount.seat == &store_) {
+         // What refers to the mirror waits with it, rather than being told of as an entity of this process.
+         store_.mountMove(mount.name, end);
+         mount.seat = &end;
+      } else {
+         end.ask(mount.name);
+      }
+   }
+   end.onState([this](Name const& root, LinkEnd::State) { judge(root); });
+   end.onOpening([this, &end](Name const& root) { return opens(end, root); });
    peers_.push_back(std::move(peer));
    return *peers_.back();
-}
-
-LinkEnd& UnixServer::mountingEnd() {
-   auto at = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->end.hasMounts(); });
-   if (at == peers_.end())
-      at = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return peer->isOpen(); });
-   Peer& peer = at == peers_.end() ? newPeer() : **at;
-   return peer.end;
 }
 
 void UnixServer::awaitClient() {
@@ -171,21 +324,24 @@ void UnixServer::admit() {
    }
    if (!event.reason.empty()) {
       event.kind = PeerEvent::Kind::refused;
+      // It is told why, as far as the socket takes it at once.
+      auto const words = LinkEnd::refusal(name_, event.reason);
+      socket.non_blocking(true, error);
+      socket.write_some(asio::buffer(words), error);
       tell(event);
       return;
    }
 
-   auto const waiting = std::find_if(peers_.begin(), peers_.end(), [](auto const& peer) { return !peer->isOpen(); });
-   Peer& peer = waiting == peers_.end() ? newPeer() : **waiting;
+   Peer& peer = newPeer();
    auto carrier = std::make_shared<Carrier>(std::move(socket), peer.end);
-   carrier->onLost([this, event, which = carrier.get()](std::string const& reason) mutable {
-      std::erase_if(peers_, [which](auto const& p) { return p->carrier.get() == which && !p->end.hasMounts(); });
+   carrier->onLost([this, event, &peer](std::string const& reason) mutable {
+      lost(peer, reason);
       event.kind = PeerEvent::Kind::lost;
       event.reason = reason;
       tell(event);
    });
    peer.carrier = carrier;
-   carrier->start();
+   carrier->start(patience());
    tell(event);
 }
 

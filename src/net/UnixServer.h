@@ -3,6 +3,7 @@
 #include "attrlog/LinkEnd.h"
 #include "net/SocketLoop.h"
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,13 +17,16 @@ namespace Mox {
 /// ```cpp
 /// Mox::UnixServer server("/run/phy/config");
 /// server.exportRoot(ours);                                   // every client may mount it
-/// auto status = server.mount<Cl10010StatusDir>("status");    // from the first client; empty until it is there
+/// auto status = server.mount<Cl10010StatusDir>("status");    // from the client that exports it; empty until it is there
 /// server.waitUntil([&] { return status->phyStatus("port-7") != nullptr; }, 5s);
 /// ```
 ///
-/// The socket is only for its owner, and a client of another user than this one or root is kept out. It is removed from
-/// the file system when the server goes. A client that leaves takes its link end along, unless something is mounted from
-/// it: that end waits, mirrors and all, for the next client.
+/// The socket is only for its owner, and a client of another user than this one or root is kept out, and told why. It is
+/// removed from the file system when the server goes.
+///
+/// A mount belongs to a client that opens it: every client is asked for a root that no other one has opened, and the first to
+/// export it owns the mirror. When the owner goes, the mirror stays as it is and the others are asked at once; the next owner,
+/// the same one come back for one, goes on with the very same entities.
 class UnixServer final : public SocketLoop {
 public:
    using StateFunction = std::function<void(Name const& root, LinkEnd::State state)>;
@@ -36,42 +40,79 @@ public:
    std::string const& path() const noexcept;
 
    /// Offers an entity and what is below it to all clients, those to come included.
-   /// \throws NameInUseException when a root of that name is exported already
+   /// \throws NameInUseException when a root of that name is exported already, TypeException for a type without an attribute log,
+   /// RangeException for null
    void exportRoot(Ptr<Entity> const& root);
    void exportDel(Ptr<Entity> const& root);
 
-   /// The mirror of what a client exports by that name: the client that came first, or the next one where none is there.
-   template <class T> Ptr<T> mount(Name const& name) { return mountingEnd().template mount<T>(name); }
+   /// The mirror of what a client exports by that name. \throws NameInUseException when `name` is mounted already
+   template <std::derived_from<Entity> T> Ptr<T> mount(Name const& name) {
+      auto mirror = make<T>(name);
+      mountIs(mirror);
+      return mirror;
+   }
+   /// As `mount`, into an entity of the caller's: for roots with constructor parameters.
+   void mountIs(Ptr<Entity> const& mirror);
    void unmount(Name const& name);
    void onState(StateFunction told);
-   /// \throws RangeException for a root that is not mounted
+   /// Over all clients: of the owner where there is one; else `syncing` while a client has not answered, and `notExported` once none
+   /// of them exports it. \throws RangeException for a root that is not mounted
    LinkEnd::State state(Name const& root) const;
+   /// Why the root is refused, of another type, not exported, stale; empty where it stands well. \throws as `state`
+   std::string reason(Name const& root) const;
 
    /// Told of each record that could not be applied or sent, ready to print.
    void onReport(std::function<void(std::string const&)> told) { reportTold_ = std::move(told); }
 
    /// Clients connected now.
    std::size_t peerCount() const noexcept;
-   /// Whether each connected client has everything, and said so.
+   /// Whether each connected client has everything, and said so, and has answered for each root that no other client owns.
    bool quiet() const;
    /// Of all clients together.
    Traffic traffic() const noexcept;
+   /// What happened since this server was made, over all clients, those that have gone included.
+   LinkEnd::Counters counters() const noexcept;
+   /// Sizes of what this server holds for its clients, added up.
+   LinkEnd::Footprint footprint() const;
+   /// The number of promises about the links' own lists that do not hold; 0 while all is well.
+   std::size_t auditErrors() const;
 
 private:
    struct Peer;
    struct Listener;
+   /// A root of some client's.
+   struct Mount {
+      Name name;
+      LinkEnd* seat; ///< the end where its mirror is: `store_`, or a client's
+      bool wasAsked = false;
+      std::string loss = {}; ///< why the last owner went
+      LinkEnd::State told = LinkEnd::State::connecting;
+   };
+   struct Standing {
+      LinkEnd::State state;
+      std::string reason;
+   };
 
    void flush() override;
    bool mayHaveMore() const noexcept override;
-   LinkEnd& mountingEnd();
    Peer& newPeer();
    void awaitClient();
    void admit();
+   void lost(Peer& peer, std::string const& reason);
+   Mount* find(Name const& root) noexcept;
+   Standing standing(Name const& root) const;
+   void store(Mount& mount);
+   void judge(Name const& root);
+   void askAll(Mount& mount);
+   bool opens(LinkEnd& end, Name const& root);
 
    std::string name_;
    std::unique_ptr<Listener> listener_;
    std::vector<Ptr<Entity>> exported_;
+   std::vector<Mount> mounts_;
+   LinkEnd store_; ///< never connected: mirrors wait here while no client is there to be asked for them
    std::vector<std::unique_ptr<Peer>> peers_;
+   LinkEnd::Counters gone_; ///< of clients that have left
    StateFunction stateTold_;
    std::function<void(std::string const&)> reportTold_;
    unsigned accepted_ = 0;
