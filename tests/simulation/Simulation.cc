@@ -11,7 +11,7 @@ using namespace Mox;
 
 using Counters = NboAttrLog::Demuxer::Counters;
 
-std::array<Situation, 22> const situations = {{
+std::array<Situation, 27> const situations = {{
    {"pause inside a collection", &Counters::pausedCollections},
    {"table grown while paused", &Counters::grownWhilePaused},
    {"cut between begin and end", nullptr},
@@ -34,6 +34,11 @@ std::array<Situation, 22> const situations = {{
    {"paused adapter", nullptr},
    {"export closed", nullptr},
    {"remount", nullptr},
+   {"collection restarted", &Counters::collectionRestarts},
+   {"both ends wait", &Counters::brokenWaits},
+   {"collection aborted", nullptr},
+   {"two mirrors of one root", nullptr},
+   {"chain", nullptr},
 }};
 
 /// What can happen, and how often it does; the functions get one of the worlds.
@@ -43,6 +48,7 @@ struct Run::Kind {
    void (*happens)(Run&, World&, Words&);
    char const* fault = nullptr; ///< that it is
    bool heals = false;          ///< entities are told whole afterwards: none in a calm stretch
+   bool isMet = true;           ///< false while the library doesn't pass it: none without `playsPending`
 };
 
 namespace {
@@ -83,6 +89,18 @@ Run::Kind const Run::kinds[] = {
    {300, "change", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.own(words)), w, words); }},
    {110, "change directory",
     [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.ownDirectory(words)), w, words); }},
+   {25, "contest", [](Run& r, World&, Words& words) { r.contest(words); }, nullptr, false, false},
+   {2, "crowd",
+    [](Run&, World& w, Words& words) {
+       Ptr<Entity> const directory = w.roots()[words.chance(70) ? 0 : 1];
+       Type::of(*directory).crowd(*directory, words, w);
+    }},
+   {10, "ask for bytes",
+    [](Run&, World& w, Words& words) {
+       LinkEnd& end = w.end(words.below(w.ports()));
+       for (std::size_t n = 1 + words.below(20); n != 0; --n)
+          end.bytesToSend();
+    }},
    {50, "change mirror", [](Run&, World& w, Words& words) { change(Ptr<Entity>(w.mirror(words)), w, words); }},
    {30, "fail allocation",
     [](Run& r, World& w, Words& words) {
@@ -132,6 +150,8 @@ char const* textOf(Step const& step) noexcept {
    return Run::kinds[step.kind].text;
 }
 
+bool playsPending = false;
+
 std::vector<Step> stepsOf(U64 seed) {
    Words words(seed);
    unsigned all = 0;
@@ -150,7 +170,7 @@ std::vector<Step> stepsOf(U64 seed) {
          step.kind = 0;
          while (at >= Run::kinds[step.kind].weight)
             at -= Run::kinds[step.kind++].weight;
-      } while (isCalm && Run::kinds[step.kind].heals);
+      } while ((isCalm && Run::kinds[step.kind].heals) || !(Run::kinds[step.kind].isMet || playsPending));
       step.word = words.next();
       step.isCalm = isCalm;
    }
@@ -179,7 +199,8 @@ Run::Run(U64 seed, Counts& counts) : counts_(counts) {
    Words words(seed ^ 0x5eed);
    std::size_t const shape = words.below(6);
    join(shape == 0 ? Shape::fan : shape == 1 ? Shape::chain : Shape::pair);
-   count(shape == 0 ? "fan" : shape == 1 ? "chain" : "pair");
+   if (shape < 2)
+      count(shape == 0 ? "two mirrors of one root" : "chain");
    for (World& world : worlds_)
       for (std::size_t port = 0; port < world.ports(); ++port)
          if (words.chance(60))
@@ -267,7 +288,8 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
       if (isEnding_ || isCalm_)
          return;
       world.unmountOne(words);
-      world.mountAll();
+      if (words.chance(60))
+         world.mountAll();
       count("remount");
    } else if (!isCalm_) {
       cut(linkOf(words), words);
@@ -283,6 +305,30 @@ bool Run::carry(Link& link, std::size_t from, Words& words, bool isWhole) {
 bool Run::carry(Words& words) {
    Link& link = linkOf(words);
    return carry(link, words.below(2), words, words.chance(40));
+}
+
+void Run::contest(Words& words) {
+   Link& link = linkOf(words);
+   std::size_t const side = words.below(2);
+   World& owner = *link.worlds[side];
+   World& mirror = *link.worlds[1 - side];
+   std::size_t const which = words.below(2);
+   Ptr<Entity> truth = owner.roots()[which];
+   Ptr<Entity> copy = mirror.mirrors(link.ports[1 - side])[which];
+   if (!copy)
+      return;
+   if (words.chance(30)) {
+      // A member of both, and its members.
+      auto const ours = Type::of(*truth).snapshot(*truth, identityOf).entities;
+      auto const theirs = Type::of(*copy).snapshot(*copy, identityOf).entities;
+      for (auto const& [cell, member] : ours)
+         if (auto const at = theirs.find(cell); at != theirs.end() && at->second->fwkType() == member->fwkType()) {
+            truth = Ptr<Entity>(member);
+            copy = Ptr<Entity>(at->second);
+            break;
+         }
+   }
+   Type::of(*truth).contest(*truth, *copy, words, owner, mirror, [&] { carry(words); });
 }
 
 void Run::connect(Link& link) {

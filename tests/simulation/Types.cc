@@ -265,6 +265,72 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, World&
    }
 }
 
+/// Puts another one in the place of a mirrored member, which tells nobody: the owner will.
+template <class A>
+void replaceMirrored(typename A::Owner& truth, typename A::Owner& copy, Name const& name, Words& words, World& owner,
+                     World& mirror) {
+   std::apply(
+      [&](auto const&... p) {
+         Ptr<Entity> const replaced = A::cell(copy).find(name);
+         Ptr<Entity> const made = newMember<A>(copy, name, p...);
+         // Who makes it in silence knows it.
+         mirror.seen(*made, true);
+         if (History* const history = historyOf(copy))
+            history->told.cells[cellOf(A::id, name)] = identityOf(made.get());
+         if (replaced)
+            mirror.removed(replaced, words);
+      },
+      makeParameters(typename A::Entry::MoxParameters{}, words, mirror));
+   tellLater<A>(truth, name, owner);
+}
+
+template <class A>
+void contestMember(typename A::Owner& truth, typename A::Owner& copy, Words& words, World& owner, World& mirror,
+                   std::function<void()> const& carry) {
+   auto const* const first = A::cell(truth).first();
+   Name const name = first == nullptr || words.chance(50) ? makeName(words) : first->moxName();
+   Cell const cell = cellOf(A::id, name);
+   auto const changeIn = [&](typename A::Owner& in, World& world) {
+      if (Ptr<Entity> const member = A::cell(in).find(name))
+         Type::of(*member).change(*member, words, world);
+   };
+   for (std::size_t n = 3 + words.below(6); n != 0; --n) {
+      std::size_t const what = words.below(100);
+      if (what < 25)
+         write(truth, cell, owner, [&] { keyNotify<A>(truth, name); });
+      else if (what < 33)
+         deleteMember<A>(truth, name, words, owner);
+      else if (what < 43)
+         createMember<A>(truth, name, words, owner);
+      else if (what < 50)
+         changeIn(truth, owner);
+      else if (what < 65)
+         deleteMember<A>(copy, name, words, mirror);
+      else if (what < 70)
+         createMember<A>(copy, name, words, mirror);
+      else if (what < 80)
+         changeIn(copy, mirror);
+      else if (what < 85)
+         replaceMirrored<A>(truth, copy, name, words, owner, mirror);
+      else
+         carry();
+   }
+}
+
+template <class A> void crowdOf(typename A::Owner& e, Words& words, World& world) {
+   std::size_t const most = 90;
+   auto const nameOf = [](std::size_t n) { return Name("crowd" + std::to_string(n)); };
+   if (A::cell(e).size() < most) {
+      for (std::size_t n = 0; n < most; ++n)
+         createMember<A>(e, nameOf(n), words, world);
+   } else if (words.chance(50)) {
+      write(e, cellOf(A::id, nameOf(0)), world, [&] { memberDelAll<A>(e); });
+   } else {
+      for (std::size_t n = 0; n < most; ++n)
+         deleteMember<A>(e, nameOf(n), words, world);
+   }
+}
+
 template <class X, class A, class... Key>
 void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key const&... key) {
    Cell const cell = cellOf(A::id, key...);
@@ -369,6 +435,27 @@ public:
       if (!withOne<X>(words, fits, change))
          withOne<X>(
             words, [](auto) { return true; }, change);
+   }
+
+   bool contest(Entity& truth, Entity& copy, Words& words, World& owner, World& mirror,
+                std::function<void()> const& carry) const override {
+      return withOne<X>(
+         words, [](auto a) { return a.ownsMembers; },
+         [&](auto a) {
+            using A = decltype(a);
+            if constexpr (A::ownsMembers)
+               contestMember<A>(static_cast<X&>(truth), static_cast<X&>(copy), words, owner, mirror, carry);
+         });
+   }
+
+   bool crowd(Entity& entity, Words& words, World& world) const override {
+      return withOne<X>(
+         words, [](auto a) { return a.ownsMembers; },
+         [&](auto a) {
+            using A = decltype(a);
+            if constexpr (A::ownsMembers)
+               crowdOf<A>(static_cast<X&>(entity), words, world);
+         });
    }
 
    bool changeWithoutMemory(Entity& entity, Words& words) const override {

@@ -39,9 +39,9 @@ public:
 };
 
 /// Of the reactor that records an entity; null for none.
-inline History const* historyOf(Mox::Entity const& entity) {
+inline History* historyOf(Mox::Entity const& entity) {
    for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
-      if (auto const* const history = dynamic_cast<History const*>(r))
+      if (auto* const history = dynamic_cast<History*>(r))
          return history;
    return nullptr;
 }
@@ -52,6 +52,11 @@ public:
    virtual ~Type() = default;
    /// One operation on one attribute, both from `words`.
    virtual void change(Mox::Entity& entity, Words& words, World& world) const = 0;
+   /// Both ends of a link do things to one member's name in turn; what `copy` mirrors is `truth`. False where none has members.
+   virtual bool contest(Mox::Entity& truth, Mox::Entity& copy, Words& words, World& owner, World& mirror,
+                        std::function<void()> const& carry) const = 0;
+   /// Makes many members, or deletes them; false for a type that owns none.
+   virtual bool crowd(Mox::Entity& entity, Words& words, World& world) const = 0;
    /// Sets a scalar while the next allocation fails. \return whether it did
    virtual bool changeWithoutMemory(Mox::Entity& entity, Words& words) const = 0;
    virtual Snapshot snapshot(Mox::Entity& entity, EntityText const& textOf) const = 0;

@@ -377,6 +377,14 @@ void World::audit(std::size_t port) {
                   diverges(sa.entity()->fullName().str() + " has " + std::to_string(keys) + " dirty keys, at most " +
                            std::to_string(most) + " are allowed");
       });
+   if (stream.owes())
+      stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+         if (std::vector<AttributeId> open; sa.owesAll() && sa.flow()) {
+            sa.flow()->openCollections(open);
+            if (!open.empty())
+               run_.count("collection aborted");
+         }
+      });
    if (std::string const fault = faultIn(stream); !fault.empty())
       diverges("audit finds " + fault);
 }
