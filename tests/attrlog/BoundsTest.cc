@@ -141,7 +141,8 @@ TEST_F(Bounds, ChangesBesideALivePeerLeaveNothingBehind) {
             }},
            {"writes that are refused",
             [&](int i) {
-               EXPECT_THROW(yoursHere->phyConfig("port")->refClockIs(100 + static_cast<unsigned>(i)), ReadOnlyException);
+               EXPECT_THROW(yoursHere->phyConfig("port")->refClockIs(100 + static_cast<unsigned>(i)),
+                            ReadOnlyException);
                EXPECT_THROW(yoursHere->phyConfigIs("mine"), ReadOnlyException);
                if (i % 2 == 0) {
                   EXPECT_THROW(yoursHere->phyConfigDel("port"), ReadOnlyException);
@@ -495,7 +496,11 @@ TEST_F(Bounds, WorkGrowsWithWhatChangesAndNotWithItsSquare) {
                cut();
                deleteAll(n);
             },
-            [&](int) { left.connected(); right.connected(); settleFast(); }},
+            [&](int) {
+               left.connected();
+               right.connected();
+               settleFast();
+            }},
            {"a reconnect with orphans", 500,
             [&](int n) {
                fill(n);
@@ -504,7 +509,11 @@ TEST_F(Bounds, WorkGrowsWithWhatChangesAndNotWithItsSquare) {
                settleFast();
                cut();
             },
-            [&](int) { left.connected(); right.connected(); settleFast(); }},
+            [&](int) {
+               left.connected();
+               right.connected();
+               settleFast();
+            }},
            {"deletions one after the other", 500,
             [&](int n) {
                fill(n);
