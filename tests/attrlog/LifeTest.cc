@@ -61,9 +61,7 @@ struct Life : testing::Test {
 };
 
 TEST_F(Life, ARefusedDeletionIsPutRightHoweverOftenTheNameIsUnderWay) {
-   auto const refuse = [&] {
-      EXPECT_THROW(theirs->phyConfigDel("port"), ReadOnlyException);
-   };
+   auto const refuse = [&] { EXPECT_THROW(theirs->phyConfigDel("port"), ReadOnlyException); };
    auto const announce = [&] { ours->phyConfigNotify("port"); };
    struct Case {
       char const* what;
@@ -106,7 +104,9 @@ TEST_F(Life, ANameThatTheMirrorWasRefusedMayBeTheOwnersMeanwhile) {
            {"made and deleted before the question", {refused, made, deleted}, {"mine here", "mine gone"}},
            {"made, and under way", {made, refused}, {"mine here"}},
            {"deleted between question and answer", {refused, asks, made, deleted}, {"mine gone"}},
-           {"made behind the question, deleted behind its answer", {refused, asks, made, answers, deleted}, {"mine here", "mine gone"}},
+           {"made behind the question, deleted behind its answer",
+            {refused, asks, made, answers, deleted},
+            {"mine here", "mine gone"}},
            {"made before the question, deleted behind it", {refused, made, asks, deleted}, {"mine here", "mine gone"}},
            {"made, deleted, made", {refused, made, deleted, made}, {"mine here", "mine gone", "mine here"}},
         }) {

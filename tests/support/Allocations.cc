@@ -3,10 +3,12 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <malloc.h>
 #include <new>
 
 namespace {
 std::atomic<std::size_t> calls{0};
+std::atomic<std::size_t> live{0};
 enum class Memory { enough, failsOnce, hasFailed, none };
 std::atomic<Memory> memory{Memory::enough};
 
@@ -18,6 +20,10 @@ bool fails() noexcept {
 
 std::size_t allocations() noexcept {
    return calls;
+}
+
+std::size_t liveBytes() noexcept {
+   return live;
 }
 
 NoMemory::NoMemory(bool failsOnce) noexcept {
@@ -33,7 +39,9 @@ bool NoMemory::hasFailed() noexcept {
 // The array forms too: under a sanitizer they don't come to the plain ones by themselves.
 void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
    ++calls;
-   return fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+   void* const p = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+   live += malloc_usable_size(p);
+   return p;
 }
 void* operator new(std::size_t size) {
    if (void* const p = operator new(size, std::nothrow))
@@ -47,14 +55,15 @@ void* operator new[](std::size_t size) {
    return operator new(size);
 }
 void operator delete(void* p) noexcept {
+   live -= malloc_usable_size(p);
    std::free(p);
 }
 void operator delete(void* p, std::size_t) noexcept {
-   std::free(p);
+   operator delete(p);
 }
 void operator delete[](void* p) noexcept {
-   std::free(p);
+   operator delete(p);
 }
 void operator delete[](void* p, std::size_t) noexcept {
-   std::free(p);
+   operator delete(p);
 }

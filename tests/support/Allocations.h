@@ -5,6 +5,8 @@
 
 /// Calls of `operator new` in this program so far, arrays included.
 std::size_t allocations() noexcept;
+/// Bytes that are allocated now.
+std::size_t liveBytes() noexcept;
 
 /// While it lives, every allocation of this program fails, or the next one only.
 class NoMemory {
