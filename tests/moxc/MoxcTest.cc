@@ -148,6 +148,7 @@ TEST_F(Moxc, SaysWhatIsWrongWithACommandLineOrAFile) {
       {"a.toml", 2, "moxc: error: expected --out or --docs\n"},
       {"--out", 2, "moxc: error: --out needs an operand\n"},
       {"--verbose a.toml", 2, "moxc: error: unknown option \"--verbose\"\n"},
+      {"--ilst a.toml", 2, "moxc: error: unknown option \"--ilst\"; did you mean \"--list\"?\n"},
       {"--out x absent.toml", 1,
        "absent.toml: error: cannot read the schema: No such file or directory\nmoxc: 1 error, nothing written\n"},
       {"--out x .", 1, ".: error: cannot read the schema: Is a directory\n"},
