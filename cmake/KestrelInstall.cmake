@@ -4,11 +4,14 @@
 #   lib/                  the libraries, and cmake/Kestrel/ for find_package
 #   bin/moxc              the schema compiler
 #   share/kestrel/        the schemas, for those of other people to refer to
+#   share/doc/            the licence
 include(CMakePackageConfigHelpers)
 
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/kestrel)
 set(schemas ${CMAKE_INSTALL_DATADIR}/kestrel/schemas)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/Kestrel)
+
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The rpath of the libraries is their own folder.
 install(TARGETS ${KESTREL_LIBRARIES} moxc EXPORT KestrelTargets)
@@ -27,6 +30,7 @@ endforeach()
 # Prefix and file take turns, as mox_add_entities keeps them.
 get_property(known GLOBAL PROPERTY MOX_SCHEMAS)
 set(KESTREL_SCHEMAS "")
+set(KESTREL_MAKERS "")
 set(prefix "")
 foreach(word ${known})
    if(prefix STREQUAL "")
@@ -36,6 +40,11 @@ foreach(word ${known})
       cmake_path(GET file PARENT_PATH folder)
       install(FILES ${word} DESTINATION ${schemas}/${folder})
       string(APPEND KESTREL_SCHEMAS "\n   ${prefix} \${schemas}/${file}")
+      cmake_path(GET file STEM stem)
+      get_property(maker GLOBAL PROPERTY MOX_MAKER_${prefix}/${stem})
+      if(maker)
+         string(APPEND KESTREL_MAKERS "\n   set_property(GLOBAL PROPERTY MOX_MAKER_${prefix}/${stem} Kestrel)")
+      endif()
       set(prefix "")
    endif()
 endforeach()

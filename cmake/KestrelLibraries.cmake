@@ -47,8 +47,13 @@ function(kestrel_library name)
    if(objects OR sources)
       add_library(${name} ${sources} ${objects})
       set(scope PUBLIC)
-      set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX VERSION ${PROJECT_VERSION}
-                            SOVERSION ${PROJECT_VERSION_MAJOR} INSTALL_RPATH $ORIGIN)
+      # Before 1.0 a minor version may break what was linked against the one before, so it is part of the name.
+      set(interface ${PROJECT_VERSION_MAJOR})
+      if(interface EQUAL 0)
+         string(APPEND interface .${PROJECT_VERSION_MINOR})
+      endif()
+      set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX VERSION ${PROJECT_VERSION} SOVERSION ${interface}
+                            INSTALL_RPATH $ORIGIN)
    else()
       add_library(${name} INTERFACE)
       set(scope INTERFACE)

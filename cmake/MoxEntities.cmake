@@ -8,7 +8,7 @@
 #   UNIT     name of the registration unit, which makes the types known when the library is loaded; the target's name if
 #            absent. A unit that registers nothing is not written. One name, one unit of a statically linked program.
 #
-# Everything that earlier calls compiled may be referred to without an IMPORT.
+# One call for a target. Everything that earlier calls compiled may be referred to without an IMPORT.
 
 # mox_keep_units(TARGET UNIT...): has whatever links TARGET, a static library, take these registration units from it. Nobody
 # refers to them, so a linker would leave them in the archive, and the types would be unknown by name.
@@ -19,6 +19,39 @@ function(mox_keep_units target)
          target_link_options(${target} INTERFACE LINKER:--undefined=moxInit${unit})
       endforeach()
    endif()
+endfunction()
+
+# mox_outputs(VARIABLE FOLDER PREFIX IMPORTS FILE...): what the compiler makes of the schemas below FOLDER, without a unit.
+# An installed compiler is asked. One that this build is yet to make can't be: then two lines of the schema say it.
+function(mox_outputs variable folder prefix imports)
+   set(outputs "")
+   get_target_property(installed Kestrel::moxc IMPORTED)
+   if(installed)
+      get_target_property(moxc Kestrel::moxc LOCATION)
+      set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${moxc})
+      execute_process(COMMAND ${moxc} --list --out ${folder} ${imports} --prefix ${prefix} ${ARGN}
+                      OUTPUT_VARIABLE outputs ERROR_VARIABLE errors RESULT_VARIABLE status)
+      if(NOT status EQUAL 0)
+         string(REPLACE "\n" "\n  " errors "  ${errors}") # as it is: CMake would fill the lines
+         message(FATAL_ERROR "mox_add_entities: moxc says\n${errors}")
+      endif()
+      string(REPLACE "\n" ";" outputs "${outputs}")
+      list(REMOVE_ITEM outputs "")
+   else()
+      foreach(file ${ARGN})
+         file(STRINGS ${file} entity REGEX "^[ \t]*\\[[ \t]*entity[ \t]*\\]")
+         file(STRINGS ${file} without_log REGEX "^[ \t]*log[ \t]*=[ \t]*false")
+         if(entity)
+            cmake_path(GET file STEM stem)
+            set(path ${folder}/${prefix}/${stem})
+            list(APPEND outputs ${path}.h ${path}Reactor.h ${path}.cc)
+            if(NOT without_log)
+               list(APPEND outputs ${path}Log.h)
+            endif()
+         endif()
+      endforeach()
+   endif()
+   set(${variable} ${outputs} PARENT_SCOPE)
 endfunction()
 
 function(mox_add_entities target)
@@ -55,29 +88,46 @@ function(mox_add_entities target)
    endforeach()
 
    set(schemas "")
-   set(outputs "")
    foreach(file ${arg_UNPARSED_ARGUMENTS})
       cmake_path(ABSOLUTE_PATH file)
+      if(NOT EXISTS ${file})
+         message(FATAL_ERROR "mox_add_entities(${target}): expected a schema, got nothing of the name ${file}")
+      endif()
       list(APPEND schemas ${file})
       list(APPEND known ${arg_PREFIX} ${file})
-      cmake_path(GET file STEM stem)
-      # What will be written depends on two lines of the schema alone, so this needs no run of the compiler. Configuring
-      # runs again when they may have changed.
       set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
-      file(STRINGS ${file} entity REGEX "^\\[entity\\]")
-      file(STRINGS ${file} without_log REGEX "^log *= *false")
-      if(entity)
-         set(path ${folder}/${arg_PREFIX}/${stem})
-         list(APPEND outputs ${path}.h ${path}Reactor.h ${path}.cc)
-         if(NOT without_log)
-            list(APPEND outputs ${path}Log.h)
-         endif()
-      endif()
    endforeach()
    set_property(GLOBAL PROPERTY MOX_SCHEMAS "${known}")
+   if(TARGET ${target}_headers)
+      message(FATAL_ERROR "mox_add_entities(${target}): expected one call for a target, with all of its schemas")
+   endif()
+   # Before the compiler is asked, which would speak of schemas and not of targets.
+   foreach(file ${schemas})
+      cmake_path(GET file STEM stem)
+      get_property(maker GLOBAL PROPERTY MOX_MAKER_${arg_PREFIX}/${stem})
+      if(maker)
+         list(APPEND taken "  ${arg_PREFIX}/${stem}.h is made by ${maker} already, for the schema ${file}\n")
+      endif()
+   endforeach()
+   get_property(maker GLOBAL PROPERTY MOX_MAKER_OF_UNIT_${folder}/${arg_UNIT})
+   if(maker)
+      list(APPEND taken "  the unit ${arg_UNIT} of this folder is made by ${maker} already, and UNIT chooses another\n")
+   endif()
+   if(taken)
+      list(JOIN taken "" taken)
+      message(FATAL_ERROR "mox_add_entities(${target}): expected names of its own, by PREFIX, but\n${taken}")
+   endif()
+   mox_outputs(outputs ${folder} ${arg_PREFIX} "${imports}" ${schemas})
+   foreach(file ${schemas})
+      cmake_path(GET file STEM stem)
+      if(${folder}/${arg_PREFIX}/${stem}.cc IN_LIST outputs)
+         set_property(GLOBAL PROPERTY MOX_MAKER_${arg_PREFIX}/${stem} ${target})
+      endif()
+   endforeach()
    if(NOT outputs)
       return()
    endif()
+   set_property(GLOBAL PROPERTY MOX_MAKER_OF_UNIT_${folder}/${arg_UNIT} ${target})
    list(APPEND outputs ${folder}/${arg_UNIT}Registration.cc)
 
    add_custom_command(

@@ -131,6 +131,25 @@ private:
       return false;
    }
 
+   /// The name of an entity type becomes a class, in namespaces that generated code looks names up from.
+   bool isEntityName(Text const& name) {
+      if (!isTypeName(name))
+         return false;
+      auto const parts = qualifiedParts(name.value);
+      for (std::string_view const part : parts)
+         if (part == "Mox" || part == "std" || isMacro(part)) {
+            error(name.at, inQuotes(name.value) + " has a part " + inQuotes(part) +
+                              ", which means something else in every generated file");
+            return false;
+         }
+      if (isNestedName(parts.back()) || isEntityOperation(parts.back())) {
+         error(name.at, "a class cannot be called " + inQuotes(parts.back()) +
+                           ": every entity has a member of that name for another purpose");
+         return false;
+      }
+      return true;
+   }
+
    void declareValue(ValueDecl const& decl) {
       if (decl.name.value.empty() || !isTypeName(decl.name) || !isNewTypeName(decl.name))
          return;
@@ -173,7 +192,7 @@ private:
    }
 
    void declareEntity(SchemaFile const& file, EntityDecl const& decl) {
-      if (!isTypeName(decl.name) || !isNewTypeName(decl.name))
+      if (!isEntityName(decl.name) || !isNewTypeName(decl.name))
          return;
       auto type = std::make_unique<EntityType>();
       type->name = decl.name.value;
@@ -190,10 +209,12 @@ private:
          std::filesystem::path(file.prefix) / std::filesystem::path(file.path).filename();
       type->schemaName = path.generic_string();
       type->stem = std::filesystem::path(path).replace_extension().generic_string();
-      if (auto const [before, isNew] = stems_.emplace(type->stem, decl.at); !isNew) {
-         error(decl.at, "this schema would write the same files as another one: " + inQuotes(type->stem + ".h"));
-         diagnostics_.note(before->second, "the other schema is here");
-      }
+      for (char const* const ending : {".h", "Reactor.h", "Log.h"})
+         if (auto const [before, isNew] = files_.emplace(type->stem + ending, decl.at); !isNew) {
+            error(decl.at, "this schema would write the same files as another one: " + inQuotes(before->first));
+            diagnostics_.note(before->second, "the other schema is here");
+            break;
+         }
       if (decl.member) {
          type->member = decl.member->value;
          if (type->member != "hash" && type->member != "tree")
@@ -472,10 +493,12 @@ private:
 
    void checkName(EntityType const& type, Attribute const& attribute, AttributeDecl const& decl) {
       std::string const& name = attribute.name;
-      if (!isIdentifier(name) || name[0] == '_') {
+      if (!isIdentifier(name) || name.find('_') != std::string::npos) {
          error(decl.name.at, inQuotes(name) + " is no attribute name; expected a letter, then letters and digits");
       } else if (isCppKeyword(name)) {
          error(decl.name.at, inQuotes(name) + " is a C++ keyword and cannot name an attribute");
+      } else if (isMacro(name)) {
+         error(decl.name.at, inQuotes(name) + " is a macro of a standard header and cannot name an attribute");
       } else if (name[0] >= 'A' && name[0] <= 'Z') {
          // With a small letter first, no two attributes can share a notification on + capitalised name.
          std::string lower = name;
@@ -507,30 +530,56 @@ private:
                                 "(), which every reactor has for another purpose");
          return;
       }
-      if (attribute.kind->isKeyed() && isNestedName("Mox" + capitalised(attribute.name))) {
-         error(decl.name.at, "the entries of " + inQuotes(attribute.name) + " would be called Mox" +
-                                capitalised(attribute.name) + ", a class that every entity has for another purpose");
+      if (attribute.isParameter && attribute.name == "key") {
+         error(decl.name.at,
+               "a parameter cannot be called \"key\": that is the name of a member in the calls that create it");
          return;
       }
-      for (std::string const& operation : attribute.kind->operations(attribute.name)) {
-         if (isEntityOperation(operation)) {
+      for (std::string const& name : attribute.kind->classes(attribute.name))
+         if (isNestedName(name)) {
+            error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " would have a class " + name +
+                                   ", which every entity has for another purpose");
+            return;
+         }
+      auto const names = declared(attribute);
+      for (std::string const& name : names) {
+         if (isEntityOperation(name)) {
             error(decl.name.at,
-                  "the attribute " + inQuotes(attribute.name) + " would hide the entity operation " + operation + "()");
+                  "the attribute " + inQuotes(attribute.name) + " would hide the entity operation " + name + "()");
+            return;
+         }
+         if (name == type.shortName) {
+            error(decl.name.at, "the attribute " + inQuotes(attribute.name) + " would declare " + name +
+                                   ", the name of the class itself");
             return;
          }
          for (EntityType const* owner = &type; owner != nullptr; owner = owner->base)
             for (auto const& other : owner->owned) {
                if (other->isInherited || other->kind == nullptr)
                   continue;
-               auto const operations = other->kind->operations(other->name);
-               if (std::find(operations.begin(), operations.end(), operation) != operations.end()) {
-                  error(decl.name.at, "the operation " + operation + "() of the attribute " + inQuotes(attribute.name) +
-                                         " is also one of " + inQuotes(other->name));
+               auto const taken = declared(*other);
+               if (std::find(taken.begin(), taken.end(), name) != taken.end()) {
+                  bool const isClass = name.starts_with("Mox");
+                  error(decl.name.at, (isClass ? "the class " + name : "the operation " + name + "()") +
+                                         " of the attribute " + inQuotes(attribute.name) + " is also one of " +
+                                         inQuotes(other->name));
                   earlier(places_.at(other.get()), inQuotes(other->name));
                   return;
                }
             }
       }
+   }
+
+   /// Everything that an attribute declares in the entity's class and its reactors.
+   static std::vector<std::string> declared(Attribute const& attribute) {
+      auto names = attribute.kind->operations(attribute.name);
+      for (std::string& name : attribute.kind->classes(attribute.name))
+         names.push_back(std::move(name));
+      // In a class of its own, where an attribute that is called as a notification does no harm.
+      names.push_back("Notifiee::on" + capitalised(attribute.name));
+      if (attribute.kind->isKeyed())
+         names.push_back(names.back() + "moxImmediate");
+      return names;
    }
 
    /// Headers include those of the base and of the entities that attributes refer to; a circle would not compile.
@@ -582,7 +631,7 @@ private:
    Model model_;
    std::map<std::string, std::pair<ValueType const*, Position>, std::less<>> values_;
    std::map<std::string, Declared, std::less<>> entities_;
-   std::map<std::string, Position> stems_;
+   std::map<std::string, Position> files_;
    std::map<Attribute const*, Position> places_;
    std::set<EntityType const*> seen_;
    std::vector<EntityType const*> path_;

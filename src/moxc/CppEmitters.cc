@@ -146,7 +146,7 @@ std::string emitClass(EntityType const& type) {
    text += fill(R"(public:
    class NotifieeConst;
    class Notifiee;
-   template <class Interface, class Derived> class MoxForwarder;
+   template <class MoxInterface, class MoxDerived> class MoxForwarder;
    class MoxNboAttrLogSa;
    class GenericIf_;
    class _Type;
@@ -159,6 +159,11 @@ std::string emitClass(EntityType const& type) {
       text += fill("   static constexpr bool moxIsAbstract = $abstract$;\n",
                    {{"abstract", type.isAbstract ? "true" : "false"}});
    text += '\n';
+   // A message of its own, in the place of the many that an incomplete class brings forth.
+   text += "   template <bool isThere> static constexpr void moxReactorHeader() {\n" +
+           wrapped(6, "static_assert(isThere, \"include \\\"" + type.stem + "Reactor.h\\\" to watch a " + type.name +
+                         "\");") +
+           "   }\n\n";
    text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' +
                          constructorParameters(type) + ");");
    text += "   ~" + type.shortName + "() override;\n";
@@ -218,26 +223,27 @@ std::string emitReactor(EntityType const& type) {
    std::string text = "/// Watches a `" + X + "`: override the notifications that matter.\n";
    text += fill(R"(class $X$::NotifieeConst : public Mox::ReactorOf<$X$> {
 public:
-   Mox::Ptr<$X$ const> notifier() const noexcept { return notifierOfType<$X$>(); }
+   Mox::Ptr<$Type$ const> notifier() const noexcept { return notifierOfType<$Type$>(); }
 )",
-                {{"X", X}});
+                {{"X", X}, {"Type", type.name}});
    if (!own.empty())
       text += '\n' + forEach(own, &AttributeKind::notifications);
-   text += fill(R"(};
+   text +=
+      fill(R"(};
 
 /// The variant for reactors that change the entity they watch.
 class $X$::Notifiee : public $X$::NotifieeConst {
 public:
-   Mox::Ptr<$X$> notifier() const noexcept { return changeable<$X$>(); }
+   Mox::Ptr<$Type$> notifier() const noexcept { return changeable<$Type$>(); }
 };
 
-/// Carries every notification to `Derived::forward(attribute, key...)`.
-template <class Interface, class Derived>
-class $X$::MoxForwarder : public $Base$::MoxForwarder<Interface, Derived> {
+/// Carries every notification to `MoxDerived::forward(attribute, key...)`.
+template <class MoxInterface, class MoxDerived>
+class $X$::MoxForwarder : public $Base$::MoxForwarder<MoxInterface, MoxDerived> {
 public:
 $forwarding$};
 )",
-                {{"X", X}, {"Base", base}, {"forwarding", forEach(own, &AttributeKind::forwarding)}});
+           {{"X", X}, {"Type", type.name}, {"Base", base}, {"forwarding", forEach(own, &AttributeKind::forwarding)}});
    return banner(type) + "#pragma once\n\n" + includes({type.stem + ".h", baseReactor}) + '\n' +
           inNamespace(type, text);
 }
@@ -256,7 +262,7 @@ std::string emitLog(EntityType const& type) {
 class $X$::MoxNboAttrLogSa : public Mox::NboAttrLog::LevelSa<$X$> {
 public:
    /// The reactor through which the entity reaches its adapter.
-   using MoxNboAttrLogSaAdapter_ = Mox::NboAttrLog::SaReactor<$X$>;
+   using MoxNboAttrLogSaAdapter_ = Mox::NboAttrLog::SaReactor<$Type$>;
    class FlowOut;
    using LevelSa::LevelSa;
 $handlers$};
@@ -267,7 +273,8 @@ $backlog$public:
 $flow$};
 )",
            {{"X", type.shortName},
-            {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.shortName + '>')},
+            {"Type", type.name}, // the bases of an adapter have members of many names
+            {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.name + '>')},
             {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
             {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
    // Without these, every type that has this one as base or member compiles its templates once more.

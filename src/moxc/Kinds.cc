@@ -189,7 +189,7 @@ public:
    }
    std::string forwarding(Attribute const& a) const override {
       // The overload without a key stays visible beside the override.
-      return "   using Interface::on" + capitalised(a.name) + ";\n" +
+      return "   using MoxInterface::on" + capitalised(a.name) + ";\n" +
              inlineFunction(3, "void on" + capitalised(a.name) + '(' + key(a) + " key) override",
                             "this->self().forward(Attr::" + a.name + ", key);");
    }
@@ -254,6 +254,10 @@ public:
               joined(name, "Notify")};
    }
 
+   std::vector<std::string> classes(std::string_view name) const override {
+      return {"Mox" + capitalised(name) + "Array"};
+   }
+
    Storage storage(Attribute const& a) const override {
       return {containerName(a), "", std::max(a.value->alignment, 4u)}; // the array has counts of its own
    }
@@ -290,6 +294,9 @@ class ValueMap : public Keyed {
 public:
    Holds holds() const noexcept override { return Holds::value; }
    bool hasKeyType() const noexcept override { return true; }
+   std::vector<std::string> classes(std::string_view name) const override {
+      return {"Mox" + capitalised(name), "Mox" + capitalised(name) + "Map"};
+   }
 
    /// The container template, "RbTreeMap" or "HashMap".
    virtual std::string container() const = 0;
@@ -346,6 +353,9 @@ public:
 class Members : public Keyed {
 public:
    Holds holds() const noexcept override { return Holds::member; }
+   std::vector<std::string> classes(std::string_view name) const override {
+      return {"Mox" + capitalised(name) + "Map"};
+   }
 
    /// The container template, "RbTreeMap" or "HashMap".
    virtual std::string container() const = 0;
@@ -432,6 +442,9 @@ public:
              "hashes";
    }
    Holds holds() const noexcept override { return Holds::reference; }
+   std::vector<std::string> classes(std::string_view name) const override {
+      return {"Mox" + capitalised(name), "Mox" + capitalised(name) + "Map"};
+   }
 
    Storage storage(Attribute const& a) const override { return {map(a), "{4}", 8}; }
    std::vector<std::string> headers(Attribute const&) const override {

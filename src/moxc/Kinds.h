@@ -41,6 +41,8 @@ public:
    virtual bool mayBeParameter() const noexcept { return false; }
    /// Names of the member functions that an attribute `name` adds to its class.
    virtual std::vector<std::string> operations(std::string_view name) const = 0;
+   /// Names of the classes that it nests in its class.
+   virtual std::vector<std::string> classes(std::string_view) const { return {}; }
 
    // In C++
 

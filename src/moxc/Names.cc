@@ -26,35 +26,61 @@ constexpr std::array keywords = std::to_array<std::string_view>(
     "using",       "virtual",  "void",       "volatile",  "wchar_t",   "while",        "xor",
     "xor_eq"});
 
-constexpr std::array entityOperations = std::to_array<std::string_view>({"attributeString",
+// Macros of the standard headers and of the GNU dialect: a preprocessor knows no scopes.
+constexpr std::array macros = std::to_array<std::string_view>(
+   {"alloca", "assert", "errno", "linux", "offsetof", "setjmp", "stderr", "stdin", "stdout", "unix"});
+
+// Members of Mox::Entity and its base, private ones among them: what calls them by name must reach them. tests/moxc/NamesTest.cc
+// asks the headers whether one is missing here.
+constexpr std::array entityOperations = std::to_array<std::string_view>({"activeFlag",
+                                                                         "attributeString",
                                                                          "auditErrors",
                                                                          "changeCount",
+                                                                         "countMask",
+                                                                         "dyingFlag",
+                                                                         "entityFlag",
+                                                                         "flag",
+                                                                         "flagIs",
                                                                          "fullName",
                                                                          "fullNameOf",
                                                                          "fwkKey",
+                                                                         "fwkKeyHash",
                                                                          "fwkType",
                                                                          "handleParent",
                                                                          "hasNotificationActiveIs",
+                                                                         "idleWeakDel",
+                                                                         "idleWeakIs",
+                                                                         "lastReference",
+                                                                         "markedForDeletionFlag",
                                                                          "name",
                                                                          "parent",
                                                                          "parentAttr",
                                                                          "parentAttrId",
                                                                          "parentAttrIdIs",
                                                                          "parentIs",
+                                                                         "plainReferenceDec",
+                                                                         "plainReferenceInc",
+                                                                         "reactorDel",
+                                                                         "reactorFlag",
+                                                                         "reactorIs",
+                                                                         "referenceDec",
+                                                                         "referenceInc",
                                                                          "references",
-                                                                         "referencesDec",
-                                                                         "referencesInc",
+                                                                         "registeredWhenPausedFlag",
+                                                                         "sharedReferenceDec",
+                                                                         "sharedReferenceInc",
                                                                          "touchCount",
                                                                          "uriPath",
-                                                                         "visitAttribute",
                                                                          "zeroReferencesIs"});
 
 constexpr std::array reactorOperations =
    std::to_array<std::string_view>({"onAttribute", "onCollectionNotification", "onNotification",
                                     "onNotificationException", "onParent", "onVersion", "onZeroReferences"});
 
+// Classes that an entity class, its reactors or its adapter have from the framework or from the compiler.
 constexpr std::array nestedNames = std::to_array<std::string_view>(
-   {"Attr", "GenericIf_", "MoxNboAttrLogSa", "MoxNotifier", "Notifiee", "NotifieeConst", "_Type"});
+   {"Attr", "GenericIf_", "MoxAttributes", "MoxBase", "MoxDerived", "MoxForwarder", "MoxInterface", "MoxNboAttrLogSa",
+    "MoxNboAttrLogSaAdapter_", "MoxNotifier", "MoxParameters", "Notifiee", "NotifieeConst", "_Type"});
 
 constexpr std::array reservedIdentifiers =
    std::to_array<std::pair<long long, std::string_view>>({{0, "no attribute"},
@@ -68,6 +94,7 @@ constexpr std::array reservedIdentifiers =
                                                           {154, "moxHasAttrLogInterface"}});
 
 static_assert(std::is_sorted(keywords.begin(), keywords.end()));
+static_assert(std::is_sorted(macros.begin(), macros.end()));
 static_assert(std::is_sorted(entityOperations.begin(), entityOperations.end()));
 static_assert(std::is_sorted(reactorOperations.begin(), reactorOperations.end()));
 static_assert(std::is_sorted(nestedNames.begin(), nestedNames.end()));
@@ -80,6 +107,10 @@ constexpr bool isLetter(char c) {
 
 bool isCppKeyword(std::string_view name) {
    return std::binary_search(keywords.begin(), keywords.end(), name);
+}
+
+bool isMacro(std::string_view name) {
+   return std::binary_search(macros.begin(), macros.end(), name);
 }
 
 bool isIdentifier(std::string_view name) {

@@ -8,15 +8,19 @@ namespace moxc {
 
 /// Whether `name` is a C++ keyword or an alternative spelling of an operator.
 bool isCppKeyword(std::string_view name);
+/// Whether a header of the standard library, or the GNU dialect, defines a macro of that name.
+bool isMacro(std::string_view name);
 bool isIdentifier(std::string_view name);
 /// Splits at `::`; empty when a part is no identifier.
 std::vector<std::string_view> qualifiedParts(std::string_view name);
+
+// Names that the generated classes have already. docs/schema.md says them in words.
 
 /// Names that every entity class has from the framework, which an attribute would hide.
 bool isEntityOperation(std::string_view name);
 /// `on…` functions that every reactor has from the framework.
 bool isReactorOperation(std::string_view name);
-/// Class names and constants nested in every entity class.
+/// Classes nested in every entity class, its reactors or its adapter.
 bool isNestedName(std::string_view name);
 /// What the framework uses an identifier for on every entity, or nothing.
 std::optional<std::string_view> reservedIdentifier(long long id);

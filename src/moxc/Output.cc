@@ -23,7 +23,11 @@ std::optional<std::string> contents(fs::path const& path) {
    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-/// Files that disappear again unless they get their final names.
+std::runtime_error cannotWrite(fs::path const& path, std::string const& why) {
+   return std::runtime_error(path.string() + ": error: cannot write: " + why);
+}
+
+/// Files that disappear again unless all of them get their final names.
 class Staged {
 public:
    Staged() = default;
@@ -31,8 +35,12 @@ public:
    Staged& operator=(Staged const&) = delete;
    ~Staged() {
       std::error_code ignored;
-      for (auto const& [temporary, final] : files_)
-         fs::remove(temporary, ignored);
+      for (auto file = files_.rbegin(); file != files_.rend(); ++file) {
+         fs::remove(file->temporary, ignored);
+         if (file->isRenamed)
+            file->hadOne ? fs::rename(file->old, file->final, ignored) : void(fs::remove(file->final, ignored));
+         fs::remove(file->old, ignored);
+      }
    }
 
    void add(fs::path const& path, std::string const& text) {
@@ -43,30 +51,53 @@ public:
          throw std::runtime_error(path.string() + ": error: cannot create the folder: " + failure.message());
       // Found here, before the first file gets its new contents.
       if (fs::is_directory(path, failure))
-         throw std::runtime_error(path.string() + ": error: cannot write: a folder is in its place");
+         throw cannotWrite(path, "a folder is in its place");
       // Two runs may write beside each other.
-      fs::path const temporary = path.string() + ".new-" + std::to_string(::getpid());
-      files_.emplace_back(temporary, path);
-      std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+      std::string const run = std::to_string(::getpid());
+      files_.push_back({path.string() + ".new-" + run, path.string() + ".old-" + run, path});
+      std::ofstream out(files_.back().temporary, std::ios::binary | std::ios::trunc);
       if (!out || !(out << text) || !out.flush())
-         throw std::runtime_error(path.string() + ": error: cannot write: " + std::strerror(errno));
+         throw cannotWrite(path, std::strerror(errno));
    }
 
    void rename() {
-      for (auto const& [temporary, final] : files_) {
+      for (File& file : files_) {
          std::error_code failure;
-         fs::rename(temporary, final, failure);
+         file.hadOne = fs::exists(file.final, failure);
+         if (file.hadOne) {
+            fs::copy_file(file.final, file.old, failure);
+            if (!failure)
+               fs::last_write_time(file.old, fs::last_write_time(file.final), failure);
+         }
+         if (!failure)
+            fs::rename(file.temporary, file.final, failure);
          if (failure)
-            throw std::runtime_error(final.string() + ": error: cannot write: " + failure.message());
+            throw cannotWrite(file.final, failure.message());
+         file.isRenamed = true;
       }
-      files_.clear();
+      for (File& file : files_)
+         file.isRenamed = false;
    }
 
 private:
-   std::vector<std::pair<fs::path, fs::path>> files_;
+   struct File {
+      fs::path temporary;
+      fs::path old; ///< what stood in its place, until all have their names
+      fs::path final;
+      bool hadOne = false;
+      bool isRenamed = false;
+   };
+   std::vector<File> files_;
 };
 
 } // namespace
+
+void Output::fileIs(fs::path path, std::string text) {
+   for (File const& file : files_)
+      if (file.path == path)
+         throw std::runtime_error(path.string() + ": error: two files would have this name");
+   files_.push_back({std::move(path), std::move(text)});
+}
 
 void Output::write() const {
    Staged staged;

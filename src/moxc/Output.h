@@ -10,10 +10,11 @@ namespace moxc {
 /// The files of one run, written together or not at all.
 class Output {
 public:
-   void fileIs(std::filesystem::path path, std::string text) { files_.push_back({std::move(path), std::move(text)}); }
+   /// \throws std::runtime_error  where a file of that name is there already
+   void fileIs(std::filesystem::path path, std::string text);
 
    /// Writes every file to a temporary beside its place, then renames all. A file that already holds the same bytes is
-   /// left alone, so that builds stay incremental. After a failure the temporaries are gone and the old files stand.
+   /// left alone, so that builds stay incremental. After a failure, whenever it comes, the temporaries are gone and the old files stand.
    ///
    /// \throws std::runtime_error  names the file and what the system said
    void write() const;

@@ -21,6 +21,7 @@ Checks the schemas and writes C++ for each FILE below DIR, and the tables of att
   --unit NAME    also write NAMERegistration.cc, which registers the types of all FILEs
   --docs FILE    also write the tables of attributes of all FILEs
   --list         print the paths of the files that would be written, and write nothing
+  --version      print the version, and do nothing
 )";
 
 /// A command line that makes no sense.
@@ -39,6 +40,7 @@ struct Options {
    std::string unit;
    bool list = false;
    bool help = false;
+   bool version = false;
    std::vector<Input> inputs;
 };
 
@@ -66,12 +68,16 @@ Options parse(std::vector<std::string> const& arguments) {
          options.list = true;
       else if (word == "--help")
          options.help = true;
+      else if (word == "--version")
+         options.version = true;
       else if (word.starts_with('-'))
-         throw UsageError("unknown option " + inQuotes(word));
+         throw UsageError(
+            "unknown option " + inQuotes(word) +
+            suggestion(word, {"--out", "--docs", "--unit", "--prefix", "--import", "--list", "--help", "--version"}));
       else
          options.inputs.push_back({word, prefix, false});
    }
-   if (options.help)
+   if (options.help || options.version)
       return options;
    if (options.inputs.empty())
       throw UsageError("expected at least one schema");
@@ -102,8 +108,8 @@ Output emit(Model const& model, Options const& options) {
 }
 
 int run(Options const& options) {
-   if (options.help) {
-      std::cout << usage;
+   if (options.help || options.version) {
+      std::cout << (options.help ? usage : "moxc " KESTREL_VERSION "\n");
       return 0;
    }
    std::vector<std::string> paths;

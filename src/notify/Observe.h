@@ -50,6 +50,9 @@ namespace detail {
 template <class X>
 using InterfaceFor = std::conditional_t<std::is_const_v<X>, typename X::NotifieeConst, typename X::Notifiee>;
 
+/// Whether the generated reactors of `X` have been included.
+template <class X> constexpr bool hasReactors = requires { sizeof(InterfaceFor<X>); };
+
 template <class X, class A, class Call, class... Key> constexpr bool takes = std::invocable<Call&, X&, Key const&...>;
 
 /// Reactor of one attribute.
@@ -105,15 +108,25 @@ template <class X, class A, class Call> [[nodiscard]] Watch on(Ptr<X> const& ent
       requires { typename A::Owner; }, "Mox::on takes an attribute, as in Cl10010Config::Attr::rollOff");
    static_assert(std::derived_from<std::remove_const_t<X>, typename A::Owner>,
                  "Mox::on: the attribute is none of this entity's type or its bases");
-   return detail::watch<detail::AttributeWatch<X, A, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)),
-                                                            std::move(call));
+   if constexpr (detail::hasReactors<X>) {
+      return detail::watch<detail::AttributeWatch<X, A, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)),
+                                                               std::move(call));
+   } else {
+      std::remove_const_t<X>::template moxReactorHeader<false>();
+      return {};
+   }
 }
 
 /// Calls `call(entity, identifier)` after each change of any attribute.
 template <class X, class Call> [[nodiscard]] Watch onAny(Ptr<X> const& entity, Call call) {
    static_assert(std::invocable<Call&, X&, AttributeId>,
                  "Mox::onAny calls its function with the entity and the attribute's identifier");
-   return detail::watch<detail::AnyWatch<X, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)), std::move(call));
+   if constexpr (detail::hasReactors<X>) {
+      return detail::watch<detail::AnyWatch<X, Call>>(static_cast<Ptr<X> const&>(ValidPtr<X>(entity)), std::move(call));
+   } else {
+      std::remove_const_t<X>::template moxReactorHeader<false>();
+      return {};
+   }
 }
 
 } // namespace Mox

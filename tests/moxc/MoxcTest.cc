@@ -1,15 +1,11 @@
-#include <gtest/gtest.h>
+#include "Run.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 // Runs the compiler as a build does. With MOXC_UPDATE=1 in the environment the expected texts are written anew.
@@ -19,11 +15,6 @@ namespace fs = std::filesystem;
 namespace {
 
 fs::path const sources = MOXC_TEST_SOURCES;
-
-std::string contents(fs::path const& path) {
-   std::ifstream in(path, std::ios::binary);
-   return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// Every file below a folder with its bytes, by its name without `suffix`.
 std::map<std::string, std::string> tree(fs::path const& folder, std::string_view suffix = {}) {
@@ -46,31 +37,6 @@ std::vector<fs::path> schemasIn(fs::path const& folder) {
    std::sort(schemas.begin(), schemas.end());
    return schemas;
 }
-
-class Moxc : public testing::Test {
-protected:
-   void SetUp() override {
-      std::string name = (fs::temp_directory_path() / "moxc-test-XXXXXX").string();
-      ASSERT_NE(::mkdtemp(name.data()), nullptr);
-      folder_ = name;
-   }
-   void TearDown() override { fs::remove_all(folder_); }
-
-   struct Result {
-      int status;
-      std::string errors;
-   };
-   Result run(fs::path const& where, std::string const& arguments) const {
-      fs::path const errors = folder_ / "stderr";
-      std::string const command = "cd '" + where.string() + "' && '" MOXC "' " + arguments + " >'" +
-                                  (folder_ / "stdout").string() + "' 2>'" + errors.string() + "'";
-      int const status = std::system(command.c_str());
-      return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(errors)};
-   }
-   std::string out() const { return "--out '" + (folder_ / "out").string() + "' "; }
-
-   fs::path folder_;
-};
 
 /// Compares with a file of the source tree, or writes it.
 void expectGolden(std::string const& text, fs::path const& golden) {
@@ -137,20 +103,39 @@ TEST_F(Moxc, LeavesUnchangedFilesAloneAndReplacesAllOrNothing) {
    EXPECT_NE(contents(fan).find("/// The fan of a rack."), std::string::npos);
    EXPECT_EQ(fs::last_write_time(unit), old);
 
-   // A folder in the place of one file: the other files stay as they were, and no temporary is left.
-   auto before = tree(folder_ / "out");
-   fs::remove(folder_ / "out/Unit.cc");
-   fs::create_directories(folder_ / "out/Unit.cc/in-the-way");
-   before.erase("Unit.cc");
-   std::ofstream(schemas / "Cooling.toml", std::ios::app)
-      << "\n[[value]]\nname = \"New\"\nheader = \"new.h\"\ndoc = \"New.\"\n";
+   // What fails after other files have been written: those stay as they were, and no temporary is left.
    text.replace(text.find("The fan"), 7, "Some fan");
    std::ofstream(schemas / "Fan.toml") << text;
+   auto const before = tree(folder_ / "out");
+   fs::remove(folder_ / "out/Probe.cc");
+   fs::create_directories(folder_ / "out/Probe.cc/in-the-way");
    Result const blocked = run(schemas, arguments);
    EXPECT_EQ(blocked.status, 1);
-   EXPECT_NE(blocked.errors.find("Unit.cc: error: cannot write: a folder is in its place"), std::string::npos)
+   EXPECT_NE(blocked.errors.find("Probe.cc: error: cannot write: a folder is in its place"), std::string::npos)
       << blocked.errors;
-   EXPECT_EQ(tree(folder_ / "out"), before);
+   auto after = tree(folder_ / "out");
+   after["Probe.cc"] = before.at("Probe.cc");
+   EXPECT_EQ(after, before);
+
+   // The last file can be written but not renamed: it belongs to somebody else, in a folder where that decides.
+   fs::remove_all(folder_ / "out/Probe.cc");
+   fs::copy_file(MOXC, folder_ / "moxc");
+   fs::permissions(folder_, fs::perms::all);
+   std::string const asAnother = "setpriv --reuid 65534 --clear-groups '" + (folder_ / "moxc").string() + "' ";
+   if (::getuid() != 0 || shell(folder_, asAnother + "--help").status != 0)
+      GTEST_SKIP() << "only root can try as another user";
+   fs::permissions(folder_ / "out", fs::perms::all | fs::perms::sticky_bit);
+   for (auto const& entry : fs::directory_iterator(folder_ / "out"))
+      EXPECT_EQ(::chown(entry.path().c_str(), entry.path().filename() == "Probe.h" ? 0 : 65534, 65534), 0);
+   std::string probe = contents(schemas / "Probe.toml");
+   probe.replace(probe.find("doc = \""), 7, "doc = \"Some: ");
+   std::ofstream(schemas / "Probe.toml") << probe;
+   auto const own = tree(folder_ / "out");
+   Result const owned = shell(schemas, asAnother + arguments);
+   EXPECT_EQ(owned.status, 1);
+   EXPECT_NE(owned.errors.find("Probe.h: error: cannot write: Operation not permitted"), std::string::npos)
+      << owned.errors;
+   EXPECT_EQ(tree(folder_ / "out"), own);
 }
 
 TEST_F(Moxc, SaysWhatIsWrongWithACommandLineOrAFile) {
@@ -163,6 +148,7 @@ TEST_F(Moxc, SaysWhatIsWrongWithACommandLineOrAFile) {
       {"a.toml", 2, "moxc: error: expected --out or --docs\n"},
       {"--out", 2, "moxc: error: --out needs an operand\n"},
       {"--verbose a.toml", 2, "moxc: error: unknown option \"--verbose\"\n"},
+      {"--ilst a.toml", 2, "moxc: error: unknown option \"--ilst\"; did you mean \"--list\"?\n"},
       {"--out x absent.toml", 1,
        "absent.toml: error: cannot read the schema: No such file or directory\nmoxc: 1 error, nothing written\n"},
       {"--out x .", 1, ".: error: cannot read the schema: Is a directory\n"},

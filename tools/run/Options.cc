@@ -4,10 +4,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <iomanip>
 #include <limits>
+#include <numeric>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 namespace Job {
 
@@ -34,6 +38,37 @@ void addNumber(CLI::App& app, std::string const& name, Number& target, Number lo
    app.add_option_function<std::string>(name, parse, description)->type_name(std::is_integral_v<Number> ? "N" : "X");
 }
 
+/// How many letters differ.
+std::size_t distance(std::string_view a, std::string_view b) {
+   std::vector<std::size_t> row(b.size() + 1);
+   std::iota(row.begin(), row.end(), std::size_t{0});
+   for (std::size_t i = 0; i != a.size(); ++i) {
+      std::size_t diagonal = row[0];
+      row[0] = i + 1;
+      for (std::size_t j = 0; j != b.size(); ++j)
+         diagonal =
+            std::exchange(row[j + 1], std::min({row[j] + 1, row[j + 1] + 1, diagonal + (a[i] == b[j] ? 0u : 1u)}));
+   }
+   return row.back();
+}
+
+/// What is told of a word that is no option.
+std::string unknown(CLI::App const& app, std::string_view word) {
+   std::string_view const name = word.substr(0, word.find('='));
+   std::string best;
+   std::size_t least = name.size() / 3 + 1;
+   if (name.starts_with("-"))
+      for (CLI::Option const* option : app.get_options())
+         // The one that the job starts itself with is for nobody else.
+         if (std::size_t const d = distance(name, option->get_name()); d < least && !option->get_group().empty()) {
+            least = d;
+            best = option->get_name();
+         }
+   return (best.empty() ? "expected the options that --help lists, got '"
+                        : "expected '" + best + "' or another option, got '") +
+          shown(std::string(word)) + "'";
+}
+
 } // namespace
 
 Options parseOptions(int argc, char const* const* argv) {
@@ -56,6 +91,7 @@ Options parseOptions(int argc, char const* const* argv) {
    addNumber(app, "--speed", options.speed, 0.0, 1e6,
              "Steps in a second (default " + textOf(options.speed) + "; 0 is as fast as possible)");
    app.add_flag("--json", options.json, "Print the result as one JSON object")->disable_flag_override();
+   app.set_version_flag("--version", "kestrel-run " KESTREL_VERSION, "Print the version, and do nothing");
    app.add_flag("--driver", options.driver)->group("");
    app.footer("A recording is a file of comma-separated rows below a header that names the\n"
               "columns. Order of rows and columns is free, and other columns are left:\n"
@@ -74,6 +110,9 @@ Options parseOptions(int argc, char const* const* argv) {
       app.parse(argc, argv);
    } catch (CLI::CallForHelp const&) {
       options.help = app.help();
+      return options;
+   } catch (CLI::CallForVersion const&) {
+      options.help = app.version() + '\n';
       return options;
    } catch (CLI::ArgumentMismatch const& e) {
       for (CLI::Option const* option : app.get_options())
@@ -97,7 +136,7 @@ Options parseOptions(int argc, char const* const* argv) {
           (name == "--socket" || name == "--trace") && value.starts_with("--"))
          throw UsageError(std::string(name) + ": expected a path, got '" + shown(value) + "'");
    if (auto const extras = app.remaining(); !extras.empty())
-      throw UsageError("expected the options that --help lists, got '" + shown(extras.front()) + "'");
+      throw UsageError(unknown(app, extras.front()));
    for (auto const& [name, value] : {std::pair("--socket", options.socket), std::pair("--trace", options.trace)})
       if (app.count(name) > 0 && value.empty())
          throw UsageError(std::string(name) + ": expected a path, got an empty text");

@@ -26,7 +26,7 @@ struct Options {
    double speed = 50;      ///< steps in a second; 0: as fast as possible
    bool json = false;      ///< print one JSON object instead of a table
    bool driver = false;    ///< this process is the driver that the configuring process started
-   std::string help;       ///< the help text, when that was asked for
+   std::string help;       ///< the help text or the version, when that was asked for
 };
 
 /// \throws UsageError
