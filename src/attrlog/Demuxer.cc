@@ -75,7 +75,7 @@ void Demuxer::cut() noexcept {
          sa.detach(); // announced again, it is bound by its name as any other
       }
    }
-   peerEnd_ = mirrored_ = retiredSinceTrim_ = 0;
+   peerEnd_ = mirrored_ = 0;
    isInHandCurrent_ = false;
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
@@ -475,6 +475,12 @@ bool Demuxer::step(FlowOut& flow) {
       }
       enqueue(flow);
       return true;
+   } catch (NoIdentifierLeft const&) {
+      // No end may follow that would delete there what could not be told: the root is given up first.
+      if (sa->flow() == &flow)
+         enqueue(flow);
+      limitReached(*sa);
+      return false;
    } catch (std::exception const& e) {
       // Whatever went wrong, the entity's whole state is owed again; the next drain tries.
       report("stream \"" + name() + "\": " + std::string(std::string_view(Entity::fullNameOf(sa->entity()))) +
@@ -525,20 +531,32 @@ void Demuxer::owedAllPaid() {
 }
 
 void Demuxer::identifiersSettled() {
-   while (!reidentified_.empty()) {
-      std::unordered_set<Entity const*> const targets = std::exchange(reidentified_, {});
-      for (std::size_t i = 0; i < own_.size(); ++i) {
-         Ptr<Sa> const sa{own_.at(i)};
-         if (!sa || !sa->hasFlag(StreamAdapter::serializing))
-            continue;
-         // What no collection announces again: an orphan, and a former member that somebody still refers to.
-         bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
-         if (isLoose && logOperationsOf(*sa->entity())->hasParameter(*sa->entity(), targets))
-            reidentify(*sa->entity());
-         else
-            sa->markReferencesTo(targets);
+   try {
+      while (!reidentified_.empty()) {
+         std::unordered_set<Entity const*> const targets = std::exchange(reidentified_, {});
+         for (std::size_t i = 0; i < own_.size(); ++i) {
+            Ptr<Sa> const sa{own_.at(i)};
+            if (!sa || !sa->hasFlag(StreamAdapter::serializing))
+               continue;
+            // What no collection announces again: an orphan, and a former member that somebody still refers to.
+            bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
+            if (isLoose && logOperationsOf(*sa->entity())->hasParameter(*sa->entity(), targets))
+               reidentify(*sa->entity());
+            else
+               sa->markReferencesTo(targets);
+         }
       }
+   } catch (std::bad_alloc const&) {
+      allOweAll();
+      throw;
    }
+}
+
+/// Which references are to be told again is not known: everything is.
+void Demuxer::allOweAll() noexcept {
+   for (std::size_t i = 0; i < own_.size(); ++i)
+      if (Sa* const sa = own_.at(i))
+         sa->owesAllIs();
 }
 
 void Demuxer::wake() {
@@ -658,7 +676,7 @@ Demuxer::PeerSlot& Demuxer::neededSlot(EntityId id) {
 }
 
 /// Notes an identifier that stands for what this side has no type for.
-void Demuxer::reserve(EntityId id) {
+void Demuxer::slotReserve(EntityId id) {
    PeerSlot& slot = neededSlot(id);
    slot.generation = id.generation();
    slot.isUsed = true;
@@ -732,9 +750,7 @@ void Demuxer::release(Mirror const& gone) noexcept {
          if (gone.entity)
             reidentified(*gone.sa, *gone.entity);
       } catch (std::bad_alloc const&) {
-         for (std::size_t i = 0; i < own_.size(); ++i)
-            if (Sa* const sa = own_.at(i))
-               sa->owesAllIs();
+         allOweAll();
       }
    }
    newIdentifiers_ = true;
@@ -808,21 +824,17 @@ void Demuxer::retired(EntityId wireId) {
       releaseWaitingBelow(*entity);
 }
 
-/// Drops the end of the table where most of it stands for nothing any more.
+/// The table of the peer's slots ends with one that stands for something. One that went here and not there does: what is under way
+/// may still name it.
 void Demuxer::peerSlotsTrim() noexcept {
-   if (++retiredSinceTrim_ < std::max<std::size_t>(64, peer_.size() / 2))
-      return;
-   retiredSinceTrim_ = 0;
-   std::size_t end = peer_.size();
-   // One that went here and not there is still named by what is under way.
-   while (end > 0 && !peer_[end - 1].isUsed && !peer_[end - 1].isOwedRetirement)
-      --end;
-   if (end > peer_.size() / 2)
+   while (!peer_.empty() && !peer_.back().isUsed && !peer_.back().isOwedRetirement)
+      peer_.pop_back();
+   if (peer_.capacity() <= 64 || peer_.size() >= peer_.capacity() / 4)
       return;
    try {
       std::vector<PeerSlot> fewer;
-      fewer.reserve(end);
-      std::move(peer_.begin(), peer_.begin() + static_cast<std::ptrdiff_t>(end), std::back_inserter(fewer));
+      fewer.reserve(2 * peer_.size());
+      std::move(peer_.begin(), peer_.end(), std::back_inserter(fewer));
       peer_ = std::move(fewer);
    } catch (std::bad_alloc const&) { // it stays as it is
    }
@@ -914,6 +926,29 @@ void Demuxer::forgetMirrors(Entity* top) {
          gone.push_back(takenFrom(slot));
       }
    releaseAll(gone);
+}
+
+void Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
+   for (Mirror const& moved : waiting_.takenIf(
+           [&](Sa const& sa) { return (withOrphans && sa.isOrphan()) || isAtOrBelow(sa.entity(), root); })) {
+      Entity& entity = *moved.entity;
+      if (Ptr<Sa> const own{to.adapterOf(entity)}) {
+         // It was told there as an entity of this process; who refers to it says so again, once its owner has announced it.
+         to.reidentified(*own, entity);
+         own->detach();
+      }
+      Ptr<Sa> const sa = logOperationsOf(entity)->adapter(
+         entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to);
+      sa->isRootIs(moved.sa->isRoot());
+      sa->isOrphanIs(moved.sa->isOrphan());
+      sa->untoldTakenOver(*moved.sa);
+      to.waiting_.add({sa, moved.entity});
+      moved.sa->detach();
+      // Here it is an entity of this process from now on.
+      if (isOpen_)
+         reidentified(*moved.sa, entity);
+   }
+   newIdentifiers_ = true;
 }
 
 // Records that come in --------------------------------------------------------------------------------------------------
@@ -1083,7 +1118,7 @@ void Demuxer::readOrphan(In& in) {
       if (!type) {
          ++counters_.unknownTypes;
          report(in.where() + ": entity of unknown type " + std::string(chain.empty() ? "(none)" : chain.front()));
-         reserve(id);
+         slotReserve(id);
          return;
       }
       TypeOperations const& operations = *type->operations().log;

@@ -279,7 +279,7 @@ private:
    // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
    inline PeerSlot* peerSlot(EntityId wireId) noexcept;
    PeerSlot& neededSlot(EntityId id);
-   void reserve(EntityId id);
+   void slotReserve(EntityId id);
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);
@@ -295,6 +295,7 @@ private:
    void retirementsWrite();
    void owedAllPaid();
    void reidentified(Sa const& sa, Entity const& entity);
+   void allOweAll() noexcept;
    void syncModeSend(Sa& sa, SyncMode mode);
    void wake();
    void refreshesAsk();
@@ -331,7 +332,6 @@ private:
    std::vector<PeerSlot> peer_; ///< by slot; may end before the highest slot that the peer has used
    std::size_t peerEnd_ = 0;    ///< behind the highest slot that the peer has announced on this connection
    std::size_t mirrored_ = 0;   ///< slots in use
-   std::size_t retiredSinceTrim_ = 0;
    std::uint32_t peerHighestSlot_ = highestSlot;
    Mirror inHand_; ///< what the last record was for
    EntityId inHandId_;

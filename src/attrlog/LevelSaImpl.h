@@ -294,6 +294,8 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
          suspendedIs(*flowOut(), Mark(A::id));
          return;
       } catch (NoIdentifierLeft const&) {
+         if (this->hasFlag(StreamAdapter::draining))
+            throw;
          demuxer.limitReached(*this);
          return;
       } catch (RecordTooLong const& e) {
@@ -337,6 +339,8 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
       suspendedIs(flow, Mark(A::id, key));
       return false;
    } catch (NoIdentifierLeft const&) {
+      if (this->hasFlag(StreamAdapter::draining))
+         throw;
       this->demuxer_->limitReached(*this);
    } catch (RecordTooLong const& e) {
       this->tooLong(A::id, e);

@@ -63,6 +63,7 @@ U64 LinkEnd::processIncarnation() {
 LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
    : name_(name), incarnation_(incarnation != 0 ? incarnation : processIncarnation()), demuxer_(std::string(name)) {
    demuxer_.mismatchIs([this](Demuxer::Sa& sa) { mismatched(sa); });
+   demuxer_.limitReachedIs([this](Entity& root) { rootLimited(root); });
 }
 
 LinkEnd::~LinkEnd() = default;
@@ -352,6 +353,7 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
          });
          demuxer_.recordsEnd();
          settleStates();
+         demuxer_.identifiersSettled();
       } while (!mustEnd_ && demuxer_.in()->isQueued());
    } catch (std::exception const& e) {
       failure_ = e.what();
@@ -633,7 +635,7 @@ std::size_t LinkEnd::auditErrors() const {
    expect(isConnected_ || (requests_.empty() && overLimit_.empty() && unmounts_.empty()));
    expect(requests_.size() <= mostRequests && owedAnswers() <= requestWindow);
    expect(demuxer_.owedRefusals() <= requestWindow);
-   return errors;
+   return errors + demuxer_.auditErrors();
 }
 
 // What the peer says ----------------------------------------------------------------------------------------------------
@@ -641,6 +643,7 @@ std::size_t LinkEnd::auditErrors() const {
 void LinkEnd::on(Hello const& hello) {
    isGreeted_ = true;
    peerName_ = hello.name;
+   demuxer_.peerNameIs(hello.name);
    peerIncarnation_ = hello.incarnation;
    peerWindow_ = std::max(leastWindow, hello.window);
    demuxer_.out()->peerMaximumFrameIs(hello.maximumFrame);
@@ -768,50 +771,6 @@ void LinkEnd::settleStates() {
       remountEnded_ = true;
       demuxer_.remountEnded();
    }
-}
-
-// Between two ends ------------------------------------------------------------------------------------------------------
-
-void NboAttrLog::Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
-   auto const isMoved = [&](PeerSlot const& slot) {
-      if (slot.sa->entityId().isAssigned())
-         return false;
-      if (withOrphans && slot.sa->isOrphan())
-         return true;
-      for (Entity const* e = slot.entity.get(); e != nullptr; e = e->moxRawParent())
-         if (e == &root)
-            return true;
-      return false;
-   };
-   auto const first =
-      std::stable_partition(waiting_.begin(), waiting_.end(), [&](PeerSlot const& slot) { return !isMoved(slot); });
-   auto const count = static_cast<std::size_t>(waiting_.end() - first);
-   to.waiting_.reserve(to.waiting_.size() + count);
-   to.reidentified_.reserve(to.reidentified_.size() + count);
-   reidentified_.reserve(reidentified_.size() + count);
-   for (; first != waiting_.end(); waiting_.pop_back()) {
-      PeerSlot& slot = waiting_.back();
-      Entity& entity = *slot.entity;
-      if (Ptr<Sa> const own{to.adapterOf(entity)}) {
-         // It was told there as an entity of this process; who refers to it says so again, once its owner has announced it.
-         to.reidentified_.push_back(&entity);
-         own->detach();
-      }
-      Ptr<Sa> const sa = logOperationsOf(entity)->adapter(
-         entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to);
-      sa->isRootIs(slot.sa->isRoot());
-      sa->isOrphanIs(slot.sa->isOrphan());
-      sa->untold() = std::move(slot.sa->untold());
-      for (auto& untold : sa->untold())
-         untold = {untold.mark, false, untold.isTold, true};
-      to.waiting_.push_back({sa, slot.entity, 0, false});
-      slot.sa->untold().clear();
-      slot.sa->detach();
-      // Here it is an entity of this process from now on.
-      if (isOpen_)
-         reidentified_.push_back(&entity);
-   }
-   newIdentifiers_ = true;
 }
 
 } // namespace Mox

@@ -9,6 +9,9 @@
 namespace Mox::NboAttrLog {
 
 void OwnSlots::assign(Sa& sa, std::uint32_t highest) {
+   // Numbers behind the end of the table are left over from a longer one. The lowest stands first: behind it are no others then.
+   if (!free_.empty() && free_.front() >= slots_.size())
+      free_.clear();
    if (free_.empty()) {
       std::size_t const slot = std::max<std::size_t>(slots_.size(), 1);
       if (slot > highest)
@@ -61,37 +64,33 @@ void OwnSlots::retirementWritten() noexcept {
 void OwnSlots::freed(std::uint32_t slot) noexcept {
    free_.push_back(slot);
    std::push_heap(free_.begin(), free_.end(), std::greater<>());
-   // Looked at once for every half of the table that came free: the look costs as much as the table is long.
-   if (++freedSinceTrim_ >= std::max<std::size_t>(64, slots_.size() / 2))
-      trim();
+   // The table ends with a slot in use. One that comes back later starts above every generation that it may have had.
+   while (slots_.size() > 1 && !slots_.back().sa && !slots_.back().owesRetirement) {
+      generationFloor_ = std::max(generationFloor_, slots_.back().generation);
+      slots_.pop_back();
+   }
+   if (slots_.capacity() > 64 && slots_.size() < slots_.capacity() / 4)
+      shrink();
 }
 
-/// Drops the free end of the table where it is the greater part. A slot that comes back later starts above every generation that it
-/// may have had.
-void OwnSlots::trim() noexcept {
-   freedSinceTrim_ = 0;
-   std::size_t end = slots_.size();
-   std::uint32_t floor = generationFloor_;
-   for (; end > 1 && !slots_[end - 1].sa && !slots_[end - 1].owesRetirement; --end)
-      floor = std::max(floor, slots_[end - 1].generation);
-   if (end > slots_.size() / 2)
-      return;
+/// Gives the memory of a burst back, where there is memory to do so.
+void OwnSlots::shrink() noexcept {
    try {
       std::vector<Slot> slots;
       std::vector<std::uint32_t> free;
       std::vector<std::uint32_t> retirements;
-      slots.reserve(end);
+      slots.reserve(2 * slots_.size());
       free.reserve(slots.capacity());
       retirements.reserve(slots.capacity());
       // From here on nothing fails: there is room for all.
-      std::move(slots_.begin(), slots_.begin() + static_cast<std::ptrdiff_t>(end), std::back_inserter(slots));
-      std::copy_if(free_.begin(), free_.end(), std::back_inserter(free), [end](std::uint32_t s) { return s < end; });
+      std::move(slots_.begin(), slots_.end(), std::back_inserter(slots));
+      std::copy_if(free_.begin(), free_.end(), std::back_inserter(free),
+                   [&](std::uint32_t s) { return s < slots.size(); });
       std::make_heap(free.begin(), free.end(), std::greater<>());
       std::copy(retirements_.begin(), retirements_.end(), std::back_inserter(retirements));
       slots_ = std::move(slots);
       free_ = std::move(free);
       retirements_ = std::move(retirements);
-      generationFloor_ = floor;
    } catch (std::bad_alloc const&) { // it stays as it is
    }
 }
@@ -100,22 +99,20 @@ void OwnSlots::clear() noexcept {
    slots_ = {};
    free_ = {};
    retirements_ = {};
-   used_ = freedSinceTrim_ = 0;
+   used_ = 0;
    generationFloor_ = 0;
 }
 
 std::string OwnSlots::audit() const {
    std::vector<unsigned> uses(slots_.size());
-   auto const count = [&](std::vector<std::uint32_t> const& slots) {
-      for (std::uint32_t const slot : slots)
-         if (slot < uses.size())
-            ++uses[slot];
-         else
-            return false;
-      return true;
-   };
-   if (!count(free_) || !count(retirements_))
-      return "a free slot or a retirement lies outside the table of this side";
+   for (std::uint32_t const slot : free_)
+      if (slot < uses.size())
+         ++uses[slot];
+   for (std::uint32_t const slot : retirements_) {
+      if (slot >= uses.size())
+         return "a retirement lies outside the table of this side's slots";
+      ++uses[slot];
+   }
    std::size_t used = 0;
    for (std::size_t i = 1; i < slots_.size(); ++i) {
       std::string const which = "slot " + std::to_string(i) + " of this side";

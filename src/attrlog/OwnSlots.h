@@ -61,13 +61,12 @@ private:
 
    EntityId idOf(std::uint32_t slot) const noexcept { return EntityId::assigned(slot, 1, slots_[slot].generation); }
    void freed(std::uint32_t slot) noexcept;
-   void trim() noexcept;
+   void shrink() noexcept;
 
    std::vector<Slot> slots_;
-   std::vector<std::uint32_t> free_; ///< a heap, the lowest first
+   std::vector<std::uint32_t> free_; ///< a heap, the lowest first; may hold numbers behind the table's end
    std::vector<std::uint32_t> retirements_;
    std::size_t used_ = 0;
-   std::size_t freedSinceTrim_ = 0;
    std::uint32_t generationFloor_ = 0; ///< the highest that slots had which have been dropped from the table
 };
 

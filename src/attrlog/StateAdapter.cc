@@ -305,6 +305,13 @@ void Sa::untoldCut() noexcept {
    notesTrim();
 }
 
+void Sa::untoldTakenOver(MoxNboAttrLogSa& other) {
+   if (!other.hasUntold())
+      return;
+   neededNotes().untold.swap(other.notes_->untold);
+   untoldCut();
+}
+
 void Sa::doSerializeOrphan() {
    NboAttrLog::Out& out = *demuxer_->out();
    demuxer_->beforeRecord();

@@ -269,6 +269,8 @@ public:
    bool isUntold(NboAttrLog::Mark const& mark) const { return notes_ && notes_->untold.contains(mark); }
    /// The connection has ended: the next resend answers what this one has not.
    void untoldCut() noexcept;
+   /// The mirror waits for its owner with this adapter from now on, and no more with `other`.
+   void untoldTakenOver(MoxNboAttrLogSa& other);
 
    /// The owner has retired the identifier of the member `mark` while it still stands here.
    void retiredIs(NboAttrLog::Mark mark) { neededNotes().retired.insert(std::move(mark)); }
