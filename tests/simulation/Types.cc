@@ -36,6 +36,8 @@ namespace {
 constexpr std::size_t names = 44;
 
 Name makeName(Words& words) {
+   if (plays(Expects::longNames) && words.below(500) == 0)
+      return Name(std::string(400, static_cast<char>('u' + words.below(3))));
    std::size_t const n = words.below(names);
    return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
 }
@@ -363,6 +365,7 @@ public:
 
    template <class A, class... Key> void forward(A, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         EnoughMemory const here;
          Ptr<X> const entity = this->notifier();
          if (!entity || entity->moxIsDying() || budget_ == 0)
             return;
@@ -388,6 +391,7 @@ public:
 
    template <class A, class... Key> void forward(A a, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         EnoughMemory const here;
          Ptr<X> const entity = this->notifier();
          if (!entity)
             return;

@@ -8,6 +8,7 @@
 #include "siblings/IntCtrl.h"
 #include "siblings/LedConfig.h"
 #include "siblings/XcvrConfig.h"
+#include "support/Allocations.h"
 
 #include <algorithm>
 #include <utility>
@@ -109,8 +110,10 @@ void World::addPort(std::string owners, int passesOn) {
 void World::start(U64 incarnation) {
    for (Port& port : ports_) {
       port.end = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
-      port.end->onReport(
-         [this](std::string const& text) { report_ = std::string("   ") + side_ + ": " + text + "\n"; });
+      port.end->onReport([this](std::string const& text) {
+         EnoughMemory const here;
+         report_ = std::string("   ") + side_ + ": " + text + "\n";
+      });
       port.end->demuxer().out()->markIs(port.mark);
    }
    isRunning_ = true;
@@ -179,6 +182,14 @@ void World::mountAll() {
    for (std::size_t on = 0; on < ports_.size(); ++on)
       if (ports_[on].passesOn >= 0)
          openExports(on);
+}
+
+bool World::isWhole() const {
+   return std::all_of(ports_.begin(), ports_.end(), [](Port const& port) {
+      auto const has = [](Ptr<Entity> const& entity) { return static_cast<bool>(entity); };
+      return std::all_of(port.mirrors.begin(), port.mirrors.end(), has) &&
+             std::all_of(port.open.begin(), port.open.end(), has);
+   });
 }
 
 void World::closeOne(Words& words) {

@@ -58,6 +58,8 @@ public:
    void openExports();
    void unmount(std::size_t which, std::size_t port = 0);
    void mountAll();
+   /// Whether everything is mounted, and what is passed on exported.
+   bool isWhole() const;
    void closeOne(Words& words);
    void unmountOne(Words& words);
    void pause(Words& words);
