@@ -2,9 +2,11 @@
 
 #include "Words.h"
 #include "attrlog/LinkEnd.h"
+#include "support/Allocations.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace Simulation {
@@ -37,6 +39,13 @@ public:
          moved = true;
       }
       return moved;
+   }
+   /// Hands over what is under way while one allocation fails. \return whether it did
+   bool deliverWithoutMemory(Mox::LinkEnd& to, Words& words) {
+      std::vector<std::uint8_t> const piece = std::exchange(bytes_, {});
+      NoMemory const once(true, words.below(12));
+      to.bytesArrived(piece);
+      return NoMemory::hasFailed();
    }
    /// The connection ends: of what is under way some bytes still arrive, the others never.
    void cut(Mox::LinkEnd& to, Words& words) {

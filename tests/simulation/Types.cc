@@ -36,6 +36,8 @@ namespace {
 constexpr std::size_t names = 44;
 
 Name makeName(Words& words) {
+   if (plays(Expects::longNames) && words.below(500) == 0)
+      return Name(std::string(400, static_cast<char>('u' + words.below(3))));
    std::size_t const n = words.below(names);
    return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
 }
@@ -100,6 +102,7 @@ bool isOurs(Entity const& e) {
 /// Runs one mutator, which may be refused because the entity is a mirror.
 template <class Call> void write(Entity& entity, Cell const& cell, World& world, Call call) {
    try {
+      world.wrote(1);
       call();
    } catch (ReadOnlyException const&) {
       world.refused(entity, cell);
@@ -186,7 +189,10 @@ template <class A> void changeKeyed(typename A::Owner& e, Words& words, World& w
       }
    } else if (what < 82) {
       if (auto const* const first = held.first())
-         write(e, cellOf(A::id, first->fwkKey()), world, [&] { mapDelAll<A>(e); });
+         write(e, cellOf(A::id, first->fwkKey()), world, [&] {
+            world.wrote(held.size());
+            mapDelAll<A>(e);
+         });
    } else if (what < 90) {
       deleteSome<A>(e, words, world, [&](auto& it) { mapDel<A>(e, it); });
    } else if (what < 93) {
@@ -246,7 +252,10 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, World&
       write(e, cellOf(A::id, name), world, [&] { keyNotify<A>(e, name); });
    } else if (what < 91) {
       if (auto const* const first = A::cell(e).first())
-         write(e, cellOf(A::id, first->moxName()), world, [&] { memberDelAll<A>(e); });
+         write(e, cellOf(A::id, first->moxName()), world, [&] {
+            world.wrote(A::cell(e).size());
+            memberDelAll<A>(e);
+         });
    } else if (what < 95) {
       deleteSome<A>(e, words, world, [&](auto& it) { memberDel<A>(e, it); });
    } else if (isOurs(e)) {
@@ -324,7 +333,10 @@ template <class A> void crowdOf(typename A::Owner& e, Words& words, World& world
       for (std::size_t n = 0; n < most; ++n)
          createMember<A>(e, nameOf(n), words, world);
    } else if (words.chance(50)) {
-      write(e, cellOf(A::id, nameOf(0)), world, [&] { memberDelAll<A>(e); });
+      write(e, cellOf(A::id, nameOf(0)), world, [&] {
+         world.wrote(A::cell(e).size());
+         memberDelAll<A>(e);
+      });
    } else {
       for (std::size_t n = 0; n < most; ++n)
          deleteMember<A>(e, nameOf(n), words, world);
@@ -363,6 +375,7 @@ public:
 
    template <class A, class... Key> void forward(A, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         EnoughMemory const here;
          Ptr<X> const entity = this->notifier();
          if (!entity || entity->moxIsDying() || budget_ == 0)
             return;
@@ -388,6 +401,7 @@ public:
 
    template <class A, class... Key> void forward(A a, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
+         EnoughMemory const here;
          Ptr<X> const entity = this->notifier();
          if (!entity)
             return;

@@ -17,12 +17,19 @@
 
 namespace Simulation {
 
+/// A number that no enumeration has.
+constexpr int noEnumerator = 119;
+/// Texts from that length on lie above the frame of a peer with a limit.
+constexpr std::size_t tooLong = 150;
+
 /// A value of any attribute's type. The ranges are small, so that equal values and returns to the default are frequent.
 template <class V> V makeValue(Words& words) {
    if constexpr (std::same_as<V, bool>) {
       return words.chance(50);
    } else if constexpr (Mox::Enumeration<V>) {
       auto const& rows = Mox::enumTable<V>.rows;
+      if (plays(Expects::noEnumerators) && words.chance(3))
+         return static_cast<V>(noEnumerator);
       return static_cast<V>(rows[words.below(rows.size())].number);
    } else if constexpr (std::floating_point<V>) {
       V const values[] = {0,

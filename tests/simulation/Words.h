@@ -2,9 +2,21 @@
 
 #include "core/Identifiers.h"
 
+#include <array>
 #include <cstddef>
 
 namespace Simulation {
+
+/// What the library must survive. What it doesn't yet is met only where the command line asks for it.
+enum class Expects { always, contests, failingMemory, noEnumerators, longNames, fewSlots, fewRestarts };
+struct Expectation {
+   char const* name;
+   bool isMet;
+};
+extern std::array<Expectation, 7> expectations;
+inline bool plays(Expects what) noexcept {
+   return expectations[static_cast<std::size_t>(what)].isMet;
+}
 
 /// A sequence of numbers that one number fixes.
 class Words {

@@ -8,6 +8,7 @@
 #include "siblings/IntCtrl.h"
 #include "siblings/LedConfig.h"
 #include "siblings/XcvrConfig.h"
+#include "support/Allocations.h"
 
 #include <algorithm>
 #include <utility>
@@ -109,8 +110,11 @@ void World::addPort(std::string owners, int passesOn) {
 void World::start(U64 incarnation) {
    for (Port& port : ports_) {
       port.end = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
-      port.end->onReport(
-         [this](std::string const& text) { report_ = std::string("   ") + side_ + ": " + text + "\n"; });
+      port.restarts = 0;
+      port.end->onReport([this](std::string const& text) {
+         EnoughMemory const here;
+         report_ = std::string("   ") + side_ + ": " + text + "\n";
+      });
       port.end->demuxer().out()->markIs(port.mark);
    }
    isRunning_ = true;
@@ -179,6 +183,14 @@ void World::mountAll() {
    for (std::size_t on = 0; on < ports_.size(); ++on)
       if (ports_[on].passesOn >= 0)
          openExports(on);
+}
+
+bool World::isWhole() const {
+   return std::all_of(ports_.begin(), ports_.end(), [](Port const& port) {
+      auto const has = [](Ptr<Entity> const& entity) { return static_cast<bool>(entity); };
+      return std::all_of(port.mirrors.begin(), port.mirrors.end(), has) &&
+             std::all_of(port.open.begin(), port.open.end(), has);
+   });
 }
 
 void World::closeOne(Words& words) {
@@ -355,6 +367,7 @@ std::string World::pathOf(Entity const* entity, std::size_t port) const {
 void World::audit() {
    for (std::size_t port = 0; port < ports_.size(); ++port)
       audit(port);
+   writes_ = 0;
 }
 
 void World::audit(std::size_t port) {
@@ -376,6 +389,17 @@ void World::audit(std::size_t port) {
                if (std::size_t const most = Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()); keys > most)
                   diverges(sa.entity()->fullName().str() + " has " + std::to_string(keys) + " dirty keys, at most " +
                            std::to_string(most) + " are allowed");
+      });
+   // A collection is sent again only where more of its names are gone than that would take.
+   Port& at = ports_[port];
+   U64 const restarts = std::exchange(at.restarts, stream.counters().collectionRestarts);
+   std::size_t const keys = std::exchange(at.dirtyKeys, f.dirtyKeys) + writes_;
+   if (plays(Expects::fewRestarts) && restarts != at.restarts && keys <= 64)
+      diverges("a collection is sent again for " + std::to_string(keys) + " changes");
+   if (f.parked > 200)
+      stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
+         if (sa.entity() != nullptr && sa.parked().size() > 200 + Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()))
+            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.parked().size()) + " parked marks");
       });
    if (stream.owes())
       stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
@@ -470,6 +494,7 @@ void World::reacts(int role, U64 word, Entity& entity, Entity* member) {
 }
 
 void World::told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
+   wrote(1);
    bool const wasRefused = refused_.erase({&entity, cell}) != 0;
    // What is no mirror any more may be told by its new owner whatever that likes.
    if (auto const* const sa = mirrorAdapterOf(entity); sa == nullptr || sa->hasFlag(StreamAdapter::letGo))

@@ -28,6 +28,8 @@ struct Port {
    std::string owners; ///< sides whose roots the peer exports: its own first
    int passesOn = -1;  ///< the port whose mirrors are exported here too, behind the world's own roots
    std::size_t mark = Mox::NboAttrLog::Out::defaultMark;
+   std::size_t dirtyKeys = 0; ///< when it was last audited
+   U64 restarts = 0;          ///< of collections, by then
    std::unique_ptr<Mox::LinkEnd> end;
    std::vector<Ptr<Entity>> open;    ///< what is exported, by place; null where it is closed
    std::vector<Ptr<Entity>> mirrors; ///< null where none is mounted
@@ -58,6 +60,8 @@ public:
    void openExports();
    void unmount(std::size_t which, std::size_t port = 0);
    void mountAll();
+   /// Whether everything is mounted, and what is passed on exported.
+   bool isWhole() const;
    void closeOne(Words& words);
    void unmountOne(Words& words);
    void pause(Words& words);
@@ -100,6 +104,8 @@ public:
    std::vector<Ptr<Entity>> targets();
    /// A local write to a mirror has been refused.
    void refused(Entity const& entity, Cell const& cell);
+   /// Mutators were called, or that many entries deleted by one.
+   void wrote(std::size_t n) noexcept { writes_ += n; }
    void created(Entity& entity);
    void removed(Ptr<Entity> const& entity, Words& words);
    /// An entry was made that nobody was told of; `tell` does.
@@ -122,6 +128,7 @@ private:
    char side_;
    Run& run_;
    bool isRunning_ = false;
+   std::size_t writes_ = 0; ///< since the last audit, what was told here included: it may be passed on
    std::vector<Port> ports_;
    std::vector<Ptr<Entity>> roots_;
    std::vector<Ptr<Entity>> siblings_;

@@ -11,8 +11,13 @@ std::atomic<std::size_t> calls{0};
 std::atomic<std::size_t> live{0};
 enum class Memory { enough, failsOnce, hasFailed, none };
 std::atomic<Memory> memory{Memory::enough};
+std::atomic<std::size_t> left{0}; ///< allocations that still succeed before the one that fails
 
 bool fails() noexcept {
+   if (memory == Memory::failsOnce && left != 0) {
+      --left;
+      return false;
+   }
    Memory once = Memory::failsOnce;
    return memory == Memory::none || memory.compare_exchange_strong(once, Memory::hasFailed);
 }
@@ -26,7 +31,8 @@ std::size_t liveBytes() noexcept {
    return live;
 }
 
-NoMemory::NoMemory(bool failsOnce) noexcept {
+NoMemory::NoMemory(bool failsOnce, std::size_t skipped) noexcept {
+   left = skipped;
    memory = failsOnce ? Memory::failsOnce : Memory::none;
 }
 NoMemory::~NoMemory() {
@@ -34,6 +40,11 @@ NoMemory::~NoMemory() {
 }
 bool NoMemory::hasFailed() noexcept {
    return memory == Memory::hasFailed;
+}
+
+EnoughMemory::EnoughMemory() noexcept : before_(static_cast<int>(memory.exchange(Memory::enough))) {}
+EnoughMemory::~EnoughMemory() {
+   memory = static_cast<Memory>(before_);
 }
 
 // The array forms too: under a sanitizer they don't come to the plain ones by themselves.

@@ -8,15 +8,27 @@ std::size_t allocations() noexcept;
 /// Bytes that are allocated now.
 std::size_t liveBytes() noexcept;
 
-/// While it lives, every allocation of this program fails, or the next one only.
+/// While it lives, every allocation of this program fails, or only one: the next, or the one behind that many others.
 class NoMemory {
 public:
-   explicit NoMemory(bool failsOnce = false) noexcept;
+   explicit NoMemory(bool failsOnce = false, std::size_t skipped = 0) noexcept;
    ~NoMemory();
    NoMemory(NoMemory const&) = delete;
    NoMemory& operator=(NoMemory const&) = delete;
    /// The next one has failed.
    static bool hasFailed() noexcept;
+};
+
+/// While it lives, allocations succeed as if no `NoMemory` were about, and don't count for it.
+class EnoughMemory {
+public:
+   EnoughMemory() noexcept;
+   ~EnoughMemory();
+   EnoughMemory(EnoughMemory const&) = delete;
+   EnoughMemory& operator=(EnoughMemory const&) = delete;
+
+private:
+   int before_;
 };
 
 /// Whether `call` throws `std::bad_alloc` when there is no memory.
