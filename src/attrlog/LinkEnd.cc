@@ -573,7 +573,7 @@ std::size_t LinkEnd::owedAnswers() const noexcept {
 }
 
 bool LinkEnd::quiet() const noexcept {
-   if (!isConnected_ || demuxer_.owes() || demuxer_.owesAcknowledgement() || demuxer_.out()->hasPending())
+   if (!isGreeted_ || demuxer_.owes() || demuxer_.owesAcknowledgement() || demuxer_.out()->hasPending())
       return false;
    if (owedAnswers() != 0 || !unmounts_.empty() ||
        !std::all_of(mounts_.begin(), mounts_.end(), [](Mount const& m) { return m.isAnswered; }))
