@@ -1,6 +1,7 @@
 #include "net/Carrier.h"
 
 #include "attrlog/LinkEnd.h"
+#include "net/SocketLoop.h"
 
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
@@ -46,7 +47,7 @@ void Carrier::awaitBytes() {
          if (error) {
             // A peer that dies with bytes unread resets the connection; that is no other news.
             bool const hasGone = error == asio::error::eof || error == asio::error::connection_reset;
-            self->close(hasGone ? "the peer closed the connection" : "reading failed: " + error.message());
+            self->close(hasGone ? std::string(peerClosed) : "reading failed: " + error.message());
             return;
          }
          self->lastReading_ = size;

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include <unistd.h>
 
 namespace {
@@ -60,8 +62,14 @@ struct Owner {
    UnixClient client{"owner"};
 };
 
+/// \return what the environment says, for a longer run by hand
+unsigned numberOf(char const* variable, unsigned usual) {
+   char const* const text = std::getenv(variable);
+   return text == nullptr ? usual : static_cast<unsigned>(std::stoul(text));
+}
+
 TEST_F(Owners, AllThatComeBackAtOnceAreMirroredAgain) {
-   constexpr int clients = 10, rounds = 5;
+   unsigned const clients = numberOf("OWNERS", 10), rounds = numberOf("ROUNDS", 5);
    std::vector<std::unique_ptr<Owner>> owners;
    std::vector<Ptr<Cl10010ConfigDir>> mirrors;
    std::vector<Ptr<Cl10010Config>> members;
@@ -80,7 +88,7 @@ TEST_F(Owners, AllThatComeBackAtOnceAreMirroredAgain) {
          EXPECT_EQ(server_.state(mirror->name()), State::live) << mirror->name();
       }
    };
-   for (int i = 0; i < clients; ++i) {
+   for (unsigned i = 0; i < clients; ++i) {
       auto const name = "owner-" + std::to_string(i);
       owners.push_back(std::make_unique<Owner>(name.c_str(), "port"));
       mirrors.push_back(server_.mount<Cl10010ConfigDir>(Name(name)));
@@ -89,17 +97,17 @@ TEST_F(Owners, AllThatComeBackAtOnceAreMirroredAgain) {
    settleAll();
    for (auto const& mirror : mirrors)
       members.push_back(mirror->phyConfig("port"));
-   for (int round = 0; round < rounds; ++round) {
+   for (unsigned round = 0; round < rounds; ++round) {
       for (auto const& owner : owners) {
          owner->client.disconnect();
-         owner->directory->phyConfig("port")->refClockIs(8 + static_cast<std::uint32_t>(round));
+         owner->directory->phyConfig("port")->refClockIs(8 + round);
          owner->client.connect(path_); // before the server has seen the end of the last one
       }
       settleAll();
    }
-   for (std::size_t i = 0; i < clients; ++i) {
+   for (unsigned i = 0; i < clients; ++i) {
       EXPECT_EQ(mirrors[i]->phyConfig("port"), members[i]) << "bound in place";
-      EXPECT_EQ(members[i]->refClock(), 7u + rounds);
+      EXPECT_EQ(members[i]->refClock(), 7 + rounds);
    }
    EXPECT_EQ(server_.footprint().stream.waiting, 0u);
 }
