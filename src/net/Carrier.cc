@@ -12,8 +12,7 @@
 
 namespace Mox {
 
-Carrier::Carrier(Socket socket, LinkEnd& end)
-   : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
+Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
    socket_.non_blocking(true);
 }
 

@@ -116,7 +116,7 @@ PrivateFolder::PrivateFolder() {
    if (error)
       throw SocketException("expected a folder for temporary files, in TMPDIR or /tmp, got: " + error.message());
    // Who clears up may take the lock first, and the folder with it: then another one is made.
-   for (struct stat made {}; made.st_nlink == 0;) {
+   for (struct stat made{}; made.st_nlink == 0;) {
       path_ = pattern;
       if (::mkdtemp(path_.data()) == nullptr)
          throw SocketException("could not create a private folder '" + path_ + "': " + errorText(errno));

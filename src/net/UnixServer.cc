@@ -222,8 +222,8 @@ std::size_t UnixServer::peerCount() const noexcept {
 bool UnixServer::quiet() const {
    return std::all_of(peers_.begin(), peers_.end(), [this](auto const& peer) {
       return !peer->isOpen() || (peer->end.quiet() && std::all_of(mounts_.begin(), mounts_.end(), [&](Mount const& m) {
-                return m.seat->isOpen(m.name) || peer->end.hasAsked(m.name);
-             }));
+                                    return m.seat->isOpen(m.name) || peer->end.hasAsked(m.name);
+                                 }));
    });
 }
 

@@ -35,9 +35,7 @@ struct Heard {
             frame.dispatchControl([this](auto const& c) { lines.push_back(text(c)); });
       });
    }
-   static std::string text(Refused const& r) {
-      return "refused " + std::to_string(r.number) + ", " + textOf(r.reason);
-   }
+   static std::string text(Refused const& r) { return "refused " + std::to_string(r.number) + ", " + textOf(r.reason); }
    static std::string text(Acknowledgement const& a) { return "acknowledged " + std::to_string(a.count); }
    static std::string text(Mount const& m) { return "mount " + std::to_string(m.handle) + " " + std::string(m.name); }
    static std::string text(Unmount const& m) { return "unmount " + std::to_string(m.handle); }
@@ -66,8 +64,8 @@ TEST(Answers, ARootIsGrantedOnceAndItsNewestStandIsAllThatAStalledPeerIsOwed) {
    ask(peer, 3, std::string(LinkEnd::longestName + 1, 'y'));
    ASSERT_TRUE(peer.tell());
    heard.from(end);
-   EXPECT_EQ(heard.lines, (Lines{"hello", "mounted 1 waiting, not exported there", "mounted 2 refused, a limit is reached",
-                                 "mounted 3 refused, a limit is reached"}));
+   EXPECT_EQ(heard.lines, (Lines{"hello", "mounted 1 waiting, not exported there",
+                                 "mounted 2 refused, a limit is reached", "mounted 3 refused, a limit is reached"}));
    end.exportRoot(root);
    root->phyConfigIs("port");
    heard.from(end);
@@ -155,13 +153,14 @@ TEST(Answers, ARefusalNamesTheRecordAndGoesOutBeforeItIsAcknowledged) {
    peer.record(Peer::id(1), 135, 1u);
    ASSERT_TRUE(peer.tell());
    heard.from(end);
-   EXPECT_EQ(heard.lines, (Lines{"hello", "mount 1 config", "refused 2, read-only", "refused 4, read-only",
-                                 "acknowledged 5"}));
+   EXPECT_EQ(heard.lines,
+             (Lines{"hello", "mount 1 config", "refused 2, read-only", "refused 4, read-only", "acknowledged 5"}));
    peer.out->control(Refused{7, Reason::badValue, "no"});
    peer.reports.clear();
    ASSERT_TRUE(peer.tell());
    ASSERT_EQ(peer.reports.size(), 1u);
-   EXPECT_NE(peer.reports[0].find("the peer refused record 7: bad value, \"no\""), std::string::npos) << peer.reports[0];
+   EXPECT_NE(peer.reports[0].find("the peer refused record 7: bad value, \"no\""), std::string::npos)
+      << peer.reports[0];
    peer.out->control(Refused{0, Reason::none, "not you"});
    EXPECT_FALSE(peer.tell());
    EXPECT_EQ(end.failure(), "refused by the peer: \"not you\"");
@@ -255,8 +254,7 @@ TEST_F(OneMirror, AMirrorWhoseOwnerEndsItKeepsWhatItHasAndRefusesToBeWritten) {
    Peer peer(end);
    tellAll(peer);
    std::uint32_t slot = 1;
-   for (auto const& [state, reason, told, why] :
-        std::vector<std::tuple<MountState, Reason, State, char const*>>{
+   for (auto const& [state, reason, told, why] : std::vector<std::tuple<MountState, Reason, State, char const*>>{
            {MountState::gone, Reason::gone, State::stale, "its owner exports it no more"},
            {MountState::refused, Reason::limit, State::refused, "the owner refuses it: a limit is reached"}}) {
       SCOPED_TRACE(why);

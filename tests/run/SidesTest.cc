@@ -56,7 +56,8 @@ TEST(Sides, DifferencesAreNamedByPathAndFew) {
 }
 
 TEST(Sides, WhatIsKnownOfALostDriverIsSaidAndNotTheLessOfIt) {
-   std::string const closed(Mox::peerClosed), broken = "stream \"driver\", offset 7: expected a length", end = "exit status 4";
+   std::string const closed(Mox::peerClosed), broken = "stream \"driver\", offset 7: expected a length",
+                                              end = "exit status 4";
    EXPECT_EQ(lossText(broken, end), "the driver process was lost: " + broken + " (exit status 4)");
    EXPECT_EQ(lossText(broken, {}), "the driver process was lost: " + broken);
    EXPECT_EQ(lossText(closed, end), "the driver process ended too early: exit status 4");
