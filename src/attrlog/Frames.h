@@ -60,7 +60,7 @@ enum class Reason : std::uint16_t {
 /// In words, for messages.
 std::string textOf(Reason reason);
 
-/// Requests (mounts, refreshes, writes) that a writer may have without an answer before it has read the peer's hello, and whatever
+/// Requests (mounts and writes) that a writer may have without an answer before it has read the peer's hello, and whatever
 /// that says.
 inline constexpr std::uint32_t leastWindow = 64;
 /// What this side's hello states: a peer that has more of them without an answer is none that can be served.
@@ -80,7 +80,7 @@ struct Hello {
    std::uint32_t attempt = 0;                          ///< of one incarnation the higher replaces the lower
    std::uint32_t maximumFrame = frame::defaultMaximum; ///< longest frame taken, in bytes after the length word
    std::uint32_t highestSlot = 0;                      ///< highest slot of an entity identifier
-   std::uint32_t window = 0;                           ///< most requests without an answer
+   std::uint32_t window = 0;                           ///< most requests (mounts, writes) without an answer
    std::uint32_t pingInterval = 0;                     ///< milliseconds
    U64 features = 0;
    std::uint8_t digestKind = digestFnv1a;

@@ -158,8 +158,7 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
       throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
    mounts_.reserve(mounts_.size() + 1);
    demuxer_.mirrorRootIs(*mirror);
-   mounts_.push_back(
-      {++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});
+   mounts_.push_back({++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});
    remountEnded_ = false;
 }
 
@@ -457,8 +456,7 @@ void LinkEnd::settleAnswers() {
    }
    std::size_t told = 0;
    for (; told < overLimit_.size() && out.hasSufficientBuffer(); ++told)
-      demuxer_.out()->control(
-         Mounted{overLimit_[told], MountState::refused, MountMode::readOnly, Reason::limit, {}});
+      demuxer_.out()->control(Mounted{overLimit_[told], MountState::refused, MountMode::readOnly, Reason::limit, {}});
    overLimit_.erase(overLimit_.begin(), overLimit_.begin() + static_cast<std::ptrdiff_t>(told));
 }
 
@@ -569,13 +567,14 @@ void LinkEnd::bytesSent(std::size_t n) {
 }
 
 std::size_t LinkEnd::owedAnswers() const noexcept {
-   return overLimit_.size() + static_cast<std::size_t>(std::count_if(
-                                 requests_.begin(), requests_.end(),
-                                 [](Request const& r) { return r.owesGone || (r.owesAnswer && !r.waits); }));
+   return overLimit_.size() +
+          static_cast<std::size_t>(std::count_if(requests_.begin(), requests_.end(), [](Request const& r) {
+             return r.owesGone || (r.owesAnswer && !r.waits);
+          }));
 }
 
 bool LinkEnd::quiet() const noexcept {
-   if (!isConnected_ || demuxer_.owes() || demuxer_.owesAcknowledgement() || demuxer_.out()->hasPending())
+   if (!isGreeted_ || demuxer_.owes() || demuxer_.owesAcknowledgement() || demuxer_.out()->hasPending())
       return false;
    if (owedAnswers() != 0 || !unmounts_.empty() ||
        !std::all_of(mounts_.begin(), mounts_.end(), [](Mount const& m) { return m.isAnswered; }))

@@ -115,7 +115,7 @@ public:
    bool isGreeted() const noexcept { return isGreeted_; }
    /// Why the last stream had to end; empty while nothing is wrong.
    std::string const& failure() const noexcept { return failure_; }
-   /// Everything written here has been applied there, each root that is mounted has been answered, and nothing is owed in either
+   /// The peer has said its hello, everything written here has been applied there, each root that is mounted has been answered, and nothing is owed in either
    /// direction that this end knows of.
    bool quiet() const noexcept;
    /// The peer's name, of its hello; empty before.

@@ -1,6 +1,7 @@
 #include "net/Carrier.h"
 
 #include "attrlog/LinkEnd.h"
+#include "net/SocketLoop.h"
 
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
@@ -11,8 +12,7 @@
 
 namespace Mox {
 
-Carrier::Carrier(Socket socket, LinkEnd& end)
-   : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
+Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
    socket_.non_blocking(true);
 }
 
@@ -46,7 +46,7 @@ void Carrier::awaitBytes() {
          if (error) {
             // A peer that dies with bytes unread resets the connection; that is no other news.
             bool const hasGone = error == asio::error::eof || error == asio::error::connection_reset;
-            self->close(hasGone ? "the peer closed the connection" : "reading failed: " + error.message());
+            self->close(hasGone ? std::string(peerClosed) : "reading failed: " + error.message());
             return;
          }
          self->lastReading_ = size;

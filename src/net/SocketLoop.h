@@ -7,12 +7,16 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace asio {
 class io_context;
 }
 
 namespace Mox {
+
+/// The reason of a `lost` event where the other process has hung up and said no more.
+inline constexpr std::string_view peerClosed = "the peer closed the connection";
 
 /// Something that happened to a connection.
 struct PeerEvent {

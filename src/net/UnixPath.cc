@@ -103,20 +103,57 @@ void removeStale(std::string const& path, sockaddr_un const& address) {
 
 } // namespace
 
+namespace {
+
+constexpr char const* folderPrefix = "kestrel-";
+constexpr char const* lockName = "/.alive";
+
+} // namespace
+
 PrivateFolder::PrivateFolder() {
    std::error_code error;
-   std::string pattern = std::filesystem::temp_directory_path(error).string();
+   std::string const pattern = (std::filesystem::temp_directory_path(error) / folderPrefix).string() + "XXXXXX";
    if (error)
       throw SocketException("expected a folder for temporary files, in TMPDIR or /tmp, got: " + error.message());
-   pattern += "/kestrel-XXXXXX";
-   if (::mkdtemp(pattern.data()) == nullptr)
-      throw SocketException("could not create a private folder '" + pattern + "': " + errorText(errno));
-   path_ = pattern;
+   // Who clears up may take the lock first, and the folder with it: then another one is made.
+   for (struct stat made{}; made.st_nlink == 0;) {
+      path_ = pattern;
+      if (::mkdtemp(path_.data()) == nullptr)
+         throw SocketException("could not create a private folder '" + path_ + "': " + errorText(errno));
+      Descriptor file(::open((path_ + lockName).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+      if (file.get() < 0 || ::flock(file.get(), LOCK_EX) != 0 || ::fstat(file.get(), &made) != 0)
+         throw SocketException("could not lock the private folder '" + path_ + "': " + errorText(errno));
+      if (made.st_nlink != 0)
+         lock_ = file.release();
+   }
 }
 
 PrivateFolder::~PrivateFolder() {
    std::error_code ignored;
    std::filesystem::remove_all(path_, ignored);
+   ::close(lock_);
+}
+
+std::size_t PrivateFolder::clearAbandoned() noexcept {
+   std::size_t count = 0;
+   try {
+      for (auto const& entry : std::filesystem::directory_iterator(std::filesystem::temp_directory_path())) {
+         std::string const path = entry.path().string();
+         struct stat found {};
+         if (!entry.path().filename().string().starts_with(folderPrefix) || ::lstat(path.c_str(), &found) != 0 ||
+             !S_ISDIR(found.st_mode) || found.st_uid != ::geteuid() || (found.st_mode & 0777) != 0700)
+            continue;
+         Descriptor const file(::open((path + lockName).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+         if (file.get() < 0 || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0)
+            continue; // none of ours, or one whose process lives
+         std::error_code ignored;
+         std::filesystem::remove_all(path, ignored);
+         ++count;
+      }
+   } catch (std::exception const&) {
+      // Somebody else's folder is no reason to fail: what is left is found the next time.
+   }
+   return count;
 }
 
 BoundSocket::BoundSocket(std::string path) : path_(std::move(path)) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace Mox {
 
-/// A folder of this process's own with mode 0700, removed with what is in it when the object goes.
+/// A folder of this process's own with mode 0700, removed with what is in it when the object goes. A lock on a file in it tells
+/// that its process lives.
 class PrivateFolder {
 public:
    /// Below the folder for temporary files. \throws SocketException
@@ -15,8 +17,12 @@ public:
 
    std::string const& path() const noexcept { return path_; }
 
+   /// Removes the private folders of this user whose processes were killed. \return how many
+   static std::size_t clearAbandoned() noexcept;
+
 private:
    std::string path_;
+   int lock_ = -1;
 };
 
 /// A listening unix-domain socket in the file system, only for its owner (mode 0600), from bind to unlink.

@@ -165,25 +165,32 @@ bool UnixServer::opens(LinkEnd& end, Name const& root) {
 /// A client has answered for `root`, or has gone: asks the others where it is the owner no more, and tells what has changed.
 void UnixServer::judge(Name const& root) {
    using State = LinkEnd::State;
-   Mount* mount = find(root);
+   if (find(root) == nullptr)
+      return;
+   tell(root, standing(root).state); // also that the owner is one no more, before others are asked
+   Mount* const mount = find(root);
    if (mount == nullptr)
       return;
-   if (LinkEnd& seat = *mount->seat; seat.isConnected() && !seat.isOpen(root)) {
-      State const state = seat.state(root);
-      if (state == State::notExported || state == State::refused || state == State::stale) {
-         mount->loss = seat.reason(root);
-         store(*mount);
-         askAll(*mount);
-      }
-   }
-   State const now = standing(root).state;
-   if (std::exchange(mount->told, now) == now || !stateTold_)
+   LinkEnd const& seat = *mount->seat;
+   if (!seat.isConnected() || seat.isOpen(root))
+      return;
+   State const state = seat.state(root);
+   if (state != State::notExported && state != State::refused && state != State::stale)
+      return;
+   mount->loss = seat.reason(root);
+   store(*mount);
+   askAll(*mount);
+   tell(root, standing(root).state);
+}
+
+void UnixServer::tell(Name const& root, LinkEnd::State state) {
+   if (std::exchange(find(root)->told, state) == state || !stateTold_)
       return;
    try {
-      stateTold_(root, now);
+      stateTold_(root, state);
    } catch (std::exception const& e) {
       if (reportTold_)
-         reportTold_("root " + quoted(root) + ", told that it is " + textOf(now) + ": " + e.what());
+         reportTold_("root " + quoted(root) + ", told that it is " + textOf(state) + ": " + e.what());
    }
 }
 
@@ -215,8 +222,8 @@ std::size_t UnixServer::peerCount() const noexcept {
 bool UnixServer::quiet() const {
    return std::all_of(peers_.begin(), peers_.end(), [this](auto const& peer) {
       return !peer->isOpen() || (peer->end.quiet() && std::all_of(mounts_.begin(), mounts_.end(), [&](Mount const& m) {
-                return m.seat->isOpen(m.name) || peer->end.hasAsked(m.name);
-             }));
+                                    return m.seat->isOpen(m.name) || peer->end.hasAsked(m.name);
+                                 }));
    });
 }
 

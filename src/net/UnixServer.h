@@ -103,6 +103,8 @@ private:
    Standing standing(Name const& root) const;
    void store(Mount& mount);
    void judge(Name const& root);
+   using SocketLoop::tell;
+   void tell(Name const& root, LinkEnd::State state);
    void askAll(Mount& mount);
    bool opens(LinkEnd& end, Name const& root);
 

@@ -198,8 +198,9 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    auto const waiting = link.right().mount<PllStatus>("later");
    link.settle();
    EXPECT_EQ(link.right().state("x"), LinkEnd::State::mismatch);
-   EXPECT_EQ(link.right().reason("x"), "expected an entity of type Hardware::ClariPhy::Cl10010StatusDir, the owner's is of "
-                                       "type Hardware::ClariPhy::Cl10010ConfigDir");
+   EXPECT_EQ(link.right().reason("x"),
+             "expected an entity of type Hardware::ClariPhy::Cl10010StatusDir, the owner's is of "
+             "type Hardware::ClariPhy::Cl10010ConfigDir");
    EXPECT_EQ(link.right().state("later"), LinkEnd::State::notExported);
    auto const later = make<PllStatus>("later");
    later->lockedIs(true);

@@ -114,6 +114,8 @@ public:
    void grant(std::uint32_t handle, EntityId root) {
       out->control(Mounted{handle, MountState::open, MountMode::readOnly, Reason::none, root});
    }
+   /// Says bytes that no writer writes.
+   void saysRaw(std::span<std::uint8_t const> bytes) { end_.bytesArrived(bytes); }
    /// Hands over what has been said. \return whether the connection stands
    bool tell() {
       end_.bytesArrived(bytesOf(*out));

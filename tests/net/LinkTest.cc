@@ -3,6 +3,8 @@
 #include "net/UnixPath.h"
 #include "net/UnixServer.h"
 
+#include "Together.h"
+#include "attrlog/Out.h"
 #include "entities/Cl10010Config.h"
 #include "entities/Cl10010ConfigDir.h"
 
@@ -10,8 +12,10 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,17 +24,6 @@ namespace {
 using namespace Mox;
 using namespace std::chrono_literals;
 using namespace Hardware::ClariPhy;
-
-/// Polls all ends in turn until `done()`.
-template <class Done, class... Loops> bool together(Done done, Loops&... loops) {
-   auto const end = std::chrono::steady_clock::now() + 60s; // for one that hangs
-   while (!done()) {
-      if (std::chrono::steady_clock::now() > end)
-         return false;
-      (loops.pollOnce(1ms), ...);
-   }
-   return true;
-}
 
 float rollOffOf(Ptr<Cl10010ConfigDir> const& directory, char const* name) {
    auto const config = directory->phyConfig(name);
@@ -118,9 +111,14 @@ TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
          ::_exit(1);
       UnixClient client("stranger");
       client.connect(path_);
-      while (client.isConnected())
-         client.pollOnce(100ms);
-      ::_exit(0);
+      std::string lost;
+      client.onPeer([&](PeerEvent const& event) { lost = event.reason; });
+      client.mount<Cl10010ConfigDir>("config");
+      client.waitUntil([&] { return !lost.empty(); }, 10s);
+      // It learns why, and nothing else.
+      auto const expected = "refused by the peer: \"process " + std::to_string(::getpid()) +
+                            " of user 65534 refused: expected this user or root\"";
+      ::_exit(lost == expected && !client.isConnected() ? 0 : 2);
    }
    ASSERT_TRUE(server_.waitUntil([&] { return !events_.empty(); }, 10s));
    EXPECT_EQ(events_[0].kind, PeerEvent::Kind::refused);
@@ -130,6 +128,49 @@ TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
    int status = -1;
    ::waitpid(child, &status, 0);
    EXPECT_EQ(status, 0);
+}
+
+TEST_F(UnixLink, AClientIsToldOfTheEndAndWhyAlsoWhereItCannotWriteAnyMore) {
+   // A server by hand, which refuses and hangs up before the client has written all that it has to say.
+   std::string const path = folder_.path() + "/other";
+   auto bound = std::make_optional<BoundSocket>(path);
+   int const listening = bound->duplicate();
+   UnixClient client("client");
+   std::vector<PeerEvent> events;
+   client.onPeer([&](PeerEvent const& event) { events.push_back(event); });
+   client.connect(path);
+   int const accepted = ::accept(listening, nullptr, nullptr);
+   auto const words = LinkEnd::refusal("server", "not today");
+   ASSERT_EQ(::write(accepted, words.data(), words.size()), static_cast<ssize_t>(words.size()));
+   ::close(accepted);
+   ::close(listening);
+   bound.reset();
+   auto const mirror = client.mount<Cl10010ConfigDir>("config"); // to be asked for
+   client.waitUntil([&] { return events.size() > 1; }, 10s);
+   ASSERT_EQ(events.size(), 2u);
+   EXPECT_EQ(events[1].kind, PeerEvent::Kind::lost);
+   EXPECT_EQ(events[1].reason, "refused by the peer: \"not today\"");
+   EXPECT_EQ(client.state("config"), LinkEnd::State::stale);
+   EXPECT_FALSE(client.isConnected());
+   EXPECT_FALSE(client.pollOnce(10s)) << "nothing is left to wait for";
+
+   for (bool const byPeer : {false, true}) {
+      auto server = std::make_unique<UnixServer>(path);
+      events.clear();
+      client.connect(path);
+      ASSERT_TRUE(together([&] { return server->peerCount() == 1 && client.quiet(); }, *server, client));
+      EXPECT_EQ(client.state("config"), LinkEnd::State::notExported);
+      if (byPeer)
+         server.reset();
+      else
+         client.disconnect();
+      ASSERT_TRUE(client.waitUntil([&] { return events.size() == 2; }, 10s));
+      EXPECT_EQ(events[1].kind, PeerEvent::Kind::lost);
+      EXPECT_EQ(events[1].process, static_cast<unsigned long>(::getpid()));
+      EXPECT_EQ(events[1].reason, byPeer ? "the peer closed the connection" : "closed by this side");
+      EXPECT_EQ(client.reason("config"), events[1].reason);
+   }
+   EXPECT_EQ(client.auditErrors(), 0u);
 }
 
 } // namespace

@@ -55,6 +55,15 @@ TEST(Sides, DifferencesAreNamedByPathAndFew) {
       (std::vector<std::string>{"/b: here 2, in the driver 9", "/c: here 3, in the driver (absent)", "and 1 more"}));
 }
 
+TEST(Sides, WhatIsKnownOfALostDriverIsSaidAndNotTheLessOfIt) {
+   std::string const closed(Mox::peerClosed), broken = "stream \"driver\", offset 7: expected a length",
+                                              end = "exit status 4";
+   EXPECT_EQ(lossText(broken, end), "the driver process was lost: " + broken + " (exit status 4)");
+   EXPECT_EQ(lossText(broken, {}), "the driver process was lost: " + broken);
+   EXPECT_EQ(lossText(closed, end), "the driver process ended too early: exit status 4");
+   EXPECT_EQ(lossText({}, end), "the driver process ended too early: exit status 4");
+}
+
 } // namespace
 
 int main(int argc, char** argv) {

@@ -236,9 +236,7 @@ private:
    [[noreturn]] void lose() {
       progress_.clear();
       auto const how = driver_->end(500ms);
-      throw Lost(how     ? "the driver process ended too early: " + *how
-                 : lost_ ? "the driver process was lost: " + *lost_
-                         : "the driver process does not answer");
+      throw Lost(lossText(lost_, how));
    }
 
    using Clock = std::chrono::steady_clock;
@@ -258,6 +256,12 @@ private:
 
 } // namespace
 
+std::string lossText(std::optional<std::string> const& reason, std::optional<std::string> const& end) {
+   if (reason && (!end || *reason != Mox::peerClosed))
+      return "the driver process was lost: " + *reason + (end ? " (" + *end + ")" : "");
+   return end ? "the driver process ended too early: " + *end : "the driver process does not answer";
+}
+
 Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_t badRows) {
    auto const started = std::chrono::steady_clock::now();
    Result result;
@@ -271,6 +275,7 @@ Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_
    std::signal(SIGPIPE, SIG_IGN);
    std::optional<Mox::PrivateFolder> folder;
    std::string path = options.socket;
+   Mox::PrivateFolder::clearAbandoned(); // of jobs that had no chance to
    if (path.empty())
       path = folder.emplace().path() + "/link";
    {

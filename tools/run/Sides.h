@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -31,6 +32,10 @@ Outcome drive(Options const& options, std::unique_ptr<Line> line);
 
 /// Where two dumps differ, by path, as text for people: at most `most` places, and the number of the rest.
 std::vector<std::string> differences(std::string_view ours, std::string_view theirs, std::size_t most);
+
+/// What is said about a driver that was lost: why its connection ended, and how its process did, as far as they are known. That a
+/// process which has ended hung up as well is no news.
+std::string lossText(std::optional<std::string> const& reason, std::optional<std::string> const& end);
 
 /// The words that the processes exchange.
 namespace word {
