@@ -20,6 +20,14 @@ thread_local Demuxer* firstDemuxer = nullptr;
 
 constinit Ptr<In> const noStream; ///< a record is applied, not answered
 
+/// The identifier that the announcement of a member ends with; null where it is too short for one.
+EntityId announcedIn(In const& in) noexcept {
+   auto const body = in.body();
+   return body.size() < sizeof(U64)
+             ? EntityId{}
+             : EntityId::ofNumber(loadBigEndian<U64>(body.data() + body.size() - sizeof(U64)));
+}
+
 std::string textOf(EntityId id) {
    return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
 }
@@ -642,6 +650,14 @@ void Demuxer::checkAnnounced(EntityId id) const {
            std::to_string(slot.generation));
 }
 
+void Demuxer::reserve(EntityId id) {
+   checkAnnounced(id);
+   if (id.slot() >= peer_.size())
+      peer_.resize(id.slot() + 1);
+   if (PeerSlot& slot = peer_[id.slot()]; !slot.isUsed)
+      slot = {nullptr, nullptr, id.generation(), true};
+}
+
 void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    checkAnnounced(id);
    if (id.slot() >= peer_.size())
@@ -876,8 +892,14 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
       case kind::marker:
          applyMarker(sa, in);
          break;
-      case kind::value:
       case kind::childLog:
+         if (!sa.hasMembers(attributeOf(header.attribute))) {
+            reserveAnnounced(in);
+            ++counters_.unknownAttributes;
+            break;
+         }
+         [[fallthrough]];
+      case kind::value:
          if (sa.handleAttrDeserialization(header.attribute, {}, 0, noStream) == 0)
             ++counters_.unknownAttributes;
          break;
@@ -886,6 +908,26 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
       }
    } catch (...) {
       applicationFailed(sa, in);
+      if (header.kind == kind::childLog)
+         reserveFailed(announcedIn(in));
+   }
+}
+
+/// The member announced in hand is none that this side knows, or of one: nobody knows here what its record holds, but that its
+/// identifier comes last.
+void Demuxer::reserveAnnounced(In const& in) {
+   EntityId const id = announcedIn(in);
+   if (in.body().size() < sizeof(U64))
+      throw AttrLogRecordException(in.where() + ": an announcement of " + std::to_string(in.body().size()) +
+                                   " bytes, which has no room for an identifier");
+   reserve(id);
+}
+
+/// The announcement in hand could not be applied. Its identifier, where it can be one, is in use all the same.
+void Demuxer::reserveFailed(EntityId id) noexcept {
+   try {
+      reserve(id);
+   } catch (std::exception const&) { // a broken announcement: it has been reported
    }
 }
 
@@ -944,7 +986,19 @@ void Demuxer::otherRecord(In& in) {
    if (header.entity.slot() > highestSlot)
       throw ProtocolException(in.where() + ": slot " + std::to_string(header.entity.slot()) + ", expected up to " +
                               std::to_string(highestSlot));
-   ++(peerSlot(header.entity) == nullptr ? counters_.staleRecords : counters_.unknownTypes);
+   if (peerSlot(header.entity) == nullptr) {
+      ++counters_.staleRecords;
+      return;
+   }
+   ++counters_.unknownTypes;
+   if (header.kind != kind::childLog)
+      return;
+   try {
+      reserveAnnounced(in);
+   } catch (AttrLogRecordException const& e) {
+      ++counters_.badValues;
+      report(e.what());
+   }
 }
 
 void Demuxer::applyMarker(Sa& sa, In& in) {
@@ -984,6 +1038,7 @@ void Demuxer::applicationFailed(Sa& sa, In& in) {
 }
 
 void Demuxer::readOrphan(In& in) {
+   EntityId id;
    try {
       Ptr<MoxType const> type;
       std::vector<std::string_view> chain;
@@ -999,7 +1054,7 @@ void Demuxer::readOrphan(In& in) {
       Name const name(in.nextStringView());
       In::Position const parameters = in.position();
       in.nextSection(4);
-      EntityId const id = in.nextEntityId();
+      id = in.nextEntityId();
       if (id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
           peer_[id.slot()].generation == id.generation()) {
          ++counters_.staleRecords; // a root that was unmounted here while its announcement was under way
@@ -1018,9 +1073,7 @@ void Demuxer::readOrphan(In& in) {
       if (!type) {
          ++counters_.unknownTypes;
          report(in.where() + ": entity of unknown type " + std::string(chain.empty() ? "(none)" : chain.front()));
-         if (id.slot() >= peer_.size())
-            peer_.resize(id.slot() + 1);
-         peer_[id.slot()] = {nullptr, nullptr, id.generation(), true};
+         reserve(id);
          return;
       }
       TypeOperations const& operations = *type->operations().log;
@@ -1044,6 +1097,7 @@ void Demuxer::readOrphan(In& in) {
    } catch (std::exception const& e) {
       ++counters_.badValues;
       report(in.where() + ": orphan announcement: " + e.what());
+      reserveFailed(id);
    }
 }
 

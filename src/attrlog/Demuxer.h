@@ -112,6 +112,9 @@ public:
    void bind(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
    void checkAnnounced(EntityId id) const;
+   /// Keeps the slot of what the peer announced and this side can't make, until it is retired.
+   /// \throws ProtocolException as `checkAnnounced`
+   void reserve(EntityId id);
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
    /// The entity that `wireId` of the peer is bound to; null for none.
@@ -252,6 +255,8 @@ private:
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
    void readOrphan(In& in);
+   void reserveAnnounced(In const& in);
+   void reserveFailed(EntityId id) noexcept;
    bool taken(In& in) noexcept;
    void letGo() noexcept;
    void otherRecord(In& in);

@@ -431,6 +431,11 @@ template <class X> Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterDel(Ptr<
    return sa;
 }
 
+template <class X> bool LevelSa<X>::hasMembers(AttributeId id) const {
+   bool has = false;
+   return visitAttribute<X>(id, [&](auto a) { has = a.ownsMembers; }) ? has : Base::hasMembers(id);
+}
+
 template <class X> void LevelSa<X>::announceMember(AttributeId id, Entity& member) {
    bool const known = visitAttribute<X>(id, [&](auto a) {
       using A = decltype(a);

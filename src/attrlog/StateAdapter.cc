@@ -146,6 +146,10 @@ void Sa::refreshAsked(NboAttrLog::Mark const& mark) {
 
 void Sa::unmark(NboAttrLog::Mark const&) {}
 void Sa::markReferencesTo(std::vector<Entity const*> const&) {}
+bool Sa::hasMembers(AttributeId) const {
+   return false;
+}
+
 void Sa::announceMember(AttributeId, Entity&) {}
 void Sa::marksDel(AttributeId) {}
 void Sa::tellUntold(NboAttrLog::Mark const&) {}

@@ -144,6 +144,8 @@ public:
    void parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark);
    /// Marks every reference whose target is in `targets`; `onMember` is told the members whose constructor parameters are.
    virtual void markReferencesTo(std::vector<Entity const*> const& targets);
+   /// Whether `id` is a collection whose members are announced.
+   virtual bool hasMembers(AttributeId id) const;
    /// Announces `member` of the collection `id` now, as the group that a reference needs.
    virtual void announceMember(AttributeId id, Entity& member);
    /// The open resend of `id` has ended without its end marker: takes its marks along.
