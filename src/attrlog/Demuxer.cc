@@ -28,6 +28,12 @@ EntityId announcedIn(In const& in) noexcept {
              : EntityId::ofNumber(loadBigEndian<U64>(body.data() + body.size() - sizeof(U64)));
 }
 
+/// "/config/port.refClock (388)", for messages.
+std::string nameOf(Entity const& entity, AttributeId id) {
+   return std::string(std::string_view(entity.fullName())) + "." +
+          std::string(std::string_view(entity.attributeString(id))) + " (" + std::to_string(id) + ")";
+}
+
 std::string textOf(EntityId id) {
    return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
 }
@@ -578,8 +584,12 @@ void Demuxer::refreshesAsk() {
          if (!out_->hasSufficientBuffer())
             return;
          std::vector<std::uint8_t> key;
-         if (untold.mark.hasKey)
-            sa->writeKey(untold.mark, key);
+         try {
+            if (untold.mark.hasKey)
+               sa->writeKey(untold.mark, key);
+         } catch (EnumException const&) {
+            key.clear(); // nobody can be asked for such a key: the whole attribute comes, and its sweep takes the entry along
+         }
          out_->control(Refresh{sa->entityId(),
                                static_cast<std::int32_t>(untold.mark.attribute),
                                {reinterpret_cast<char const*>(key.data()), key.size()}});
@@ -880,8 +890,12 @@ std::string Demuxer::where(In const& in, Sa const* sa, AttributeId id) const {
    std::string text = in.where();
    if (sa == nullptr || sa->entity() == nullptr)
       return text;
-   return text + ", " + std::string(std::string_view(sa->entity()->fullName())) + "." +
-          std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
+   return text + ", " + nameOf(*sa->entity(), id);
+}
+
+void Demuxer::unsent(Sa const& sa, AttributeId id, EnumException const& e) {
+   ++counters_.unsentEnums;
+   report("stream \"" + name() + "\", " + nameOf(*sa.entity(), id) + " is not sent: " + e.what());
 }
 
 void Demuxer::applyRecord(Sa& sa, In& in) {

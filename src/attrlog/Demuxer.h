@@ -178,6 +178,7 @@ public:
       U64 unknownKinds = 0;
       U64 refusedWrites = 0;         ///< of the peer, to what this side owns
       U64 tooLong = 0;               ///< records never sent, because the peer takes none of that length
+      U64 unsentEnums = 0;           ///< values and keys never sent, because they are no enumerators of their type
       U64 withoutLog = 0;            ///< references sent as null, because the target's type has no log
       U64 applicationExceptions = 0; ///< that left a mutator while a record was applied
       U64 restartedAnnouncements = 0;
@@ -220,6 +221,8 @@ public:
       if (report_)
          report_(text);
    }
+   /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
+   void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when the announced type of a root is not its mirror's.
    void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.

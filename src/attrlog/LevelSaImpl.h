@@ -300,6 +300,8 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
    } catch (RecordTooLong const& e) {
       ++demuxer.counters().tooLong;
       demuxer.report(e.what());
+   } catch (EnumException const& e) {
+      demuxer.unsent(*this, A::id, e);
    }
 }
 
@@ -318,6 +320,8 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
    } catch (RecordTooLong const& e) {
       ++this->demuxer_->counters().tooLong;
       this->demuxer_->report(e.what());
+   } catch (EnumException const& e) {
+      this->demuxer_->unsent(*this, A::id, e);
    }
    return true;
 }

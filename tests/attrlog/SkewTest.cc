@@ -1,8 +1,12 @@
 // Two sides whose schemas or values are not the same: what one of them can't hold.
 
 #include "Peer.h"
+#include "attrlog/LocalLink.h"
 #include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010StatusDir.h"
+#include "gauge/GaugeReactor.h"
+#include "notify/Dump.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -111,6 +115,78 @@ TEST_F(Later, AnAnnouncementIsCheckedAlsoWhereItsCollectionIsUnknown) {
    recordOf(*fresh.out, {.entity = Peer::id(1), .attribute = 395, .variable = 1, .kind = kind::childLog}, 7u);
    EXPECT_TRUE(fresh.tell()) << end.failure();
    EXPECT_EQ(counters.badValues, 1u);
+}
+
+TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
+   using Hardware::Phy::PhyState, Xcvr::CfpxHostChannel;
+   using Skew::Gauge, Skew::Mode;
+   constexpr auto noMode = static_cast<Mode>(2), worse = static_cast<Mode>(-1);
+   constexpr auto noState = static_cast<PhyState>(6);
+   constexpr auto noChannel = static_cast<CfpxHostChannel>(16);
+   LocalLink link;
+   auto const ours = make<Gauge>("gauge");
+   auto const set = [&](Mode mode, PhyState state, CfpxHostChannel channel) {
+      ours->modeIs(mode);
+      ours->stateIs(state);
+      ours->readingIs({mode, 7});
+      ours->laneIs(2, mode);
+      ours->limitIs(mode, 7);
+      ours->profileIs("night", mode);
+      ours->countIs(channel, 7);
+   };
+   set(Mode::both, PhyState::linkUp, CfpxHostChannel::channel3);
+   ours->laneIs(3, Mode::on);
+   link.left().exportRoot(ours);
+   auto const theirs = link.right().mount<Gauge>("gauge");
+   Lines reports, refusals;
+   link.left().onReport([&](std::string const& text) { reports.push_back(text); });
+   link.right().onReport([&](std::string const& text) { refusals.push_back(text); });
+   link.settle();
+   auto& counters = link.left().demuxer().counters();
+   auto& out = *link.left().demuxer().out();
+   struct Road {
+      char const* name;
+      std::function<void()> before, after;
+      std::size_t lost; ///< entries that the mirror no longer has
+   };
+   for (auto const& [name, before, after, lost] : std::vector<Road>{
+           {"at once", [] {}, [] {}, 0},
+           {"as a backlog", [&] { out.markIs(0); }, [&] { out.markIs(Out::defaultMark); }, 0},
+           {"as a resend", [&] { link.cut(); }, [&] { link.reconnect(); }, 1},
+        }) {
+      SCOPED_TRACE(name);
+      link.settle();
+      EXPECT_EQ(diff(*ours, *theirs).size(), 0u) << "the good values of the round before";
+      auto const good = dumpLines(*theirs);
+      U64 const count = counters.unsentEnums;
+      reports.clear();
+      before();
+      set(noMode, noState, noChannel);
+      after();
+      link.settle();
+      EXPECT_EQ(counters.unsentEnums, count + 7);
+      ASSERT_EQ(reports.size(), 7u) << testing::PrintToString(reports);
+      EXPECT_TRUE(reports[0].starts_with("stream \"left\", /gauge.mode (258) is not sent: 2 is no Skew::Mode")) << reports[0];
+      EXPECT_EQ(diff(good, dumpLines(*theirs)).size(), lost) << "an entry that no resend names goes";
+      EXPECT_EQ(theirs->profile("night"), lost != 0 ? Mode::off : Mode::both);
+      EXPECT_EQ(link.right().state("gauge"), LinkEnd::State::live);
+      set(worse, static_cast<PhyState>(-1), static_cast<CfpxHostChannel>(-1));
+      ours->limitDel(noMode);
+      ours->limitDel(worse);
+      ours->countDelAll();
+      ours->countIs(CfpxHostChannel::channel3, 8);
+      set(Mode::on, PhyState::failed, CfpxHostChannel::channel4);
+      set(Mode::both, PhyState::linkUp, CfpxHostChannel::channel3);
+   }
+   link.settle();
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   // Such a key, written where it must not be: the owner can't be asked for it.
+   EXPECT_NE(thrownBy<ReadOnlyException>([&] { theirs->limitIs(noMode, 1); }).find("limit is read-only"), std::string::npos);
+   EXPECT_NE(thrownBy<ReadOnlyException>([&] { theirs->countIs(noChannel, 1); }).find("count is read-only"),
+             std::string::npos);
+   link.settle();
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   EXPECT_EQ(refusals, Lines{}) << "nothing arrived that the mirror can't hold";
 }
 
 } // namespace
