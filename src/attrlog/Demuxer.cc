@@ -34,6 +34,14 @@ std::string nameOf(Entity const& entity, AttributeId id) {
           std::string(std::string_view(entity.attributeString(id))) + " (" + std::to_string(id) + ")";
 }
 
+/// Whoever passes on what `mirror` is told owes `mark` again.
+void toldByRelays(Entity const& mirror, Mark const& mark) {
+   for (auto* r = mirror.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (auto* const sa = dynamic_cast<Demuxer::Sa*>(r->moxRawReactor());
+          sa != nullptr && sa->hasFlag(StreamAdapter::relays) && sa->isAnnounced() && !sa->isPaused())
+         sa->markAgain(mark);
+}
+
 std::string textOf(EntityId id) {
    return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
 }
@@ -180,7 +188,9 @@ bool Demuxer::isUnderAnnounced(Entity const& entity) const noexcept {
 
 void Demuxer::announce(Entity& entity) {
    Entity* const parent = entity.moxRawParent();
-   if (parent == nullptr || !isUnderAnnounced(entity)) {
+   // A mirror's collection is its owner's affair: what somebody here has put into it is none of its members to others.
+   Sa const* const mirror = parent == nullptr ? nullptr : Sa::mirrorAdapterOf(*parent);
+   if (parent == nullptr || !isUnderAnnounced(entity) || (mirror != nullptr && !mirror->isOwners(entity))) {
       announceOrphan(entity);
       return;
    }
@@ -317,6 +327,18 @@ bool isAtOrBelow(Entity const* entity, Entity const& top) noexcept {
 }
 
 } // namespace
+
+Demuxer::Sa* Demuxer::mirrorAround(Entity& entity) {
+   for (Entity const* e = entity.moxRawParent(); e != nullptr; e = e->moxRawParent())
+      if (Sa* const sa = Sa::mirrorAdapterOf(*e))
+         return sa;
+   std::vector<Ptr<Entity>> tree;
+   collectTree(entity, tree);
+   for (Ptr<Entity> const& e : tree)
+      if (Sa* const sa = Sa::mirrorAdapterOf(*e))
+         return sa;
+   return nullptr;
+}
 
 void Demuxer::forgetTree(Entity& top) {
    std::vector<Ptr<Entity>> tree;
@@ -684,7 +706,8 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
       sa->detach();
       sa = nullptr;
    }
-   if (!sa)
+   bool const isNew = !sa;
+   if (isNew)
       sa = logOperationsOf(entity)->adapter(
          entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    sa->isOrphanIs(isOrphan);
@@ -692,6 +715,11 @@ void Demuxer::bind(EntityId id, Entity& entity, bool isOrphan) {
    peer_[id.slot()] = {sa, Ptr<Entity>(&entity), id.generation(), true};
    syncing(*sa, true);
    newIdentifiers_ = true;
+   // Somebody here had made a member of that name, and nobody was told now that it is the owner's.
+   if (Entity const* const parent = entity.moxRawParent(); isNew && parent != nullptr)
+      if (Sa const* const directory = adapterOf(*parent);
+          directory != nullptr && !directory->handlingFlowInFor(entity.parentAttrId()))
+         toldByRelays(*parent, Mark(entity.parentAttrId(), entity.moxName()));
 }
 
 /// Takes the mirror out of its slot: the identifier stands for nothing from here on. Nobody is told of it yet.

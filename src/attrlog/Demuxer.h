@@ -48,6 +48,8 @@ public:
    void announceRoot(Sa& sa);
    /// Makes `root` a mirror that waits to be announced; writing to it is refused from here on.
    void mirrorRootIs(Entity& root);
+   /// The adapter of a mirror that `entity` is, is part of or holds, on whatever stream; null for none.
+   static Sa* mirrorAround(Entity& entity);
    /// The adapter of `entity` on this stream, or null.
    Sa* adapterOf(Entity const& entity) const noexcept;
    /// The adapter that this side has announced under `id`, or null.
@@ -166,6 +168,8 @@ public:
    void detached(Sa& sa) noexcept;
    void applicationStarts() noexcept { applicationStarted_ = true; }
    void parkedIs(Sa& sa);
+   /// What parked marks wait for may be there: the next drain looks at them again.
+   void parkedMayGoOn() noexcept { newIdentifiers_ = true; }
 
    /// What happened on this stream since it was made.
    struct Counters {

@@ -241,6 +241,9 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       this->askOwner(Mark(A::id, key...));
       this->doThrowReadOnly(A::id);
    }
+   bool const isRelay = this->hasFlag(StreamAdapter::relays);
+   if (isRelay && !this->hasFlag(StreamAdapter::draining) && this->isRefusedBehind(A::id))
+      return;
    if constexpr (A::hasEntries) {
       serialize(a, key...);
    } else if (this->prepareImmediateTransmission(A::id, !this->demuxer_->out()->hasSufficientBuffer())) {
@@ -248,7 +251,8 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       if constexpr (!A::isKeyed)
          if (Flow* const flow = flowOut())
             flow->dirtyBitIs(a, false);
-      writeNow(a, key...);
+      if (!isRelay || !this->isWithheld(Mark(A::id, key...)))
+         writeNow(a, key...);
    } else {
       mark(a, key...);
    }
@@ -306,7 +310,14 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
 }
 
 template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename A::Key const& key) {
-   auto* const entry = A::cell(object()).find(key);
+   auto* entry = A::cell(object()).find(key);
+   if (this->hasFlag(StreamAdapter::relays)) [[unlikely]] {
+      if (this->isWithheld(Mark(A::id, key)))
+         return true;
+      if constexpr (A::ownsMembers)
+         if (entry != nullptr && this->isStranger(A::id, *entry))
+            entry = nullptr;
+   }
    try {
       if (entry == nullptr)
          writeRemoval(a, key);
@@ -543,6 +554,8 @@ template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, 
 
 /// The end marker of a collection that has been walked, unless a member is parked: the sweep would delete it.
 template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& flow) {
+   if (this->hasFlag(StreamAdapter::relays))
+      this->withholdAll(A::id);
    if (std::any_of(this->parked_.begin(), this->parked_.end(), [](Mark const& m) { return m.attribute == A::id; })) {
       flow.isStillIs(a, true);
       return;

@@ -75,11 +75,32 @@ void LinkEnd::exportDel(Ptr<Entity> const& root) {
       demuxer_.forgetAnnounced();
 }
 
+namespace {
+
+bool isAtOrBelow(Entity const& entity, Entity const& top) noexcept {
+   for (Entity const* e = &entity; e != nullptr; e = e->moxRawParent())
+      if (e == &top)
+         return true;
+   return false;
+}
+
+} // namespace
+
 void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    ValidPtr<Entity> const valid(mirror);
    for (Mount const& other : mounts_)
       if (other.mirror->moxName() == valid->moxName())
          throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
+   auto const refuse = [&](std::string const& why) {
+      throwNameInUseException(std::string(std::string_view(mirror->fullName())) + " can't be mounted from \"" + name_ +
+                              "\": " + why + ", and an entity has one owner");
+   };
+   if (Demuxer::Sa const* const other = Demuxer::mirrorAround(*mirror))
+      refuse(std::string(std::string_view(other->entity()->fullName())) + " mirrors \"" +
+             other->streamDemuxer()->name() + "\" already");
+   for (Ptr<Entity> const& root : exports_)
+      if (isAtOrBelow(*root, *mirror) || isAtOrBelow(*mirror, *root))
+         refuse(std::string(std::string_view(root->fullName())) + " is exported there");
    demuxer_.mirrorRootIs(*mirror);
    mounts_.push_back({++lastHandle_, mirror, isConnected_ ? State::syncing : State::connecting});
    if (isConnected_)

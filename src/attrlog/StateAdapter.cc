@@ -43,6 +43,100 @@ void Sa::attachReactor() {
    adapter_->isWeakReferenceIs(hasFlag(weak));
    adapter_->notifierIs(Ptr<PtrInterface const>(entity_));
    adapter_->isRegisteredNotifieeIs(true);
+   relaysSettle(*entity_);
+}
+
+namespace {
+
+/// Calls `visit` for the adapters of `entity`, in the order in which they are told, until it returns true.
+template <class Visit> void findAdapter(Entity const& entity, Visit&& visit) {
+   for (auto* r = entity.moxReactors().first(); r != nullptr && r->isStreamAdapter(); r = r->moxNextInList())
+      if (auto* const sa = dynamic_cast<Sa*>(r->moxRawReactor()); sa != nullptr && visit(*sa))
+         return;
+}
+
+} // namespace
+
+Sa* Sa::mirrorAdapterOf(Entity const& entity) noexcept {
+   Sa* mirror = nullptr;
+   findAdapter(entity, [&](Sa& sa) {
+      mirror = sa.isMirror() ? &sa : nullptr;
+      return mirror != nullptr;
+   });
+   return mirror;
+}
+
+bool Sa::isOwners(Entity const& member) const noexcept {
+   Sa const* const sa = demuxer_ == nullptr ? nullptr : demuxer_->adapterOf(member);
+   return sa != nullptr && sa->isMirror();
+}
+
+Sa const* Sa::upstream() const noexcept {
+   Sa const* const mirror = mirrorAdapterOf(*entity_);
+   bool const refuses = mirror != nullptr && !mirror->hasFlag(inert | suppressed) && !mirror->isPaused_ &&
+                        mirror->demuxer_ != nullptr;
+   return refuses ? mirror : nullptr;
+}
+
+bool Sa::isRefusedBehind(AttributeId id) const noexcept {
+   Sa const* const mirror = upstream();
+   if (mirror == nullptr || mirror->handlingFlowInFor(id))
+      return false;
+   bool isBehind = false;
+   findAdapter(*entity_, [&](Sa& sa) {
+      isBehind = isBehind || &sa == this;
+      return &sa == mirror;
+   });
+   return isBehind;
+}
+
+void Sa::park(NboAttrLog::Mark const& mark) {
+   if (std::find(parked_.begin(), parked_.end(), mark) != parked_.end())
+      return;
+   demuxer_->parkedIs(*this);
+   parked_.push_back(mark);
+}
+
+bool Sa::isWithheld(NboAttrLog::Mark const& mark) {
+   Sa const* const mirror = upstream();
+   if (mirror == nullptr || std::none_of(mirror->untold_.begin(), mirror->untold_.end(),
+                                         [&](Untold const& u) { return u.mark == mark; }))
+      return false;
+   park(mark);
+   return true;
+}
+
+void Sa::withholdAll(AttributeId id) {
+   if (Sa const* const mirror = upstream())
+      for (Untold const& untold : mirror->untold_)
+         if (untold.mark.attribute == id)
+            park(untold.mark);
+}
+
+bool Sa::isStranger(AttributeId id, Entity const& member) const noexcept {
+   Sa const* const mirror = upstream();
+   // While it is being made for its owner, its own adapter comes last.
+   return mirror != nullptr && !mirror->handlingFlowInFor(id) && !mirror->isOwners(member);
+}
+
+void Sa::relaysSettle(Entity const& entity) noexcept {
+   bool const isMirrored = mirrorAdapterOf(entity) != nullptr;
+   findAdapter(entity, [&](Sa& sa) {
+      if (!sa.isMirror() && sa.hasFlag(relays) != isMirrored) {
+         sa.flagIs(relays, isMirrored);
+         if (sa.demuxer_ != nullptr)
+            sa.demuxer_->parkedMayGoOn();
+      }
+      return false;
+   });
+}
+
+void Sa::relaysWake() const noexcept {
+   findAdapter(*entity_, [](Sa& sa) {
+      if (sa.hasFlag(relays) && sa.demuxer_ != nullptr)
+         sa.demuxer_->parkedMayGoOn();
+      return false;
+   });
 }
 
 void Sa::detach() noexcept {
@@ -53,6 +147,8 @@ void Sa::detach() noexcept {
       link_ = nullptr;
       reactor->isRegisteredNotifieeIs(false);
       reactor->notifierIs(nullptr);
+      if (isMirror())
+         relaysSettle(*entity_);
    }
    if (demuxer_ != nullptr) {
       demuxer_->detached(*this);
@@ -266,6 +362,7 @@ bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
    // An answer that is still to come finds nothing to tell.
    bool const isOwed = !at->isTold;
    untold_.erase(at);
+   relaysWake();
    return isOwed;
 }
 

@@ -166,7 +166,8 @@ TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
       link.settle();
       EXPECT_EQ(counters.unsentEnums, count + 7);
       ASSERT_EQ(reports.size(), 7u) << testing::PrintToString(reports);
-      EXPECT_TRUE(reports[0].starts_with("stream \"left\", /gauge.mode (258) is not sent: 2 is no Skew::Mode")) << reports[0];
+      EXPECT_TRUE(reports[0].starts_with("stream \"left\", /gauge.mode (258) is not sent: 2 is no Skew::Mode"))
+         << reports[0];
       EXPECT_EQ(diff(good, dumpLines(*theirs)).size(), lost) << "an entry that no resend names goes";
       EXPECT_EQ(theirs->profile("night"), lost != 0 ? Mode::off : Mode::both);
       EXPECT_EQ(link.right().state("gauge"), LinkEnd::State::live);
@@ -181,7 +182,8 @@ TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
    link.settle();
    EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
    // Such a key, written where it must not be: the owner can't be asked for it.
-   EXPECT_NE(thrownBy<ReadOnlyException>([&] { theirs->limitIs(noMode, 1); }).find("limit is read-only"), std::string::npos);
+   EXPECT_NE(thrownBy<ReadOnlyException>([&] { theirs->limitIs(noMode, 1); }).find("limit is read-only"),
+             std::string::npos);
    EXPECT_NE(thrownBy<ReadOnlyException>([&] { theirs->countIs(noChannel, 1); }).find("count is read-only"),
              std::string::npos);
    link.settle();
