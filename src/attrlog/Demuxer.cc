@@ -20,6 +20,28 @@ constexpr std::uint32_t slotGap = 64;
 
 constinit Ptr<In> const noStream; ///< a record is applied, not answered
 
+/// The identifier that the announcement of a member ends with; null where it is too short for one.
+EntityId announcedIn(In const& in) noexcept {
+   auto const body = in.body();
+   return body.size() < sizeof(U64)
+             ? EntityId{}
+             : EntityId::ofNumber(loadBigEndian<U64>(body.data() + body.size() - sizeof(U64)));
+}
+
+/// "/config/port.refClock (388)", for messages.
+std::string nameOf(Entity const& entity, AttributeId id) {
+   return std::string(std::string_view(entity.fullName())) + "." +
+          std::string(std::string_view(entity.attributeString(id))) + " (" + std::to_string(id) + ")";
+}
+
+/// Whoever passes on what `mirror` is told owes `mark` again.
+void toldByRelays(Entity const& mirror, Mark const& mark) {
+   for (auto* r = mirror.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
+      if (Demuxer::Sa* const sa = Demuxer::Sa::ofReactor(*r);
+          sa != nullptr && sa->hasFlag(StreamAdapter::relays) && sa->isAnnounced() && !sa->isPaused())
+         sa->markAgain(mark);
+}
+
 std::string textOf(EntityId id) {
    return "slot " + std::to_string(id.slot()) + " generation " + std::to_string(id.generation());
 }
@@ -167,7 +189,9 @@ bool Demuxer::isUnderAnnounced(Entity const& entity) const noexcept {
 
 void Demuxer::announce(Entity& entity) {
    Entity* const parent = entity.moxRawParent();
-   if (parent == nullptr || !isUnderAnnounced(entity)) {
+   // A mirror's collection is its owner's affair: what somebody here has put into it is none of its members to others.
+   Sa const* const mirror = parent == nullptr ? nullptr : Sa::mirrorAdapterOf(*parent);
+   if (parent == nullptr || !isUnderAnnounced(entity) || (mirror != nullptr && !mirror->isOwners(entity))) {
       announceOrphan(entity);
       return;
    }
@@ -312,6 +336,18 @@ bool isAtOrBelow(Entity const* entity, Entity const& top) noexcept {
 }
 
 } // namespace
+
+Demuxer::Sa* Demuxer::mirrorAround(Entity& entity) {
+   for (Entity const* e = entity.moxRawParent(); e != nullptr; e = e->moxRawParent())
+      if (Sa* const sa = Sa::mirrorAdapterOf(*e))
+         return sa;
+   std::vector<Ptr<Entity>> tree;
+   collectTree(entity, tree);
+   for (Ptr<Entity> const& e : tree)
+      if (Sa* const sa = Sa::mirrorAdapterOf(*e))
+         return sa;
+   return nullptr;
+}
 
 void Demuxer::reidentify(Entity& top) {
    std::vector<Ptr<Entity>> tree;
@@ -593,8 +629,12 @@ void Demuxer::refreshesAsk() {
             return;
          Mark const& mark = *unasked.begin();
          std::vector<std::uint8_t> key;
-         if (mark.hasKey)
-            sa.writeKey(mark, key);
+         try {
+            if (mark.hasKey)
+               sa.writeKey(mark, key);
+         } catch (EnumException const&) {
+            key.clear(); // nobody can be asked for such a key: the whole attribute comes, and its sweep takes the entry along
+         }
          out_->control(Refresh{sa.entityId(),
                                static_cast<std::int32_t>(mark.attribute),
                                {reinterpret_cast<char const*>(key.data()), key.size()}});
@@ -667,21 +707,23 @@ void Demuxer::checkAnnounced(EntityId id) const {
            std::to_string(slot.generation));
 }
 
+void Demuxer::reserve(EntityId id) {
+   checkAnnounced(id);
+   PeerSlot& slot = neededSlot(id);
+   if (slot.isUsed)
+      return;
+   slot.generation = id.generation();
+   slot.isUsed = true;
+   slot.isOwedRetirement = false;
+   ++mirrored_;
+}
+
 /// The slot of an identifier that the peer announces and that has been checked.
 Demuxer::PeerSlot& Demuxer::neededSlot(EntityId id) {
    if (id.slot() >= peer_.size())
       peer_.resize(id.slot() + 1);
    peerEnd_ = std::max<std::size_t>(peerEnd_, id.slot() + 1);
    return peer_[id.slot()];
-}
-
-/// Notes an identifier that stands for what this side has no type for.
-void Demuxer::slotReserve(EntityId id) {
-   PeerSlot& slot = neededSlot(id);
-   slot.generation = id.generation();
-   slot.isUsed = true;
-   slot.isOwedRetirement = false;
-   ++mirrored_;
 }
 
 void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
@@ -697,7 +739,8 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
       sa->detach();
       sa = nullptr;
    }
-   if (!sa)
+   bool const isNew = !sa;
+   if (isNew)
       sa = logOperationsOf(entity)->adapter(
          entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    if (slot.isUsed)
@@ -714,6 +757,11 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
    ++mirrored_;
    syncing(*sa, true);
    newIdentifiers_ = true;
+   // Somebody here had made a member of that name, and nobody was told now that it is the owner's.
+   if (Entity const* const parent = entity.moxRawParent(); isNew && parent != nullptr)
+      if (Sa const* const directory = adapterOf(*parent);
+          directory != nullptr && !directory->handlingFlowInFor(entity.parentAttrId()))
+         toldByRelays(*parent, Mark(entity.parentAttrId(), entity.moxName()));
 }
 
 /// Takes the mirror out of its slot: the identifier stands for nothing from here on. Nobody is told of it yet.
@@ -957,8 +1005,12 @@ std::string Demuxer::where(In const& in, Sa const* sa, AttributeId id) const {
    std::string text = in.where();
    if (sa == nullptr || sa->entity() == nullptr)
       return text;
-   return text + ", " + std::string(std::string_view(sa->entity()->fullName())) + "." +
-          std::string(std::string_view(sa->entity()->attributeString(id))) + " (" + std::to_string(id) + ")";
+   return text + ", " + nameOf(*sa->entity(), id);
+}
+
+void Demuxer::unsent(Sa const& sa, AttributeId id, EnumException const& e) {
+   ++counters_.unsentEnums;
+   report("stream \"" + name() + "\", " + nameOf(*sa.entity(), id) + " is not sent: " + e.what());
 }
 
 void Demuxer::applyRecord(Sa& sa, In& in) {
@@ -969,8 +1021,14 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
       case kind::marker:
          applyMarker(sa, in);
          break;
-      case kind::value:
       case kind::childLog:
+         if (!sa.hasMembers(attributeOf(header.attribute))) {
+            reserveAnnounced(in);
+            ++counters_.unknownAttributes;
+            break;
+         }
+         [[fallthrough]];
+      case kind::value:
          if (sa.handleAttrDeserialization(header.attribute, {}, 0, noStream) == 0)
             ++counters_.unknownAttributes;
          break;
@@ -979,6 +1037,26 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
       }
    } catch (...) {
       applicationFailed(sa, in);
+      if (header.kind == kind::childLog)
+         reserveFailed(announcedIn(in));
+   }
+}
+
+/// The member announced in hand is none that this side knows, or of one: nobody knows here what its record holds, but that its
+/// identifier comes last.
+void Demuxer::reserveAnnounced(In const& in) {
+   EntityId const id = announcedIn(in);
+   if (in.body().size() < sizeof(U64))
+      throw AttrLogRecordException(in.where() + ": an announcement of " + std::to_string(in.body().size()) +
+                                   " bytes, which has no room for an identifier");
+   reserve(id);
+}
+
+/// The announcement in hand could not be applied. Its identifier, where it can be one, is in use all the same.
+void Demuxer::reserveFailed(EntityId id) noexcept {
+   try {
+      reserve(id);
+   } catch (std::exception const&) { // a broken announcement: it has been reported
    }
 }
 
@@ -1044,7 +1122,19 @@ void Demuxer::otherRecord(In& in) {
    if (header.entity.slot() > highestSlot)
       throw ProtocolException(in.where() + ": slot " + std::to_string(header.entity.slot()) + ", expected up to " +
                               std::to_string(highestSlot));
-   ++(peerSlot(header.entity) == nullptr ? counters_.staleRecords : counters_.unknownTypes);
+   if (peerSlot(header.entity) == nullptr) {
+      ++counters_.staleRecords;
+      return;
+   }
+   ++counters_.unknownTypes;
+   if (header.kind != kind::childLog)
+      return;
+   try {
+      reserveAnnounced(in);
+   } catch (AttrLogRecordException const& e) {
+      ++counters_.badValues;
+      report(e.what());
+   }
 }
 
 void Demuxer::applyMarker(Sa& sa, In& in) {
@@ -1084,6 +1174,7 @@ void Demuxer::applicationFailed(Sa& sa, In& in) {
 }
 
 void Demuxer::readOrphan(In& in) {
+   EntityId id;
    try {
       Ptr<MoxType const> type;
       std::vector<std::string_view> chain;
@@ -1099,7 +1190,7 @@ void Demuxer::readOrphan(In& in) {
       Name const name(in.nextStringView());
       In::Position const parameters = in.position();
       in.nextSection(4);
-      EntityId const id = in.nextEntityId();
+      id = in.nextEntityId();
       if (id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
           peer_[id.slot()].generation == id.generation()) {
          ++counters_.staleRecords; // a root that was unmounted here while its announcement was under way
@@ -1118,7 +1209,7 @@ void Demuxer::readOrphan(In& in) {
       if (!type) {
          ++counters_.unknownTypes;
          report(in.where() + ": entity of unknown type " + std::string(chain.empty() ? "(none)" : chain.front()));
-         slotReserve(id);
+         reserve(id);
          return;
       }
       TypeOperations const& operations = *type->operations().log;
@@ -1141,6 +1232,7 @@ void Demuxer::readOrphan(In& in) {
    } catch (std::exception const& e) {
       ++counters_.badValues;
       report(in.where() + ": orphan announcement: " + e.what());
+      reserveFailed(id);
    }
 }
 

@@ -56,6 +56,8 @@ public:
    void announceRoot(Sa& sa);
    /// Makes `root` a mirror that waits to be announced; writing to it is refused from here on.
    void mirrorRootIs(Entity& root);
+   /// The adapter of a mirror that `entity` is, is part of or holds, on whatever stream; null for none.
+   static Sa* mirrorAround(Entity& entity);
    /// The adapter of `entity` on this stream, or null.
    Sa* adapterOf(Entity const& entity) const noexcept;
    /// The adapter that this side has announced under `id`, or null.
@@ -137,6 +139,9 @@ public:
    void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
    void checkAnnounced(EntityId id) const;
+   /// Keeps the slot of what the peer announced and this side can't make, until it is retired.
+   /// \throws ProtocolException as `checkAnnounced`
+   void reserve(EntityId id);
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
    /// The entity that `wireId` of the peer is bound to; null for none.
@@ -194,6 +199,8 @@ public:
       parked_.add(sa);
       ++counters_.parked;
    }
+   /// What parked marks wait for may be there: the next drain looks at them again.
+   void parkedMayGoOn() noexcept { newIdentifiers_ = true; }
 
    /// What happened on this stream since it was made.
    struct Counters {
@@ -207,6 +214,7 @@ public:
       U64 refusedWrites = 0;         ///< of the peer, to what this side owns
       U64 tooLong = 0;               ///< records never sent, because the peer takes none of that length
       U64 withoutIdentifier = 0;     ///< records never sent, because the peer takes no further identifier
+      U64 unsentEnums = 0;           ///< values and keys never sent, because they are no enumerators of their type
       U64 withoutLog = 0;            ///< references sent as null, because the target's type has no log
       U64 applicationExceptions = 0; ///< that left a mutator while a record was applied
       U64 restartedAnnouncements = 0;
@@ -259,6 +267,8 @@ public:
       if (report_)
          report_(text);
    }
+   /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
+   void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when the announced type of a root is not its mirror's.
    void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.
@@ -279,13 +289,14 @@ private:
    // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
    inline PeerSlot* peerSlot(EntityId wireId) noexcept;
    PeerSlot& neededSlot(EntityId id);
-   void slotReserve(EntityId id);
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
    void readOrphan(In& in);
+   void reserveAnnounced(In const& in);
+   void reserveFailed(EntityId id) noexcept;
    bool taken(In& in) noexcept;
    void letGo() noexcept;
    void otherRecord(In& in);

@@ -165,6 +165,7 @@ public:
    void refreshAsked(Mark const& mark) override;
    void unmark(Mark const& mark) override;
    void markReferencesTo(std::unordered_set<Entity const*> const& targets) override;
+   bool hasMembers(AttributeId id) const override;
    void announceMember(AttributeId id, Entity& member) override;
    void writeKey(Mark const& mark, std::vector<std::uint8_t>& bytes) const override;
    Mark readKey(AttributeId id, In& in) const override;

@@ -256,6 +256,9 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       this->askOwner(Mark(A::id, key...));
       this->doThrowReadOnly(A::id);
    }
+   bool const isRelay = this->hasFlag(StreamAdapter::relays);
+   if (isRelay && !this->hasFlag(StreamAdapter::draining) && this->isRefusedBehind(A::id))
+      return;
    if constexpr (A::hasEntries) {
       serialize(a, key...);
    } else if (this->prepareImmediateTransmission(A::id, !this->demuxer_->out()->hasSufficientBuffer())) {
@@ -263,7 +266,8 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
       if constexpr (!A::isKeyed)
          if (Flow* const flow = flowOut())
             flow->dirtyBitIs(a, false);
-      writeNow(a, key...);
+      if (!isRelay || !this->isWithheld(Mark(A::id, key...)))
+         writeNow(a, key...);
    } else {
       mark(a, key...);
    }
@@ -323,11 +327,20 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
       }
    } catch (RecordTooLong const& e) {
       this->tooLong(A::id, e);
+   } catch (EnumException const& e) {
+      demuxer.unsent(*this, A::id, e);
    }
 }
 
 template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename A::Key const& key) {
-   auto* const entry = A::cell(object()).find(key);
+   auto* entry = A::cell(object()).find(key);
+   if (this->hasFlag(StreamAdapter::relays)) [[unlikely]] {
+      if (this->isWithheld(Mark(A::id, key)))
+         return true;
+      if constexpr (A::ownsMembers)
+         if (entry != nullptr && this->isStranger(A::id, *entry))
+            entry = nullptr;
+   }
    try {
       if (entry == nullptr)
          writeRemoval(a, key);
@@ -344,6 +357,8 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
       this->demuxer_->limitReached(*this);
    } catch (RecordTooLong const& e) {
       this->tooLong(A::id, e);
+   } catch (EnumException const& e) {
+      this->demuxer_->unsent(*this, A::id, e);
    }
    this->parkedDel(Mark(A::id, key));
    return true;
@@ -458,6 +473,11 @@ template <class X> Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterDel(Ptr<
    return sa;
 }
 
+template <class X> bool LevelSa<X>::hasMembers(AttributeId id) const {
+   bool has = false;
+   return visitAttribute<X>(id, [&](auto a) { has = a.ownsMembers; }) ? has : Base::hasMembers(id);
+}
+
 template <class X> void LevelSa<X>::announceMember(AttributeId id, Entity& member) {
    bool const known = visitAttribute<X>(id, [&](auto a) {
       using A = decltype(a);
@@ -561,6 +581,8 @@ template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, 
 
 /// The end marker of a collection that has been walked, unless a member is parked: the sweep would delete it.
 template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& flow) {
+   if (this->hasFlag(StreamAdapter::relays))
+      this->withholdAll(A::id);
    if (this->isParked(A::id)) {
       flow.isStillIs(a, true);
       return;

@@ -26,6 +26,13 @@ template <class Number, class Struct> void addUp(Struct& sum, Struct const& othe
    sum = std::bit_cast<Struct>(all);
 }
 
+bool isAtOrBelow(Entity const& entity, Entity const& top) noexcept {
+   for (Entity const* e = &entity; e != nullptr; e = e->moxRawParent())
+      if (e == &top)
+         return true;
+   return false;
+}
+
 std::string textOfType(Entity const& entity) {
    return std::string(std::string_view(entity.fwkType()->name()));
 }
@@ -156,6 +163,16 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    ValidPtr<Entity> const valid(mirror);
    if (findMount(valid->moxName()) != nullptr)
       throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
+   auto const refuse = [&](std::string const& why) {
+      throwNameInUseException(std::string(std::string_view(mirror->fullName())) + " can't be mounted from \"" + name_ +
+                              "\": " + why + ", and an entity has one owner");
+   };
+   if (Demuxer::Sa const* const other = Demuxer::mirrorAround(*mirror))
+      refuse(std::string(std::string_view(other->entity()->fullName())) + " mirrors \"" +
+             other->streamDemuxer()->name() + "\" already");
+   for (Ptr<Entity> const& root : exports_)
+      if (isAtOrBelow(*root, *mirror) || isAtOrBelow(*mirror, *root))
+         refuse(std::string(std::string_view(root->fullName())) + " is exported there");
    mounts_.reserve(mounts_.size() + 1);
    demuxer_.mirrorRootIs(*mirror);
    mounts_.push_back({++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});

@@ -66,7 +66,10 @@ public:
       mountIs(mirror);
       return mirror;
    }
-   /// As `mount`, into an entity of the caller's: for roots with constructor parameters.
+   /// As `mount`, into an entity of the caller's: for roots with constructor parameters. One that others mirror from here may be
+   /// mounted, and passes on what its owner says.
+   /// \throws NameInUseException also when `mirror` is a mirror already, over whatever link, is part of one or holds one, or is
+   /// exported over this very link: an entity has one owner
    void mountIs(Ptr<Entity> const& mirror);
    /// Ends the mirror; the entity stays as it is, and is an ordinary one from then on.
    void unmount(Name const& name);

@@ -43,6 +43,100 @@ void Sa::attachReactor() {
    adapter_->isWeakReferenceIs(hasFlag(weak));
    adapter_->notifierIs(Ptr<PtrInterface const>(entity_));
    adapter_->isRegisteredNotifieeIs(true);
+   relaysSettle(*entity_);
+}
+
+namespace {
+
+/// Calls `visit` for the adapters of `entity`, in the order in which they are told, until it returns true.
+template <class Visit> void findAdapter(Entity const& entity, Visit&& visit) {
+   for (auto* r = entity.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
+      if (Sa* const sa = Sa::ofReactor(*r); sa != nullptr && visit(*sa))
+         return;
+}
+
+} // namespace
+
+Sa* Sa::mirrorAdapterOf(Entity const& entity) noexcept {
+   Sa* mirror = nullptr;
+   findAdapter(entity, [&](Sa& sa) {
+      mirror = sa.isMirror() ? &sa : nullptr;
+      return mirror != nullptr;
+   });
+   return mirror;
+}
+
+bool Sa::isOwners(Entity const& member) const noexcept {
+   Sa const* const sa = demuxer_ == nullptr ? nullptr : demuxer_->adapterOf(member);
+   return sa != nullptr && sa->isMirror();
+}
+
+Sa const* Sa::upstream() const noexcept {
+   Sa const* const mirror = mirrorAdapterOf(*entity_);
+   bool const refuses = mirror != nullptr && !mirror->hasFlag(inert | suppressed) && !mirror->isPaused_ &&
+                        mirror->demuxer_ != nullptr;
+   return refuses ? mirror : nullptr;
+}
+
+bool Sa::isRefusedBehind(AttributeId id) const noexcept {
+   Sa const* const mirror = upstream();
+   if (mirror == nullptr || mirror->handlingFlowInFor(id))
+      return false;
+   bool isBehind = false;
+   findAdapter(*entity_, [&](Sa& sa) {
+      isBehind = isBehind || &sa == this;
+      return &sa == mirror;
+   });
+   return isBehind;
+}
+
+void Sa::park(NboAttrLog::Mark const& mark) {
+   neededNotes();
+   demuxer_->parkedIs(*this);
+   notes_->parked.insert(mark);
+}
+
+bool Sa::isWithheld(NboAttrLog::Mark const& mark) {
+   Sa const* const mirror = upstream();
+   if (mirror == nullptr || !mirror->isUntold(mark))
+      return false;
+   park(mark);
+   return true;
+}
+
+void Sa::withholdAll(AttributeId id) {
+   Sa const* const mirror = upstream();
+   if (mirror == nullptr || !mirror->hasUntold())
+      return;
+   for (auto const& [mark, untold] : mirror->notes()->untold)
+      if (mark.attribute == id)
+         park(mark);
+}
+
+bool Sa::isStranger(AttributeId id, Entity const& member) const noexcept {
+   Sa const* const mirror = upstream();
+   // While it is being made for its owner, its own adapter comes last.
+   return mirror != nullptr && !mirror->handlingFlowInFor(id) && !mirror->isOwners(member);
+}
+
+void Sa::relaysSettle(Entity const& entity) noexcept {
+   bool const isMirrored = mirrorAdapterOf(entity) != nullptr;
+   findAdapter(entity, [&](Sa& sa) {
+      if (!sa.isMirror() && sa.hasFlag(relays) != isMirrored) {
+         sa.flagIs(relays, isMirrored);
+         if (sa.demuxer_ != nullptr)
+            sa.demuxer_->parkedMayGoOn();
+      }
+      return false;
+   });
+}
+
+void Sa::relaysWake() const noexcept {
+   findAdapter(*entity_, [](Sa& sa) {
+      if (sa.hasFlag(relays) && sa.demuxer_ != nullptr)
+         sa.demuxer_->parkedMayGoOn();
+      return false;
+   });
 }
 
 void Sa::detach() noexcept {
@@ -53,6 +147,8 @@ void Sa::detach() noexcept {
       link_ = nullptr;
       reactor->isRegisteredNotifieeIs(false);
       reactor->notifierIs(nullptr);
+      if (isMirror())
+         relaysSettle(*entity_);
    }
    if (demuxer_ != nullptr) {
       demuxer_->detached(*this);
@@ -147,6 +243,10 @@ void Sa::refreshAsked(NboAttrLog::Mark const& mark) {
 
 void Sa::unmark(NboAttrLog::Mark const&) {}
 void Sa::markReferencesTo(std::unordered_set<Entity const*> const&) {}
+bool Sa::hasMembers(AttributeId) const {
+   return false;
+}
+
 void Sa::announceMember(AttributeId, Entity&) {}
 void Sa::marksDel(AttributeId) {}
 void Sa::tellUntold(NboAttrLog::Mark const&) {}
@@ -243,10 +343,7 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
 void Sa::parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark) {
    using NboAttrLog::FlowOut;
    flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));
-   neededNotes();
-   demuxer_->parkedIs(*this);
-   // First: without memory for it, it stays marked.
-   notes_->parked.insert(mark);
+   park(mark); // first: without memory for it, it stays marked
    unmark(mark);
 }
 
@@ -293,6 +390,7 @@ bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
    bool const isOwed = !at->second.isTold;
    notes_->untold.erase(at);
    notes_->unasked.erase(mark);
+   relaysWake();
    return isOwed;
 }
 

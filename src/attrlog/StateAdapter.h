@@ -98,6 +98,8 @@ public:
    static constexpr std::uint32_t weak = 0x40;                ///< bit 6: the entity is not kept alive
    static constexpr std::uint32_t inert = 0x2000;             ///< bit 13
    static constexpr std::uint32_t flowOutMode = 0x100000; ///< bit 20: write only into free buffer, else through a flow
+   /// bit 21: the entity is a mirror on another stream, whose owner's values alone are passed on
+   static constexpr std::uint32_t relays = 0x200000;
    static constexpr std::uint32_t draining = 0x400000;    ///< bit 22: a scheduled flow-out is being handled
    static constexpr std::uint32_t noReannounce = 0x2000000; ///< bit 25: an announced member is not announced again
    static constexpr std::uint32_t serializing = 0x4000000;  ///< bit 26: clear until the announcement has been committed
@@ -178,6 +180,8 @@ public:
    void parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark);
    /// Marks every reference whose target is in `targets`; `onMember` is told the members whose constructor parameters are.
    virtual void markReferencesTo(std::unordered_set<Entity const*> const& targets);
+   /// Whether `id` is a collection whose members are announced.
+   virtual bool hasMembers(AttributeId id) const;
    /// Announces `member` of the collection `id` now, as the group that a reference needs.
    virtual void announceMember(AttributeId id, Entity& member);
    /// The open resend of `id` has ended without its end marker: takes its marks along.
@@ -282,6 +286,11 @@ public:
       return static_cast<MoxNboAttrLogSa*>(reactor.moxRawStateAdapter());
    }
 
+   /// The adapter by which `entity` is a mirror, on whatever stream; null where it is none.
+   static MoxNboAttrLogSa* mirrorAdapterOf(Entity const& entity) noexcept;
+   /// Whether a member of this mirror came from its owner, and not from somebody here.
+   bool isOwners(Entity const& member) const noexcept;
+
    /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
    void detach() noexcept;
 
@@ -322,7 +331,7 @@ public:
 protected:
    MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer);
 
-   static constexpr std::uint32_t decisive = inert | suppressed | readOnlyCopy | applying | serializing;
+   static constexpr std::uint32_t decisive = inert | suppressed | readOnlyCopy | applying | serializing | relays;
 
    /// From here to the end of an `Applying` a mutator of the entity runs for the peer: what it tells this adapter of `id` is not
    /// echoed.
@@ -372,6 +381,23 @@ protected:
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->successors.erase(mark) != 0; }
    /// Whether the reactors are owed word of `mark`, which was written here and not told; forgets it.
    bool untoldTaken(NboAttrLog::Mark const& mark);
+
+   // A chain: the entity is a mirror on another stream, and this adapter passes on what its owner says.
+   /// The mirror's adapter, while what is written here is refused there; null where it is not.
+   MoxNboAttrLogSa const* upstream() const noexcept;
+   /// Whether a change of `id` that is being told is none of the owner's: the mirror's adapter, which refuses it, is told later.
+   bool isRefusedBehind(AttributeId id) const noexcept;
+   /// Whether what `mark` is here was written here and refused, and its owner has not answered. It is parked until he has.
+   bool isWithheld(NboAttrLog::Mark const& mark);
+   /// Parks everything of the collection `id` that was written here and refused.
+   void withholdAll(AttributeId id);
+   /// Whether `member` of the collection `id` came from nobody but this process.
+   bool isStranger(AttributeId id, Entity const& member) const noexcept;
+   void park(NboAttrLog::Mark const& mark);
+   /// Says to the other adapters of `entity` whether it is a mirror now.
+   static void relaysSettle(Entity const& entity) noexcept;
+   /// What the others have withheld has been answered.
+   void relaysWake() const noexcept;
 
    Entity* entity_;
    bool holdsEntity_ = false;

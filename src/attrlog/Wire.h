@@ -71,12 +71,16 @@ template <WrappedNumber T> struct Wire<T> {
    static T read(In& in) { return T(Wire<Number>::read(in)); }
 };
 
-/// Enumerations travel as `int`; an unknown number throws `EnumException`.
+/// Enumerations travel as `int`. A number that is no enumerator throws `EnumException` at either end: no mirror could hold it.
 template <class T>
    requires std::is_enum_v<T>
 struct Wire<T> {
    static constexpr std::uint32_t fixedSize = 0;
-   static int number(T v) noexcept { return static_cast<int>(v); }
+   static int number(T v) {
+      if (!isEnumerator(v)) [[unlikely]]
+         throwEnumException(enumTable<T>.type, static_cast<std::uint32_t>(v), enumTable<T>.rows);
+      return static_cast<int>(v);
+   }
    static void write(Out& out, T v) { out.put(number(v)); }
    static T read(In& in) { return enumInstance<T>(in.nextU32()); }
 };

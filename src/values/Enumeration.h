@@ -55,6 +55,36 @@ template <Enumeration E> constexpr E enumInstance(std::uint32_t number) {
    throwEnumException(enumTable<E>.type, number, enumTable<E>.rows);
 }
 
+namespace detail {
+
+/// How many enumerators there are where their numbers are 0, 1, 2 and so on; else 0.
+template <Enumeration E> constexpr std::uint64_t denseCount() noexcept {
+   auto const& rows = enumTable<E>.rows;
+   for (std::size_t number = 0; number < rows.size(); ++number) {
+      bool isThere = false;
+      for (EnumRow const& row : rows)
+         isThere = isThere || row.number == static_cast<std::int64_t>(number);
+      if (!isThere)
+         return 0;
+   }
+   return rows.size();
+}
+
+} // namespace detail
+
+/// Whether `e` is an enumerator: a cast makes any number of any type. One comparison where the numbers are 0, 1, 2 and so on.
+template <Enumeration E> constexpr bool isEnumerator(E e) noexcept {
+   if constexpr (constexpr std::uint64_t count = detail::denseCount<E>(); count != 0) {
+      return static_cast<std::uint64_t>(e) < count; // a negative number is a large one
+   } else {
+      using Number = std::underlying_type_t<E>;
+      for (EnumRow const& row : enumTable<E>.rows)
+         if (static_cast<Number>(row.number) == static_cast<Number>(e))
+            return true;
+      return false;
+   }
+}
+
 /// The enumerator's name; empty for a value that is no enumerator.
 template <Enumeration E> constexpr std::string_view enumName(E e) noexcept {
    for (EnumRow const& row : enumTable<E>.rows)
