@@ -50,8 +50,6 @@ namespace detail {
 template <class X>
 using InterfaceFor = std::conditional_t<std::is_const_v<X>, typename X::NotifieeConst, typename X::Notifiee>;
 
-template <class X, class A, class Call, class... Key> constexpr bool takes = std::invocable<Call&, X&, Key const&...>;
-
 /// Reactor of one attribute.
 template <class X, class A, class Call>
 class AttributeWatch final
