@@ -8,6 +8,7 @@ using Hardware::ClariPhy::Cl10010Config;
 using Hardware::ClariPhy::Cl10010ConfigDir;
 
 int main() {
+   Mox::exceptionHookIs([](std::string const& text) { std::cerr << text << '\n'; });
    auto ours = Mox::make<Cl10010ConfigDir>("config");
    Mox::LocalLink link;
    link.left().exportRoot(ours);

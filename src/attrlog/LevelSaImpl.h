@@ -95,7 +95,7 @@ template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, t
    if (!k)
       k = std::make_unique<DirtyKeys<A>>();
    if (auto* const present = k->map.find(key)) {
-      present->valueIs(dirty);
+      MapEntryAccess::valueIs(*present, dirty);
       return *present;
    }
    auto const entry = make<DirtyKey<A>>(key, dirty);

@@ -8,6 +8,12 @@
 
 namespace Mox {
 
+/// How the framework puts another value into an entry. Whoever does so counts the change and tells the reactors of the entity that
+/// the entry belongs to; an entry itself hands out nothing to write to.
+struct MapEntryAccess {
+   template <class Entry, class Value> static void valueIs(Entry& entry, Value const& value) { entry.valueIs(value); }
+};
+
 /// A key and a value, counted: what a map holds and what an iterator or a caller may hold longer than the map does.
 template <class Key, class Value> class MapEntry : public PtrInterface {
 public:
@@ -15,9 +21,11 @@ public:
 
    Key const& fwkKey() const noexcept { return key_; }
    Value const& value() const noexcept { return value_; }
-   void valueIs(Value const& value) { value_ = value; }
 
 private:
+   friend struct MapEntryAccess;
+   void valueIs(Value const& value) { value_ = value; }
+
    Key const key_;
    Value value_;
 };
@@ -52,12 +60,14 @@ public:
 
    Name const& fwkKey() const noexcept { return target_->moxName(); }
    Ptr<Target> const& value() const noexcept { return target_; }
-   /// Lets go of the target before, which may run reactors.
-   void valueIs(Ptr<Target> const& target) { target_ = target; }
    Ptr<Self> const& moxNext() const noexcept { return next_; }
    void moxNextIs(Ptr<Self> const& next) noexcept { next_ = next; }
 
 private:
+   friend struct MapEntryAccess;
+   /// Lets go of the target before, which may run reactors.
+   void valueIs(Ptr<Target> const& target) { target_ = target; }
+
    Ptr<Target> target_;
    Ptr<Self> next_; // behind the target: it is let go of first
 };

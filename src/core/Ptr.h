@@ -158,11 +158,13 @@ public:
          object_->referenceDec();
    }
 
-   Ptr& operator=(Ptr const& other) noexcept { // NOLINT(bugprone-unhandled-self-assignment): holds it before it lets go
+   // To a named one only: what a function hands out is not where a reference is kept.
+   Ptr&
+   operator=(Ptr const& other) & noexcept { // NOLINT(bugprone-unhandled-self-assignment): holds it before it lets go
       Ptr(other).swap(*this);
       return *this;
    }
-   Ptr& operator=(Ptr&& other) noexcept {
+   Ptr& operator=(Ptr&& other) & noexcept {
       Ptr(std::move(other)).swap(*this);
       return *this;
    }

@@ -42,7 +42,8 @@ public:
          hold();
    }
    StringN(StringN&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
-   StringN& operator=(StringN other) noexcept {
+   /// To a named one only: what a function hands out is a copy.
+   StringN& operator=(StringN other) & noexcept {
       std::swap(rep_, other.rep_);
       return *this;
    }
@@ -90,6 +91,11 @@ using String8 = StringN<unsigned char>;
 class Name : public String8 {
 public:
    constexpr Name() noexcept = default;
+   Name(Name const&) noexcept = default;
+   Name(Name&&) noexcept = default;
+   Name& operator=(Name const&) & noexcept = default;
+   Name& operator=(Name&&) & noexcept = default;
+   ~Name() = default;
    Name(String8 text) noexcept : String8(std::move(text)) {}
    Name(std::string_view text) : String8(text) {}
    Name(char const* text) : String8(text) {}

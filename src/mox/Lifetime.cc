@@ -1,12 +1,11 @@
 // The order of dying, in one place: what an object does between its last reference and its destructor.
 
+#include "core/Exceptions.h"
 #include "core/Ptr.h"
 #include "mox/Entity.h"
 #include "mox/MoxType.h"
 #include "mox/Reactor.h"
-
-#include <cstdio>
-#include <exception>
+#include "mox/Swallowed.h"
 
 namespace Mox {
 
@@ -27,22 +26,21 @@ Ptr<MoxType const> PtrInterface::fwkType() const {
 }
 
 PtrInterface::~PtrInterface() {
-   if (references() != 1) {
-      std::fputs("Mox: a counted object is destroyed while somebody references it\n", stderr);
-      std::terminate();
-   }
+   // Nobody can go on from here: a destructor lets nothing out, so this ends the process, and the handler of `std::terminate`
+   // finds in the exception what was wrong.
+   if (references() != 1)
+      throwInternalException("a counted object is destroyed while somebody references it");
 }
 
 namespace {
 
-/// One step of an object's end. What it throws stops nothing: only a reactor whose own onNotificationException throws does.
-template <class Step> void whileGoing(Step step) noexcept {
+/// One step of an object's end, of `entity` if it is one. What it throws stops nothing: only a reactor whose own
+/// onNotificationException throws does.
+template <class Step> void whileGoing(Entity const* entity, Step step) noexcept {
    try {
       step();
-   } catch (std::exception const& e) {
-      std::fprintf(stderr, "Mox: ignored while an object goes: %s\n", e.what());
    } catch (...) {
-      std::fputs("Mox: ignored while an object goes: an exception of a foreign type\n", stderr);
+      detail::exceptionSwallowed(entity, attr::zeroReferences);
    }
 }
 
@@ -58,7 +56,7 @@ void PtrInterface::lastReference() const noexcept {
       static_cast<Entity*>(self)->moxEnd();
    } else {
       self->flagIs(dyingFlag, true);
-      whileGoing([&] { self->zeroReferencesIs(false); });
+      whileGoing(nullptr, [&] { self->zeroReferencesIs(false); });
    }
    delete self;
 }
@@ -67,10 +65,10 @@ void Entity::moxEnd() noexcept {
    if (flag(dyingFlag))
       return;
    flagIs(dyingFlag, true);
-   whileGoing([&] { zeroReferencesIs(false); });
+   whileGoing(this, [&] { zeroReferencesIs(false); });
    for (Ptr<MoxType const> type = fwkType(); type; type = type->base())
       if (auto const membersDelAll = type->operations().membersDelAll)
-         whileGoing([&] { membersDelAll(*this); });
+         whileGoing(this, [&] { membersDelAll(*this); });
    // One at a time from the head: letting go of a reactor may run code that takes others off.
    while (auto* const reactor = reactors_.first()) {
       reactors_.unlink(*reactor);

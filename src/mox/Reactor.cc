@@ -2,22 +2,12 @@
 
 #include "mox/Activity.h"
 #include "mox/Entity.h"
-
-#include <atomic>
+#include "mox/Swallowed.h"
 
 namespace Mox {
 
-namespace {
-std::atomic<std::uint64_t> swallowedInProcess{0};
-PtrInterface::NotifieeConst::ExceptionHook exceptionHook;
-} // namespace
-
-void PtrInterface::NotifieeConst::exceptionHookIs(ExceptionHook hook) {
-   exceptionHook = std::move(hook);
-}
-
 std::uint64_t PtrInterface::NotifieeConst::swallowedExceptions() noexcept {
-   return swallowedInProcess.load(std::memory_order_relaxed);
+   return Mox::swallowedExceptions();
 }
 
 PtrInterface::NotifieeConst::~NotifieeConst() {
@@ -61,26 +51,18 @@ void PtrInterface::NotifieeConst::leaveList() const {
    NotifieeConst::isRegisteredNotifieeIs(false);
 }
 
-void PtrInterface::NotifieeConst::hold(Entity const* notifier) const {
-   if (notifier == nullptr)
-      return;
-   if (weak_) {
-      if (!registered_)
-         notifier->idleWeakIs(*this);
-   } else {
-      notifier->referenceInc();
-   }
+void PtrInterface::NotifieeConst::join(Entity const& notifier) const {
+   if (registered_)
+      notifier.reactorIs(*this);
+   else if (weak_)
+      notifier.idleWeakIs(*this);
 }
 
-void PtrInterface::NotifieeConst::release(Entity const* notifier) const {
-   if (notifier == nullptr)
-      return;
-   if (weak_) {
-      if (!registered_)
-         notifier->idleWeakDel(*this);
-   } else {
-      notifier->referenceDec();
-   }
+void PtrInterface::NotifieeConst::leave(Entity const& notifier) const {
+   if (registered_)
+      notifier.reactorDel(*this);
+   else if (weak_)
+      notifier.idleWeakDel(*this);
 }
 
 void PtrInterface::NotifieeConst::isWeakReferenceIs(bool weak) {
@@ -104,13 +86,17 @@ void PtrInterface::NotifieeConst::notifierEntityIs(Entity const* notifier) {
    Entity const* const before = notifier_;
    if (notifier == before)
       return;
-   if (before != nullptr && registered_)
-      before->reactorDel(*this);
-   hold(notifier);
+   bool const wasWeak = weak_; // what the old notifier's end runs may change it
+   if (notifier != nullptr && !wasWeak)
+      notifier->referenceInc();
+   // A reactor has one link for its notifier's list and for the chain of the idle ones: it leaves the old before it joins the new.
+   if (before != nullptr)
+      leave(*before);
    notifier_ = notifier;
-   if (notifier != nullptr && registered_)
-      notifier->reactorIs(*this);
-   release(before);
+   if (notifier != nullptr)
+      join(*notifier);
+   if (before != nullptr && !wasWeak)
+      before->referenceDec();
 }
 
 void PtrInterface::NotifieeConst::notifierIs(Ptr<PtrInterface const> const& notifier) {
@@ -134,10 +120,8 @@ Name PtrInterface::NotifieeConst::name() const {
 }
 
 void PtrInterface::NotifieeConst::onNotificationException(AttributeId id) {
-   swallowedInProcess.fetch_add(1, std::memory_order_relaxed);
    class_->swallowedExceptionsInc();
-   if (exceptionHook)
-      exceptionHook(*this, id);
+   detail::exceptionSwallowed(notifier_, id);
 }
 
 void PtrInterface::NotifieeConst::handleNotificationException(AttributeId id) {

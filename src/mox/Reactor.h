@@ -5,8 +5,9 @@
 #include "core/String8.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 
 namespace Mox {
 
@@ -84,7 +85,7 @@ public:
    virtual void onCollectionNotification(String8);
    virtual void onNotificationException();
    /// One of this reactor's notifications threw; the exception is current. The default swallows it, counts it (per
-   /// process and per reactor class) and calls the process-wide hook. What it throws itself leaves the mutator.
+   /// process and per reactor class) and leaves a word of it (mox/Swallowed.h). What an override throws leaves the mutator.
    virtual void onNotificationException(AttributeId);
    virtual void handleNotificationException(AttributeId);
    virtual void handleNotificationException();
@@ -116,9 +117,7 @@ public:
    NotifieeConst* moxNextInList() const noexcept { return next_; }
    void moxNextInListIs(NotifieeConst* next) const noexcept { next_ = next; }
 
-   /// Called with the exceptions that the default `onNotificationException` swallows, while they are current.
-   using ExceptionHook = std::function<void(NotifieeConst const&, AttributeId)>;
-   static void exceptionHookIs(ExceptionHook hook);
+   /// As `Mox::swallowedExceptions`.
    static std::uint64_t swallowedExceptions() noexcept;
 
 protected:
@@ -134,8 +133,8 @@ private:
    friend class Mox::Entity;
    friend class PtrInterface;
 
-   void hold(Entity const* notifier) const;
-   void release(Entity const* notifier) const;
+   void join(Entity const& notifier) const;
+   void leave(Entity const& notifier) const;
 
    ReactorClass const* class_;
    mutable Entity const* notifier_ = nullptr;

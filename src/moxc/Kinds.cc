@@ -25,6 +25,17 @@ std::string quotedName(Attribute const& a) {
    return '`' + a.name + '`';
 }
 
+/// How an accessor hands out a copy: nothing can be assigned to it, because that would change what nobody keeps. Of built-in types
+/// the language sees to that, and texts and names do themselves.
+std::string handedCopy(ValueType const& value) {
+   bool const isDeclared = !value.header.empty() && value.header != "<cstdint>" && !value.header.starts_with("core/");
+   return isDeclared ? "Mox::Handed<" + value.cppType + '>' : value.cppType;
+}
+/// How an accessor hands out what is stored.
+std::string handed(ValueType const& value) {
+   return value.isLarge ? value.cppType + " const&" : handedCopy(value);
+}
+
 /// The calls of attributes that hold values under keys.
 std::string keyedCalls(Attribute const& a) {
    return fill(R"(         static void put(auto& e, auto const& key, auto const& v) { e.$x$Is(key, v); }
@@ -99,9 +110,7 @@ public:
       return {a.value->cppType, '{' + a.defaultValue + '}', a.value->alignment};
    }
    std::string valueSpelling(Attribute const& a) const override { return a.value->cppType; }
-   std::string result(Attribute const& a) const override {
-      return a.value->isLarge ? a.value->cppType + " const&" : a.value->cppType;
-   }
+   std::string result(Attribute const& a) const override { return handed(*a.value); }
    std::string argument(Attribute const& a) const override { return a.value->argument(); }
    std::string descriptorBase(Attribute const& a) const override {
       return fill("Mox::$Kind$Attribute<$X$, $id$, $T$>", {{"Kind", capitalised(word())},
@@ -178,8 +187,8 @@ class Keyed : public AttributeKind {
 public:
    bool isKeyed() const noexcept override { return true; }
    std::vector<std::string> operations(std::string_view name) const override {
-      return {std::string(name),      joined(name, "Is"),     joined(name, "Del"),
-              joined(name, "DelAll"), joined(name, "Notify"), "new" + capitalised(name)};
+      return {std::string(name),      joined(name, "Is"),       joined(name, "Del"),      joined(name, "DelAll"),
+              joined(name, "Notify"), joined(name, "Iterator"), "new" + capitalised(name)};
    }
 
    std::string notifications(Attribute const& a) const override {
@@ -232,10 +241,15 @@ protected:
              inlineFunction(3, "void " + x + "DelAll()", "Mox::" + prefix + "DelAll" + descriptor + ");") +
              inlineFunction(3, "void " + x + "Notify(" + k + " key) const", "Mox::keyNotify" + descriptor + ", key);");
    }
+   /// The container only as const, and positions that can be deleted at: what changes it is a mutator.
    std::string containerAccess(Attribute const& a) const {
       std::string const type = containerName(a);
+      std::string const iterator = type + "::Iterator " + a.name + "Iterator(";
+      std::string const made = holds() == Holds::member ? "return Mox::memberIterator<Attr::" + a.name + "_t>(*this"
+                                                        : "return " + type + "::Iterator(" + a.name + '_';
       return inlineFunction(3, type + " const& " + a.name + "() const noexcept", "return " + a.name + "_;") +
-             inlineFunction(3, type + "& " + a.name + "() noexcept", "return " + a.name + "_;");
+             inlineFunction(3, iterator + ')', made + ");") +
+             inlineFunction(3, iterator + keyArgument(a) + " key)", made + ", key);");
    }
 };
 
@@ -250,8 +264,8 @@ public:
    bool hasKeyType() const noexcept override { return true; }
    bool isFixed() const noexcept override { return true; }
    std::vector<std::string> operations(std::string_view name) const override {
-      return {std::string(name), joined(name, "Is"), joined(name, "Del"), joined(name, "DelAll"),
-              joined(name, "Notify")};
+      return {std::string(name),      joined(name, "Is"),     joined(name, "Del"),
+              joined(name, "DelAll"), joined(name, "Notify"), joined(name, "Iterator")};
    }
 
    std::vector<std::string> classes(std::string_view name) const override {
@@ -271,7 +285,7 @@ public:
       std::string const x = a.name;
       std::string const t = a.value->cppType;
       return containerAccess(a) +
-             inlineFunction(3, (a.value->isLarge ? t + " const& " : t + ' ') + x + '(' + keyArgument(a) + " key) const",
+             inlineFunction(3, handed(*a.value) + ' ' + x + '(' + keyArgument(a) + " key) const",
                             "return " + x + "_[key];") +
              inlineFunction(3, "void " + x + "Is(" + keyArgument(a) + " key, " + a.value->argument() + " v)",
                             "Mox::arrayIs<Attr::" + x + "_t>(*this, key, v);") +
@@ -318,7 +332,7 @@ public:
       std::string const both = keyArgument(a) + " key, " + a.value->argument() + " v";
       std::string const call = "<Attr::" + x + "_t>(*this, key";
       return containerAccess(a) +
-             inlineFunction(3, t + ' ' + x + '(' + keyArgument(a) + " key) const",
+             inlineFunction(3, handedCopy(*a.value) + ' ' + x + '(' + keyArgument(a) + " key) const",
                             "return Mox::mapValue" + call + ");") +
              inlineFunction(3, "void " + x + "Is(" + both + ')', "Mox::mapIs" + call + ", v);") +
              inlineFunction(3, "Mox::Ptr<" + entry(a) + "> new" + capitalised(x) + '(' + both + ')',
@@ -369,6 +383,7 @@ public:
    std::string memberFunctions(Attribute const& a) const override {
       std::string const x = a.name;
       std::string const pointer = "Mox::Ptr<" + a.entity->name + '>';
+      std::string const find = '(' + keyArgument(a) + " key)";
       std::string declared = keyArgument(a) + " key";
       std::string passed = "<Attr::" + x + "_t>(*this, key";
       for (Attribute const* parameter : a.entity->parameters) {
@@ -376,8 +391,9 @@ public:
          passed += ", " + parameter->name;
       }
       return containerAccess(a) +
-             inlineFunction(3, pointer + ' ' + x + '(' + keyArgument(a) + " key) const",
+             inlineFunction(3, "Mox::Ptr<" + a.entity->name + " const> " + x + find + " const",
                             "return Mox::memberFind<Attr::" + x + "_t>(*this, key);") +
+             inlineFunction(3, pointer + ' ' + x + find, "return Mox::memberFind<Attr::" + x + "_t>(*this, key);") +
              inlineFunction(3, pointer + ' ' + x + "Is(" + declared + ')', "return Mox::memberIs" + passed + ");") +
              inlineFunction(3, pointer + " new" + capitalised(x) + '(' + declared + ')',
                             "return Mox::newMember" + passed + ");") +

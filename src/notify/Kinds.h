@@ -91,6 +91,9 @@ struct ArrayAttribute : AttributeBase<Kind::array, Owner, id, typename Container
    static constexpr bool isKeyed = true;
 };
 
+/// How an accessor hands out a value. An object is const: `port->rollOff() = 1` would change a copy that nobody keeps.
+template <class Value> using Handed = std::conditional_t<std::is_class_v<Value>, Value const, Value>;
+
 /// A list of types, of descriptors mostly.
 template <class... Types> struct TypeList {
    static constexpr std::size_t size = sizeof...(Types);

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "containers/MapEntries.h"
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/Entity.h"
 #include "mox/MoxType.h" // each type's `fwkType` hands out a counted one
+#include "mox/Swallowed.h"
 #include "notify/Kinds.h"
 
 #include <string>
@@ -14,7 +16,8 @@
 //
 // All: compare first; an equal value changes, counts and tells nothing. A change is stored and counted before the first
 // reactor runs, and stays whatever the reactors do. An exception leaves only if a reactor's own
-// `onNotificationException` throws.
+// `onNotificationException` throws. A name is copied for the time of a pass, unless what carries it is held: who handed it in may
+// be changed by the first reactor.
 
 namespace Mox {
 
@@ -65,9 +68,37 @@ template <class A> inline typename A::Value mapValue(typename A::Owner const& en
 }
 
 template <class A> inline void keyNotify(typename A::Owner const& entity, typename A::Key const& key) {
+   if (entity.moxHasReactors()) {
+      typename A::Key const own(key);
+      announce<A>(entity, own);
+   }
+}
+
+namespace detail {
+
+/// The same for a key that nothing can take away meanwhile.
+template <class A> inline void heldKeyNotify(typename A::Owner const& entity, typename A::Key const& key) {
    if (entity.moxHasReactors())
       announce<A>(entity, key);
 }
+
+/// Runs `behind` whatever `first` throws; then the exception goes on, the first where both throw.
+template <class A, class First, class Behind>
+void inAnyCase(typename A::Owner const& entity, First first, Behind behind) {
+   try {
+      first();
+   } catch (...) {
+      try {
+         behind();
+      } catch (...) {
+         exceptionSwallowed(&entity, A::id);
+      }
+      throw;
+   }
+   behind();
+}
+
+} // namespace detail
 
 /// Puts a new entry into the map, in the place of a present one with that key. Counts and tells nothing.
 template <class A>
@@ -83,7 +114,7 @@ inline void mapIs(typename A::Owner& entity, typename A::Key const& key, typenam
    if (auto* const entry = A::cell(entity).find(key)) {
       if (entry->value() == value)
          return;
-      entry->valueIs(value);
+      MapEntryAccess::valueIs(*entry, value);
    } else {
       newMapEntry<A>(entity, key, value);
    }
@@ -99,7 +130,7 @@ template <class A> typename A::Value mapEntryDel(typename A::Owner& entity, type
    if (!entry)
       return {};
    entity.moxChangeCountInc();
-   keyNotify<A>(entity, entry->fwkKey());
+   heldKeyNotify<A>(entity, entry->fwkKey());
    return entry->value();
 }
 
@@ -151,12 +182,13 @@ template <class A> void referenceIs(typename A::Owner& entity, typename A::Value
    if (auto* const entry = A::cell(entity).find(key)) {
       if (entry->value() == target)
          return;
-      entry->valueIs(target); // what was there may end, and its reactors run: the entry is not touched behind this
+      MapEntryAccess::valueIs(
+         *entry, target); // what was there may end, and its reactors run: the entry is not touched behind this
    } else {
       newReferenceEntry<A>(entity, target);
    }
    entity.moxChangeCountInc();
-   keyNotify<A>(entity, key);
+   detail::heldKeyNotify<A>(entity, key);
 }
 
 // Fixed arrays: the elements are always there, and deleting one stores the default.
@@ -202,9 +234,13 @@ template <class A, class... Parameters>
 Ptr<typename A::Entry> newMember(typename A::Owner& entity, Name const& name, Parameters const&... parameters) {
    auto member = make<typename A::Entry>(name, parameters...);
    member->parentAttrIdIs(A::id);
-   if (Ptr<typename A::Entry> const replaced = A::cell(entity).insert(member))
-      replaced->parentIs(nullptr);
-   member->parentIs(Ptr<Entity>(&entity));
+   Ptr<typename A::Entry> const replaced = A::cell(entity).insert(member);
+   // First the new one: it has its parent when the other's reactors find it, and loses it if they delete it.
+   auto const bind = [&] { member->parentIs(Ptr<Entity>(&entity)); };
+   if (replaced)
+      detail::inAnyCase<A>(entity, bind, [&] { replaced->parentIs(nullptr); });
+   else
+      bind();
    return member;
 }
 
@@ -235,8 +271,9 @@ template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& enti
    if (!member)
       return nullptr;
    entity.moxChangeCountInc();
-   member->parentIs(nullptr);
-   keyNotify<A>(entity, member->moxName());
+   // Whatever the member's own reactors throw, the owner's must hear of it: a mirror would keep the member for ever.
+   inAnyCase<A>(
+      entity, [&] { member->parentIs(nullptr); }, [&] { heldKeyNotify<A>(entity, member->moxName()); });
    return member;
 }
 
@@ -253,14 +290,24 @@ Ptr<typename A::Entry> memberIs(typename A::Owner& entity, Name const& name, Par
    }
    auto const member = newMember<A>(entity, name, parameters...);
    entity.moxChangeCountInc();
-   keyNotify<A>(entity, name);
+   detail::heldKeyNotify<A>(entity, member->moxName());
    return ValidPtr<typename A::Entry>(member);
 }
 
 /// \return the member, or null. Counts a touch, because the member can be changed.
-template <class A> inline Ptr<typename A::Entry> memberFind(typename A::Owner const& entity, Name const& name) {
+template <class A> inline Ptr<typename A::Entry> memberFind(typename A::Owner& entity, Name const& name) {
    entity.moxTouchCountInc();
-   return Ptr<typename A::Entry>(const_cast<typename A::Entry*>(A::cell(entity).find(name)));
+   return Ptr<typename A::Entry>(A::cell(entity).find(name));
+}
+template <class A> inline Ptr<typename A::Entry const> memberFind(typename A::Owner const& entity, Name const& name) {
+   return Ptr<typename A::Entry const>(A::cell(entity).find(name));
+}
+
+/// A position whose members can be changed: counts a touch.
+template <class A, class... Key>
+typename A::Container::Iterator memberIterator(typename A::Owner& entity, Key const&... key) {
+   entity.moxTouchCountInc();
+   return typename A::Container::Iterator(A::cell(entity), key...);
 }
 
 /// \return the removed member, its parent cleared, or null; it lives on while somebody references it

@@ -53,8 +53,6 @@ using InterfaceFor = std::conditional_t<std::is_const_v<X>, typename X::Notifiee
 /// Whether the generated reactors of `X` have been included.
 template <class X> constexpr bool hasReactors = requires { sizeof(InterfaceFor<X>); };
 
-template <class X, class A, class Call, class... Key> constexpr bool takes = std::invocable<Call&, X&, Key const&...>;
-
 /// Reactor of one attribute.
 template <class X, class A, class Call>
 class AttributeWatch final

@@ -147,7 +147,7 @@ TEST_F(OneAdapter, ARecordGivenToItIsAnsweredWithTheLocalValue) {
    feed->control(Hello{.name = "given"});
    recordOf(*feed, {.entity = sa->entityId(), .attribute = 388, .variable = 1}, 77u);
    recordOf(*feed, {.entity = sa->entityId(), .attribute = -389, .variable = 1}, 1);
-   recordOf(*feed, {.entity = sa->entityId(), .attribute = 395, .variable = 1}, 1u);
+   recordOf(*feed, {.entity = sa->entityId(), .attribute = 511, .variable = 1}, 1u); // the level's last
    std::vector<int> known;
    auto const given = make<In>("given");
    given->consume(bytesOf(*feed), [&](In& frame) {

@@ -29,4 +29,19 @@ TEST(Arrays, AKeyPastItsRangeIsRefusedInTheKeysWordsAndChangesNothing) {
    EXPECT_EQ(lanes.version(), 0u);
 }
 
+TEST(Arrays, HoldAsManyElementsAsAnyAttributeMayHave) {
+   struct Wide : Mox::Bounded<std::uint16_t, 1023, "Wide::value > 1023 not allowed"> {
+      using Bounded::Bounded;
+   };
+   Mox::DynArray<int, Wide, 1024> array;
+   array.store(1023, 7);
+   int sum = 0, elements = 0;
+   for (auto const [key, value] : array) {
+      sum += value * key;
+      ++elements;
+   }
+   EXPECT_EQ(elements, 1024);
+   EXPECT_EQ(sum, 7 * 1023);
+}
+
 } // namespace

@@ -144,6 +144,19 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
+TYPED_TEST(Maps, RemoveNoEntryOfAnother) {
+   TypeParam a, b;
+   auto const key = keyOf<typename TypeParam::KeyType>(1);
+   auto const inA = Mox::make<typename TypeParam::EntryType>(key, 1),
+              inB = Mox::make<typename TypeParam::EntryType>(key, 2);
+   a.insert(inA);
+   EXPECT_EQ(a.remove(*inB), nullptr) << "in no map";
+   b.insert(inB);
+   EXPECT_EQ(a.remove(*inB), nullptr);
+   EXPECT_TRUE(a.find(key) == inA.get() && b.find(key) == inB.get());
+   EXPECT_EQ(a.remove(*inA), inA);
+}
+
 TEST(HashMap, ClearsALongChainWithoutRecursion) {
    HashOf<Crowded> map;
    for (int i = 200000; i > 0; --i) // each goes to the front of the one chain

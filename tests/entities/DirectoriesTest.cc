@@ -64,7 +64,7 @@ TEST_F(References, StandInHoldersThatKeepNothingElseAlive) {
    auto const a = dir->phyConfigIs("a");
    refs->phyConfigIs(a);
    EXPECT_EQ(a->parent(), dir) << "a reference changes no parent";
-   Ptr<Cl10010ConfigPtrDir::MoxPhyConfig> const holder(refs->phyConfig().find("a"));
+   Ptr<Cl10010ConfigPtrDir::MoxPhyConfig const> const holder(refs->phyConfig().find("a"));
    refs->phyConfigIs(
       make<Cl10010Config>("a")); // takes its place in the holder that is there; the raw step makes another
    EXPECT_NE(holder->value(), a);

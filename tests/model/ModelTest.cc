@@ -22,6 +22,7 @@
 #include "simulation/Shrink.h"
 #include "simulation/Values.h"
 #include "simulation/Words.h"
+#include "support/Allocations.h"
 
 #include <gtest/gtest.h>
 
@@ -78,9 +79,15 @@ constexpr std::uint64_t keyWords = 12; ///< operations name keys by the words be
 /// Few keys for the words of operations, so that they meet, and one for each word behind.
 template <class K> K keyOf(std::uint64_t word) {
    std::uint64_t const number = word < keyWords ? word % 6 : word;
-   if constexpr (std::same_as<K, Name>)
-      return number == 0 ? Name() : Name("n" + std::to_string(number));
-   else if constexpr (std::is_enum_v<K>)
+   if constexpr (std::same_as<K, Name>) {
+      static std::vector<Name> const names = [] { // made before an operation finds no memory
+         std::vector<Name> all(1);
+         while (all.size() < 64)
+            all.emplace_back("n" + std::to_string(all.size()));
+         return all;
+      }();
+      return names.at(number);
+   } else if constexpr (std::is_enum_v<K>)
       return static_cast<K>(number);
    else
       return K(word % (std::uint64_t{K::maximum} + 1));
@@ -150,7 +157,23 @@ public:
          reactors_[reactor]->reactions.push_back(*reaction);
          plain_.reactors[reactor]->reactions.push_back(*reaction);
       }
-      bool const real = throws([&] { onReal(op); });
+      bool isDone = false;
+      bool real = false;
+      if (op.word % 4 == 3 && reactors_.size() == fewReactors) { // a pass over more needs room, and may say so
+         noMemory_.emplace();
+         try {
+            real = throws([&] { onReal(op); });
+            isDone = true;
+         } catch (std::bad_alloc const&) {
+            ++refusals;
+         }
+         noMemory_.reset();
+         if (!isDone)
+            if (std::string const wrong = difference(); !wrong.empty())
+               return "without memory, " + wrong;
+      }
+      if (!isDone)
+         real = throws([&] { onReal(op); });
       bool const plain = throws([&] { onPlain(op); });
       if (real != plain)
          return real ? "the entity throws" : "the model throws";
@@ -182,7 +205,7 @@ public:
          if (!reactors_[i])
             continue;
          reactors_[i]->isWeakReferenceIs(true);
-         // What leaves a dying entity goes to the error output.
+         // What leaves a dying entity is swallowed: the model knows nothing of it.
          for (auto* const reactions : {&reactors_[i]->reactions, &plain_.reactors[i]->reactions})
             std::erase_if(*reactions, [](Reaction const& r) { return r.what == Reaction::rethrows; });
       }
@@ -217,6 +240,7 @@ public:
    void drop(std::size_t number) { reactors_[number] = nullptr; }
 
    static inline std::set<std::pair<AttributeId, unsigned>> covered;
+   static inline std::size_t refusals = 0; ///< operations that threw because there was no memory
 
 private:
    class Real : public X::template MoxForwarder<typename X::Notifiee, Real> {
@@ -224,6 +248,7 @@ private:
       Real(Run& run, std::size_t number) : run_(run), number_(number) {}
 
       template <class A, class... Key> void forward(A, Key const&... key) {
+         run_.noMemory_.reset(); // the mutator has done what it needs memory for
          run_.log_.push_back(Plain::told(number_, A::id, (std::string() + ... + textOfKey(key))));
          Reaction reaction;
          if (!reactions.empty()) {
@@ -287,7 +312,7 @@ private:
    void onReal(Op const& op) {
       withAttribute(op, [&](auto a, unsigned what) {
          using A = decltype(a);
-         covered.emplace(A::id, what);
+         covered.insert({A::id, what}); // allocates once: an operation may be short of memory
          auto& e = static_cast<typename A::Owner&>(it_);
          if constexpr (!A::isKeyed) {
             if constexpr (A::kind == Kind::reference) {
@@ -517,6 +542,7 @@ private:
    Plain::Subject plain_;
    Plain::Log log_;
    std::vector<Ptr<Real>> reactors_;
+   std::optional<NoMemory> noMemory_;
    std::unordered_set<Ptr<Mox::Entity>> members_; ///< all that ever were
    std::pair<std::uint32_t, std::uint32_t> before_;
 };
@@ -608,15 +634,18 @@ TYPED_TEST(Model, AndEntityDoTheSame) {
          FAIL() << "seed " << seed << ": " << shrunk<TypeParam>(steps, reactors);
    }
    std::size_t pairs = 0;
+   bool needsMemory = false;
    auto const entity = made<TypeParam>("it");
    Run<TypeParam>::List::forEach([&](auto a) {
       pairs += operationCount<decltype(a)>();
+      needsMemory |= decltype(a)::hasEntries;
       EXPECT_EQ(entity->attributeString(a.id), a.name);
    });
    std::cout << "attributes " << Run<TypeParam>::List::size << ", pairs " << Run<TypeParam>::covered.size() << " of "
              << pairs << '\n';
    if (given == nullptr) {
       EXPECT_EQ(Run<TypeParam>::covered.size(), pairs);
+      EXPECT_TRUE(!needsMemory || Run<TypeParam>::refusals > 0);
    }
 }
 

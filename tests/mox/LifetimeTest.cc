@@ -76,6 +76,24 @@ TEST(Dying, AReferenceTakenMeanwhileMayBeDroppedMeanwhile) {
    EXPECT_EQ(gpo->references(), 1u);
 }
 
+TEST(Dying, OfTheOldNotifierShowsTheReactorAtItsNewOne) {
+   Log log;
+   auto const next = make<Gpo>("next");
+   auto const mover = make<Listener>(log, "mover"), weak = make<Listener>(log, "weak");
+   weak->isWeakReferenceIs(true);
+   {
+      auto const old = make<Gpo>("old");
+      mover->listensTo(old);
+      weak->listensTo(old);
+   }
+   weak->onGoing = [&] {
+      EXPECT_EQ(mover->notifier(), next);
+      next->assertedIs(true);
+   };
+   mover->notifierIs(next);
+   EXPECT_EQ(log, (Log{"weak sees old go", "mover"}));
+}
+
 TEST(Dying, ADirectoryOnTheStackGoesLikeOneThatIsCounted) {
    class Strong : public Cl10010ConfigDir::Notifiee {};
    auto const strong = make<Strong>();
@@ -97,7 +115,10 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
    /// Puts back what goes, and throws what nobody expects.
    class Stubborn : public Cl10010ConfigDir::Notifiee {
    public:
-      void onZeroReferences() override { throw 1; }
+      void onZeroReferences() override {
+         there = notifier()->phyConfig().size();
+         throw 1;
+      }
       void onPhyConfig(Mox::Name name) override {
          gone.push_back(name);
          if (gone.size() > 1)
@@ -105,6 +126,7 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
          throw 2;
       }
       void onNotificationException(Mox::AttributeId) override { throw; }
+      std::size_t there = 0;
       std::vector<Mox::Name> gone;
       Ptr<Cl10010Config> back;
    };
@@ -114,7 +136,13 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
    stubborn->isWeakReferenceIs(true);
    stubborn->notifierIs(dir);
    stubborn->isRegisteredNotifieeIs(true);
+   auto const swallowed = Mox::swallowedExceptions();
+   testing::internal::CaptureStderr();
    dir = nullptr;
+   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+   EXPECT_EQ(Mox::swallowedExceptions() - swallowed, 2u) << "the first of each step";
+   EXPECT_EQ(Mox::lastSwallowedException(), "/config as it goes: an exception of a foreign type");
+   EXPECT_EQ(stubborn->there, 3u) << "members go behind the last notification";
    EXPECT_EQ(stubborn->gone.size(), 3u);
    EXPECT_EQ(stubborn->notifier(), nullptr);
    ASSERT_NE(stubborn->back, nullptr);

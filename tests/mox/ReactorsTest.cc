@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <numeric>
 #include <stdexcept>
 #include <string>
@@ -50,31 +51,61 @@ TEST(Registering, AdaptersStandAtTheHeadAndAttachingMovesWhoIsRegistered) {
    EXPECT_EQ(other->references(), 2u);
 }
 
-TEST(NotificationExceptions, TheDefaultSwallowsCountsAndTellsTheHook) {
+TEST(Registering, AnIdleWeakReactorMovesByItself) {
+   Log log;
+   auto gpo = make<Gpo>("reset"), other = make<Gpo>("other");
+   Ptr<Listener> const idle[] = {make<Listener>(log, "a"), make<Listener>(log, "b"), make<Listener>(log, "c")};
+   for (auto const& r : idle) {
+      r->isWeakReferenceIs(true);
+      r->notifierIs(gpo);
+      r->isRegisteredNotifieeIs(r == idle[2]);
+   }
+   idle[2]->hasNotificationActiveIs(false);
+   auto const waiting = make<Listener>(log, "waiting");
+   waiting->isWeakReferenceIs(true);
+   waiting->notifierIs(other);
+   for (auto const& r : {idle[1], idle[2]}) {
+      r->notifierIs(other);
+      EXPECT_EQ(gpo->auditErrors(0) + other->auditErrors(0), 0u);
+   }
+   gpo = nullptr;
+   EXPECT_EQ(idle[0]->notifier(), nullptr);
+   EXPECT_EQ(idle[1]->notifier(), other);
+   other = nullptr;
+   for (auto const& r : {idle[1], idle[2], waiting})
+      EXPECT_EQ(r->notifier(), nullptr);
+}
+
+TEST(NotificationExceptions, TheDefaultSwallowsCountsAndLeavesAWord) {
    struct Faulty : Gpo::Notifiee {
-      void onAsserted() override { throw std::runtime_error("no such pin"); }
+      void onAsserted() override { fault(); }
+      std::function<void()> fault = [] { throw std::runtime_error("no such pin"); };
    };
    auto const gpo = make<Gpo>("reset");
    auto const faulty = make<Faulty>();
    faulty->notifierIs(gpo);
    faulty->isRegisteredNotifieeIs(true);
    std::vector<std::string> heard;
-   Mox::PtrInterface::NotifieeConst::exceptionHookIs(
-      [&](Mox::PtrInterface::NotifieeConst const& r, Mox::AttributeId id) {
-         try {
-            throw; // it is current
-         } catch (std::exception const& e) {
-            heard.push_back(r.name().str() + " " + std::to_string(id) + " " + e.what());
-         }
-      });
-   auto const inProcess = Mox::PtrInterface::NotifieeConst::swallowedExceptions();
+   Mox::exceptionHookIs([&](std::string const& text) {
+      heard.push_back(text);
+      throw 1; // goes nowhere
+   });
+   auto const inProcess = Mox::swallowedExceptions();
    auto const inClass = Gpo::NotifieeConst::reactorClass.swallowedExceptions();
    EXPECT_NO_THROW(gpo->assertedIs(true));
-   Mox::PtrInterface::NotifieeConst::exceptionHookIs(nullptr);
-   EXPECT_NO_THROW(gpo->assertedIs(false));
-   EXPECT_EQ(heard, std::vector<std::string>{"reset 258 no such pin"});
-   EXPECT_EQ(Mox::PtrInterface::NotifieeConst::swallowedExceptions() - inProcess, 2u);
-   EXPECT_EQ(Gpo::NotifieeConst::reactorClass.swallowedExceptions() - inClass, 2u);
+   EXPECT_EQ(heard, Log{"/reset.asserted: no such pin"});
+   faulty->fault = [] { Mox::throwNameInUseException("taken"); };
+   {
+      Mox::Expect const plan(Mox::NameInUseException::kind);
+      EXPECT_NO_THROW(gpo->assertedIs(false));
+   }
+   EXPECT_EQ(Mox::lastSwallowedException(), "/reset.asserted: no such pin") << "what is expected leaves none";
+   Mox::exceptionHookIs(nullptr);
+   EXPECT_NO_THROW(gpo->assertedIs(true));
+   EXPECT_EQ(Mox::lastSwallowedException(), "/reset.asserted: taken");
+   EXPECT_EQ(heard.size(), 1u);
+   EXPECT_EQ(Mox::swallowedExceptions() - inProcess, 3u);
+   EXPECT_EQ(Gpo::NotifieeConst::reactorClass.swallowedExceptions() - inClass, 3u);
 }
 
 TEST(Audits, FindAPlantedCorruption) {

@@ -1,13 +1,26 @@
+#include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010ConfigReactor.h"
+#include "entities/Cl10010Status.h"
 #include "notify/Observe.h"
 #include "siblings/GpoReactor.h"
 
 using Hardware::ClariPhy::Cl10010Config;
+using Hardware::ClariPhy::Cl10010ConfigDir;
+using Hardware::ClariPhy::Cl10010Status;
 
 void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> const& readOnly) {
    auto const a = Mox::on(port, Cl10010Config::Attr::wakeupTime, [](Cl10010Config& c) { c.refClockIs(1); });
    auto const b =
       Mox::on(readOnly, Cl10010Config::Attr::calibration, [](Cl10010Config const&, Xcvr::CfpxHostChannel) {});
+   Cl10010Status status("port", nullptr, nullptr);
+   Cl10010ConfigDir dir("config");
+   Cl10010ConfigDir const& constDir = dir;
+   for (auto it = dir.phyConfigIterator(); it; it.advance())
+      it.entry()->rollOffIs(port->rollOff());
+   for (auto const& [lane, v] : status.amplitude())
+      status.amplitudeIs(lane, v);
+   if (constDir.phyConfig("port"))
+      dir.phyConfig("port")->refClockIs(port->calibration(Xcvr::CfpxHostChannel::channel0).gain);
 #if defined(ForeignAttribute)
    auto const w = Mox::on(port, Fru::Gpo::Attr::asserted, [](Cl10010Config const&) {});
 #elif defined(NoAttribute)
@@ -22,5 +35,27 @@ void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> cons
    auto* const w = new Cl10010Config("port");
 #elif defined(NotCounted)
    auto const w = Mox::make<int>(1);
+#elif defined(ArrayBehindTheEntity)
+   status.amplitude().store(2, 1.5F);
+#elif defined(MapBehindTheEntity)
+   port->calibration().clear();
+#elif defined(MembersBehindTheEntity)
+   dir.phyConfig().clear();
+#elif defined(EntryBehindTheEntity)
+   port->calibrationIterator().entry()->valueIs({1, 2, 3});
+#elif defined(MemberOfConstEntity)
+   constDir.phyConfig("port")->refClockIs(1);
+#elif defined(IteratorOfConstEntity)
+   auto it = constDir.phyConfigIterator();
+#elif defined(AssignedScalar)
+   port->rollOff() = 0.5F;
+#elif defined(AssignedText)
+   port->name() = "another";
+#elif defined(AssignedReference)
+   port->resetUc() = nullptr;
+#elif defined(AssignedMember)
+   dir.phyConfig("port") = nullptr;
+#elif defined(AssignedValue)
+   port->calibration(Xcvr::CfpxHostChannel::channel0) = {1, 2, 3};
 #endif
 }

@@ -4,6 +4,7 @@
 #include "run/Sides.h"
 #include "run/Trace.h"
 
+#include "mox/Swallowed.h"
 #include "net/SocketException.h"
 
 #include <cerrno>
@@ -50,6 +51,7 @@ Outcome run(int argc, char** argv) {
 int main(int argc, char** argv) {
    keepStandardStreams();
    std::signal(SIGPIPE, SIG_IGN);
+   Mox::exceptionHookIs([](std::string const& text) { std::cerr << text << '\n'; });
    try {
       return static_cast<int>(run(argc, argv));
    } catch (Interrupted const& i) {

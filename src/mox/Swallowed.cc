@@ -1,0 +1,80 @@
+#include "mox/Swallowed.h"
+
+#include "core/Exceptions.h"
+#include "mox/Entity.h"
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace Mox {
+
+namespace {
+
+std::atomic<std::uint64_t> count{0};
+
+struct Word {
+   std::mutex mutex;
+   std::string last;
+   ExceptionHook hook;
+};
+
+Word& word() {
+   // Never destroyed: statics of the program may hold the last reference to an entity.
+   static auto* const theWord = ::new Word;
+   return *theWord;
+}
+
+/// What the current exception says; nothing where somebody expects it.
+std::optional<std::string> textOfCurrent() {
+   try {
+      throw;
+   } catch (Exception const& e) {
+      if (e.id() != 0 && Expect::isExpected(e.id()))
+         return std::nullopt;
+      return e.what();
+   } catch (std::exception const& e) {
+      return e.what();
+   } catch (...) {
+      return "an exception of a foreign type";
+   }
+}
+
+} // namespace
+
+void exceptionHookIs(ExceptionHook hook) {
+   word().hook = std::move(hook);
+}
+
+std::uint64_t swallowedExceptions() noexcept {
+   return count.load(std::memory_order_relaxed);
+}
+
+std::string lastSwallowedException() {
+   std::lock_guard const lock(word().mutex);
+   return word().last;
+}
+
+void detail::exceptionSwallowed(Entity const* notifier, AttributeId id) noexcept {
+   count.fetch_add(1, std::memory_order_relaxed);
+   try {
+      auto const thrown = textOfCurrent();
+      if (!thrown)
+         return;
+      std::string text;
+      if (notifier != nullptr)
+         text = notifier->fullName().str() +
+                (id == attr::zeroReferences ? " as it goes" : "." + notifier->attributeString(id).str()) + ": ";
+      text += *thrown;
+      {
+         std::lock_guard const lock(word().mutex);
+         word().last = text;
+      }
+      if (word().hook)
+         word().hook(text);
+   } catch (...) { // NOLINT(bugprone-empty-catch): the hook's own, or no memory for the words: the count tells
+   }
+}
+
+} // namespace Mox
