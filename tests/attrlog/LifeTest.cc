@@ -310,6 +310,24 @@ TEST_F(Life, AMemberThatWasReferredToBeforeItsDirectoryIsExportedIsToldOnce) {
    EXPECT_EQ(log, Log{});
 }
 
+TEST_F(Life, AnOrphanThatIsExportedLaterBecomesTheMountedRoot) {
+   auto const gpo = make<Fru::Gpo>("gpo");
+   port->resetUcIs(gpo);
+   auto const gpoThere = right.mount<Fru::Gpo>("gpo");
+   settle();
+   auto const orphan = mirror->resetUc();
+   EXPECT_NE(orphan, gpoThere);
+   auto const watch = on(mirror, Cl10010Config::Attr::resetUc, [&](Cl10010Config&) { log.push_back("told"); });
+   left.exportRoot(gpo);
+   gpo->assertedIs(true);
+   settle();
+   EXPECT_EQ(right.state("gpo"), State::live);
+   EXPECT_EQ(mirror->resetUc(), gpoThere);
+   EXPECT_TRUE(gpoThere->asserted());
+   EXPECT_EQ(log, Log{"told"});
+   EXPECT_EQ(right.demuxer().footprint().mirrored, 3u) << "the orphan is none any more";
+}
+
 /// A mirror whose owner is played by hand: mounted as slot 1, with one member.
 struct Handmade : testing::Test {
    LinkEnd end{"end"};

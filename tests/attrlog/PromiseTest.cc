@@ -98,7 +98,8 @@ struct Promise : testing::Test {
          break;
       case 6:
          if (!statuses->phyStatus().contains(name))
-            statuses->phyStatusIs(name, below(2) != 0 ? ours->phyConfigIs(name) : make<Cl10010Config>("orphan"), nullptr);
+            statuses->phyStatusIs(name, below(2) != 0 ? ours->phyConfigIs(name) : make<Cl10010Config>("orphan"),
+                                  nullptr);
          break;
       case 7:
          ours->phyConfigIs(name)->calibrationIs(CfpxHostChannel(static_cast<int>(below(16))), {below(9), 0, 0});
@@ -141,7 +142,8 @@ TEST_F(Promise, OneAttributeNeverGoesBackHoweverThePeerStalls) {
    watches.push_back(on(there, C::refClock, [&](Cl10010Config& e) { advance("refClock", e.refClock()); }));
    watches.push_back(on(there, C::calibration, [&](Cl10010Config& e, CfpxHostChannel key) {
       if (e.calibration().contains(key))
-         advance("calibration " + std::to_string(static_cast<int>(key)), static_cast<unsigned>(e.calibration(key).gain));
+         advance("calibration " + std::to_string(static_cast<int>(key)),
+                 static_cast<unsigned>(e.calibration(key).gain));
    }));
    watches.push_back(on(statusThere, S::agcGain, [&](Cl10010Status& e, Xcvr::CfpxHostLaneId key) {
       advance("gain " + std::to_string(key.number()), e.agcGain(key));
@@ -295,6 +297,38 @@ TEST_F(Promise, LiveIsToldWhenTheMirrorIsWhatTheOwnerHas) {
       EXPECT_EQ(told, 3u);
       settle();
       EXPECT_EQ(told, 3u);
+      expectSame();
+   }
+}
+
+TEST_F(Promise, LiveWaitsForTheMemberThatWaitsForAnother) {
+   auto const yours = make<Cl10010ConfigDir>("yours");
+   yours->phyConfigIs("theirs");
+   right.exportRoot(yours);
+   auto const yoursHere = left.mount<Cl10010ConfigDir>("yours");
+   connect();
+   // The one that waits stands before the other, which is announced behind a pause.
+   Name waits("one"), others("two");
+   if (bitReversed(waits.hash()) > bitReversed(others.hash()))
+      std::swap(waits, others);
+   statuses->phyStatusIs(waits, yoursHere->phyConfig("theirs"), nullptr);
+   statuses->phyStatusIs(others, port, nullptr);
+   settle();
+   expectSame();
+   for (std::size_t const mark : {Out::defaultMark, std::size_t{64}}) {
+      SCOPED_TRACE(mark);
+      cut();
+      right.exportDel(yours);
+      left.demuxer().out()->markIs(mark);
+      connect();
+      EXPECT_EQ(right.state("statuses"), State::syncing);
+      EXPECT_TRUE(statusesThere->phyStatus().contains(waits)) << "nothing is swept before the end";
+      statuses->phyStatus(others)->agcGainIs(Xcvr::CfpxHostLaneId(1), 7);
+      settle();
+      EXPECT_EQ(statusesThere->phyStatus(others)->agcGain(Xcvr::CfpxHostLaneId(1)), 7) << "the rest goes on";
+      EXPECT_EQ(right.state("statuses"), State::syncing);
+      right.exportRoot(yours);
+      settle();
       expectSame();
    }
 }
