@@ -2,6 +2,7 @@
 // are the time per item against the smallest count: about 1 is linear, 16 is quadratic. Two ends in memory, nothing between them.
 //
 //    bench-growth                       all questions; one that would take more than 30 seconds is left out ("-")
+//    bench-growth --list                their names
 //    bench-growth QUESTION COUNT        one of them once, for a profiler
 
 #include "bench/LeafReactor.h"
@@ -86,7 +87,7 @@ double orphansAgain(std::size_t n) {
       w.link.reconnect();
       w.link.settle();
    });
-   check(w.theirs->loose().members() == n, "orphans are not mirrored");
+   check(w.theirs->loose().size() == n, "orphans are not mirrored");
    return t;
 }
 
@@ -104,7 +105,7 @@ double deletedLive(std::size_t n) {
       }
       w.link.settle();
    });
-   check(w.theirs->leaf().empty() && mirror->leaf().members() == n, "deletions are not mirrored");
+   check(w.theirs->leaf().empty() && mirror->leaf().size() == n, "deletions are not mirrored");
    return t;
 }
 
@@ -129,7 +130,7 @@ double madeWhileStalled(std::size_t n) {
          w.ours->leafIs(nameOf(i));
       w.link.settle();
    });
-   check(w.theirs->leaf().members() == n, "members are not mirrored");
+   check(w.theirs->leaf().size() == n, "members are not mirrored");
    return t;
 }
 
@@ -148,6 +149,11 @@ constexpr double patience = 30;
 } // namespace
 
 int main(int argc, char** argv) {
+   if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+      for (Question const& q : questions)
+         std::printf("%s\n", q.name);
+      return 0;
+   }
    if (argc == 3) {
       for (Question const& q : questions)
          if (std::strcmp(q.name, argv[1]) == 0) {

@@ -142,6 +142,12 @@ private:
                               ", which means something else in every generated file");
             return false;
          }
+      for (auto part = parts.begin(); part != parts.end(); ++part)
+         if (std::find(parts.begin(), part, *part) != part) {
+            error(name.at, inQuotes(name.value) + " has the part " + inQuotes(*part) +
+                              " twice, so what generated code calls by it would be the inner one");
+            return false;
+         }
       if (isNestedName(parts.back()) || isEntityOperation(parts.back())) {
          error(name.at, "a class cannot be called " + inQuotes(parts.back()) +
                            ": every entity has a member of that name for another purpose");

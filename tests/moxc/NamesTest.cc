@@ -56,13 +56,15 @@ protected:
    /// Identifiers in the headers that generated classes build on, and the macros that can be seen there.
    std::set<std::string> words() const {
       std::set<std::string> found;
-      fs::path const headers[] = {
-         "core/Ptr.h",        "mox/Entity.h",           "mox/Reactor.h",    "notify/EntityReactor.h",
-         "attrlog/FlowOut.h", "attrlog/StateAdapter.h", "attrlog/LevelSa.h"};
+      EXPECT_EQ(run(folder_, "--out . Leaf.toml").errors, "");
+      std::vector<fs::path> headers{folder_ / "Leaf.h", folder_ / "LeafReactor.h", folder_ / "LeafLog.h"};
+      for (char const* const header : {"core/Ptr.h", "mox/Entity.h", "mox/Reactor.h", "notify/EntityReactor.h",
+                                       "attrlog/FlowOut.h", "attrlog/StateAdapter.h", "attrlog/LevelSa.h"})
+         headers.push_back(root / "src" / header);
       std::regex const comment("//[^\n]*");
       std::regex const word("[A-Za-z][A-Za-z0-9]*");
       for (fs::path const& header : headers) {
-         std::string const text = std::regex_replace(contents(root / "src" / header), comment, "");
+         std::string const text = std::regex_replace(contents(header), comment, "");
          for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it)
             found.insert(it->str());
       }
