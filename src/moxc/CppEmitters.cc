@@ -161,8 +161,7 @@ std::string emitClass(EntityType const& type) {
    text += '\n';
    // A message of its own, in the place of the many that an incomplete class brings forth.
    text += "   template <bool isThere> static constexpr void moxReactorHeader() {\n" +
-           wrapped(6, "static_assert(isThere, \"include \\\"" + type.stem + "Reactor.h\\\" to watch a " + type.name +
-                         "\");") +
+           wrapped(6, "static_assert(isThere, \"include " + type.stem + "Reactor.h to watch a " + type.name + "\");") +
            "   }\n\n";
    text += wrapped(3, (type.parameters.empty() ? "explicit " : "") + type.shortName + '(' +
                          constructorParameters(type) + ");");
