@@ -872,12 +872,18 @@ void Demuxer::retired(EntityId wireId) {
       releaseWaitingBelow(*entity);
 }
 
-/// The table of the peer's slots ends with one that stands for something. One that went here and not there does: what is under way
-/// may still name it.
+/// Drops the end of the table, where many slots stand for nothing; of a short one every generation stays known. One that went here
+/// and not there is no such slot: what is under way may still name it.
 void Demuxer::peerSlotsTrim() noexcept {
-   while (!peer_.empty() && !peer_.back().isUsed && !peer_.back().isOwedRetirement)
-      peer_.pop_back();
-   if (peer_.capacity() <= 64 || peer_.size() >= peer_.capacity() / 4)
+   constexpr std::size_t few = 64;
+   std::size_t end = peer_.size();
+   while (end > few && !peer_[end - 1].isUsed && !peer_[end - 1].isOwedRetirement)
+      --end;
+   // A look that finds few is a short one, and one that finds many drops them: looking each time stays cheap.
+   if (peer_.size() - end < few)
+      return;
+   peer_.resize(end);
+   if (peer_.size() >= peer_.capacity() / 4)
       return;
    try {
       std::vector<PeerSlot> fewer;

@@ -38,6 +38,8 @@ public:
    bool isKnown = true;
    /// The key was absent when it was last marked.
    bool isGone = false;
+   /// It was parked, or asked for, and has not been told since: the end of its collection waits for it.
+   bool isWoken = false;
 };
 
 /// The dirty keys of one collection, in the collection's own kind of container and so in its order.
@@ -47,6 +49,7 @@ template <class A> struct DirtyKeys {
       std::conditional_t<isHashed<A>, HashMap<Entry, typename A::Key, bool>, RbTreeMap<Entry, typename A::Key, bool>>;
    Map map;
    std::size_t gone = 0;
+   std::size_t woken = 0;
    std::optional<typename A::Key> last; ///< the key that was written last
 };
 

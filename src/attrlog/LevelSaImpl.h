@@ -106,8 +106,10 @@ template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, t
 
 template <class X> template <class A> void LevelFlow<X>::dirtyKeyDel(A a, typename A::Key const& key) {
    if (auto* const k = keys(a)) {
-      if (auto const gone = k->map.deleteMember(key); gone && gone->isGone)
-         --k->gone;
+      if (auto const deleted = k->map.deleteMember(key)) {
+         k->gone -= deleted->isGone;
+         k->woken -= deleted->isWoken;
+      }
       bitIs(haveKeys_, A::bit, !k->map.empty());
    }
 }
@@ -579,7 +581,8 @@ template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, 
    return true;
 }
 
-/// The end marker of a collection that has been walked, unless a member is parked: the sweep would delete it.
+/// The end marker of a collection that has been walked, unless a member is parked, or was and is not told yet: the sweep would delete
+/// it.
 template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& flow) {
    if (this->hasFlag(StreamAdapter::relays))
       this->withholdAll(A::id);
@@ -587,6 +590,8 @@ template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& 
       flow.isStillIs(a, true);
       return;
    }
+   if (auto const* const keys = flow.keys(a); keys != nullptr && keys->woken != 0)
+      return;
    this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
    flow.isWalkedIs(a, false);
    flow.hasSyncedIs(a, true);
@@ -688,8 +693,10 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
          // Whether the peer knew the name, nobody has noted; and it may wait for an answer, also when the name is gone before it
          // is told.
          if (auto* const keys = flowOut()->keys(a))
-            if (auto* const dirty = keys->map.find(key))
+            if (auto* const dirty = keys->map.find(key)) {
                dirty->isKnown = true;
+               keys->woken += !std::exchange(dirty->isWoken, true);
+            }
       } else {
          neededFlow().restarted(a);
       }

@@ -363,7 +363,7 @@ TEST_F(Bounds, DirtyKeysStayBelowTwiceTheMembers) {
    EXPECT_EQ(counters.collectionRestarts, 0u);
    left.demuxer().out()->markIs(Out::defaultMark);
    settle();
-   EXPECT_LT(left.demuxer().out()->recordsWritten() - records, 100u);
+   EXPECT_LT(left.demuxer().out()->recordsWritten() - records, 500u) << "ten members, each with all that it has";
    expectEqual(*ours, *mirror);
    // Names that the peer has never heard of leave none behind.
    stall();

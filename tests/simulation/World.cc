@@ -398,8 +398,8 @@ void World::audit(std::size_t port) {
       diverges("a collection is sent again for " + std::to_string(keys) + " changes");
    if (f.parked > 200)
       stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
-         if (sa.entity() != nullptr && sa.parked().size() > 200 + Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()))
-            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.parked().size()) + " parked marks");
+         if (sa.entity() != nullptr && sa.parkedCount() > 200 + Type::of(*sa.entity()).mostDirtyKeys(*sa.entity()))
+            diverges(sa.entity()->fullName().str() + " has " + std::to_string(sa.parkedCount()) + " parked marks");
       });
    if (stream.owes())
       stream.forEachAdapter([&](Entity::MoxNboAttrLogSa& sa) {
