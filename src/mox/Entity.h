@@ -139,6 +139,7 @@ public:
    using MoxNotifier = Entity;
 
    virtual void onParent() {}
+   /// Never called: no entity has a version.
    virtual void onVersion() {}
 
    Ptr<Entity const> notifier() const noexcept { return Ptr<Entity const>(rawNotifier()); }
