@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+
+// Stands in front of every source of the copy in which faults are planted: which of them this process has, by the variable
+// MOX_PLANTED. A fault asks for its name; the programs that a test starts inherit the variable.
+
+// A compiler that is only being tried, with an older standard, needs none.
+#if __cplusplus > 201703L
+
+namespace Planted {
+
+constexpr std::uint64_t number(char const* name) {
+   std::uint64_t n = 0xcbf29ce484222325u;
+   for (; *name != '\0'; ++name)
+      n = (n ^ static_cast<unsigned char>(*name)) * 0x100000001b3u;
+   return n;
+}
+consteval std::uint64_t numberOf(char const* name) {
+   return number(name);
+}
+
+inline std::uint64_t const chosen = [] {
+   char const* const name = std::getenv("MOX_PLANTED");
+   return name == nullptr ? 0 : number(name);
+}();
+
+} // namespace Planted
+
+/// No function of its own, and false where the compiler computes, so that it can stand anywhere.
+#define MOX_PLANTED(name) (!__builtin_is_constant_evaluated() && ::Planted::chosen == ::Planted::numberOf(name))
+
+#endif
