@@ -141,8 +141,11 @@ Fault readFault(fs::path const& path) {
    for (std::string line; std::getline(in, line);) {
       if (line.starts_with("--- ")) {
          std::size_t const at = line.find(" @ ");
-         fault.edits.push_back({fault.name, trimmed(line.substr(4, at == std::string::npos ? at : at - 4)),
-                                at == std::string::npos ? "" : trimmed(line.substr(at + 3)), {}, {}});
+         fault.edits.push_back({fault.name,
+                                trimmed(line.substr(4, at == std::string::npos ? at : at - 4)),
+                                at == std::string::npos ? "" : trimmed(line.substr(at + 3)),
+                                {},
+                                {}});
          isNew = false;
       } else if (!fault.edits.empty()) {
          if (line == "+++")
@@ -222,8 +225,8 @@ int run(std::vector<std::string> const& arguments) {
             locate(found->second, edit);
             files[edit.file].push_back(edit);
          }
-         std::cout << fault.name << '\t' << fs::path(fault.edits.front().file).parent_path().string() << '\t' << fault.test << '\t'
-                   << fault.what << '\n';
+         std::cout << fault.name << '\t' << fs::path(fault.edits.front().file).parent_path().string() << '\t'
+                   << fault.test << '\t' << fault.what << '\n';
       } catch (Wrong const& wrong) {
          tells(wrong);
       }
@@ -247,7 +250,11 @@ int run(std::vector<std::string> const& arguments) {
       if (!fs::exists(tree / file))
          continue;
       auto const found = texts.find(file);
-      write(tree / file, copy / file, found != texts.end() ? found->second : contents(tree / file));
+      // By the whole path, so that every reader of a planted file finds it, a test that compiles one included.
+      write(tree / file, copy / file,
+            found == texts.end()
+               ? contents(tree / file)
+               : "#include \"" + fs::absolute(copy / "tests/planted/Planted.h").string() + "\"\n" + found->second);
       wanted[file] = true;
    }
    std::vector<fs::path> old;
