@@ -102,6 +102,8 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    Bytes const hello = bytesOf(*greeted());
    Bytes record(22);
    record.insert(record.end(), {1, 3});
+   Bytes longer = record;
+   longer.insert(longer.end() - 1, 1001 - record.size(), 0);
    auto const withByte = [](Bytes b, std::size_t at, std::uint8_t byte) {
       b[at] = byte;
       return b;
@@ -113,6 +115,7 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    } const cases[] = {
       {"length above the maximum", hello + Bytes{0x1f, 0xff, 0xff, 0xff}, "536870911 bytes, at most 1000 are taken"},
       {"one above the maximum", hello + Bytes{0, 0, 0x03, 0xe9}, "1001 bytes, at most 1000 are taken"},
+      {"one above the maximum, whole", hello + rawFrame(0, longer), "1001 bytes, at most 1000 are taken"},
       {"record of nothing", hello + Bytes{0, 0, 0, 0}, "0 bytes, expected at least 24"},
       {"record without a token", hello + Bytes{0, 0, 0, 23}, "23 bytes, expected at least 24"},
       {"write without a base", hello + Bytes{0x40, 0, 0, 24}, "24 bytes, expected at least 32"},
@@ -123,7 +126,7 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
       {"wrong first token", hello + rawFrame(0, withByte(record, 22, 2)), "got 2 and 3"},
       {"wrong last token", hello + rawFrame(0, withByte(record, 23, 0)), "got 1 and 0"},
       {"second hello", hello + hello, "a second hello"},
-      {"unknown, insisted upon", hello + rawFrame(frame::controlBit, {77, 1}), "control frame 77 is unknown here"},
+      {"unknown, insisted upon", hello + rawFrame(frame::controlBit, {77, 3}), "control frame 77 is unknown here"},
       {"record before the hello", rawFrame(0, record), "expected a hello as the first frame"},
       {"foreign bytes", Bytes{'G', 'E', 'T', ' '}, "expected a hello as the first frame"},
       {"other control before the hello", rawFrame(frame::controlBit, {9, 0, 0, 0, 0, 0, 0, 0, 0, 0}), "got ping"},
@@ -150,6 +153,42 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    read(*in, hello + Bytes{0x1f, 0xff, 0xff, 0xff, 1, 2, 3});
    EXPECT_EQ(in->keptBytes(), 7u);
    EXPECT_FALSE(in->isBroken());
+}
+
+TEST(FrameReading, WhatIsHandedInMeanwhileComesBehindTheRestAlsoBehindAnException) {
+   auto out = greeted();
+   for (unsigned const n : {1u, 2u, 3u})
+      recordOf(*out, scalar(388, 4), n);
+   Bytes const stream = bytesOf(*out);
+   auto const last = std::span(stream).last(32);
+   auto in = make<In>("peer");
+   Lines frames;
+   auto const take = [&](In& f) {
+      frames.push_back(lineOf(f));
+      if (frames.size() != 2)
+         return;
+      f.queue(last);
+      throw RangeException("no");
+   };
+   EXPECT_THROW(in->consume(std::span(stream).first(stream.size() - 32), take), RangeException);
+   in->consume({}, take);
+   EXPECT_EQ(frames, (Lines{"", "#5 388: 00000001", "#5 388: 00000002", "#5 388: 00000003"}));
+}
+
+TEST(FrameReading, ASectionEndsWhereItSaysHoweverMuchOfItWasRead) {
+   auto out = greeted();
+   recordOf(*out, sized(388), Section{1}, 1u, 11u, Section{2}, 2u, Section{3}, 3u);
+   auto in = make<In>("peer");
+   in->consume(bytesOf(*out), [](In& f) {
+      if (f.isControl())
+         return;
+      for (unsigned const section : {1u, 3u}) {
+         f.nextSection(section);
+         EXPECT_EQ(f.nextU32(), section);
+      }
+      EXPECT_THROW(f.nextU32(), AttrLogRecordException);
+   });
+   EXPECT_EQ(in->recordsRead(), 1u);
 }
 
 TEST(Control, EachKindHasItsBytesAndComesBackFromThem) {
@@ -247,6 +286,35 @@ TEST(Writing, WhatFailsLeavesNoTrace) {
    EXPECT_EQ(read(*in, bytesOf(*out)), (Lines{"0 hello", "56 #5 1: 0000000a", "88 acknowledgement",
                                               "102 #5 2: 00000014", "134 acknowledgement"}));
    EXPECT_EQ(out->recordsWritten(), 2u);
+   recordOf(*out, sized(388), Section{1}, some.substr(33));
+   EXPECT_EQ(bytesOf(*out).size(), 604u) << "just what the peer takes";
+}
+
+TEST(Writing, ACutLeavesNothingOfTheConnectionBefore) {
+   auto out = greeted();
+   recordOf(*out, scalar(388, 4), 1u);
+   out->pending();
+   out->sent(60); // the record has begun
+   out->control(Ping{1});
+   out->clear();
+   auto in = make<In>();
+   // Byte by byte: only a boundary between frames lets what overtakes in.
+   auto const carried = [&] {
+      Bytes stream;
+      for (auto bytes = out->pending(); !bytes.empty(); bytes = out->pending()) {
+         stream.push_back(bytes.front());
+         out->sent(1);
+      }
+      return read(*in, stream);
+   };
+   out->control(Hello{.incarnation = 1, .name = "peer"});
+   recordOf(*out, scalar(388, 4), 2u);
+   out->control(Pong{3});
+   EXPECT_EQ(carried(), (Lines{"0 hello", "56 pong", "70 #5 388: 00000002"}));
+   EXPECT_EQ(out->recordsWritten(), 1u);
+   out->control(Pong{5});
+   out->control(Ping{4});
+   EXPECT_EQ(carried(), (Lines{"102 ping", "116 pong"}));
 }
 
 TEST(Writing, ABurstIsGivenBack) {
@@ -265,6 +333,7 @@ TEST(Writing, ABurstIsGivenBack) {
       recordOf(*out, scalar(388, 4), 1u);
    EXPECT_EQ(out->highWater(), 40000u * 32);
    EXPECT_LE(calm(6), before);
+   EXPECT_GE(out->highWater(), 40000u * 32) << "forgotten";
 }
 
 TEST(Document, ExamplesAreWhatTheWritersWrite) {

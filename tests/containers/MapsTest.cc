@@ -110,6 +110,10 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
          twin[key] = step;
          ASSERT_EQ(entry->references(), 2u);
          ASSERT_EQ(map.version(), version + 1);
+         if (present) { // what has been replaced may come back
+            ASSERT_EQ(map.insert(present), entry);
+            ASSERT_EQ(map.insert(entry), present);
+         }
       } else {
          auto const removed = random() % 2 != 0   ? map.deleteMember(key)
                               : map.contains(key) ? map.remove(*map.find(key))
@@ -180,9 +184,14 @@ TEST(HashMap, GrowsAndShrinksAndHasChangedNothingWhenItCannot) {
    }
    EXPECT_GT(refusals, 8u);
    EXPECT_EQ(map.buckets(), 4096u);
+   map.deleteMember(CfpxHostChannel{2999});
+   EXPECT_EQ(map.buckets(), 4096u) << "not to and fro";
    for (int i = 4; i < 3000; ++i)
       map.deleteMember(CfpxHostChannel{i});
    EXPECT_LE(map.buckets(), 32u) << "memory comes back after a burst";
+   map.clear();
+   map.add(Mox::make<Entry>(CfpxHostChannel{1}, 1));
+   EXPECT_EQ(map.buckets(), 2u) << "as it began";
 }
 
 TEST(MapsOfNames, AreAskedWithAnyTextWithoutMakingANameOfIt) {

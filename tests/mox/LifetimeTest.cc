@@ -164,6 +164,15 @@ TEST(DyingDeathTest, AnObjectThatSomebodyStillReferencesEndsTheProcess) {
       "destroyed while somebody references it");
 }
 
+TEST(Counting, AssigningHoldsTheNewBeforeItLetsGoOfTheOld) {
+   Log log;
+   auto entity = Ptr<Gpo>(make<LoggedGpo>("reset", log));
+   Ptr<Gpo> const& itself = entity;
+   entity = itself;
+   EXPECT_EQ(log, Log{});
+   EXPECT_EQ(entity->references(), 1u);
+}
+
 TEST(Counting, ThreadsShareObjectsInThreadSafeMode) {
    struct Mode {
       Mode() { Mox::VFPtrInterface::enableThreadSafePointers(); }

@@ -49,6 +49,14 @@ TEST(Registering, AdaptersStandAtTheHeadAndAttachingMovesWhoIsRegistered) {
    EXPECT_EQ(a->notifier(), nullptr) << "a notifier of another type counts as null";
    EXPECT_EQ(order(other), "b");
    EXPECT_EQ(other->references(), 2u);
+   b->isRegisteredNotifieeIs(false);
+   b->hasNotificationActiveIs(false);
+   b->hasNotificationActiveIs(true);
+   EXPECT_EQ(order(other), "") << "a pause registers nobody";
+   for (bool const weak : {true, false}) {
+      b->isWeakReferenceIs(weak);
+      EXPECT_EQ(other->references(), weak ? 1u : 2u);
+   }
 }
 
 TEST(Registering, AnIdleWeakReactorMovesByItself) {

@@ -46,6 +46,21 @@ TEST(UnixPath, SocketIsItsOwnersAndGoesWithIt) {
    EXPECT_TRUE(fs::exists(path)) << "the name is the second's";
    second.reset();
    EXPECT_FALSE(fs::exists(path));
+
+   std::string const longest = folder.path() + '/' + std::string(106 - folder.path().size(), 'x');
+   BoundSocket const fits(longest);
+   EXPECT_EQ(messageOf([&] { BoundSocket{longest + 'x'}; }),
+             "socket '" + longest + "x': expected a path of 1 to 107 bytes, got 108");
+}
+
+TEST(UnixPath, PrivateFolderGoesWithWhatIsInIt) {
+   std::string path;
+   {
+      PrivateFolder const folder;
+      path = folder.path();
+      fs::create_directories(path + "/below");
+   }
+   EXPECT_FALSE(fs::exists(path));
 }
 
 TEST(UnixPath, FolderOfAKilledProcessIsClearedAndNoOther) {

@@ -12,6 +12,16 @@
 #include <limits>
 #include <sstream>
 
+namespace Rack {
+
+enum class Fan : std::int32_t { unknown = -1, off = 0, on = 5 };
+constexpr auto moxEnum(Fan) {
+   using enum Fan;
+   return Mox::enumeration<Fan>("Rack::Fan", {{unknown, "unknown"}, {off, "off"}, {on, "on"}});
+}
+
+} // namespace Rack
+
 namespace {
 
 using Mox::RangeException;
@@ -64,6 +74,9 @@ TEST(Enumerations, KnowTheirNumbersAndNames) {
    EXPECT_EQ(Xcvr::CfpxHostChannelInstance(15), Xcvr::CfpxHostChannel::channel15);
    EXPECT_EQ(thrownBy<Mox::EnumException>([] { Xcvr::CfpxHostChannelInstance(16); }),
              "16 is no Xcvr::CfpxHostChannel: expected 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14 or 15");
+   EXPECT_EQ(Mox::enumInstance<Rack::Fan>(0xffffffff), Rack::Fan::unknown);
+   EXPECT_EQ(thrownBy<Mox::EnumException>([] { Mox::enumInstance<Rack::Fan>(3); }),
+             "3 is no Rack::Fan: expected -1, 0 or 5");
    EXPECT_EQ(Mox::enumOfName<Hardware::Phy::Speed>("100 Gbit/s"), Hardware::Phy::Speed::gbps100);
 }
 
