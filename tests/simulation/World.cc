@@ -434,6 +434,8 @@ void World::checkHistories() {
       if (history == nullptr)
          diverges("nobody was told of " + entity->fullName().str());
       auto const now = Type::of(*entity).snapshot(*entity, identityOf).cells;
+      if (now == history->told.cells)
+         continue;
       for (auto const* const cells : {&now, &history->told.cells})
          for (auto const& [cell, text] : *cells)
             if (std::string const told = textIn(history->told.cells, cell), is = textIn(now, cell); told != is)
