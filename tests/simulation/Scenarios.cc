@@ -245,18 +245,18 @@ void refusedWritesInAChain(Run& run) {
 }
 
 constexpr Scenario all[] = {
-   {"refused-deletion-two-announcements", refusedDeletionTwoAnnouncements, false},
-   {"deleted-and-made-again-behind-backlog", deletedAndMadeAgainBehindBacklog, false},
+   {"refused-deletion-two-announcements", refusedDeletionTwoAnnouncements, true},
+   {"deleted-and-made-again-behind-backlog", deletedAndMadeAgainBehindBacklog, true},
    {"many-deleted-behind-backlog", manyDeletedBehindBacklog},
-   {"orphan-with-too-long-name", orphanWithTooLongName, false},
-   {"few-slots", fewSlots, false},
-   {"watch-unmounts-behind-raw-replacement", watchUnmountsBehindRawReplacement, false},
-   {"toggled-while-the-target-waits", toggledWhileTheTargetWaits, false},
-   {"deleted-members-go", deletedMembersGo, false},
-   {"exported-and-closed-unread", exportedAndClosedUnread, false},
-   {"mounted-and-unmounted-unread", mountedAndUnmountedUnread, false},
-   {"many-retired-unread", manyRetiredUnread, false},
-   {"one-entity-mounted-twice", oneEntityMountedTwice, false},
+   {"orphan-with-too-long-name", orphanWithTooLongName, true},
+   {"few-slots", fewSlots, true},
+   {"watch-unmounts-behind-raw-replacement", watchUnmountsBehindRawReplacement, true},
+   {"toggled-while-the-target-waits", toggledWhileTheTargetWaits, true},
+   {"deleted-members-go", deletedMembersGo, true},
+   {"exported-and-closed-unread", exportedAndClosedUnread, true},
+   {"mounted-and-unmounted-unread", mountedAndUnmountedUnread, true},
+   {"many-retired-unread", manyRetiredUnread, true},
+   {"one-entity-mounted-twice", oneEntityMountedTwice, true},
    {"refused-writes-in-a-chain", refusedWritesInAChain, false, Shape::chain},
 };
 

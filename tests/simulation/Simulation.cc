@@ -155,16 +155,6 @@ char const* textOf(Step const& step) noexcept {
    return Run::kinds[step.kind].text;
 }
 
-std::array<Expectation, 7> expectations = {{
-   {"always", true},
-   {"contests", false},
-   {"failing-memory", false},
-   {"no-enumerators", false},
-   {"long-names", false},
-   {"few-slots", false},
-   {"few-restarts", false},
-}};
-
 std::vector<Step> stepsOf(U64 seed) {
    Words words(seed);
    unsigned all = 0;

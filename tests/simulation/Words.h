@@ -13,7 +13,15 @@ struct Expectation {
    char const* name;
    bool isMet;
 };
-extern std::array<Expectation, 7> expectations;
+inline std::array<Expectation, 7> expectations = {{
+   {"always", true},
+   {"contests", true},
+   {"failing-memory", true},
+   {"no-enumerators", true},
+   {"long-names", true},
+   {"few-slots", true},
+   {"few-restarts", true},
+}};
 inline bool plays(Expects what) noexcept {
    return expectations[static_cast<std::size_t>(what)].isMet;
 }
