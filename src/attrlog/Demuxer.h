@@ -226,7 +226,6 @@ public:
    void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.
    U64 applied() const noexcept { return applied_; }
-   U64 acknowledged() const noexcept { return acknowledged_; }
    void peerHighestSlotIs(std::uint32_t slot) noexcept { peerHighestSlot_ = slot; }
    static constexpr std::uint32_t highestSlot = 0x00ffffff;
 
