@@ -97,7 +97,7 @@ void Demuxer::cut() noexcept {
          sa.detach(); // announced again, it is bound by its name as any other
       }
    }
-   peerEnd_ = mirrored_ = 0;
+   peerEnd_ = mirrored_ = askedAnew_ = 0;
    isInHandCurrent_ = false;
    syncing_ = 0;
    // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
@@ -313,8 +313,13 @@ void Demuxer::announceWanted() {
 void Demuxer::announced(Sa& sa, bool owesEverything) {
    sa.flagIs(StreamAdapter::serializing, true);
    newIdentifiers_ = true;
-   if (owesEverything)
+   if (!owesEverything)
+      return;
+   try {
       createFlowOut(sa, attr::none);
+   } catch (std::bad_alloc const&) {
+      sa.owesAllIs(); // what has been announced is owed, whatever fails
+   }
 }
 
 namespace {
@@ -621,6 +626,14 @@ void Demuxer::wake() {
 }
 
 void Demuxer::refreshesAsk() {
+   for (std::size_t i = 0; askedAnew_ != 0 && i < peer_.size() && out_->hasSufficientBuffer(); ++i)
+      if (peer_[i].isAskedAnew) {
+         EntityId const id = EntityId::assigned(static_cast<std::uint32_t>(i), 1, peer_[i].generation);
+         out_->control(Refresh{ofPeer(id), static_cast<std::int32_t>(attr::orphan), {}});
+         peer_[i].isAskedAnew = false;
+         --askedAnew_;
+         ++counters_.refreshesAsked;
+      }
    while (!asking_.empty() && out_->hasSufficientBuffer()) {
       Sa& sa = *asking_.last();
       MarkSet& unasked = sa.notes()->unasked;
@@ -635,9 +648,17 @@ void Demuxer::refreshesAsk() {
          } catch (EnumException const&) {
             key.clear(); // nobody can be asked for such a key: the whole attribute comes, and its sweep takes the entry along
          }
-         out_->control(Refresh{sa.entityId(),
-                               static_cast<std::int32_t>(mark.attribute),
-                               {reinterpret_cast<char const*>(key.data()), key.size()}});
+         auto const ask = [&] {
+            out_->control(Refresh{sa.entityId(),
+                                  static_cast<std::int32_t>(mark.attribute),
+                                  {reinterpret_cast<char const*>(key.data()), key.size()}});
+         };
+         try {
+            ask();
+         } catch (RecordTooLong const&) {
+            key.clear(); // as above
+            ask();
+         }
          unasked.erase(unasked.begin());
          ++counters_.refreshesAsked;
       }
@@ -674,7 +695,7 @@ void Demuxer::drain() {
 }
 
 bool Demuxer::owes() const noexcept {
-   if (head_ != nullptr || !owing_.empty() || !asking_.empty() || own_.owesRetirements() || !reidentified_.empty())
+   if (head_ != nullptr || !owing_.empty() || !asking_.empty() || askedAnew_ != 0 || own_.owesRetirements() || !reidentified_.empty())
       return true;
    return newIdentifiers_ && !parked_.empty();
 }
@@ -749,6 +770,7 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
       waiting_.taken(*sa);
    sa->isOrphanIs(isOrphan);
    sa->entityIdIs(ofPeer(id));
+   sa->wasBoundIs(true);
    slot.sa = sa;
    slot.entity = Ptr<Entity>(&entity);
    slot.generation = id.generation();
@@ -770,6 +792,7 @@ Mirror Demuxer::takenFrom(PeerSlot& slot) noexcept {
    slot.sa = nullptr;
    slot.entity = nullptr;
    slot.isUsed = false;
+   askedAnew_ -= std::exchange(slot.isAskedAnew, false);
    --mirrored_;
    isInHandCurrent_ = false; // it may be this
    if (gone.sa) {
@@ -906,6 +929,17 @@ void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view 
    if (!sa || !sa->isAnnounced())
       return; // gone meanwhile; its retirement says so
    ++counters_.refreshesAnswered;
+   if (attribute == static_cast<std::int32_t>(attr::orphan)) {
+      // Under another identifier, with all that refers to it: as the member that it is, or as one without a parent.
+      Ptr<Entity> const entity(sa->entity());
+      Entity* const parent = entity->moxRawParent();
+      Ptr<Sa> const parentSa(parent == nullptr ? nullptr : adapterOf(*parent));
+      if (parentSa && !parentSa->isMirror() && parentSa->isAnnounced() && !sa->isOrphan() && !sa->isRoot())
+         parentSa->refreshAsked(Mark(entity->parentAttrId(), entity->moxName()));
+      else if (!sa->isRoot())
+         reidentify(*entity);
+      return;
+   }
    Mark mark(static_cast<AttributeId>(attribute));
    if (!key.empty()) {
       in_->readBytes(key);
@@ -995,6 +1029,7 @@ void Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
          entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to);
       sa->isRootIs(moved.sa->isRoot());
       sa->isOrphanIs(moved.sa->isOrphan());
+      sa->wasBoundIs(moved.sa->wasBound());
       sa->untoldTakenOver(*moved.sa);
       to.waiting_.add({sa, moved.entity});
       moved.sa->detach();
@@ -1041,6 +1076,12 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
       default:
          ++counters_.unknownKinds;
       }
+   } catch (std::bad_alloc const&) {
+      applicationFailed(sa, in);
+      if (header.kind == kind::childLog)
+         askedAnewIs(announcedIn(in)); // told whole again, its parent would say that it refers to what the identifier stood for
+      else
+         sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (...) {
       applicationFailed(sa, in);
       if (header.kind == kind::childLog)
@@ -1059,6 +1100,14 @@ void Demuxer::reserveAnnounced(In const& in) {
 }
 
 /// The announcement in hand could not be applied. Its identifier, where it can be one, is in use all the same.
+/// What `id` was announced for does not stand here as its owner thinks: he is asked to announce it under another identifier, and to tell
+/// again what refers to it. Without memory even to note that, the connection ends: the next one tells everything.
+void Demuxer::askedAnewIs(EntityId id) {
+   reserve(id);
+   if (!std::exchange(peer_[id.slot()].isAskedAnew, true))
+      ++askedAnew_;
+}
+
 void Demuxer::reserveFailed(EntityId id) noexcept {
    try {
       reserve(id);
@@ -1167,7 +1216,6 @@ void Demuxer::applicationFailed(Sa& sa, In& in) {
    } catch (std::bad_alloc const& e) {
       ++counters_.applicationExceptions;
       tell(e.what());
-      sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (std::exception const& e) {
       // A value that this side can't hold leaves the last good one. What a reactor throws is the application's affair: the
       // record counts as applied.
@@ -1235,6 +1283,10 @@ void Demuxer::readOrphan(In& in) {
       bindInRecord(id, *entity, true);
    } catch (ProtocolException const&) {
       throw;
+   } catch (std::bad_alloc const& e) {
+      ++counters_.applicationExceptions;
+      report(in.where() + ": orphan announcement: " + e.what());
+      askedAnewIs(announcedIn(in));
    } catch (std::exception const& e) {
       ++counters_.badValues;
       report(in.where() + ": orphan announcement: " + e.what());

@@ -142,6 +142,9 @@ public:
    /// Keeps the slot of what the peer announced and this side can't make, until it is retired.
    /// \throws ProtocolException as `checkAnnounced`
    void reserve(EntityId id);
+   /// Has the peer asked to announce what `id` stands for under another identifier, and to tell again what refers to it.
+   /// \throws ProtocolException as `checkAnnounced`
+   void askedAnewIs(EntityId id);
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
    /// The entity that `wireId` of the peer is bound to; null for none.
@@ -284,6 +287,7 @@ private:
       std::uint32_t generation = 0;
       bool isUsed = false;
       bool isOwedRetirement = false; ///< let go here, which the peer has still to learn and answer
+      bool isAskedAnew = false;      ///< its owner is still to be asked for another identifier
    };
 
    // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
@@ -343,6 +347,7 @@ private:
    std::vector<PeerSlot> peer_; ///< by slot; may end before the highest slot that the peer has used
    std::size_t peerEnd_ = 0;    ///< behind the highest slot that the peer has announced on this connection
    std::size_t mirrored_ = 0;   ///< slots in use
+   std::size_t askedAnew_ = 0;  ///< slots with `isAskedAnew`
    std::uint32_t peerHighestSlot_ = highestSlot;
    Mirror inHand_; ///< what the last record was for
    EntityId inHandId_;

@@ -845,6 +845,8 @@ void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
    this->applyingBegins(A::id);
    this->demuxer_->applicationStarts();
    put();
+   if (!isAnswer && !scope.wasSilent())
+      this->untoldToldIs(Mark(A::id, key...)); // the reactors know by now what is here, and the answer tells them no more than a difference
    if (!isOwed || !scope.wasSilent())
       return;
    if constexpr (A::isKeyed)
@@ -1001,9 +1003,13 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       member->moxMarkedForDeletionIs(false);
       // Somebody here has put another in the place of what was announced under this identifier, which others have been told to
       // refer to. The owner, who knows of one only, is asked to announce it anew.
-      if (before && before != member)
+      bool const isReplaced = before && before != member;
+      if (isReplaced)
          this->askOwner(Mark(A::id, name), true);
       demuxer.bindInRecord(id, *member);
+      // Also where no member has the name any more: others may refer to what the identifier stands for.
+      if (isReplaced)
+         demuxer.askedAnewIs(id);
    }
 }
 
@@ -1057,7 +1063,8 @@ template <class X> void LevelSa<X>::memberLeft(Mark const& m) {
    if (!visitAttribute<X>(m.attribute, [&](auto a) {
           using A = decltype(a);
           if constexpr (A::ownsMembers)
-             if (A::cell(object()).find(m.name) != nullptr)
+             // Of a mirror that is passed on, the peer may not be told that it went: its owner has not said so.
+             if (this->hasFlag(StreamAdapter::relays) || A::cell(object()).find(m.name) != nullptr)
                 this->neededNotes().successors.insert(m);
        }))
       Base::memberLeft(m);

@@ -116,7 +116,8 @@ void Sa::withholdAll(AttributeId id) {
 bool Sa::isStranger(AttributeId id, Entity const& member) const noexcept {
    Sa const* const mirror = upstream();
    // While it is being made for its owner, its own adapter comes last.
-   return mirror != nullptr && !mirror->handlingFlowInFor(id) && !mirror->isOwners(member);
+   // Before its owner has said anything at all, what is there is nobody else's either.
+   return mirror != nullptr && mirror->wasBound_ && !mirror->handlingFlowInFor(id) && !mirror->isOwners(member);
 }
 
 void Sa::relaysSettle(Entity const& entity) noexcept {

@@ -243,6 +243,9 @@ public:
    void owesAllIs() noexcept;
    bool owesAll() const noexcept { return owesAll_; }
    void owesAllDel() noexcept { owesAll_ = false; }
+   /// The peer has announced this mirror, on this connection or an earlier one.
+   bool wasBound() const noexcept { return wasBound_; }
+   void wasBoundIs(bool bound) noexcept { wasBound_ = bound; }
    /// Something on this stream refers to the entity, or has: a new identifier concerns others.
    bool isReferred() const noexcept { return isReferred_; }
    void isReferredIs(bool referred) noexcept { isReferred_ = referred; }
@@ -381,6 +384,12 @@ protected:
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->successors.erase(mark) != 0; }
    /// Whether the reactors are owed word of `mark`, which was written here and not told; forgets it.
    bool untoldTaken(NboAttrLog::Mark const& mark);
+   /// What `mark` is here has been told; what its owner will answer is still to come.
+   void untoldToldIs(NboAttrLog::Mark const& mark) noexcept {
+      if (notes_)
+         if (auto const at = notes_->untold.find(mark); at != notes_->untold.end())
+            at->second.isTold = true;
+   }
 
    // A chain: the entity is a mirror on another stream, and this adapter passes on what its owner says.
    /// The mirror's adapter, while what is written here is refused there; null where it is not.
@@ -408,6 +417,7 @@ protected:
    bool isPaused_ = false;
    bool isAwaited_ = false;
    bool isReferred_ = false;
+   bool wasBound_ = false;
    AttributeId applyingId_ = attr::none;
    EntityId memberOf_;
    ReactorLink* link_ = nullptr;

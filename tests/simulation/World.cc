@@ -426,9 +426,14 @@ void World::checkMemory() {
 }
 
 void World::checkHistories() {
-   std::vector<Ptr<Entity>> all = allMirrors();
-   for (Ptr<Entity> const& mirror : allMirrors())
-      addMembers(*mirror, all);
+   // Nobody puts right what is written to a mirror whose root is refused.
+   std::vector<Ptr<Entity>> all;
+   for (std::size_t port = 0; port < ports(); ++port)
+      for (Ptr<Entity> const& mirror : mirrors(port))
+         if (end(port).state(mirror->name()) != LinkEnd::State::refused) {
+            all.push_back(mirror);
+            addMembers(*mirror, all);
+         }
    for (Ptr<Entity> const& entity : all) {
       History const* const history = historyOf(*entity);
       if (history == nullptr)
