@@ -3,6 +3,7 @@
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/MoxType.h"
+#include "mox/Swallowed.h"
 
 #include <algorithm>
 #include <exception>
@@ -248,9 +249,22 @@ void Demuxer::writeAnnouncement(Sa& sa) {
    }
 }
 
+void Demuxer::report(std::string const& text) const noexcept {
+   try {
+      if (report_)
+         report_(text);
+   } catch (...) {
+      Mox::detail::exceptionSwallowed(nullptr, attr::none);
+   }
+}
+
 void Demuxer::mirrorRootIs(Entity& root) {
-   if (adapterOf(root) != nullptr)
-      throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
+   if (Ptr<Sa> const present{adapterOf(root)}) {
+      if (present->isMirror() || !present->isOrphan())
+         throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
+      // It was told as an entity of this process; who refers to it says so again, once its owner has announced it.
+      reidentify(root);
+   }
    TypeOperations const* const operations = logOperationsOf(root);
    if (operations == nullptr)
       throwInternalException(std::string(std::string_view(root.fwkType()->name())) + " has no attribute log");
@@ -814,6 +828,8 @@ void Demuxer::release(Mirror const& gone) noexcept {
             gone.sa->tellUntold(Mark(gone.sa->notes()->untold.begin()->first));
       } catch (std::exception const& e) {
          report("stream \"" + name() + "\": not told: " + e.what());
+      } catch (...) {
+         report("stream \"" + name() + "\": not told: an exception that is no std::exception");
       }
       gone.sa->detach();
       // Whoever still refers to it here refers to an entity of this process from now on.

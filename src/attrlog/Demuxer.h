@@ -266,10 +266,8 @@ public:
    /// Told what went wrong with one record, with stream, offset, entity and attribute: the connection goes on.
    using Report = std::function<void(std::string const&)>;
    void reportIs(Report report) { report_ = std::move(report); }
-   void report(std::string const& text) const {
-      if (report_)
-         report_(text);
-   }
+   /// What the function throws goes where reactors' exceptions go (mox/Swallowed.h): no record and no stream is at fault.
+   void report(std::string const& text) const noexcept;
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when the announced type of a root is not its mirror's.

@@ -3,6 +3,7 @@
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/MoxType.h"
+#include "mox/Swallowed.h"
 
 #include <algorithm>
 #include <array>
@@ -243,6 +244,9 @@ void LinkEnd::stateIs(Mount& mount, State state, std::string reason) {
          stateCall_(name, state);
       } catch (std::exception const& e) {
          demuxer_.report("root " + std::string(quoted(name)) + ", told that it is " + textOf(state) + ": " + e.what());
+      } catch (...) {
+         demuxer_.report("root " + std::string(quoted(name)) + ", told that it is " + textOf(state) +
+                         ": an exception that is no std::exception");
       }
    }
 }
@@ -354,6 +358,7 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
       return;
    }
    isApplying_ = true;
+   std::uint64_t const swallowed = swallowedExceptions();
    try {
       // What is told behind the last record runs reactors too, which may hand in more.
       do {
@@ -373,9 +378,14 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
       } while (!mustEnd_ && demuxer_.in()->isQueued());
    } catch (std::exception const& e) {
       failure_ = e.what();
+   } catch (...) {
+      failure_ = "an exception that is no std::exception";
    }
    demuxer_.recordsEnd();
    isApplying_ = false;
+   if (std::uint64_t const more = swallowedExceptions() - swallowed; more != 0)
+      demuxer_.report("stream " + quoted(name_) + ": while what arrived was applied, reactors threw " +
+                      std::to_string(more) + " exceptions; the last: " + lastSwallowedException());
    endIfAsked();
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/Text.h"
 #include "mox/Entity.h"
+#include "mox/Swallowed.h"
 #include "net/Carrier.h"
 #include "net/UnixPath.h"
 
@@ -183,14 +184,24 @@ void UnixServer::judge(Name const& root) {
    tell(root, standing(root).state);
 }
 
+void UnixServer::report(std::string const& text) const noexcept {
+   try {
+      if (reportTold_)
+         reportTold_(text);
+   } catch (...) {
+      detail::exceptionSwallowed(nullptr, attr::none);
+   }
+}
+
 void UnixServer::tell(Name const& root, LinkEnd::State state) {
    if (std::exchange(find(root)->told, state) == state || !stateTold_)
       return;
    try {
       stateTold_(root, state);
    } catch (std::exception const& e) {
-      if (reportTold_)
-         reportTold_("root " + quoted(root) + ", told that it is " + textOf(state) + ": " + e.what());
+      report("root " + quoted(root) + ", told that it is " + textOf(state) + ": " + e.what());
+   } catch (...) {
+      report("root " + quoted(root) + ", told that it is " + textOf(state) + ": an exception that is no std::exception");
    }
 }
 
@@ -271,10 +282,7 @@ void UnixServer::flush() {
 UnixServer::Peer& UnixServer::newPeer() {
    auto peer = std::make_unique<Peer>(name_);
    LinkEnd& end = peer->end;
-   end.onReport([this](std::string const& text) {
-      if (reportTold_)
-         reportTold_(text);
-   });
+   end.onReport([this](std::string const& text) { report(text); });
    for (auto const& root : exported_)
       end.exportRoot(root);
    for (Mount& mount : mounts_) {

@@ -105,6 +105,7 @@ private:
    void judge(Name const& root);
    using SocketLoop::tell;
    void tell(Name const& root, LinkEnd::State state);
+   void report(std::string const& text) const noexcept;
    void askAll(Mount& mount);
    bool opens(LinkEnd& end, Name const& root);
 

@@ -493,8 +493,10 @@ void Run::settleAndCompare(char const* when) {
    for (Link const& link : links_)
       for (std::size_t side = 0; side < 2; ++side)
          compare({link.worlds[side], link.ports[side]}, {link.worlds[1 - side], link.ports[1 - side]}, link);
+   bool const isLimited =
+      std::any_of(links_.begin(), links_.end(), [](Link const& link) { return link.longestFrame != 0; });
    for (World& world : worlds_)
-      world.checkHistories();
+      world.checkHistories(isLimited);
 }
 
 void Run::finish() {
@@ -571,9 +573,8 @@ void Run::compareEntities(View owner, Entity& truth, View mirror, Entity& copy, 
    // Behind few identifiers a root may be refused, and what belongs to it travels without it.
    auto const pathIn = [&](View view) {
       return [this, view](Entity const* e) {
-         std::string const whole = view.world->pathOf(e, view.port);
-         std::string const last = whole.substr(whole.rfind('/') + 1);
-         return !isShort_ ? whole : last == "%" ? "" : last;
+         std::string const text = view.world->pathOf(e, view.port);
+         return isShort_ && text != "null" ? e->name().str() : text;
       };
    };
    Snapshot const ours = Type::of(truth).snapshot(truth, pathIn(owner));

@@ -92,7 +92,8 @@ public:
    void checkMemory();
    /// What must hold at any time, and costs little to ask.
    void audit();
-   void checkHistories();
+   /// \param isLimited whether a peer takes short records only
+   void checkHistories(bool isLimited);
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
    std::string const& lastReport() const noexcept { return report_; }

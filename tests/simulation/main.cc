@@ -97,6 +97,8 @@ int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
 
 /// Plays the scenario of that name, or all that the library passes; or all that it doesn't pass yet.
 int playScenarios(std::string const& name, bool playsPending) {
+   // A scenario changes entities by itself: how often, nobody counts.
+   expectations[static_cast<std::size_t>(Expects::fewRestarts)].isMet = false;
    std::size_t played = 0, failed = 0;
    for (Scenario const& scenario : scenarios()) {
       if (name.empty() ? scenario.isMet == playsPending : scenario.name != name)
