@@ -768,6 +768,9 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
       return;
    letGo_.reserve(letGo_.size() + 1);
    Ptr<Sa> sa(adapterOf(entity));
+   // Only its mount gives and takes a root's identifier: without it, nothing here would know the root for a mirror any more.
+   if ((slot.sa && slot.sa->isRoot()) || (sa && sa->isRoot() && (slot.isUsed || sa->entityId().isAssigned())))
+      throw ProtocolException(in_->where() + ": announced " + textOf(id) + ": the identifier of a root, or of what is one already");
    if (sa && sa->entityId().isAssigned()) {
       // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
       reidentified(*sa, entity);
@@ -899,6 +902,12 @@ void Demuxer::retired(EntityId wireId) {
       return;
    }
    Ptr<Entity> const entity = slot->entity;
+   if (slot->sa && slot->sa->isRoot() && rootRetired_) {
+      rootRetired_(*entity);
+      if (wireId.slot() < peer_.size() && peer_[wireId.slot()].generation == wireId.generation())
+         peer_[wireId.slot()].isOwedRetirement = false;
+      return;
+   }
    if (Entity const* const parent = entity ? entity->moxRawParent() : nullptr)
       // The retirement has overtaken the loss of the member, which is still told: that it has gone, or that its name is another's
       // now.

@@ -68,6 +68,8 @@ public:
    /// Something that `sa` has to tell needs an identifier, and none is left: counts it and, once per connection, reports it. The
    /// root that it belongs to can't be told any more.
    void limitReached(Sa& sa);
+   /// Told of a mounted root whose owner has retired its identifier, instead of letting its mirrors go: the mount goes on.
+   void rootRetiredIs(std::function<void(Entity& root)> told) { rootRetired_ = std::move(told); }
    /// Told of each such root, once, at the end of the drain that met it.
    void limitReachedIs(std::function<void(Entity& root)> told) { limitReached_ = std::move(told); }
    /// The identifier under which a reference to `target` travels now. Announces it first where this side must: as a member of
@@ -130,7 +132,7 @@ public:
          letGo();
    }
    /// Binds the peer's identifier to an entity of this process. What the identifier stood for is let go last: that runs reactors,
-   /// which may do anything here.
+   /// which may do anything here. \throws ProtocolException where a root would lose its identifier by that
    void bind(EntityId id, Entity& entity) {
       bindInRecord(id, entity);
       releasePending();
@@ -371,6 +373,7 @@ private:
    Report report_;
    std::function<void(Sa&)> mismatch_;
    std::function<void(Entity&)> limitReached_;
+   std::function<void(Entity&)> rootRetired_;
    std::vector<MoxType const*> reportedTypes_;
 };
 

@@ -72,6 +72,13 @@ LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
    : name_(name), incarnation_(incarnation != 0 ? incarnation : processIncarnation()), demuxer_(std::string(name)) {
    demuxer_.mismatchIs([this](Demuxer::Sa& sa) { mismatched(sa); });
    demuxer_.limitReachedIs([this](Entity& root) { rootLimited(root); });
+   demuxer_.rootRetiredIs([this](Entity& root) {
+      for (Mount const& mount : mounts_)
+         if (mount.mirror == &root) {
+            mirrorEnds(mount.handle, State::stale, "its owner exports it no more");
+            return;
+         }
+   });
 }
 
 LinkEnd::~LinkEnd() = default;
@@ -254,7 +261,8 @@ void LinkEnd::stateIs(Mount& mount, State state, std::string reason) {
 /// The owner tells the root no more. The mirror keeps what it has, and waits to be opened again.
 void LinkEnd::mirrorEnds(std::uint32_t handle, State state, std::string reason) {
    Mount* at = findHandle(handle);
-   if (std::exchange(at->isOpen, false) && at->mirror) {
+   // A refusal is the owner's last word: what waited since an earlier connection waits no more.
+   if ((std::exchange(at->isOpen, false) || state == State::refused) && at->mirror) {
       Ptr<Entity> const mirror = at->mirror;
       demuxer_.forgetMirrors(mirror.get());
       // What went may have run reactors that unmounted the root.

@@ -441,7 +441,7 @@ void World::checkHistories(bool isLimited) {
       auto const now = Type::of(*entity).snapshot(*entity, identityOf).cells;
       if (now == history->told.cells)
          continue;
-      // Where the owner's value is too long for this side, what is written here is never answered.
+      // Where the owner's value can't be sent, what is written here is never answered.
       if (auto const* const sa = Entity::MoxNboAttrLogSa::mirrorAdapterOf(*entity);
           isLimited && sa != nullptr && sa->hasUntold())
          continue;

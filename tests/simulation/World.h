@@ -92,7 +92,7 @@ public:
    void checkMemory();
    /// What must hold at any time, and costs little to ask.
    void audit();
-   /// \param isLimited whether a peer takes short records only
+   /// \param isLimited whether a peer takes short records only, or somebody holds what can't be sent
    void checkHistories(bool isLimited);
    /// Entities that still live although nobody should hold them.
    std::size_t survivors() const;
