@@ -17,12 +17,8 @@ TEST(ForeignThrow, OfOneWhoIsToldOfAStateIsReported) {
       {
          LinkEnd end("end");
          auto const mirror = end.mount<Cl10010ConfigDir>("config");
-         end.onState([](Name const&, LinkEnd::State) { throw 42; });
-         try {
-            end.connected();
-         } catch (int) {
-         }
          Peer peer(end);
+         end.onState([](Name const&, LinkEnd::State) { throw 42; });
          peer.grant(1, Peer::id(1));
          peer.announce("Hardware::ClariPhy::Cl10010ConfigDir", "config", Peer::id(1));
          peer.record(Peer::id(1), 135, 1u);
