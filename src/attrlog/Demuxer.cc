@@ -188,7 +188,17 @@ bool Demuxer::isUnderAnnounced(Entity const& entity) const noexcept {
    return false;
 }
 
+unsigned Demuxer::depthOf(Entity const& entity) noexcept {
+   unsigned depth = 0;
+   for (Entity const* e = entity.moxRawParent(); e != nullptr && depth <= frame::maximumDepth; e = e->moxRawParent())
+      ++depth;
+   return depth;
+}
+
 void Demuxer::announce(Entity& entity) {
+   if (depthOf(entity) > frame::maximumDepth) // before the way up, which is as deep
+      throw RecordTooLong(std::string(std::string_view(entity.moxName())) + " lies below more than " +
+                          std::to_string(frame::maximumDepth) + " others, and can't be announced");
    Entity* const parent = entity.moxRawParent();
    // A mirror's collection is its owner's affair: what somebody here has put into it is none of its members to others.
    Sa const* const mirror = parent == nullptr ? nullptr : Sa::mirrorAdapterOf(*parent);
@@ -1252,6 +1262,24 @@ void Demuxer::applicationFailed(Sa& sa, In& in) {
    }
 }
 
+/// Why `mirror` can't be what is announced as an entity of the types in `chain`, with the constructor parameters that come next in
+/// `in`; empty where it can.
+std::string Demuxer::mismatchOf(Entity const& mirror, std::vector<std::string_view> const& chain, In& in) {
+   std::string_view const type(mirror.fwkType()->name());
+   if (std::find(chain.begin(), chain.end(), type) == chain.end())
+      return "expected an entity of type " + std::string(type) + ", the owner's is of type " +
+             std::string(chain.empty() ? "(none)" : chain.front());
+   TypeOperations const& operations = *logOperationsOf(mirror);
+   if (operations.parametersMatch == nullptr || operations.parameters == 0)
+      return {};
+   try {
+      if (operations.parametersMatch(mirror, in, *this))
+         return {};
+   } catch (AttrLogEntityException const&) { // one of them is of another type
+   }
+   return "the mirror was made with other constructor parameters than its owner's " + std::string(type);
+}
+
 void Demuxer::readOrphan(In& in) {
    EntityId id;
    try {
@@ -1277,11 +1305,11 @@ void Demuxer::readOrphan(In& in) {
       }
       checkAnnounced(id);
       if (PeerSlot* const slot = peerSlot(id)) {
-         // A root, bound when it was mounted: its mirror must be of an announced type.
+         // A root, bound when it was mounted.
          if (Ptr<Sa> const sa = slot->sa; sa && mismatch_) {
-            std::string_view const mirror(sa->entity()->fwkType()->name());
-            if (std::find(chain.begin(), chain.end(), mirror) == chain.end())
-               mismatch_(*sa);
+            in.positionIs(parameters);
+            if (std::string const reason = mismatchOf(*sa->entity(), chain, in); !reason.empty())
+               mismatch_(*sa, reason);
          }
          return;
       }

@@ -144,6 +144,8 @@ public:
    /// Keeps the slot of what the peer announced and this side can't make, until it is retired.
    /// \throws ProtocolException as `checkAnnounced`
    void reserve(EntityId id);
+   /// How many parents `entity` has, as far as `frame::maximumDepth + 1`.
+   static unsigned depthOf(Entity const& entity) noexcept;
    /// Has the peer asked to announce what `id` stands for under another identifier, and to tell again what refers to it.
    /// \throws ProtocolException as `checkAnnounced`
    void askedAnewIs(EntityId id);
@@ -272,8 +274,9 @@ public:
    void report(std::string const& text) const noexcept;
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
-   /// Told when the announced type of a root is not its mirror's.
-   void mismatchIs(std::function<void(Sa&)> mismatch) { mismatch_ = std::move(mismatch); }
+   /// Told when a root is announced that its mirror can't be, with the reason: it is of another type, or was made with other
+   /// constructor parameters.
+   void mismatchIs(std::function<void(Sa&, std::string const& reason)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.
    U64 applied() const noexcept { return applied_; }
    void peerHighestSlotIs(std::uint32_t slot) noexcept { peerHighestSlot_ = slot; }
@@ -298,6 +301,7 @@ private:
    void writeAnnouncement(Sa& sa);
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
+   std::string mismatchOf(Entity const& mirror, std::vector<std::string_view> const& chain, In& in);
    void readOrphan(In& in);
    void reserveAnnounced(In const& in);
    void reserveFailed(EntityId id) noexcept;
@@ -371,7 +375,7 @@ private:
    std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
    Counters counters_;
    Report report_;
-   std::function<void(Sa&)> mismatch_;
+   std::function<void(Sa&, std::string const&)> mismatch_;
    std::function<void(Entity&)> limitReached_;
    std::function<void(Entity&)> rootRetired_;
    std::vector<MoxType const*> reportedTypes_;

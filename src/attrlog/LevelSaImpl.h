@@ -240,12 +240,15 @@ template <class X> template <class A, class... Key> void LevelSa<X>::changedOthe
    if (this->hasFlag(StreamAdapter::inert))
       return;
    if (this->handlingFlowInFor(A::id)) {
+      struct End {
+         LevelSa& self;
+         ~End() { self.applyingConsumed(); } // also where there is no memory to bind it: it has been told
+      } const end{*this};
       // The new member gets its adapter before any other reactor can write to it.
       if constexpr (A::ownsMembers)
          if (auto const* const anchor = this->demuxer_->anchor(); anchor != nullptr && anchor->isFor(*this, key...))
             if (auto* const member = A::cell(object()).find(key...))
                this->demuxer_->bindInRecord(anchor->id(), *member);
-      this->applyingConsumed();
       return;
    }
    if (this->hasFlag(StreamAdapter::suppressed) || !this->hasFlag(StreamAdapter::serializing) || this->isPaused() ||
@@ -407,6 +410,9 @@ template <class X>
 template <class A>
 Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child) {
    Demuxer& demuxer = *this->demuxer_;
+   if (Demuxer::depthOf(*child) > frame::maximumDepth)
+      throw RecordTooLong("\"" + std::string(std::string_view(child->moxName())) + "\" lies below more than " +
+                          std::to_string(frame::maximumDepth) + " others");
    Ptr<Entity::MoxNboAttrLogSa> sa(demuxer.adapterOf(*child));
    if (sa && sa->isOrphan()) {
       // It was announced before it had a parent here. The peer can't move that object into a collection: a new one takes its
@@ -963,6 +969,9 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       return;
    }
    demuxer.checkAnnounced(id);
+   if (Demuxer::depthOf(object()) >= frame::maximumDepth)
+      throw ProtocolException(in.where() + ": a member below " + std::to_string(frame::maximumDepth) +
+                              " others; deeper ones are not taken");
    auto& cell = A::cell(object());
    bool const wasRetired = this->retiredTaken(Mark(A::id, name));
    if (auto* const present = cell.find(name))

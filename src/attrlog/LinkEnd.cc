@@ -70,7 +70,7 @@ U64 LinkEnd::processIncarnation() {
 
 LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
    : name_(name), incarnation_(incarnation != 0 ? incarnation : processIncarnation()), demuxer_(std::string(name)) {
-   demuxer_.mismatchIs([this](Demuxer::Sa& sa) { mismatched(sa); });
+   demuxer_.mismatchIs([this](Demuxer::Sa& sa, std::string const& reason) { mismatched(sa, reason); });
    demuxer_.limitReachedIs([this](Entity& root) { rootLimited(root); });
    demuxer_.rootRetiredIs([this](Entity& root) {
       for (Mount const& mount : mounts_)
@@ -273,16 +273,10 @@ void LinkEnd::mirrorEnds(std::uint32_t handle, State state, std::string reason) 
    stateIs(*at, state, std::move(reason));
 }
 
-/// The record in hand announces the root of `sa` as an entity of a type that its mirror is not of.
-void LinkEnd::mismatched(Demuxer::Sa& sa) {
-   // Its body begins with a section of type names: number, length, and of each name length and bytes.
-   auto const body = demuxer_.in()->body();
-   std::size_t const size = loadBigEndian<std::uint16_t>(body.data() + 5);
-   std::string const theirs(reinterpret_cast<char const*>(body.data() + 7), size);
+/// The record in hand announces the root of `sa` as something that its mirror is not.
+void LinkEnd::mismatched(Demuxer::Sa& sa, std::string const& reason) {
    for (Mount& mount : mounts_)
       if (mount.mirror == sa.entity()) {
-         std::string const reason =
-            "expected an entity of type " + textOfType(*mount.mirror) + ", the owner's is of type " + theirs;
          std::string const told = demuxer_.in()->where() + ": root " + std::string(quoted(mount.name)) + ": " + reason;
          stateIs(mount, State::mismatch, reason);
          demuxer_.report(told); // last: who is told may unmount

@@ -38,7 +38,7 @@ public:
       live,        ///< told whole; changes follow as they happen
       stale,       ///< the stream has ended, or the owner exports it no more: the mirror keeps what it had
       refused,     ///< the owner does not grant it, or can't go on telling it: the mirror keeps what it had
-      mismatch,    ///< the owner's root is of another type than the mirror
+      mismatch,    ///< the owner's root is of another type than the mirror, or was made with other constructor parameters
       notExported, ///< the peer exports no root of that name; once it does, the mirror goes on to `syncing`
    };
    using StateCall = std::function<void(Name const& root, State state)>;
@@ -187,7 +187,7 @@ private:
    void withdraw(Mount const& mount);
    void stateIs(Mount& mount, State state, std::string reason = {});
    void mirrorEnds(std::uint32_t handle, State state, std::string reason);
-   void mismatched(NboAttrLog::Demuxer::Sa& sa);
+   void mismatched(NboAttrLog::Demuxer::Sa& sa, std::string const& reason);
 
    void endIfAsked();
    void settleControl();

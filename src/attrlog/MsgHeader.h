@@ -70,6 +70,8 @@ inline constexpr std::size_t headerSize = 22;
 inline constexpr std::size_t tokensSize = 2;
 inline constexpr std::size_t controlHeadSize = 2; ///< kind and flags
 
+/// How deep entities may be nested in what travels, a root or an orphan being 0: who is told walks up to it.
+inline constexpr unsigned maximumDepth = 256;
 /// Longest hello, and the least maximum that a peer may state. Bytes after the length word.
 inline constexpr std::uint32_t maximumHello = 512;
 /// Maximum that a stream goes by until it is told another. Bytes after the length word.

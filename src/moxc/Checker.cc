@@ -431,6 +431,10 @@ private:
             error(name.at, inQuotes(name.value) + " cannot be a member of " + phrase(attribute) +
                               ": its schema has no member = " + inQuotes(attribute.kind->memberLink()));
             diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
+         } else if (isMember && attribute.owner->log && !attribute.entity->log) {
+            error(name.at, inQuotes(name.value) + " has log = false, but " + phrase(attribute) + " of " +
+                              inQuotes(attribute.owner->name) + ", which has a log, announces its members");
+            diagnostics_.note(entity->second.decl->name.at, inQuotes(name.value) + " is defined here");
          }
       } else if (auto const value = values_.find(name.value); value != values_.end()) {
          attribute.value = value->second.first;
