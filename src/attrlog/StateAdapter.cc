@@ -125,7 +125,9 @@ void Sa::relaysSettle(Entity const& entity) noexcept {
    findAdapter(entity, [&](Sa& sa) {
       if (!sa.isMirror() && sa.hasFlag(relays) != isMirrored) {
          sa.flagIs(relays, isMirrored);
-         if (sa.demuxer_ != nullptr)
+         // What was withheld for the mirror's sake may go on where it is none any more. Not where it becomes one: an adapter that is
+         // made for an attempt, and goes with it, would wake that attempt again for ever.
+         if (!isMirrored && sa.demuxer_ != nullptr)
             sa.demuxer_->parkedMayGoOn();
       }
       return false;
