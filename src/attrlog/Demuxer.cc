@@ -261,11 +261,27 @@ void Demuxer::writeAnnouncement(Sa& sa) {
 
 void Demuxer::report(std::string const& text) const noexcept {
    try {
-      if (report_)
+      if (!report_)
+         return;
+      if (!isDraining_)
          report_(text);
+      else if (reports_.size() < mostReports)
+         reports_.push_back(text);
+      else
+         ++unreported_;
    } catch (...) {
       Mox::detail::exceptionSwallowed(nullptr, attr::none);
    }
+}
+
+/// Says what has been kept back: who is told may end what the drain was in the middle of telling.
+void Demuxer::reportsTell() noexcept {
+   if (reports_.empty())
+      return;
+   for (std::string const& text : std::exchange(reports_, {}))
+      report(text);
+   if (std::size_t const more = std::exchange(unreported_, 0); more != 0)
+      report("stream \"" + name() + "\": " + std::to_string(more) + " more of what could not be told");
 }
 
 void Demuxer::mirrorRootIs(Entity& root) {
@@ -694,6 +710,11 @@ void Demuxer::refreshesAsk() {
 void Demuxer::drain() {
    if (isDraining_ || !isOpen_)
       return;
+   drainNow();
+   reportsTell();
+}
+
+void Demuxer::drainNow() {
    struct Scope {
       bool& flag;
       explicit Scope(bool& f) : flag(f) { flag = true; }

@@ -270,7 +270,8 @@ public:
    /// Told what went wrong with one record, with stream, offset, entity and attribute: the connection goes on.
    using Report = std::function<void(std::string const&)>;
    void reportIs(Report report) { report_ = std::move(report); }
-   /// What the function throws goes where reactors' exceptions go (mox/Swallowed.h): no record and no stream is at fault.
+   /// What the function throws goes where reactors' exceptions go (mox/Swallowed.h): no record and no stream is at fault. During a
+   /// drain it is kept until the end of that, the first 64 in words.
    void report(std::string const& text) const noexcept;
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
@@ -319,6 +320,8 @@ private:
    void wake();
    void refreshesAsk();
    void limitsTell();
+   void drainNow();
+   void reportsTell() noexcept;
    bool step(FlowOut& flow);
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
@@ -375,6 +378,9 @@ private:
    std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
    Counters counters_;
    Report report_;
+   static constexpr std::size_t mostReports = 64;
+   mutable std::vector<std::string> reports_; ///< of the drain that runs
+   mutable std::size_t unreported_ = 0;       ///< that came behind those
    std::function<void(Sa&, std::string const&)> mismatch_;
    std::function<void(Entity&)> limitReached_;
    std::function<void(Entity&)> rootRetired_;

@@ -202,6 +202,9 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    [[maybe_unused]] bool const isSuccessor = this->successorTaken(Mark(A::id, key));
    if (present == nullptr && before != nullptr && !before->isKnown) {
       flow.dirtyKeyDel(a, key);
+      // Nor does it wait for anything any more, and its collection not for it.
+      this->parkedDel(Mark(A::id, key));
+      flow.isStillIs(a, false);
       return;
    }
    DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
@@ -649,6 +652,8 @@ template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flo
          flow.dirtyKeyDel(a, key);
       else
          this->parkedIs(flow, Mark(A::id, key)); // what it waits for may wait for a member behind it
+      if (this->flow_.get() != &flow)
+         return false; // the adapter has gone meanwhile
       entry = cell.next(*current);
       if (entry != nullptr && !demuxer.continueFlowOut()) {
          flow.moxFlowOutBookmarkEnq(Mark(A::id, entry->fwkKey()));

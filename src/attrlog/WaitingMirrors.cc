@@ -26,8 +26,7 @@ Mirror WaitingMirrors::taken(Sa& sa) noexcept {
    }
    mirrors_.pop_back();
    if (sa.isOrphan()) {
-      auto const [first, last] = orphans_.equal_range(mirror.entity->moxName());
-      for (auto at = first; at != last; ++at)
+      for (auto at = orphans_.find(mirror.entity->moxName()); at != orphans_.end(); ++at)
          if (at->second == &sa) {
             orphans_.erase(at);
             break;

@@ -42,8 +42,8 @@ public:
    }
    /// Whether `is(sa)` holds for an orphan of that name; the first for which it does, or null.
    template <class Predicate> Sa* orphan(Name const& name, Predicate is) const {
-      auto const [first, last] = orphans_.equal_range(name);
-      for (auto at = first; at != last; ++at)
+      // Not `equal_range`, which walks all of that name to find their end.
+      for (auto at = orphans_.find(name); at != orphans_.end() && at->first == name; ++at)
          if (is(*at->second))
             return at->second;
       return nullptr;

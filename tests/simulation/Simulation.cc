@@ -480,9 +480,10 @@ void Run::settleAndCompare(char const* when) {
          auto f = world.demuxer(port).footprint();
          for (Ptr<Entity> const& mirror : world.mirrors(port)) {
             auto const state = world.end(port).state(mirror->name());
-            if (state == LinkEnd::State::refused)
+            if (state == LinkEnd::State::refused) {
                --f.waiting; // to be opened again some day
-            else if (state != LinkEnd::State::live)
+               f.parked = 0; // so long, what is made with a reference to it can't be told
+            } else if (state != LinkEnd::State::live)
                world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
          }
          if (owed(f) != 0)
@@ -535,6 +536,15 @@ void Run::finish() {
 
 void Run::compare(View owner, View mirror, Link const& link) {
    auto const& exports = owner.world->exports(owner.port);
+   // Where the mirror's own roots are refused, what its owner makes with references to them can't be told.
+   auto const isRefused = [](View view) {
+      auto const& all = view.world->mirrors(view.port);
+      return std::any_of(all.begin(), all.end(), [&](Ptr<Entity> const& root) {
+         return view.world->end(view.port).state(root->name()) == LinkEnd::State::refused;
+      });
+   };
+   if (link.highestSlot != 0 && isRefused(owner))
+      return;
    for (std::size_t which = 0; which < exports.size(); ++which) {
       // Behind few identifiers a root may be refused: its mirror keeps what it had.
       if (mirror.world->end(mirror.port).state(exports[which]->moxName()) == LinkEnd::State::refused) {
