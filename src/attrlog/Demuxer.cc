@@ -1492,21 +1492,21 @@ std::string Demuxer::auditLists() const {
    std::size_t asking = 0;
    std::string found;
    auto const look = [&](Sa const& sa, bool hasIdentifier) {
-      std::string const whose = std::string(std::string_view(Entity::fullNameOf(sa.entity())));
+      auto const whose = [&] { return Entity::fullNameOf(sa.entity()).str(); };
       if (sa.owesAll() && !sa.isPaused() && hasIdentifier && !AdapterQueue::isQueued(sa))
-         found = whose + " owes everything and nobody knows";
+         found = whose() + " owes everything and nobody knows";
       Notes const* const notes = sa.notes();
       if (notes == nullptr)
          return;
       parked += notes->parkedAt != Notes::unlisted;
       asking += notes->askingAt != Notes::unlisted;
       if (!notes->parked.empty() && notes->parkedAt == Notes::unlisted && !sa.owesAll())
-         found = whose + " has parked marks that nobody will wake";
+         found = whose() + " has parked marks that nobody will wake";
       if (!notes->unasked.empty() && notes->askingAt == Notes::unlisted && hasIdentifier && !sa.owesAll())
-         found = whose + " has marks that the owner will never be asked for";
+         found = whose() + " has marks that the owner will never be asked for";
       for (Mark const& mark : notes->unasked)
          if (!notes->untold.contains(mark))
-            found = whose + " asks for a mark that it is not owed";
+            found = whose() + " asks for a mark that it is not owed";
    };
    for (std::size_t i = 0; i < own_.size(); ++i)
       if (Sa const* const sa = own_.at(i))

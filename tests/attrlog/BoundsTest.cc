@@ -404,8 +404,9 @@ TEST_F(Bounds, DirtyKeysStayBelowTwiceTheMembers) {
 }
 
 TEST_F(Bounds, WhateverIsOwedAtOnceTheBufferTakesOneGroupAboveItsMark) {
-   constexpr int many = 5000;
+   constexpr int many = 1000;
    auto& out = *left.demuxer().out();
+   out.markIs(4096);
    auto const statuses = make<Cl10010StatusDir>("statuses");
    left.exportRoot(statuses);
    auto const statusesThere = right.mount<Cl10010StatusDir>("statuses");
