@@ -8,6 +8,7 @@
 #include "siblings/EthPhyIntfStatus.h"
 #include "support/Ends.h"
 #include "support/Thrown.h"
+#include "support/Told.h"
 
 #include <gtest/gtest.h>
 
@@ -181,6 +182,32 @@ TEST(Edges, WhatIsAskedOfAnOwnerThatDoesNotReadStaysBelowTheMark) {
       link.settle();
       expectEqual(*dir, *there);
    }
+}
+
+TEST(Edges, ARefusedWriteOfAMovingMirrorIsStillTold) {
+   Log log;
+   LinkEnd store("store"), owner("owner");
+   auto const root = store.mount<Cl10010ConfigDir>("moved");
+   auto const sender = make<Cl10010ConfigDir>("moved");
+   LinkEnd peer("peer");
+   peer.exportRoot(sender);
+   sender->phyConfigIs("port")->refClockIs(1);
+   store.connected();
+   peer.connected();
+   settleEnds(store, peer);
+   auto const member = root->phyConfig("port");
+   ASSERT_TRUE(member);
+   EXPECT_THROW(member->refClockIs(5), ReadOnlyException);
+   store.peerGone("cut");
+   peer.peerGone("cut");
+   auto const watch = on(member, Cl10010Config::Attr::refClock, [&](Cl10010Config&) { log.push_back("told"); });
+   store.mountMove("moved", owner);
+   owner.connected();
+   peer.connected();
+   sender->phyConfig("port")->refClockIs(5); // what was written here: the reactors have not heard of it
+   settleEnds(owner, peer);
+   EXPECT_EQ(member->refClock(), 5u);
+   EXPECT_EQ(log, Log{"told"});
 }
 
 } // namespace
