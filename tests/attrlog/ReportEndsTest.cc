@@ -27,7 +27,7 @@ TEST(ReportEnds, TheRootWhoseMembersAreBeingTold) {
       peer.out->control(Mount{1, MountMode::readOnly, "config"});
       peer.tell();
       peer.heard();
-      EXPECT_EQ(told, 1);
+      EXPECT_GE(told, 1);
       EXPECT_EQ(end.demuxer().audit(), "");
    }
 }

@@ -48,12 +48,35 @@ TEST(Snapshot, NestedPassesOverALongListKeepTheirPlacesAndLeaveNothingBehind) {
    }
 }
 
+TEST(Snapshot, ALongerPassBehindNestedOnesHasRoomForAll) {
+   using List = Mox::ListRaw<Watcher>;
+   List list;
+   std::vector<Ptr<Watcher>> held;
+   auto const grow = [&](std::size_t to) {
+      while (held.size() < to) {
+         held.push_back(Mox::make<Watcher>(held.size()));
+         list.pushBack(*held.back());
+      }
+   };
+   for (std::size_t const length : {1000u, 3000u, 100000u}) {
+      grow(length);
+      for (Mox::SnapshotIterator<List> outer(list); outer; outer.advance())
+         if (outer->id == 1)
+            for (Mox::SnapshotIterator<List> inner(list); inner; inner.advance())
+               ASSERT_EQ(inner->id, inner.position());
+   }
+   for (auto const& w : held)
+      list.unlink(*w);
+}
+
 TEST(LinkedQueue, CopiesReferToTheSameObjectsInOrder) {
    auto const a = Mox::make<Watcher>(1u), b = Mox::make<Watcher>(2u);
    Mox::LinkedQueue<Watcher> queue, other;
    for (auto const& w : {a, b, a})
       queue.push(w);
+   other.push(b); // goes
    other = queue;
+   EXPECT_EQ(other.size(), 3u);
    EXPECT_TRUE(other.remove(*a));
    EXPECT_TRUE(other.pop() == b && other.pop() == a && !other.pop());
    queue.clear();

@@ -148,6 +148,21 @@ TYPED_TEST(Maps, FollowTheirTwinAndSoDoIteratorsThroughEveryChange) {
       EXPECT_TRUE(!walker || walker.entry()->references() <= walkers.size()) << "only walkers hold what has left";
 }
 
+TYPED_TEST(Maps, AreEmptyForIteratorsThatStoodInThemWhenTheyWereCleared) {
+   using Key = typename TypeParam::KeyType;
+   TypeParam map;
+   for (int n : {1, 2, 3})
+      map.insert(Mox::make<typename TypeParam::EntryType>(keyOf<Key>(n), n));
+   typename TypeParam::Iterator it(map);
+   map.clear();
+   map.insert(Mox::make<typename TypeParam::EntryType>(it.key(), 9)); // the one it stands at, anew
+   auto const version = map.version();
+   map.clear();
+   EXPECT_NE(map.version(), version);
+   it.advance();
+   EXPECT_FALSE(it);
+}
+
 TYPED_TEST(Maps, RemoveNoEntryOfAnother) {
    TypeParam a, b;
    auto const key = keyOf<typename TypeParam::KeyType>(1);

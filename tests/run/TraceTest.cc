@@ -31,6 +31,26 @@ TEST(Trace, RowsOfAnyOrderBecomeSamplesByPortAndTime) {
    EXPECT_DOUBLE_EQ(samples[1].worst, 0.004);
 }
 
+TEST(Trace, BeginsWithAByteOrderMarkAndEndsAnHourAtItsFiftyNinthMinute) {
+   std::istringstream in("\xef\xbb\xbf" "device_name,logical_name,item,stats_type,value,time,side\n"
+                         "T1,/1/2/L1,preFecBer,avg,0.002,2000/1/2 00:59,A\n"
+                         "T1,/1/2/L1,preFecBer,avg,0.002,2000/1/2 00:60,A\n");
+   BadRows bad;
+   Trace const trace = readTrace(in, "t.csv", bad);
+   EXPECT_EQ(bad.count(), 1u);
+   ASSERT_EQ(trace.ports.size(), 1u);
+   EXPECT_EQ(trace.ports[0].samples.size(), 1u);
+}
+
+TEST(Trace, EachBadRowHasItsOwnReason) {
+   BadRows bad;
+   bad.add(2, "empty row");
+   bad.add(3, "no number");
+   std::ostringstream out;
+   bad.report(out, "t.csv");
+   EXPECT_EQ(out.str(), "t.csv: line 2: empty row\nt.csv: line 3: no number\nt.csv: 2 bad rows skipped\n");
+}
+
 TEST(Trace, ReportOfBadRowsIsShort) {
    BadRows bad;
    for (std::size_t line = 10; line <= 300; ++line)
