@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Does memory grow with what has happened, or only with what there is? Each churn is printed at 10, 50 and 100 % of its length: the
 // sizes of the end that it burdens, and what the process has allocated since the churn began, in KiB. Flat is right, apart from
 // what the entities themselves take where they are deleted for good.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does a change cost per reactor? Beside it: the same store, and a loop of virtual calls that do the same.
 
 #include "Paired.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does it take to mirror 10,000 boards with 60 numbers each for the first time, and again into an equal mirror? Beside
 // it: the same values as bare structs of 32 bytes through buffers of 64 KiB, put into a table; and as one struct per board.
 // Times, bytes, and the peak memory of both sides beside what their entities and names take.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Does the work per item grow with how many there are? Each question is asked for 5,000, 20,000 and 80,000 items; the last columns
 // are the time per item against the smallest count: about 1 is linear, 16 is quadratic. Two ends in memory, nothing between them.
 //

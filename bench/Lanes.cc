@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does an element of a lane array cost, and an increment of a counter, beside a scalar of the same type?
 
 #include "Paired.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does a change cost that another process mirrors, on its way out and on its way in? Beside it: a bare struct of 32 bytes,
 // copied into a buffer of 64 KiB, and taken from one and applied to a table with one virtual call.
 

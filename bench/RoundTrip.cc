@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long does a change take that the other process answers by a change? Beside it: 32 bytes there and back. All of it
 // blocks: through the sockets of the library, and through the three calls of a link end on a blocking socket.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does a mutator cost when nobody listens? Beside it: compare, and store where it differs.
 
 #include "Paired.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What does a directory of 100,000 states take, built, found by name, walked and destroyed? Beside it: a map of the standard
 // library from names to structs with the same fields. And how large is an entity of each type beside its attributes?
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many changes a second go from one process to another? 100 boards with 40 numbers each, changed in turn; in the other
 // process one reactor per mirrored board. Beside it: bare structs of 32 bytes through buffers of 64 KiB, applied to a table
 // with one virtual call each. Both ways on a unix socket: through the sockets of the library, and through the three calls of

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts in place, all of it below one prefix and movable with it:
 #
 #   include/kestrel/      public headers, those that were made from schemas among them

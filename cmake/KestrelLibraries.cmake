@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A folder of src/ is a layer and makes one object library mox_<folder> (or an interface library where it is all headers).
 # The libraries that people link are joined from those.
 

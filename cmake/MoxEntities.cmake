@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # mox_add_entities(TARGET FILE... [IMPORT FILE...] [PREFIX FOLDER] [UNIT NAME])
 #
 # Compiles entity schemas into the sources of TARGET, an existing library or program.

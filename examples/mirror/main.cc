@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An entity changes, and its mirror follows.
 
 #include <kestrel/Kestrel.h>

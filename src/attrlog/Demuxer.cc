@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "attrlog/Demuxer.h"
 
 #include "core/Exceptions.h"
@@ -24,9 +25,8 @@ constinit Ptr<In> const noStream; ///< a record is applied, not answered
 /// The identifier that the announcement of a member ends with; null where it is too short for one.
 EntityId announcedIn(In const& in) noexcept {
    auto const body = in.body();
-   return body.size() < sizeof(U64)
-             ? EntityId{}
-             : EntityId::ofNumber(loadBigEndian<U64>(body.data() + body.size() - sizeof(U64)));
+   return body.size() < sizeof(U64) ? EntityId{}
+                                    : EntityId::ofNumber(loadBigEndian<U64>(body.data() + body.size() - sizeof(U64)));
 }
 
 /// "/config/port.refClock (388)", for messages.
@@ -740,7 +740,8 @@ void Demuxer::drainNow() {
 }
 
 bool Demuxer::owes() const noexcept {
-   if (head_ != nullptr || !owing_.empty() || !asking_.empty() || askedAnew_ != 0 || own_.owesRetirements() || !reidentified_.empty())
+   if (head_ != nullptr || !owing_.empty() || !asking_.empty() || askedAnew_ != 0 || own_.owesRetirements() ||
+       !reidentified_.empty())
       return true;
    return newIdentifiers_ && !parked_.empty();
 }
@@ -801,7 +802,8 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
    Ptr<Sa> sa(adapterOf(entity));
    // Only its mount gives and takes a root's identifier: without it, nothing here would know the root for a mirror any more.
    if ((slot.sa && slot.sa->isRoot()) || (sa && sa->isRoot() && (slot.isUsed || sa->entityId().isAssigned())))
-      throw ProtocolException(in_->where() + ": announced " + textOf(id) + ": the identifier of a root, or of what is one already");
+      throw ProtocolException(in_->where() + ": announced " + textOf(id) +
+                              ": the identifier of a root, or of what is one already");
    if (sa && sa->entityId().isAssigned()) {
       // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
       reidentified(*sa, entity);
@@ -1135,7 +1137,8 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
    } catch (std::bad_alloc const&) {
       applicationFailed(sa, in);
       if (header.kind == kind::childLog)
-         askedAnewIs(announcedIn(in)); // told whole again, its parent would say that it refers to what the identifier stood for
+         askedAnewIs(
+            announcedIn(in)); // told whole again, its parent would say that it refers to what the identifier stood for
       else
          sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (...) {
@@ -1441,7 +1444,8 @@ std::string Demuxer::auditFlows() const {
                   return whose + " rests with attribute " + std::to_string(mark.attribute) + " both parked and marked";
    }
    if (owned != queued)
-      return std::to_string(queued) + " flows are queued, " + std::to_string(owned) + " of them by adapters with an identifier";
+      return std::to_string(queued) + " flows are queued, " + std::to_string(owned) +
+             " of them by adapters with an identifier";
    return {};
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "attrlog/AdapterLists.h"
@@ -364,11 +365,11 @@ private:
 
    FlowOut* head_ = nullptr;
    FlowOut* tail_ = nullptr;
-   AdapterQueue owing_;                          ///< owe everything and have been heard of since
-   NotedAdapters<&Notes::parkedAt> parked_;      ///< have marks that wait for an identifier
-   NotedAdapters<&Notes::askingAt> asking_;      ///< have something to ask the owner for
+   AdapterQueue owing_;                             ///< owe everything and have been heard of since
+   NotedAdapters<&Notes::parkedAt> parked_;         ///< have marks that wait for an identifier
+   NotedAdapters<&Notes::askingAt> asking_;         ///< have something to ask the owner for
    std::unordered_set<Entity const*> reidentified_; ///< never looked at, only compared: they may be gone
-   std::vector<Ptr<Sa>> limited_;                ///< roots that can't be told any more
+   std::vector<Ptr<Sa>> limited_;                   ///< roots that can't be told any more
    Ptr<Entity> wanted_;
 
    DeserializingEidAnchor* anchor_ = nullptr;

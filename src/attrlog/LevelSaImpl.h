@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "attrlog/Demuxer.h"
@@ -857,7 +858,8 @@ void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
    this->demuxer_->applicationStarts();
    put();
    if (!isAnswer && !scope.wasSilent())
-      this->untoldToldIs(Mark(A::id, key...)); // the reactors know by now what is here, and the answer tells them no more than a difference
+      this->untoldToldIs(Mark(
+         A::id, key...)); // the reactors know by now what is here, and the answer tells them no more than a difference
    if (!isOwed || !scope.wasSilent())
       return;
    if constexpr (A::isKeyed)

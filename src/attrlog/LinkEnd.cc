@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "attrlog/LinkEnd.h"
 
 #include "core/Exceptions.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "attrlog/Demuxer.h"
@@ -33,12 +34,12 @@ class LinkEnd {
 public:
    /// How a mounted root stands.
    enum class State {
-      connecting,  ///< no stream
-      syncing,     ///< asked for, or the owner tells it, for the first time or again
-      live,        ///< told whole; changes follow as they happen
-      stale,       ///< the stream has ended, or the owner exports it no more: the mirror keeps what it had
-      refused,     ///< the owner does not grant it, or can't go on telling it: the mirror keeps what it had
-      mismatch,    ///< the owner's root is of another type than the mirror, or was made with other constructor parameters
+      connecting, ///< no stream
+      syncing,    ///< asked for, or the owner tells it, for the first time or again
+      live,       ///< told whole; changes follow as they happen
+      stale,      ///< the stream has ended, or the owner exports it no more: the mirror keeps what it had
+      refused,    ///< the owner does not grant it, or can't go on telling it: the mirror keeps what it had
+      mismatch, ///< the owner's root is of another type than the mirror, or was made with other constructor parameters
       notExported, ///< the peer exports no root of that name; once it does, the mirror goes on to `syncing`
    };
    using StateCall = std::function<void(Name const& root, State state)>;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "attrlog/StateAdapter.h"
 
 #include "attrlog/Demuxer.h"
@@ -73,8 +74,8 @@ bool Sa::isOwners(Entity const& member) const noexcept {
 
 Sa const* Sa::upstream() const noexcept {
    Sa const* const mirror = mirrorAdapterOf(*entity_);
-   bool const refuses = mirror != nullptr && !mirror->hasFlag(inert | suppressed) && !mirror->isPaused_ &&
-                        mirror->demuxer_ != nullptr;
+   bool const refuses =
+      mirror != nullptr && !mirror->hasFlag(inert | suppressed) && !mirror->isPaused_ && mirror->demuxer_ != nullptr;
    return refuses ? mirror : nullptr;
 }
 
@@ -319,8 +320,7 @@ bool Sa::prepareImmediateTransmission(AttributeId, bool isTight) {
 
 void Sa::doThrowReadOnly(AttributeId id) const {
    throw ReadOnlyException(std::string(std::string_view(entity_->fullName())) + "." +
-                           std::string(std::string_view(entity_->attributeString(id))) +
-                           " is read-only here: " +
+                           std::string(std::string_view(entity_->attributeString(id))) + " is read-only here: " +
                            (demuxer_->peerName().empty() ? "its owner is another process"
                                                          : "its owner is \"" + demuxer_->peerName() + "\""));
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "attrlog/FlowOut.h"
@@ -100,7 +101,7 @@ public:
    static constexpr std::uint32_t flowOutMode = 0x100000; ///< bit 20: write only into free buffer, else through a flow
    /// bit 21: the entity is a mirror on another stream, whose owner's values alone are passed on
    static constexpr std::uint32_t relays = 0x200000;
-   static constexpr std::uint32_t draining = 0x400000;    ///< bit 22: a scheduled flow-out is being handled
+   static constexpr std::uint32_t draining = 0x400000;      ///< bit 22: a scheduled flow-out is being handled
    static constexpr std::uint32_t noReannounce = 0x2000000; ///< bit 25: an announced member is not announced again
    static constexpr std::uint32_t serializing = 0x4000000;  ///< bit 26: clear until the announcement has been committed
    static constexpr std::uint32_t alwaysDefer = 0x8000000;  ///< bit 27

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "attrlog/StateAdapter.h"
@@ -13,7 +14,7 @@ namespace Mox::NboAttrLog {
 /// An entity of the peer's as it stands here, and its adapter.
 struct Mirror {
    Ptr<Entity::MoxNboAttrLogSa> sa; ///< null for what this side has no type for
-   Ptr<Entity> entity;              ///< held until the peer retires the identifier, so that references in order always resolve
+   Ptr<Entity> entity; ///< held until the peer retires the identifier, so that references in order always resolve
 };
 
 /// Mirrors that have no identifier: of an earlier connection, until the peer announces them again or has told everything, and roots

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Everything that a user of the library needs: the entity types with their reactors and logs, watching, links in memory,

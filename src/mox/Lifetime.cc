@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The order of dying, in one place: what an object does between its last reference and its destructor.
 
 #include "core/Exceptions.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "mox/Reactor.h"
 
 #include "mox/Activity.h"

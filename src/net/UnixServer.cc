@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "net/UnixServer.h"
 
 #include "core/Text.h"
@@ -201,7 +202,8 @@ void UnixServer::tell(Name const& root, LinkEnd::State state) {
    } catch (std::exception const& e) {
       report("root " + quoted(root) + ", told that it is " + textOf(state) + ": " + e.what());
    } catch (...) {
-      report("root " + quoted(root) + ", told that it is " + textOf(state) + ": an exception that is no std::exception");
+      report("root " + quoted(root) + ", told that it is " + textOf(state) +
+             ": an exception that is no std::exception");
    }
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One entity and one stream, without a peer: what is marked, drained and written.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In the long run nothing on the road of a change allocates: not the mutator, not the pass, not the record out, not the
 // record in, and not what is marked while a peer stalls.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an end holds, and what it does, however often something changes: memory by its formula, work by the change.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a mirror passes on: behind a backlog, and to mirrors of its own.
 
 #include "attrlog/LocalLink.h"
@@ -52,7 +53,8 @@ struct Chain : testing::Test {
       ab.left().exportRoot(gauge);
       b = ab.right().mount<Cl10010ConfigDir>("config");
       gaugeB = ab.right().mount<Gauge>("gauge");
-      port = a->phyConfigIs("port"); // mirrored before anybody mirrors the mirror: its adapters stand the other way round
+      port =
+         a->phyConfigIs("port"); // mirrored before anybody mirrors the mirror: its adapters stand the other way round
       ab.settle();
       bc.left().exportRoot(b);
       bc.left().exportRoot(gaugeB);
@@ -123,15 +125,23 @@ TEST_F(Chain, WhatItsMiddleRefusesDoesNotReachItsEnd) {
       for (auto const& [name, write, told] : std::vector<Write>{
               {"a number", [&] { portB()->refClockIs(77); }, {}},
               {"one of a late member", [&] { b->phyConfig("late")->refClockIs(77); }, {}},
-              {"an entry", [&] { portB()->calibrationIs(CfpxHostChannel::channel1, {9, 9, 9}); }, {}},
-              {"a new entry", [&] { portB()->calibrationIs(CfpxHostChannel::channel5, {9, 9, 9}); }, {}},
+              {"an entry",
+               [&] {
+                  portB()->calibrationIs(CfpxHostChannel::channel1, {9, 9, 9});
+               },
+               {}},
+              {"a new entry",
+               [&] {
+                  portB()->calibrationIs(CfpxHostChannel::channel5, {9, 9, 9});
+               },
+               {}},
               {"the loss of one", [&] { portB()->calibrationDel(CfpxHostChannel::channel1); }, {}},
               {"the loss of one in a hash map",
-               [&] { b->phyConfig("late")->initialIngressAmpDel(CfpxHostChannel::channel1); }, {}},
+               [&] { b->phyConfig("late")->initialIngressAmpDel(CfpxHostChannel::channel1); },
+               {}},
               {"an element", [&] { gaugeB->laneIs(2, Mode::both); }, {}},
               {"a new member", [&] { b->phyConfigIs("mine")->refClockIs(1); }, {}},
-              {"the loss of a member",
-               [&] { b->phyConfigDel("late"); },
+              {"the loss of a member", [&] { b->phyConfigDel("late"); },
                std::string_view(road).ends_with("resend") ? Log{} : Log{"late gone", "late here"}}, // bound in place
            }) {
          SCOPED_TRACE(road);
@@ -156,9 +166,8 @@ TEST_F(Chain, WhatItsMiddleRefusesDoesNotReachItsEnd) {
             EXPECT_EQ(log, told);
          }
          if (std::string_view(name) == "the loss of a member")
-            watches.push_back(onAny(c->phyConfig("late"), [this](auto& e, AttributeId id) {
-               log.push_back(e.attributeString(id).str());
-            }));
+            watches.push_back(onAny(c->phyConfig("late"),
+                                    [this](auto& e, AttributeId id) { log.push_back(e.attributeString(id).str()); }));
       }
    // What the owner writes meanwhile is told once, also where it is what was written here.
    for (unsigned const owners : {78u, 79u}) {

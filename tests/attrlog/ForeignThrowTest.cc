@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a program's own calls throw is no affair of the stream.
 
 #include "Peer.h"

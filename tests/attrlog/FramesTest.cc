@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "attrlog/Frames.h"
 #include "Peer.h"
 #include "attrlog/Digest.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One end, and a peer that says what it should not.
 
 #include "Peer.h"

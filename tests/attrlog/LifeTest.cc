@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two ends that disagree for a while: writes that are refused, members put in the place of others, roots that come and go.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rules at their edges: what one more or one less, one connection earlier or one byte too few would break.
 
 #include "Peer.h"

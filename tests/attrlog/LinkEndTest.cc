@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What one end and its peer say about roots and about the stream itself.
 
 #include "Peer.h"

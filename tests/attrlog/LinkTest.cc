@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two ends, and what a mirror promises.
 
 #include "attrlog/LocalLink.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A root's mirror outlives an owner that turns its identifier against it.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a process may rely on, one sentence each: order, slow peers, what `live` means, and peers that take less than is there.
 
 #include "Peer.h"

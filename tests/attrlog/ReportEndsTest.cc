@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who is told that a record can't be sent may end the root whose collection is being told.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010Config.h"
 #include "notify/Dump.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two sides whose schemas or values are not the same: what one of them can't hold.
 
 #include "Peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lists and passes over them are judged with reactors against a plain model elsewhere; here is what those are too few for.
 
 #include "containers/BitSet.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "containers/HashMap.h"
 #include "containers/MapEntries.h"
 #include "containers/RbTreeMap.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values, counts and notifications of every attribute are judged against a plain model elsewhere; here is what callers get back.
 
 #include "entities/Cl10010Config.h"

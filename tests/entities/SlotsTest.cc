@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The order of virtual functions is part of the binary interface: whoever was compiled against an older header calls by number.
 
 #include "entities/Cl10010ConfigDirReactor.h"

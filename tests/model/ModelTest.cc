@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every operation of every attribute in random order, from inside reactors too, against the plain model beside this file.
 
 #include "Plain.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Listener.h"
 #include "core/Exceptions.h"
 #include "entities/Cl10010ConfigDirReactor.h"

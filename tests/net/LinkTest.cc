@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "net/SocketException.h"
 #include "net/UnixClient.h"
 #include "net/UnixPath.h"

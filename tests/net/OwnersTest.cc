@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who owns what a server mounts, while clients come and go.
 
 #include "net/SocketException.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "net/UnixPath.h"
 #include "net/SocketException.h"
 #include "support/Thrown.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "support/Thrown.h"

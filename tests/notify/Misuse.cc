@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010Status.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "notify/Observe.h"
 #include "entities/Cl10010ConfigReactor.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // plant: puts faults into a copy of the tree, all of them beside each other, so that a variable chooses one at run time.
 //
 //    plant --check TREE FAULT...     whether each is complete and its texts are there, once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // docs/architecture.md says through which functions one change goes, stop by stop. Here every function of those files reports
 // that it was entered, and the page's names must come in the page's order.
 #include "attrlog/LocalLink.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "run/Trace.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +33,8 @@ TEST(Trace, RowsOfAnyOrderBecomeSamplesByPortAndTime) {
 }
 
 TEST(Trace, BeginsWithAByteOrderMarkAndEndsAnHourAtItsFiftyNinthMinute) {
-   std::istringstream in("\xef\xbb\xbf" "device_name,logical_name,item,stats_type,value,time,side\n"
+   std::istringstream in("\xef\xbb\xbf"
+                         "device_name,logical_name,item,stats_type,value,time,side\n"
                          "T1,/1/2/L1,preFecBer,avg,0.002,2000/1/2 00:59,A\n"
                          "T1,/1/2/L1,preFecBer,avg,0.002,2000/1/2 00:60,A\n");
    BadRows bad;

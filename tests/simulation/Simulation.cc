@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Simulation.h"
 
 #include "Values.h"
@@ -481,7 +482,7 @@ void Run::settleAndCompare(char const* when) {
          for (Ptr<Entity> const& mirror : world.mirrors(port)) {
             auto const state = world.end(port).state(mirror->name());
             if (state == LinkEnd::State::refused) {
-               --f.waiting; // to be opened again some day
+               --f.waiting;  // to be opened again some day
                f.parked = 0; // so long, what is made with a reference to it can't be told
             } else if (state != LinkEnd::State::live)
                world.diverges(mirror->name().str() + " is " + Mox::textOf(state));

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include "Pipe.h"
@@ -119,7 +120,7 @@ private:
    unsigned depth_ = 0;
    bool isCalm_ = false;
    bool isLimited_ = false; ///< what is compared has been sent to a peer with a limit
-   bool isShort_ = false; ///< the peer takes few identifiers
+   bool isShort_ = false;   ///< the peer takes few identifiers
    bool isEnding_ = false;  ///< roots are closed for good: no reactor mounts them again
    U64 incarnations_ = 0;
    std::string wrong_;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Types.h"
 
 #include "Attributes.h"
@@ -89,7 +90,8 @@ template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World&
 
 bool isMirror(Entity const& e) {
    for (auto* r = e.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
-      if (auto* const sa = r->moxRawStateAdapter(); sa != nullptr && static_cast<Entity::MoxNboAttrLogSa*>(sa)->isMirror())
+      if (auto* const sa = r->moxRawStateAdapter();
+          sa != nullptr && static_cast<Entity::MoxNboAttrLogSa*>(sa)->isMirror())
          return true;
    return false;
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kestrel-simulate: runs seeds of the simulation, and replays and shrinks those that fail.
 #include "Scenarios.h"
 #include "Shrink.h"

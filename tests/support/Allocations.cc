@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file of its own, so that no compiler sees through the replaced operators and pairs them with the library's.
 #include "support/Allocations.h"
 

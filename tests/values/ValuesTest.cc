@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/Exceptions.h"
 #include "support/Thrown.h"
 #include "values/Bounded.h"

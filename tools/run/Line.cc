@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "run/Line.h"
 
 #include <algorithm>
