@@ -61,9 +61,12 @@ TEST(Snapshot, ALongerPassBehindNestedOnesHasRoomForAll) {
    };
    for (std::size_t const length : {1000u, 3000u, 100000u}) {
       grow(length);
-      for (Mox::SnapshotIterator<List> outer(list); outer; outer.advance())
-         for (Mox::SnapshotIterator<List> inner(list); outer->id == 1 && inner; inner.advance())
+      for (Mox::SnapshotIterator<List> outer(list); outer; outer.advance()) {
+         if (outer->id != 1)
+            continue;
+         for (Mox::SnapshotIterator<List> inner(list); inner; inner.advance())
             ASSERT_EQ(inner->id, inner.position());
+      }
    }
    for (auto const& w : held)
       list.unlink(*w);
