@@ -105,7 +105,7 @@ TEST_F(Bounds, ChangesBesideALivePeerLeaveNothingBehind) {
       char const* what;
       Step step;
    };
-   for (auto const& [what, step] : std::vector<Case>{
+   for (Case const& each : std::vector<Case>{
            {"a reference to a mirror that waits, told between",
             [&](int i) {
                port->pllStatusIs(i % 2 == 0 ? waitingPll : nullptr);
@@ -175,8 +175,8 @@ TEST_F(Bounds, ChangesBesideALivePeerLeaveNothingBehind) {
                settle();
             }},
         }) {
-      SCOPED_TRACE(what);
-      expectFlat(step);
+      SCOPED_TRACE(each.what);
+      expectFlat(each.step);
       port->pllStatusIs(nullptr);
       refs->phyConfigDelAll();
       settle();
@@ -190,7 +190,7 @@ TEST_F(Bounds, ChangesTowardsAPeerThatDoesNotReadLeaveOneNoteEach) {
       char const* what;
       Step step;
    };
-   for (auto const& [what, step] : std::vector<Case>{
+   for (Case const& each : std::vector<Case>{
            {"a root that comes and goes",
             [&](int i) {
                if (i % 2 == 0)
@@ -236,13 +236,13 @@ TEST_F(Bounds, ChangesTowardsAPeerThatDoesNotReadLeaveOneNoteEach) {
                EXPECT_THROW(yoursHere->phyConfigDel("mine"), ReadOnlyException);
             }},
         }) {
-      SCOPED_TRACE(what);
+      SCOPED_TRACE(each.what);
       settle();
       EXPECT_EQ(left.state("yours"), State::live);
       stall();
       std::size_t most = 0;
       expectFlat([&](int i) {
-         step(i);
+         each.step(i);
          if (i % 3 == 0)
             left.bytesToSend();
          if (i % 5 == 0)
@@ -491,7 +491,7 @@ TEST_F(Bounds, WorkGrowsWithWhatChangesAndNotWithItsSquare) {
          ours->phyConfigDel(numbered("member ", i));
    };
    std::vector<Ptr<Fru::Gpo>> gpos;
-   for (auto const& [what, n, prepare, act] : std::vector<Case>{
+   for (Case const& each : std::vector<Case>{
            {"a reconnect behind deletions", 500,
             [&](int n) {
                fill(n);
@@ -573,13 +573,13 @@ TEST_F(Bounds, WorkGrowsWithWhatChangesAndNotWithItsSquare) {
                settleFast();
             }},
         }) {
-      SCOPED_TRACE(what);
+      SCOPED_TRACE(each.what);
       auto const cost = [&](int count, int rounds) {
          double least = 1e9;
          while (rounds-- > 0) {
-            prepare(count);
+            each.prepare(count);
             auto const start = std::clock();
-            act(count);
+            each.act(count);
             least = std::min(least, static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
             here.clear();
             left.demuxer().out()->markIs(Out::defaultMark);
@@ -587,10 +587,10 @@ TEST_F(Bounds, WorkGrowsWithWhatChangesAndNotWithItsSquare) {
          }
          return least;
       };
-      double const few = cost(n, 3), many = cost(8 * n, 1);
-      EXPECT_LT(many, 24 * few) << "seconds for " << 8 * n << " and for " << n;
+      double const few = cost(each.few, 3), many = cost(8 * each.few, 1);
+      EXPECT_LT(many, 24 * few) << "seconds for " << 8 * each.few << " and for " << each.few;
       if (std::getenv("SHOW_COSTS")) {
-         std::printf("%-36s %8.4f %8.4f  %5.1f\n", what, few, many, many / few);
+         std::printf("%-36s %8.4f %8.4f  %5.1f\n", each.what, few, many, many / few);
          std::fflush(stdout);
       }
    }
