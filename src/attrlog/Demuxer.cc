@@ -168,13 +168,13 @@ void Demuxer::limitReached(Sa& sa) {
       note(*root);
       return;
    }
-   // What lacks it belongs to no root, but to all that may refer to it.
+   // An orphan: any root may refer to it, and nobody has noted which.
    for (std::size_t i = 0; i < own_.size(); ++i)
       if (Sa* const other = own_.at(i); other != nullptr && other->isRoot())
          note(*other);
 }
 
-/// The roots that lack something go with the peer's knowledge of them: it must not take for whole what is not.
+/// Gives up the roots of which something can't be told: the peer must not take them for whole.
 void Demuxer::limitsTell() {
    for (Ptr<Sa> const& root : std::exchange(limited_, {}))
       if (limitReached_ && root->entity() != nullptr && root->entityId().isAssigned())
@@ -1137,8 +1137,8 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
    } catch (std::bad_alloc const&) {
       applicationFailed(sa, in);
       if (header.kind == kind::childLog)
-         askedAnewIs(
-            announcedIn(in)); // told whole again, its parent would say that it refers to what the identifier stood for
+         // A full telling of the parent would not do: it leaves out the references to the member, which read null here.
+         askedAnewIs(announcedIn(in));
       else
          sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (...) {
@@ -1148,8 +1148,8 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
    }
 }
 
-/// The member announced in hand is none that this side knows, or of one: nobody knows here what its record holds, but that its
-/// identifier comes last.
+/// The record in hand announces a member of a collection that this side does not know. All that can be read of it is its identifier,
+/// which every announcement ends with.
 void Demuxer::reserveAnnounced(In const& in) {
    EntityId const id = announcedIn(in);
    if (in.body().size() < sizeof(U64))
@@ -1158,7 +1158,6 @@ void Demuxer::reserveAnnounced(In const& in) {
    reserve(id);
 }
 
-/// The announcement in hand could not be applied. Its identifier, where it can be one, is in use all the same.
 /// What `id` was announced for does not stand here as its owner thinks: he is asked to announce it under another identifier, and to tell
 /// again what refers to it. Without memory even to note that, the connection ends: the next one tells everything.
 void Demuxer::askedAnewIs(EntityId id) {
@@ -1167,6 +1166,7 @@ void Demuxer::askedAnewIs(EntityId id) {
       ++askedAnew_;
 }
 
+/// The announcement in hand could not be applied. Its identifier, where it can be one, is in use all the same.
 void Demuxer::reserveFailed(EntityId id) noexcept {
    try {
       reserve(id);
@@ -1212,8 +1212,8 @@ void Demuxer::letGo() noexcept {
 void Demuxer::otherRecord(In& in) {
    MsgHeader const header = in.header();
    if (header.entity.side() == 0 && header.entity != orphanAnnouncement) {
-      // A write to what this side owns. The refusal goes out right before the acknowledgement that covers it: neither before the
-      // peer has read the last one.
+      // A write to what this side owns. The refusal goes out right before the acknowledgement that covers it, and neither does
+      // before the peer has read the last acknowledgement.
       ++counters_.refusedWrites;
       if (refusals_.size() == requestWindow)
          throw ProtocolException(in.where() + ": expected at most " + std::to_string(requestWindow) +
