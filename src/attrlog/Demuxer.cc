@@ -890,17 +890,36 @@ std::size_t Demuxer::releaseAll(std::vector<Mirror> const& gone) noexcept {
    return count;
 }
 
-/// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too.
-void Demuxer::releaseWaitingBelow(Entity& top) {
-   if (waiting_.empty())
-      return;
+void Demuxer::releasePending() {
+   std::vector<Mirror> const gone = std::exchange(letGo_, {});
+   releaseAll(gone);
+   for (Mirror const& mirror : gone)
+      if (mirror.entity)
+         releaseBelow(*mirror.entity);
+}
+
+/// With what is no mirror any more goes what lies below it: whoever announces it from now on announces its members too. The owner
+/// is asked to announce those anew that he has not retired: he may have them elsewhere.
+void Demuxer::releaseBelow(Entity& top) {
+   if (Sa const* const sa = adapterOf(top); sa != nullptr && sa->isMirror())
+      return; // again: a reactor has seen to that
    std::vector<Ptr<Entity>> tree;
    collectTree(top, tree);
    std::vector<Mirror> gone;
    gone.reserve(tree.size());
-   for (Ptr<Entity> const& entity : tree)
-      if (Sa* const sa = adapterOf(*entity); sa != nullptr && WaitingMirrors::isWaiting(*sa))
+   for (Ptr<Entity> const& entity : tree) {
+      Sa* const sa = adapterOf(*entity);
+      if (sa == nullptr || !sa->isMirror() || sa->isRoot())
+         continue;
+      if (WaitingMirrors::isWaiting(*sa)) {
          gone.push_back(waiting_.taken(*sa));
+      } else if (PeerSlot* const slot = peerSlot(ofPeer(sa->entityId()))) {
+         gone.push_back(takenFrom(*slot));
+         slot->isUsed = slot->isAskedAnew = true;
+         ++mirrored_;
+         ++askedAnew_;
+      }
+   }
    releaseAll(gone);
 }
 
@@ -950,7 +969,7 @@ void Demuxer::retired(EntityId wireId) {
    peerSlotsTrim();
    release(gone);
    if (entity)
-      releaseWaitingBelow(*entity);
+      releaseBelow(*entity);
 }
 
 /// Drops the end of the table, where many slots stand for nothing; of a short one every generation stays known. One that went here
@@ -1058,7 +1077,7 @@ void Demuxer::isNoMember(Entity& member) {
    Sa const* const sa = adapterOf(member);
    if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
       return;
-   releaseWaitingBelow(member);
+   releaseBelow(member);
 }
 
 void Demuxer::forgetMirrors(Entity* top) {
@@ -1182,7 +1201,7 @@ void Demuxer::record(In& in) {
    // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
    applyRecord(*inHand_.sa, in);
-   releasePending();
+   recordEnds();
 }
 
 /// Takes in hand what the record is for. \return false where nothing here is mirrored under its identifier
@@ -1227,7 +1246,7 @@ void Demuxer::otherRecord(In& in) {
    if (header.entity == orphanAnnouncement) {
       if (header.attribute == static_cast<std::int32_t>(attr::orphan)) {
          readOrphan(in);
-         releasePending();
+         recordEnds();
       } else {
          ++counters_.unknownAttributes;
       }

@@ -136,7 +136,7 @@ public:
    /// which may do anything here. \throws ProtocolException where a root would lose its identifier by that
    void bind(EntityId id, Entity& entity) {
       bindInRecord(id, entity);
-      releasePending();
+      recordEnds();
    }
    /// The same while a record is applied, behind which the rest is let go.
    void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
@@ -329,11 +329,13 @@ private:
    Mirror takenFrom(PeerSlot& slot) noexcept;
    void release(Mirror const& gone) noexcept;
    std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
-   void releasePending() noexcept {
+   /// Lets go of what has lost its identifier while a record was applied.
+   void recordEnds() {
       if (!letGo_.empty()) [[unlikely]]
-         releaseAll(std::exchange(letGo_, {}));
+         releasePending();
    }
-   void releaseWaitingBelow(Entity& top);
+   void releasePending();
+   void releaseBelow(Entity& top);
    void peerSlotsTrim() noexcept;
    std::string auditFlows() const;
    std::string auditMirrors() const;
