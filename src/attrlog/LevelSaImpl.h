@@ -347,8 +347,10 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
       if (this->isWithheld(Mark(A::id, key)))
          return true;
       if constexpr (A::ownsMembers)
-         if (entry != nullptr && this->isStranger(A::id, *entry))
+         if (entry != nullptr && this->isStranger(A::id, *entry)) {
             entry = nullptr;
+            this->hasLeftOut_ = true;
+         }
    }
    try {
       if (entry == nullptr)

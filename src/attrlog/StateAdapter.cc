@@ -128,8 +128,11 @@ void Sa::relaysSettle(Entity const& entity) noexcept {
          sa.flagIs(relays, isMirrored);
          // What was withheld for the mirror's sake may go on where it is none any more. Not where it becomes one: an adapter that is
          // made for an attempt, and goes with it, would wake that attempt again for ever.
-         if (!isMirrored && sa.demuxer_ != nullptr)
+         if (!isMirrored && sa.demuxer_ != nullptr) {
             sa.demuxer_->parkedMayGoOn();
+            if (std::exchange(sa.hasLeftOut_, false))
+               sa.owesAllIs();
+         }
       }
       return false;
    });

@@ -419,6 +419,7 @@ protected:
    bool isAwaited_ = false;
    bool isReferred_ = false;
    bool wasBound_ = false;
+   bool hasLeftOut_ = false; ///< a member was left out, which is to be told once the entity is a mirror no more
    AttributeId applyingId_ = attr::none;
    EntityId memberOf_;
    ReactorLink* link_ = nullptr;
