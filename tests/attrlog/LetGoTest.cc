@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// Mirrors that become entities of this process while others refer to them.
+
+#include "attrlog/LocalLink.h"
+#include "entities/Cl10010StatusDir.h"
+#include "entities/Cl10010StatusPtrDir.h"
+#include "notify/Dump.h"
+
+#include <gtest/gtest.h>
+
+namespace Mox {
+namespace {
+
+using namespace Hardware::ClariPhy;
+
+Ptr<Cl10010Status> portOf(Cl10010StatusPtrDir const& refs) {
+   auto const* const entry = refs.phyStatus().find("port");
+   return entry == nullptr ? nullptr : Ptr<Cl10010Status>(entry->value());
+}
+
+/// The state of a port, which this process mirrors, and a root of its own that refers to it.
+struct LetGo : testing::Test {
+   LocalLink link;
+   Ptr<Cl10010StatusDir> const ours = make<Cl10010StatusDir>("status");
+   Ptr<Cl10010StatusDir> theirs;
+   Ptr<Cl10010StatusPtrDir> const refs = make<Cl10010StatusPtrDir>("refs");
+
+   LetGo() {
+      ours->phyStatusIs("port", nullptr, nullptr)->ldpcHistogramsIs("first");
+      link.left().exportRoot(ours);
+      theirs = link.right().mount<Cl10010StatusDir>("status");
+      link.settle();
+      refs->phyStatusIs(theirs->phyStatus("port"));
+   }
+};
+
+TEST_F(LetGo, MembersBelowAReplacedMirrorAreToldAsThisSides) {
+   link.right().exportRoot(refs);
+   auto const mirrored = link.left().mount<Cl10010StatusPtrDir>("refs");
+   link.settle();
+   EXPECT_EQ(portOf(*mirrored), ours->phyStatus("port"));
+   theirs->newPhyStatus("port", nullptr, nullptr);
+   ours->phyStatusNotify("port");
+   link.settle();
+   EXPECT_EQ(link.right().demuxer().audit(), "");
+   ASSERT_NE(portOf(*mirrored), nullptr);
+   EXPECT_NE(portOf(*mirrored), ours->phyStatus("port")) << "what stood there first is another entity now";
+   EXPECT_NE(portOf(*mirrored)->ldpcHistograms("first"), nullptr);
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   EXPECT_TRUE(link.right().quiet());
+}
+
+TEST_F(LetGo, WhatAChainLeftOutIsToldOnceNobodyElseOwnsIt) {
+   LocalLink on;
+   on.left().exportRoot(refs);
+   auto const mirrored = on.right().mount<Cl10010StatusPtrDir>("refs");
+   theirs->phyStatus("port")->newLdpcHistograms("mine");
+   on.settle();
+   ASSERT_NE(portOf(*mirrored), nullptr);
+   EXPECT_EQ(portOf(*mirrored)->ldpcHistograms("mine"), nullptr) << "not while it is a mirror";
+   link.right().unmount("status");
+   on.settle();
+   EXPECT_NE(portOf(*mirrored)->ldpcHistograms("mine"), nullptr);
+   EXPECT_TRUE(on.left().quiet());
+}
+
+} // namespace
+} // namespace Mox
