@@ -6,9 +6,8 @@
 //    bench-churn                        all churns
 //    bench-churn CHURN                  one of them
 
-#include "bench/LeafReactor.h"
+#include "Leaves.h"
 
-#include "attrlog/LocalLink.h"
 #include "core/Exceptions.h"
 
 #include <cstdio>
@@ -19,36 +18,31 @@
 
 namespace {
 
-using Bench::Leaf;
-
-Mox::Name nameOf(std::size_t i) {
-   return Mox::Name("leaf-" + std::to_string(i));
-}
-
-Mox::Ptr<Leaf> tree(char const* name, std::size_t n) {
-   auto const root = Mox::make<Leaf>(name);
-   for (std::size_t i = 0; i != n; ++i)
-      root->leafIs(nameOf(i))->numberIs(1);
-   return root;
-}
-
-/// `ours` on the left, its mirror on the right.
-struct World {
-   explicit World(std::size_t members) : ours(tree("ours", members)) {
-      link.left().exportRoot(ours);
-      theirs = link.right().mount<Leaf>("ours");
-      link.settle();
-   }
-   Mox::Ptr<Leaf> ours;
-   Mox::Ptr<Leaf> theirs;
-   Mox::LocalLink link;
-};
+using bench::Leaf, bench::World, bench::nameOf;
 
 /// Small pieces and large ones.
 std::size_t allocated() {
    auto const info = mallinfo2();
    return info.uordblks + info.hblkhd;
 }
+
+using Footprint = Mox::NboAttrLog::Demuxer::Footprint;
+constexpr struct {
+   char const* title;
+   std::size_t Footprint::*term;
+} terms[] = {{"announced", &Footprint::announced},
+             {"mirrored", &Footprint::mirrored},
+             {"waiting", &Footprint::waiting},
+             {"flows", &Footprint::flows},
+             {"dirtyKeys", &Footprint::dirtyKeys},
+             {"parked", &Footprint::parked},
+             {"untold", &Footprint::untold},
+             {"successors", &Footprint::successors},
+             {"retired", &Footprint::retired},
+             {"reidentified", &Footprint::reidentified},
+             {"retirements", &Footprint::retirements},
+             {"bufferBytes", &Footprint::bufferBytes},
+             {"slots", &Footprint::slots}};
 
 /// Calls `step(i)` for i from 0 to n - 1, and prints a row three times on the way.
 template <class Step> void churn(char const* name, std::size_t n, Mox::LinkEnd& burdened, Step step) {
@@ -59,10 +53,11 @@ template <class Step> void churn(char const* name, std::size_t n, Mox::LinkEnd& 
       if (done != n / 10 && done != n / 2 && done != n)
          continue;
       auto const f = burdened.demuxer().footprint();
+      std::printf("%-18s %8zu", name, done);
+      for (auto const& [title, term] : terms)
+         std::printf(" %12zu", f.*term);
       auto const more = static_cast<long long>(allocated()) - static_cast<long long>(before);
-      std::printf("%-22s %8zu %9zu %8zu %7zu %6zu %9zu %7zu %11zu %11zu %8zu %9lld\n", name, done, f.announced,
-                  f.mirrored, f.waiting, f.flows, f.dirtyKeys, f.parked, f.retirements, f.bufferBytes, f.slots,
-                  more / 1024);
+      std::printf(" %9lld\n", more / 1024);
       std::fflush(stdout);
    }
 }
@@ -150,8 +145,10 @@ struct Churn {
 } // namespace
 
 int main(int argc, char** argv) {
-   std::printf("%-22s %8s %9s %8s %7s %6s %9s %7s %11s %11s %8s %9s\n", "", "done", "announced", "mirrored", "waiting",
-               "flows", "dirtyKeys", "parked", "retirements", "bufferBytes", "slots", "KiB");
+   std::printf("%-18s %8s", "", "done");
+   for (auto const& [title, term] : terms)
+      std::printf(" %12s", title);
+   std::printf(" %9s\n", "KiB");
    for (Churn const& c : churns)
       if (argc == 1 || std::strcmp(argv[1], c.name) == 0)
          c.run(c.name);

@@ -6,9 +6,8 @@
 //    bench-growth --list                their names
 //    bench-growth QUESTION COUNT        one of them once, for a profiler
 
-#include "bench/LeafReactor.h"
+#include "Leaves.h"
 
-#include "attrlog/LocalLink.h"
 #include "core/Exceptions.h"
 
 #include <cstdio>
@@ -21,7 +20,7 @@
 
 namespace {
 
-using Bench::Leaf;
+using bench::Leaf, bench::World, bench::nameOf, bench::tree;
 
 /// Of this process alone: others share the machine.
 double seconds() {
@@ -29,29 +28,6 @@ double seconds() {
    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
 }
-
-Mox::Name nameOf(std::size_t i) {
-   return Mox::Name("leaf-" + std::to_string(i));
-}
-
-Mox::Ptr<Leaf> tree(char const* name, std::size_t n) {
-   auto const root = Mox::make<Leaf>(name);
-   for (std::size_t i = 0; i != n; ++i)
-      root->leafIs(nameOf(i))->numberIs(1);
-   return root;
-}
-
-/// `ours` on the left, its mirror on the right.
-struct World {
-   explicit World(Mox::Ptr<Leaf> const& root) : ours(root) {
-      link.left().exportRoot(ours);
-      theirs = link.right().mount<Leaf>(ours->name());
-      link.settle();
-   }
-   Mox::Ptr<Leaf> ours;
-   Mox::Ptr<Leaf> theirs;
-   Mox::LocalLink link;
-};
 
 void check(bool holds, char const* what) {
    if (!holds) {

@@ -890,7 +890,10 @@ std::size_t Demuxer::releaseAll(std::vector<Mirror> const& gone) noexcept {
    return count;
 }
 
+/// Lets go of what has lost its identifier while an announcement was applied; nothing else takes one away.
 void Demuxer::releasePending() {
+   if (letGo_.empty())
+      return;
    std::vector<Mirror> const gone = std::exchange(letGo_, {});
    releaseAll(gone);
    for (Mirror const& mirror : gone)
@@ -1135,36 +1138,41 @@ void Demuxer::applyRecord(Sa& sa, In& in) {
    MsgHeader const header = in.header();
    applicationStarted_ = false;
    try {
-      switch (header.kind) {
-      case kind::marker:
-         applyMarker(sa, in);
-         break;
-      case kind::childLog:
-         if (!sa.hasMembers(attributeOf(header.attribute))) {
-            reserveAnnounced(in);
-            ++counters_.unknownAttributes;
-            break;
-         }
-         [[fallthrough]];
-      case kind::value:
+      if (header.kind == kind::value) [[likely]] {
          if (sa.handleAttrDeserialization(header.attribute, {}, 0, noStream) == 0)
             ++counters_.unknownAttributes;
-         break;
-      default:
+      } else if (header.kind == kind::marker) {
+         applyMarker(sa, in);
+      } else {
          ++counters_.unknownKinds;
       }
    } catch (std::bad_alloc const&) {
       applicationFailed(sa, in);
-      if (header.kind == kind::childLog)
-         // A full telling of the parent would not do: it leaves out the references to the member, which read null here.
-         askedAnewIs(announcedIn(in));
-      else
-         sa.owesAllIs(); // the owner is asked to tell the entity again
+      sa.owesAllIs(); // the owner is asked to tell the entity again
    } catch (...) {
       applicationFailed(sa, in);
-      if (header.kind == kind::childLog)
-         reserveFailed(announcedIn(in));
    }
+}
+
+void Demuxer::applyAnnouncement(Sa& sa, In& in) {
+   MsgHeader const header = in.header();
+   applicationStarted_ = false;
+   try {
+      if (!sa.hasMembers(attributeOf(header.attribute))) {
+         reserveAnnounced(in);
+         ++counters_.unknownAttributes;
+      } else if (sa.handleAttrDeserialization(header.attribute, {}, 0, noStream) == 0) {
+         ++counters_.unknownAttributes;
+      }
+   } catch (std::bad_alloc const&) {
+      applicationFailed(sa, in);
+      // A full telling of the parent would not do: it leaves out the references to the member, which read null here.
+      askedAnewIs(announcedIn(in));
+   } catch (...) {
+      applicationFailed(sa, in);
+      reserveFailed(announcedIn(in));
+   }
+   releasePending();
 }
 
 /// The record in hand announces a member of a collection that this side does not know. All that can be read of it is its identifier,
@@ -1200,8 +1208,10 @@ void Demuxer::record(In& in) {
    }
    // Its fate is decided: what reactors write in answer lies behind the acknowledgement.
    ++applied_;
-   applyRecord(*inHand_.sa, in);
-   recordEnds();
+   if (in.header().kind == kind::childLog) [[unlikely]]
+      applyAnnouncement(*inHand_.sa, in);
+   else
+      applyRecord(*inHand_.sa, in);
 }
 
 /// Takes in hand what the record is for. \return false where nothing here is mirrored under its identifier
@@ -1246,7 +1256,7 @@ void Demuxer::otherRecord(In& in) {
    if (header.entity == orphanAnnouncement) {
       if (header.attribute == static_cast<std::int32_t>(attr::orphan)) {
          readOrphan(in);
-         recordEnds();
+         releasePending();
       } else {
          ++counters_.unknownAttributes;
       }

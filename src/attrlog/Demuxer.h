@@ -136,7 +136,7 @@ public:
    /// which may do anything here. \throws ProtocolException where a root would lose its identifier by that
    void bind(EntityId id, Entity& entity) {
       bindInRecord(id, entity);
-      recordEnds();
+      releasePending();
    }
    /// The same while a record is applied, behind which the rest is let go.
    void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
@@ -311,6 +311,7 @@ private:
    void letGo() noexcept;
    void otherRecord(In& in);
    [[gnu::always_inline]] inline void applyRecord(Sa& sa, In& in);
+   void applyAnnouncement(Sa& sa, In& in);
    void applyMarker(Sa& sa, In& in);
    void applicationFailed(Sa& sa, In& in);
    void retirementsWrite();
@@ -329,11 +330,6 @@ private:
    Mirror takenFrom(PeerSlot& slot) noexcept;
    void release(Mirror const& gone) noexcept;
    std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
-   /// Lets go of what has lost its identifier while a record was applied.
-   void recordEnds() {
-      if (!letGo_.empty()) [[unlikely]]
-         releasePending();
-   }
    void releasePending();
    void releaseBelow(Entity& top);
    void peerSlotsTrim() noexcept;
