@@ -111,14 +111,58 @@ double madeWhileStalled(std::size_t n) {
    return t;
 }
 
+/// `n` leaves of this side refer to `n` mirrored ones, whose owner tells them again.
+double referredAgain(std::size_t n) {
+   World w(tree("ours", n));
+   auto const pointing = tree("pointing", n);
+   for (std::size_t i = 0; i != n; ++i)
+      pointing->leaf(nameOf(i))->otherIs(w.theirs->leaf(nameOf(i)));
+   w.link.right().exportRoot(pointing);
+   auto const mirror = w.link.left().mount<Leaf>("pointing");
+   w.link.settle();
+   w.link.cut();
+   double const t = timed([&] {
+      w.link.reconnect();
+      w.link.settle();
+   });
+   check(mirror->leaf(nameOf(n - 1))->other() == w.ours->leaf(nameOf(n - 1)), "references are not mirrored");
+   return t;
+}
+
+/// Members come one by one, while `n` references wait for an owner who has taken his root back.
+double madeBesideWaiting(std::size_t n) {
+   World w(tree("ours", n));
+   auto const pointing = tree("pointing", n);
+   for (std::size_t i = 0; i != n; ++i)
+      pointing->leaf(nameOf(i))->otherIs(w.theirs->leaf(nameOf(i)));
+   w.link.cut();
+   w.link.left().exportDel(w.ours);
+   w.link.right().exportRoot(pointing);
+   auto const mirror = w.link.left().mount<Leaf>("pointing");
+   auto const busy = tree("busy", 0);
+   w.link.left().exportRoot(busy);
+   auto const seen = w.link.right().mount<Leaf>("busy");
+   w.link.reconnect();
+   w.link.settle();
+   constexpr std::size_t members = 200;
+   double const t = timed([&] {
+      for (std::size_t i = 0; i != members; ++i) {
+         busy->leafIs(nameOf(i));
+         pointing->leafIs(nameOf(n + i));
+         w.link.settle();
+      }
+   });
+   check(seen->leaf().size() == members, "members are not mirrored");
+   return t * static_cast<double>(n) / members; // of each member that comes, whatever waits
+}
+
 struct Question {
    char const* name;
    double (*ask)(std::size_t);
-} const questions[] = {{"DeletedApart", deletedApart},
-                       {"OrphansAgain", orphansAgain},
-                       {"DeletedLive", deletedLive},
-                       {"RefusedWrites", refusedWrites},
-                       {"MadeWhileStalled", madeWhileStalled}};
+} const questions[] = {
+   {"DeletedApart", deletedApart},          {"OrphansAgain", orphansAgain},         {"DeletedLive", deletedLive},
+   {"RefusedWrites", refusedWrites},        {"MadeWhileStalled", madeWhileStalled}, {"ReferredAgain", referredAgain},
+   {"MadeBesideWaiting", madeBesideWaiting}};
 
 constexpr std::size_t counts[] = {5000, 20000, 80000};
 constexpr double patience = 30;

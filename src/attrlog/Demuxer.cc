@@ -352,7 +352,6 @@ void Demuxer::announceWanted() {
 
 void Demuxer::announced(Sa& sa, bool owesEverything) {
    sa.flagIs(StreamAdapter::serializing, true);
-   newIdentifiers_ = true;
    if (!owesEverything)
       return;
    try {
@@ -828,7 +827,7 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
    slot.isOwedRetirement = false;
    ++mirrored_;
    syncing(*sa, true);
-   newIdentifiers_ = true;
+   newIdentifiers_ |= sa->isAwaited();
    // Somebody here had made a member of that name, and nobody was told now that it is the owner's.
    if (Entity const* const parent = entity.moxRawParent(); isNew && parent != nullptr)
       if (Sa const* const directory = adapterOf(*parent);
@@ -875,8 +874,8 @@ void Demuxer::release(Mirror const& gone) noexcept {
       } catch (std::bad_alloc const&) {
          allOweAll();
       }
+      newIdentifiers_ |= gone.sa->isAwaited();
    }
-   newIdentifiers_ = true;
 }
 
 /// As above, one after the other; what the reactors of one have announced again stays. \return how many were let go

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mirrors that become entities of this process while others refer to them.
+// Mirrors that others refer to while they wait for their owner, or become entities of this process.
 
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010StatusDir.h"
@@ -62,6 +62,39 @@ TEST_F(LetGo, WhatAChainLeftOutIsToldOnceNobodyElseOwnsIt) {
    on.settle();
    EXPECT_NE(portOf(*mirrored)->ldpcHistograms("mine"), nullptr);
    EXPECT_TRUE(on.left().quiet());
+}
+
+TEST(Waiting, WakesForWhatIsAwaitedAlone) {
+   LocalLink link;
+   auto const ours = make<Cl10010StatusDir>("status");
+   auto const port = ours->phyStatusIs("port", nullptr, nullptr);
+   link.left().exportRoot(ours);
+   auto const theirs = link.right().mount<Cl10010StatusDir>("status");
+   link.settle();
+   auto const refs = make<Cl10010StatusPtrDir>("refs");
+   refs->phyStatusIs(theirs->phyStatus("port"));
+   link.cut();
+   link.left().exportDel(ours);
+   auto const busy = make<Cl10010StatusDir>("busy");
+   link.left().exportRoot(busy);
+   link.right().exportRoot(refs);
+   auto const mirrored = link.left().mount<Cl10010StatusPtrDir>("refs");
+   link.right().mount<Cl10010StatusDir>("busy");
+   link.reconnect();
+   link.settle();
+   auto const& counters = link.right().demuxer().counters();
+   ASSERT_EQ(link.right().demuxer().footprint().parked, 1u);
+   U64 const before = counters.woken;
+   for (int i = 0; i < 10; ++i) {
+      busy->phyStatusIs(Name(std::to_string(i)), nullptr, nullptr);                         // announced from there
+      refs->phyStatusIs(make<Cl10010Status>("mine" + std::to_string(i), nullptr, nullptr)); // and from here
+      link.settle();
+   }
+   EXPECT_EQ(counters.woken, before);
+   link.left().exportRoot(ours);
+   link.settle();
+   EXPECT_EQ(portOf(*mirrored), port);
+   EXPECT_EQ(counters.woken, before + 1);
 }
 
 } // namespace
