@@ -1179,7 +1179,7 @@ void Demuxer::applyAnnouncement(Sa& sa, In& in) {
 void Demuxer::reserveAnnounced(In const& in) {
    EntityId const id = announcedIn(in);
    if (in.body().size() < sizeof(U64))
-      throw AttrLogRecordException(in.where() + ": an announcement of " + std::to_string(in.body().size()) +
+      throw AttrLogRecordException("an announcement of " + std::to_string(in.body().size()) +
                                    " bytes, which has no room for an identifier");
    reserve(id);
 }
@@ -1275,7 +1275,7 @@ void Demuxer::otherRecord(In& in) {
       reserveAnnounced(in);
    } catch (AttrLogRecordException const& e) {
       ++counters_.badValues;
-      report(e.what());
+      report(in.where() + ": " + e.what());
    }
 }
 

@@ -12,21 +12,13 @@ std::string In::where() const {
    return "stream " + quoted(name_) + ", offset " + std::to_string(offset_);
 }
 
-std::string In::whoseRecord() const {
-   if (isControl())
-      return where();
-   return where() + ", attribute " + std::to_string(header().attribute) + " of entity " +
-          std::to_string(header().entity.number());
-}
-
 void In::throwShort(std::size_t wanted) const {
-   throw AttrLogRecordException(whoseRecord() + ": expected " + std::to_string(wanted) + " bytes at byte " +
-                                std::to_string(column()) + " of the body, " + std::to_string(remaining()) +
-                                " are left");
+   throw AttrLogRecordException("expected " + std::to_string(wanted) + " bytes at byte " + std::to_string(column()) +
+                                " of the body, " + std::to_string(remaining()) + " are left");
 }
 
 void In::throwBadBool(std::uint8_t byte) const {
-   throw AttrLogRecordException(whoseRecord() + ": expected a truth value of 0 or 1, got " + std::to_string(byte));
+   throw AttrLogRecordException("expected a truth value of 0 or 1, got " + std::to_string(byte));
 }
 
 void In::throwBroken(std::string const& text) {
@@ -261,8 +253,7 @@ void In::nextSection(unsigned n) {
    limit_ = body_.data() + body_.size();
    for (;;) {
       if (remaining() == 0)
-         throw AttrLogRecordException(whoseRecord() + ": expected section " + std::to_string(n) +
-                                      ", the body has no more");
+         throw AttrLogRecordException("expected section " + std::to_string(n) + ", the body has no more");
       unsigned const got = nextU8();
       std::size_t const size = nextU32();
       if (got == n) {

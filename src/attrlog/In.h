@@ -262,7 +262,6 @@ private:
    inline bool accept(std::uint8_t const* frame, std::size_t size);
    bool acceptControl(std::uint8_t const* at, std::uint8_t const* end);
    void acceptFirst();
-   std::string whoseRecord() const;
    [[noreturn]] void throwShort(std::size_t wanted) const;
    [[noreturn]] void throwBadBool(std::uint8_t byte) const;
    void insert(std::vector<std::uint8_t>& to, std::size_t at, std::span<std::uint8_t const> bytes);

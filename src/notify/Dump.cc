@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "notify/Dump.h"
 
+#include "core/Text.h"
 #include "mox/MoxType.h"
 
 #include <algorithm>
@@ -18,8 +19,11 @@ std::vector<DumpLine> dumpLines(Entity const& entity) {
 }
 
 void dump(Entity const& entity, std::ostream& out) {
-   for (DumpLine const& line : dumpLines(entity))
-      out << line.path << " = " << line.value << '\n';
+   auto const isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+   for (DumpLine const& line : dumpLines(entity)) {
+      bool const isPlain = std::none_of(line.value.begin(), line.value.end(), isControl);
+      out << line.path << " = " << (isPlain ? line.value : quoted(line.value)) << '\n';
+   }
 }
 
 std::vector<Difference> diff(Entity const& left, Entity const& right) {

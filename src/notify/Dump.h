@@ -22,7 +22,7 @@ struct DumpLine {
 /// without an attribute log as "null".
 std::vector<DumpLine> dumpLines(Entity const& entity);
 
-/// Writes `dumpLines`, one "path = value" a line.
+/// Writes `dumpLines`, one "path = value" a line; a value that holds control characters as `quoted` shows it.
 void dump(Entity const& entity, std::ostream& out);
 
 /// Where two entities differ: path and both values, "(absent)" where one has no such line.
