@@ -70,4 +70,69 @@ private:
    void* inline_[inlineCount]; // left as it is: a pass over two elements must not pay for sixteen
 };
 
+/// Walks a list where there is no memory for a snapshot: as many elements at a time as an iterator holds by itself, and on behind the
+/// last of those that is still on the list. What leaves the list before its piece is reached is passed over, and what joins it may
+/// be met; nothing is met twice that stays where it is. *Lifetime*: an automatic variable.
+template <class List> class PiecewiseIterator {
+public:
+   using Element = typename List::Element;
+   static constexpr std::size_t pieceCount = SnapshotIterator<List>::inlineCount;
+
+   explicit PiecewiseIterator(List const& list) noexcept : list_(list), left_(list.size()) { take(list.first()); }
+   PiecewiseIterator(PiecewiseIterator const&) = delete;
+   PiecewiseIterator& operator=(PiecewiseIterator const&) = delete;
+   ~PiecewiseIterator() { release(); }
+
+   explicit operator bool() const noexcept { return at_ != end_; }
+   Element& operator*() const noexcept { return *piece_[at_]; }
+
+   void advance() noexcept {
+      do
+         if (++at_ == end_) {
+            Element* const behind = next();
+            release();
+            take(behind);
+         }
+      while (at_ != end_ && piece_[at_]->references() == 1);
+   }
+
+private:
+   /// Behind the last of the piece that is still there; null where none is.
+   Element* next() const noexcept {
+      for (std::size_t i = end_; i-- != 0;)
+         if (list_.contains(*piece_[i]))
+            return piece_[i]->moxNextInList();
+      return nullptr;
+   }
+   void take(Element* from) noexcept {
+      for (at_ = end_ = 0; from != nullptr && end_ != pieceCount && left_ != 0; from = from->moxNextInList(), --left_) {
+         from->referenceInc();
+         piece_[end_++] = from;
+      }
+   }
+   void release() noexcept {
+      for (std::size_t i = 0; i != end_; ++i)
+         piece_[i]->referenceDec();
+      end_ = at_ = 0;
+   }
+
+   List const& list_;
+   std::size_t left_; ///< that were on the list at the beginning and have not been taken
+   std::size_t at_ = 0;
+   std::size_t end_ = 0;
+   Element* piece_[pieceCount];
+};
+
+/// Calls `visit(element)` for each element of a list as it is now, whatever `visit` does to the list; without memory for a long
+/// list, as `PiecewiseIterator` goes.
+template <class List, class Visit> [[gnu::always_inline]] inline void visitSnapshot(List const& list, Visit visit) {
+   if (list.size() > SnapshotIterator<List>::inlineCount && !SnapshotStack::reserve(list.size())) [[unlikely]] {
+      for (PiecewiseIterator<List> it(list); it; it.advance())
+         visit(*it);
+      return;
+   }
+   for (SnapshotIterator<List> it(list); it; it.advance())
+      visit(*it);
+}
+
 } // namespace Mox

@@ -2,6 +2,7 @@
 #include "containers/SnapshotStack.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Mox {
@@ -67,6 +68,18 @@ void** SnapshotStack::push(std::size_t count) {
    void** const room = current->top;
    current->top += count;
    return room;
+}
+
+bool SnapshotStack::reserve(std::size_t count) noexcept {
+   try {
+      if (current == nullptr)
+         current = blockBehind(count);
+      else if (current->left() < count)
+         blockBehind(count);
+      return true;
+   } catch (std::bad_alloc const&) {
+      return false;
+   }
 }
 
 void SnapshotStack::pop(void** room) noexcept {

@@ -12,6 +12,8 @@ class SnapshotStack {
 public:
    /// Room for `count` pointers, at least one, side by side. \throws std::bad_alloc, nothing has changed then
    static void** push(std::size_t count);
+   /// Makes room, so that the next `push` of up to `count` pointers allocates nothing. \return false where there is no memory
+   static bool reserve(std::size_t count) noexcept;
    /// Gives back everything from `room` on, which `push` has returned: the youngest snapshot goes first.
    static void pop(void** room) noexcept;
 };

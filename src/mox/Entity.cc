@@ -32,14 +32,14 @@ namespace {
 
 /// One pass of a notification that every entity has, whatever its type.
 template <class Call> void deliverToAll(ListRaw<PtrInterface::NotifieeConst> const& list, AttributeId id, Call call) {
-   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(list); it; it.advance()) {
+   visitSnapshot(list, [&](PtrInterface::NotifieeConst& reactor) {
       try {
          Expect const scope(0);
-         call(*it);
+         call(reactor);
       } catch (...) {
-         it->onNotificationException(id);
+         reactor.onNotificationException(id);
       }
-   }
+   });
 }
 
 } // namespace

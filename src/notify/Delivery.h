@@ -37,8 +37,7 @@ struct Held {
 
 template <class A, class... Key>
 [[gnu::noinline]] void deliverMany(ListRaw<PtrInterface::NotifieeConst> const& reactors, Key const&... key) {
-   for (SnapshotIterator<ListRaw<PtrInterface::NotifieeConst>> it(reactors); it; it.advance())
-      notify<A>(*it, key...);
+   visitSnapshot(reactors, [&](PtrInterface::NotifieeConst& reactor) { notify<A>(reactor, key...); });
 }
 
 } // namespace detail
@@ -50,7 +49,7 @@ template <class A, class... Key>
 /// reference has gone.
 /// *Exceptions*: what a notification throws goes to the same reactor's `onNotificationException`, while it is current; only what
 /// that throws leaves, and the reactors behind miss this notification.
-/// *Cost*: no allocation; one comparison per reactor for its interface.
+/// *Cost*: no allocation in steady state, and none that can fail it; one comparison per reactor for its interface.
 template <class A, class... Key>
 [[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
    auto const& reactors = entity.moxReactors();

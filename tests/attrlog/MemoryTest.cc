@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+// One allocation fails: whoever watches is told what has changed all the same, and the mirror has it.
+
+#include "attrlog/LocalLink.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
+#include "notify/Dump.h"
+#include "notify/Observe.h"
+#include "support/Allocations.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace Mox {
+namespace {
+
+using namespace Hardware::ClariPhy;
+using Xcvr::CfpxHostChannel;
+
+/// A port, its mirror, and many who watch one of them.
+struct Watched {
+   LocalLink link;
+   Ptr<Cl10010ConfigDir> const ours = make<Cl10010ConfigDir>("config");
+   Ptr<Cl10010ConfigDir> theirs;
+   Ptr<Cl10010Config> port = ours->phyConfigIs("port");
+   std::vector<Watch> watches;
+   unsigned told = 0;
+
+   Watched(std::size_t count, bool atMirror) {
+      port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
+      link.left().exportRoot(ours);
+      theirs = link.right().mount<Cl10010ConfigDir>("config");
+      link.settle();
+      auto const& watched = atMirror ? theirs : ours;
+      for (std::size_t i = 0; i != count; ++i) {
+         watches.push_back(onAny(watched, [this](Cl10010ConfigDir&, AttributeId) { ++told; }));
+         watches.push_back(onAny(watched->phyConfig("port"), [this](Cl10010Config&, AttributeId) { ++told; }));
+      }
+   }
+};
+
+TEST(Memory, ThatFailsInAPassKeepsNobodyFromWhatHasChanged) {
+   struct Change {
+      char const* name;
+      std::function<void(Watched&)> make;
+   };
+   std::vector<Change> const changes = {
+      {"number", [](Watched& w) { w.port->refClockIs(5); }},
+      {"text", [](Watched& w) { w.port->modelIs("a model whose name is long enough to be allocated"); }},
+      {"entry", [](Watched& w) { w.port->calibrationIs(CfpxHostChannel::channel2, {2, 2, 2}); }},
+      {"entry that goes", [](Watched& w) { w.port->calibrationDel(CfpxHostChannel::channel1); }},
+      {"member", [](Watched& w) { w.ours->phyConfigIs("another"); }},
+      {"member that goes", [](Watched& w) { w.ours->phyConfigDel("port"); }},
+   };
+   for (Change const& change : changes)
+      for (std::size_t const count : {1u, 40u})
+         for (bool const atMirror : {false, true})
+            for (std::size_t skipped = 0, isOver = 0; isOver == 0; ++skipped) {
+               // In a thread that has made no pass yet: room that one needed stays.
+               std::thread([&] {
+                  Watched w(count, atMirror);
+                  auto const before = dumpLines(*w.theirs);
+                  bool hasFailed = false;
+                  {
+                     NoMemory const once(true, skipped);
+                     try {
+                        change.make(w);
+                        if (atMirror)
+                           w.link.settle();
+                     } catch (std::bad_alloc const&) {
+                     }
+                     hasFailed = NoMemory::hasFailed();
+                  }
+                  isOver = !hasFailed || skipped == 200;
+                  w.link.settle();
+                  if (!w.link.left().isConnected())
+                     w.link.reconnect();
+                  w.link.settle();
+                  SCOPED_TRACE(std::string(change.name) + ", " + std::to_string(count) + " watches at the " +
+                               (atMirror ? "mirror, " : "owner, ") + std::to_string(skipped) + " allocations before");
+                  EXPECT_EQ(diff(*w.ours, *w.theirs).size(), 0u);
+                  EXPECT_EQ(w.link.left().demuxer().audit() + w.link.right().demuxer().audit(), "");
+                  EXPECT_EQ(w.told % count, 0u) << "some were told, and some were not";
+                  EXPECT_EQ(w.told != 0, dumpLines(*w.theirs) != before);
+               }).join();
+            }
+}
+
+} // namespace
+} // namespace Mox
