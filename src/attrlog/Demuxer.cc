@@ -134,6 +134,11 @@ Demuxer::Sa* Demuxer::adapterOf(Entity const& entity) const noexcept {
 
 Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
    if (Sa* const present = adapterOf(root)) {
+      if (present->isMadeInAdvance()) {
+         present->flagIs(StreamAdapter::readOnlyProxy, true);
+         present->isRootIs(true);
+         return Ptr<Sa>(present);
+      }
       if (!present->isOrphan())
          throwInternalException(std::string(std::string_view(root.fullName())) + " is on this stream already");
       reidentify(root);
@@ -219,9 +224,10 @@ void Demuxer::announceOrphan(Entity& entity) {
    Ptr<Sa> sa(adapterOf(entity));
    if (!sa) {
       sa = logOperationsOf(entity)->adapter(entity, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, *this);
-      sa->isOrphanIs(true);
       sa->moxOnInit();
    }
+   if (!sa->isRoot())
+      sa->isOrphanIs(true);
    try {
       if (!sa->entityId().isAssigned())
          assign(*sa);

@@ -427,6 +427,7 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr
       demuxer.reidentify(*child);
    }
    bool const isNew = !sa;
+   bool const isFirst = isNew || sa->isMadeInAdvance();
    if (isNew) {
       sa = LevelSa<typename A::Entry>::typeOperations()->adapter(
          *child, {StreamAdapter::readOnlyProxy | StreamAdapter::weak}, demuxer);
@@ -474,7 +475,7 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr
    }
    discard.sa = nullptr;
    sa->memberOfIs(this->entityId_);
-   demuxer.announced(*sa, isNew);
+   demuxer.announced(*sa, isFirst);
    return sa;
 }
 
@@ -834,6 +835,8 @@ int LevelSa<X>::handleAttrDeserialization(std::int32_t aid, DeserializationOptio
       Reading reading{*this, *in, removal | Reading::local};
       return visitAttribute<X>(id, reading) && (reading.how & Reading::unknown) == 0 ? 1 : 0;
    }
+   if (this->demuxer_ == nullptr) [[unlikely]]
+      return 0;
    this->checkPeerMayWrite();
    struct End {
       LevelSa& self;

@@ -202,7 +202,7 @@ void Sa::moxInstantiateSerialize() {}
 
 int Sa::handleAttrDeserialization(std::int32_t aid, NboAttrLog::DeserializationOptions, unsigned,
                                   Ptr<NboAttrLog::In> const& in) {
-   if (aid != static_cast<std::int32_t>(attr::syncMode))
+   if (aid != static_cast<std::int32_t>(attr::syncMode) || (demuxer_ == nullptr && !in))
       return 0;
    NboAttrLog::In& input = in ? *in : *demuxer_->in();
    std::uint32_t const mode = input.nextU32();
@@ -417,6 +417,8 @@ void Sa::untoldTakenOver(MoxNboAttrLogSa& other) {
 }
 
 void Sa::doSerializeOrphan() {
+   if (demuxer_ == nullptr)
+      throwInternalException("an adapter that has been taken off has no stream to announce its entity on");
    NboAttrLog::Out& out = *demuxer_->out();
    demuxer_->beforeRecord();
    NboAttrLog::MsgHeader header;
@@ -467,7 +469,8 @@ Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet flags, unsigne
    if (Ptr<MoxNboAttrLogSa> present = moxNboAttrLogSa(Ptr<NboAttrLog::Out const>(out))) {
       if (operations->isAdapter(*present)) {
          if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
-            present->notificationFlagsIs(flags);
+            present->notificationFlagsIs({(flags.bits & ~MoxNboAttrLogSa::lifeBits) |
+                                          (present->stateFlags() & MoxNboAttrLogSa::lifeBits)});
          return present;
       }
       moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const>(out));

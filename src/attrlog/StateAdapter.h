@@ -107,6 +107,8 @@ public:
    static constexpr std::uint32_t alwaysDefer = 0x8000000;  ///< bit 27
    /// Bits that an adapter keeps when it is handed new flags.
    static constexpr std::uint32_t ownBits = 0x5700000;
+   /// Bits that say whose the entity is and what its adapter is in the middle of: no caller changes them.
+   static constexpr std::uint32_t lifeBits = readOnlyCopy | readOnlyProxy | applying | letGo | weak;
    /// Bits that a child does not inherit from its parent's adapter.
    static constexpr std::uint32_t notInherited = 0x5700400;
 
@@ -233,6 +235,8 @@ public:
    void moxOnInit() {}
    void sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count);
 
+   /// Made by `moxNboAttrLogSaIs` before anything has announced the entity: the announcement, whichever comes, takes it over.
+   bool isMadeInAdvance() const noexcept { return !isMirror() && !isRoot_ && !isOrphan_ && !isAnnounced(); }
    bool isOrphan() const noexcept { return isOrphan_; }
    void isOrphanIs(bool orphan) noexcept { isOrphan_ = orphan; }
    bool isRoot() const noexcept { return isRoot_; }
