@@ -57,11 +57,10 @@ template <class T> Ptr<T> const& target(std::uint64_t word) {
    static Ptr<T> const targets[targetCount] = {nullptr, made<T>("n1"), made<T>("n2"), made<T>("n2"), made<T>("")};
    return targets[word % targetCount];
 }
-template <class... Ps> auto parametersOf(TypeList<Ps...>, [[maybe_unused]] std::uint64_t word) {
-   return std::tuple<typename Ps::Value...>{target<typename Ps::Target>(std::exchange(word, word / 5))...};
-}
-template <class A> auto parameters(std::uint64_t word) {
-   return parametersOf(typename A::Entry::MoxParameters{}, word);
+template <class A> auto parameters([[maybe_unused]] std::uint64_t word) {
+   return [&]<class... Ps>(TypeList<Ps...>) {
+      return std::tuple<typename Ps::Value...>{target<typename Ps::Target>(std::exchange(word, word / 5))...};
+   }(typename A::Entry::MoxParameters{});
 }
 template <class A> typename A::Value value(std::uint64_t word) {
    Words words(word % 64); // few values, so that equal ones meet
@@ -98,27 +97,26 @@ template <class A, class... Key> auto arguments(std::uint64_t word, Key const&..
 }
 
 // The plain state of one attribute.
-template <class A, bool isEntry = A::hasEntries> struct State {
-   using Type = typename A::Value;
-};
 template <class A>
-   requires(A::kind == Kind::array)
-struct State<A, false> {
-   using Type = Plain::Array<typename A::Value>;
-};
-template <class A> struct State<A, true> {
-   static constexpr bool isHashed = A::kind != Kind::map && A::kind != Kind::collection;
-   using Held = std::conditional_t<A::ownsMembers, std::size_t, typename A::Value>; ///< of a member its number
-   using Type =
-      std::conditional_t<isHashed, std::map<typename A::Key, Held, HashOrder>, std::map<typename A::Key, Held>>;
-};
+using Held = std::conditional_t<A::ownsMembers, std::size_t, typename A::Value>; ///< a member's number
+template <class A> auto emptyState() {
+   if constexpr (A::kind == Kind::array)
+      return Plain::Array<typename A::Value>{.values =
+                                                std::vector<typename A::Value>(std::size_t{A::Key::maximum} + 1)};
+   else if constexpr (!A::isKeyed)
+      return typename A::Value{};
+   else if constexpr (A::kind == Kind::map || A::kind == Kind::collection)
+      return std::map<typename A::Key, Held<A>>{};
+   else
+      return std::map<typename A::Key, Held<A>, HashOrder>{};
+}
 template <class A> struct Stored {
-   typename State<A>::Type value{};
+   decltype(emptyState<A>()) value = emptyState<A>();
 };
 template <class List> struct States;
 template <class... As> struct States<TypeList<As...>> : Stored<As>... {};
 
-/// What can be done to an attribute. The second of a counter adds; of an array the rest are the first five.
+/// What can be done to an attribute. The second of a counter adds; an array has the first five.
 enum What : unsigned { puts, drops, dropsAt, dropsAll, notifies, putsRaw, finds };
 template <class A> constexpr unsigned operationCount() {
    bool const isPair = A::kind == Kind::counter || A::kind == Kind::optional;
@@ -132,9 +130,7 @@ public:
 
    explicit Run(std::size_t reactors) {
       List::forEach([&](auto a) {
-         if constexpr (a.kind == Kind::array)
-            state(a).values.resize(std::size_t{decltype(a)::Key::maximum} + 1);
-         else if constexpr (!a.isKeyed)
+         if constexpr (!a.isKeyed)
             state(a) = a.cell(*entity_);
       });
       plain_.run = [this](Op const& op) { onPlain(op); };
@@ -395,7 +391,7 @@ private:
          cell[key] = entry;
    }
    /// Members are known by the word that they were made with: of that come their parameters.
-   template <class A> static typename State<A>::Held held(std::uint64_t word) {
+   template <class A> static Held<A> held(std::uint64_t word) {
       if constexpr (A::ownsMembers)
          return A::Entry::MoxParameters::size == 0 ? 0 : word % 25;
       else if constexpr (A::kind == Kind::hashReferences)
