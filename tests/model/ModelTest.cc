@@ -3,25 +3,8 @@
 
 #include "Plain.h"
 #include "core/Exceptions.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigPtrDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "entities/Cl10010StatusPtrDirReactor.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "entities/FecHistogramReactor.h"
-#include "notify/EntityReactor.h"
-#include "siblings/AcceleratorReactor.h"
-#include "siblings/EthPhyIntfStatusReactor.h"
-#include "siblings/GpoReactor.h"
-#include "siblings/IntCtrlReactor.h"
-#include "siblings/LedConfigReactor.h"
-#include "siblings/PllStatusReactor.h"
-#include "siblings/XcvrConfigReactor.h"
-#include "siblings/XcvrStatusReactor.h"
 #include "simulation/Attributes.h"
 #include "simulation/Shrink.h"
-#include "simulation/Values.h"
 #include "simulation/Words.h"
 #include "support/Allocations.h"
 
@@ -31,13 +14,13 @@
 #include <iostream>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <tuple>
 #include <unordered_set>
 
 namespace {
 
-using namespace Hardware::ClariPhy;
 using Mox::AttributeId;
 using Mox::Kind;
 using Mox::Name;
@@ -45,7 +28,7 @@ using Mox::Ptr;
 using Mox::TypeList;
 using Plain::Op;
 using Plain::Reaction;
-using Simulation::makeValue;
+using Simulation::keyText;
 using Simulation::textOf;
 using Simulation::Words;
 
@@ -62,8 +45,8 @@ struct HashOrder {
 template <class T> Ptr<T> made(char const* name) {
    using X = std::remove_const_t<T>;
    if constexpr (std::same_as<X, Hardware::Phy::PhyConfig>)
-      return Mox::make<Cl10010Config>(name);
-   else if constexpr (std::same_as<X, Cl10010Status>)
+      return Mox::make<Hardware::ClariPhy::Cl10010Config>(name);
+   else if constexpr (std::same_as<X, Hardware::ClariPhy::Cl10010Status>)
       return Mox::make<X>(name, nullptr, nullptr);
    else
       return Mox::make<X>(name);
@@ -73,6 +56,15 @@ constexpr std::uint64_t targetCount = 5;
 template <class T> Ptr<T> const& target(std::uint64_t word) {
    static Ptr<T> const targets[targetCount] = {nullptr, made<T>("n1"), made<T>("n2"), made<T>("n2"), made<T>("")};
    return targets[word % targetCount];
+}
+template <class A> auto parameters([[maybe_unused]] std::uint64_t word) {
+   return [&]<class... Ps>(TypeList<Ps...>) {
+      return std::tuple<typename Ps::Value...>{target<typename Ps::Target>(std::exchange(word, word / 5))...};
+   }(typename A::Entry::MoxParameters{});
+}
+template <class A> typename A::Value value(std::uint64_t word) {
+   Words words(word % 64); // few values, so that equal ones meet
+   return Simulation::makeValue<typename A::Value>(words);
 }
 
 constexpr std::uint64_t keyWords = 12; ///< operations name keys by the words below
@@ -93,35 +85,39 @@ template <class K> K keyOf(std::uint64_t word) {
    else
       return K(word % (std::uint64_t{K::maximum} + 1));
 }
-/// How many entries come while an iterator stands somewhere: sometimes as many as make a collection grow twice.
-constexpr std::uint64_t arrivals(std::uint64_t word) {
-   return word % 16 * 3;
-}
-template <class K> std::string textOfKey(K const& key) {
-   return "[" + textOf(key) + "]";
+
+/// What `put` takes behind the entity.
+template <class A, class... Key> auto arguments(std::uint64_t word, Key const&... key) {
+   if constexpr (A::kind == Kind::reference || A::kind == Kind::hashReferences)
+      return std::tuple(target<typename A::Target>(word));
+   else if constexpr (A::ownsMembers)
+      return std::tuple_cat(std::tuple(key...), parameters<A>(word));
+   else
+      return std::tuple(key..., value<A>(word));
 }
 
 // The plain state of one attribute.
-template <class A, bool isEntry = A::hasEntries> struct State {
-   using Type = typename A::Value;
-};
 template <class A>
-   requires(A::kind == Kind::array)
-struct State<A, false> {
-   using Type = Plain::Array<typename A::Value>;
-};
-template <class A> struct State<A, true> {
-   static constexpr bool isHashed = A::kind != Kind::map && A::kind != Kind::collection;
-   using Held = std::conditional_t<A::ownsMembers, std::size_t, typename A::Value>; ///< of a member its number
-   using Type =
-      std::conditional_t<isHashed, std::map<typename A::Key, Held, HashOrder>, std::map<typename A::Key, Held>>;
-};
+using Held = std::conditional_t<A::ownsMembers, std::size_t, typename A::Value>; ///< a member's number
+template <class A> auto emptyState() {
+   if constexpr (A::kind == Kind::array)
+      return Plain::Array<typename A::Value>{.values =
+                                                std::vector<typename A::Value>(std::size_t{A::Key::maximum} + 1)};
+   else if constexpr (!A::isKeyed)
+      return typename A::Value{};
+   else if constexpr (A::kind == Kind::map || A::kind == Kind::collection)
+      return std::map<typename A::Key, Held<A>>{};
+   else
+      return std::map<typename A::Key, Held<A>, HashOrder>{};
+}
 template <class A> struct Stored {
-   typename State<A>::Type value{};
+   decltype(emptyState<A>()) value = emptyState<A>();
 };
 template <class List> struct States;
 template <class... As> struct States<TypeList<As...>> : Stored<As>... {};
 
+/// What can be done to an attribute. The second of a counter adds; an array has the first five.
+enum What : unsigned { puts, drops, dropsAt, dropsAll, notifies, putsRaw, finds };
 template <class A> constexpr unsigned operationCount() {
    bool const isPair = A::kind == Kind::counter || A::kind == Kind::optional;
    return A::ownsMembers ? 7 : A::hasEntries ? 6 : A::isKeyed ? 5 : isPair ? 2 : 1;
@@ -134,16 +130,14 @@ public:
 
    explicit Run(std::size_t reactors) {
       List::forEach([&](auto a) {
-         if constexpr (a.kind == Kind::array)
-            state(a).values.resize(std::size_t{decltype(a)::Key::maximum} + 1);
-         else if constexpr (!a.isKeyed)
+         if constexpr (!a.isKeyed)
             state(a) = a.cell(*entity_);
       });
       plain_.run = [this](Op const& op) { onPlain(op); };
+      plain_.reactors.resize(reactors);
+      reactors_.resize(reactors);
       for (std::size_t i = 0; i < reactors; ++i) {
-         plain_.reactors.push_back(std::make_shared<Plain::Subject::Reactor>(Plain::Subject::Reactor{i}));
-         reactors_.push_back(Mox::make<Real>(*this, i));
-         reactors_[i]->notifierIs(entity_);
+         join(i);
          if (reactors > fewReactors) {
             plain_.registeredIs(i, true);
             registeredIs(i, true);
@@ -158,44 +152,38 @@ public:
          reactors_[reactor]->reactions.push_back(*reaction);
          plain_.reactors[reactor]->reactions.push_back(*reaction);
       }
-      bool isDone = false;
-      bool real = false;
+      std::optional<bool> real;                                  // whether it throws
       if (op.word % 4 == 3 && reactors_.size() == fewReactors) { // a pass over more needs room, and may say so
          noMemory_.emplace();
          try {
             real = throws([&] { onReal(op); });
-            isDone = true;
          } catch (std::bad_alloc const&) {
             ++refusals;
          }
          noMemory_.reset();
-         if (!isDone)
+         if (!real)
             if (std::string const wrong = difference(); !wrong.empty())
                return "without memory, " + wrong;
       }
-      if (!isDone)
+      if (!real)
          real = throws([&] { onReal(op); });
-      bool const plain = throws([&] { onPlain(op); });
-      if (real != plain)
-         return real ? "the entity throws" : "the model throws";
+      if (*real != throws([&] { onPlain(op); }))
+         return *real ? "the entity throws" : "the model throws";
       return difference();
    }
    /// Registers, pauses or lets go of a reactor.
    std::string reactorStep(std::size_t number, std::uint64_t what) {
-      auto& real = reactors_[number];
       if (what % 8 == 7) {
          plain_.drop(number);
-         real = nullptr;
-      } else if (!real) {
-         plain_.reactors[number] = std::make_shared<Plain::Subject::Reactor>(Plain::Subject::Reactor{number});
-         real = Mox::make<Real>(*this, number);
-         real->notifierIs(entity_);
+         drop(number);
+      } else if (!reactors_[number]) {
+         join(number);
       } else if (what % 8 < 5) {
          plain_.registeredIs(number, what % 8 != 0);
-         real->isRegisteredNotifieeIs(what % 8 != 0);
+         registeredIs(number, what % 8 != 0);
       } else {
          plain_.activeIs(number, what % 8 == 5);
-         real->hasNotificationActiveIs(what % 8 == 5);
+         reactors_[number]->hasNotificationActiveIs(what % 8 == 5);
       }
       return difference();
    }
@@ -212,8 +200,8 @@ public:
       }
       entity_ = nullptr;
       List::forEach([&](auto a) {
-         if constexpr (decltype(a)::ownsMembers)
-            Plain::mapDelAll(plain_, a.id, state(a), [](auto const& k) { return textOfKey(k); });
+         if constexpr (a.ownsMembers)
+            Plain::mapDelAll(plain_, a.id, state(a));
       });
       if (std::string wrong = differenceOfLogs(); !wrong.empty())
          return wrong;
@@ -250,12 +238,8 @@ private:
 
       template <class A, class... Key> void forward(A, Key const&... key) {
          run_.noMemory_.reset(); // the mutator has done what it needs memory for
-         run_.log_.push_back(Plain::told(number_, A::id, (std::string() + ... + textOfKey(key))));
-         Reaction reaction;
-         if (!reactions.empty()) {
-            reaction = reactions.front();
-            reactions.pop_front();
-         }
+         run_.log_.push_back(Plain::told(number_, A::id, keyText(key...)));
+         Reaction const reaction = Plain::taken(reactions);
          rethrows_.push_back(reaction.what == Reaction::rethrows);
          Plain::react(reaction, run_);
          rethrows_.pop_back();
@@ -275,18 +259,24 @@ private:
       std::vector<bool> rethrows_;
    };
 
+   void join(std::size_t number) {
+      plain_.reactors[number] = std::make_shared<Plain::Subject::Reactor>(Plain::Subject::Reactor{number});
+      reactors_[number] = Mox::make<Real>(*this, number);
+      reactors_[number]->notifierIs(entity_);
+   }
+
    template <class A> auto& state(A) { return static_cast<Stored<A>&>(states_).value; }
    template <class Call> static bool throws(Call call) {
       try {
          call();
          return false;
+      } catch (std::bad_alloc const&) {
+         throw;
       } catch (Plain::Thrown const&) {
-         return true;
       } catch (Mox::RangeException const&) {
-         return true;
       } catch (Mox::NameInUseException const&) {
-         return true;
       }
+      return true;
    }
    template <class Visitor> static void withAttribute(Op const& op, Visitor visit) {
       unsigned i = 0;
@@ -295,19 +285,12 @@ private:
             visit(a, op.what % operationCount<decltype(a)>());
       });
    }
-
-   template <class A> static auto iterator(typename A::Container& cell, typename A::Key const& key) {
-      typename A::Container::Iterator it(cell);
-      while (it && !(it.key() == key))
-         it.advance();
-      return it;
-   }
-
-   template <class A> static void createReal(typename A::Owner& e, typename A::Key const& key, std::uint64_t word) {
-      if constexpr (A::ownsMembers)
-         std::apply([&](auto const&... p) { Mox::newMember<A>(e, key, p...); }, parameters<A>(word));
-      else
-         Mox::newMapEntry<A>(e, key, value<A>(word));
+   /// Calls `arrives` with the keys that come while an iterator stands somewhere: sometimes as many as make a collection grow
+   /// twice.
+   template <class A, class Arrives> static void forEachArrival(Op const& op, Arrives arrives) {
+      if constexpr (A::hasEntries && A::kind != Kind::hashReferences)
+         for (std::uint64_t i = 0; i < op.word % 16 * 3; ++i)
+            arrives(keyOf<typename A::Key>(keyWords + i));
    }
 
    void onReal(Op const& op) {
@@ -315,67 +298,38 @@ private:
          using A = decltype(a);
          covered.insert({A::id, what}); // allocates once: an operation may be short of memory
          auto& e = static_cast<typename A::Owner&>(it_);
+         auto const put = [&](auto const&... argument) { A::put(e, argument...); };
          if constexpr (!A::isKeyed) {
-            if constexpr (A::kind == Kind::reference) {
-               A::put(e, target<typename A::Target>(op.word));
-            } else {
-               auto const v = value<A>(op.word);
-               if constexpr (A::kind == Kind::counter) {
-                  if (what == 1) {
-                     Mox::counterInc<A>(e, v);
-                     return;
-                  }
-               } else if constexpr (A::kind == Kind::optional) {
-                  if (what == 1) {
-                     A::drop(e);
-                     return;
-                  }
-               }
-               A::put(e, v);
-            }
+            if (what == puts)
+               std::apply(put, arguments<A>(op.word));
+            else if constexpr (A::kind == Kind::counter)
+               Mox::counterInc<A>(e, value<A>(op.word));
+            else if constexpr (A::kind == Kind::optional)
+               A::drop(e);
          } else {
             auto const key = keyOf<typename A::Key>(op.word >> 32);
-            if (what == 0) {
-               if constexpr (A::kind == Kind::hashReferences)
-                  A::put(e, target<typename A::Target>(op.word));
-               else if constexpr (A::ownsMembers)
-                  std::apply([&](auto const&... p) { A::put(e, key, p...); }, parameters<A>(op.word));
-               else
-                  A::put(e, key, value<A>(op.word));
-            } else if (what == 1) {
+            [[maybe_unused]] auto const putRaw = [&](auto const&... argument) {
+               Simulation::putRaw<A>(e, argument...);
+            };
+            if (what == puts) {
+               std::apply(put, arguments<A>(op.word, key));
+            } else if (what == drops) {
                A::drop(e, key);
-            } else if (what == 2) {
-               auto it = [&] {
-                  if constexpr (A::kind == Kind::array)
-                     return typename A::Container::Iterator(A::cell(e), key);
-                  else
-                     return iterator<A>(A::cell(e), key);
-               }();
-               if constexpr (A::hasEntries && A::kind != Kind::hashReferences)
-                  for (std::uint64_t i = 0; i < arrivals(op.word); ++i)
-                     createReal<A>(e, keyOf<typename A::Key>(keyWords + i), op.word);
-               if constexpr (A::kind == Kind::array)
-                  Mox::arrayDel<A>(e, it);
-               else if constexpr (A::ownsMembers)
-                  Mox::memberDel<A>(e, it);
-               else
-                  Mox::mapDel<A>(e, it);
-            } else if (what == 3) {
-               if constexpr (A::kind == Kind::array)
-                  Mox::arrayDelAll<A>(e);
-               else if constexpr (A::ownsMembers)
-                  Mox::memberDelAll<A>(e);
-               else
-                  Mox::mapDelAll<A>(e);
-            } else if (what == 4) {
+            } else if (what == dropsAt) {
+               typename A::Container::Iterator it(A::cell(e));
+               while (it && !(it.key() == key))
+                  it.advance();
+               forEachArrival<A>(op, [&](auto const& k) { std::apply(putRaw, arguments<A>(op.word, k)); });
+               Simulation::dropAt<A>(e, it);
+            } else if (what == dropsAll) {
+               Simulation::dropAll<A>(e);
+            } else if (what == notifies) {
                Mox::keyNotify<A>(e, key);
-            } else if (what == 5) {
-               if constexpr (A::kind == Kind::hashReferences)
-                  Mox::newReferenceEntry<A>(e, target<typename A::Target>(op.word));
-               else if constexpr (A::hasEntries)
-                  createReal<A>(e, key, op.word);
-            } else if constexpr (A::ownsMembers) {
-               Mox::memberFind<A>(e, key);
+            } else if constexpr (A::hasEntries) {
+               if (what == putsRaw)
+                  std::apply(putRaw, arguments<A>(op.word, key));
+               else if constexpr (A::ownsMembers)
+                  Mox::memberFind<A>(e, key);
             }
          }
       });
@@ -386,88 +340,64 @@ private:
          using A = decltype(a);
          auto& cell = state(a);
          if constexpr (!A::isKeyed) {
-            if constexpr (A::kind == Kind::reference) {
-               Plain::set(plain_, A::id, cell, typename A::Value(target<typename A::Target>(op.word)));
-            } else {
-               auto const v = value<A>(op.word);
-               if constexpr (A::kind == Kind::counter) {
-                  if (what == 1) {
-                     Plain::increment(plain_, A::id, cell, v, std::make_unsigned_t<typename A::Value>{});
-                     return;
-                  }
+            auto const v = std::get<0>(arguments<A>(op.word));
+            if constexpr (A::kind == Kind::counter)
+               if (what == 1) {
+                  Plain::increment(plain_, A::id, cell, v);
+                  return;
                }
-               Plain::set(plain_, A::id, cell, A::kind == Kind::optional && what == 1 ? typename A::Value{} : v);
-            }
+            Plain::set(plain_, A::id, cell, what == drops ? typename A::Value{} : v);
          } else {
-            using Key = typename A::Key;
-            auto const key = keyOf<Key>(op.word >> 32);
-            auto const text = textOfKey(key);
-            if (what == 4) {
-               plain_.pass(A::id, text);
-            } else if constexpr (A::kind == Kind::array) { // NOLINT(bugprone-branch-clone): not for this kind alone
-               if (what == 0)
-                  Plain::arraySet(plain_, A::id, cell, key, value<A>(op.word), text);
-               else if (what == 3)
-                  Plain::arrayDelAll(plain_, A::id, cell, [](std::size_t i) { return textOfKey(Key(i)); });
-               else
-                  Plain::arrayDel(plain_, A::id, cell, key, text);
-            } else if (what == 1 || what == 2) {
-               if constexpr (A::kind != Kind::hashReferences)
-                  for (std::uint64_t i = 0; what == 2 && i < arrivals(op.word); ++i)
-                     cell[keyOf<Key>(keyWords + i)] = held<A>(op.word);
-               Plain::mapDel(plain_, A::id, cell, key, text);
-            } else if (what == 3) {
-               Plain::mapDelAll(plain_, A::id, cell, [](Key const& k) { return textOfKey(k); });
-            } else if constexpr (A::kind == Kind::hashReferences) {
-               auto const t = target<typename A::Target>(op.word);
-               if (!t)
-                  throw Plain::Thrown{};
-               if (what == 0)
-                  Plain::mapSet(plain_, A::id, cell, t->name(), t, textOfKey(t->name()));
-               else
-                  cell[t->name()] = t;
-            } else if constexpr (A::ownsMembers) {
-               onPlainMember<A>(cell, key, text, what, op.word);
-            } else if (what == 0) {
-               Plain::mapSet(plain_, A::id, cell, key, value<A>(op.word), text);
+            auto const key = keyOf<typename A::Key>(op.word >> 32);
+            if (what == notifies) {
+               plain_.pass(A::id, keyText(key));
+            } else if constexpr (A::kind == Kind::array) {
+               auto const v = what == puts ? value<A>(op.word) : typename A::Value{};
+               for (std::size_t i = 0; i < cell.values.size(); ++i)
+                  if (what == dropsAll || i == key)
+                     cell.store(plain_, A::id, i, v, what != puts);
+            } else if (what == drops || what == dropsAt) {
+               if (what == dropsAt)
+                  forEachArrival<A>(op, [&](auto const& k) { cell[k] = held<A>(op.word); });
+               Plain::mapDel(plain_, A::id, cell, key);
+            } else if (what == dropsAll) {
+               Plain::mapDelAll(plain_, A::id, cell);
+            } else if (what == finds) {
+               ++plain_.touches;
             } else {
-               cell[key] = held<A>(op.word);
+               onPlainEntry<A>(cell, key, what, op.word);
             }
          }
       });
    }
+   template <class A, class Cell>
+   void onPlainEntry(Cell& cell, typename A::Key key, unsigned what, std::uint64_t word) {
+      auto const entry = held<A>(word);
+      if constexpr (A::kind == Kind::hashReferences) {
+         if (!entry)
+            throw Plain::Thrown{};
+         key = entry->name();
+      }
+      if constexpr (A::ownsMembers)
+         if (auto const at = cell.find(key); what == puts && at != cell.end()) {
+            if (parameters<A>(at->second) != parameters<A>(word))
+               throw Plain::Thrown{};
+            ++plain_.changes;
+            return;
+         }
+      if (what == puts)
+         Plain::mapSet(plain_, A::id, cell, {key, entry});
+      else
+         cell[key] = entry;
+   }
    /// Members are known by the word that they were made with: of that come their parameters.
-   template <class A> static typename State<A>::Held held(std::uint64_t word) {
+   template <class A> static Held<A> held(std::uint64_t word) {
       if constexpr (A::ownsMembers)
          return A::Entry::MoxParameters::size == 0 ? 0 : word % 25;
+      else if constexpr (A::kind == Kind::hashReferences)
+         return target<typename A::Target>(word);
       else
          return value<A>(word);
-   }
-   template <class A, class Cell>
-   void onPlainMember(Cell& cell, Name const& key, std::string const& text, unsigned what, std::uint64_t word) {
-      if (what == 6) {
-         ++plain_.touches;
-      } else if (what == 5) {
-         cell[key] = held<A>(word);
-      } else if (auto const at = cell.find(key); at != cell.end()) {
-         if (parameters<A>(at->second) != parameters<A>(word))
-            throw Plain::Thrown{};
-         ++plain_.changes;
-      } else {
-         cell[key] = held<A>(word);
-         plain_.changed(A::id, text);
-      }
-   }
-
-   template <class A> static typename A::Value value(std::uint64_t word) {
-      Words words(word % 64); // few values, so that equal ones meet
-      return makeValue<typename A::Value>(words);
-   }
-   template <class A> static auto parameters(std::uint64_t word) {
-      return parametersOf(typename A::Entry::MoxParameters{}, word);
-   }
-   template <class... Ps> static auto parametersOf(TypeList<Ps...>, [[maybe_unused]] std::uint64_t word) {
-      return std::tuple<typename Ps::Value...>{target<typename Ps::Target>(std::exchange(word, word / 5))...};
    }
 
    static std::string joined(Plain::Log const& log) {
@@ -483,55 +413,50 @@ private:
    }
    std::string difference() {
       std::string text = differenceOfLogs();
-      auto const expect = [&](std::string const& what, std::string const& real, std::string const& plain) {
-         if (text.empty() && real != plain)
-            text = what + " is " + real + " and should be " + plain;
+      auto const expect = [&](std::string const& what, auto const& real, auto const& plain) {
+         auto const said = [](auto const& v) {
+            if constexpr (requires { v.get(); })
+               return std::to_string(reinterpret_cast<std::uintptr_t>(v.get()));
+            else
+               return textOf(v);
+         };
+         if (text.empty() && said(real) != said(plain))
+            text = what + " is " + said(real) + " and should be " + said(plain);
       };
-      expect("the change count", std::to_string(entity_->changeCount() - before_.first),
-             std::to_string(plain_.changes));
-      expect("the touch count", std::to_string(entity_->touchCount() - before_.second), std::to_string(plain_.touches));
-      expect("the audit", std::to_string(entity_->auditErrors(2)), "0");
+      expect("the change count", entity_->changeCount() - before_.first, plain_.changes);
+      expect("the touch count", entity_->touchCount() - before_.second, plain_.touches);
+      expect("the audit", entity_->auditErrors(2), 0u);
       List::forEach([&](auto a) {
          using A = decltype(a);
          if (!text.empty())
             return;
          auto const& real = A::cell(*entity_);
          auto const& plain = state(a);
-         auto const valueText = [](auto const& v) {
-            if constexpr (requires { v.get(); })
-               return std::to_string(reinterpret_cast<std::uintptr_t>(v.get()));
-            else
-               return textOf(v);
-         };
          std::string const name(A::name);
          if constexpr (A::kind == Kind::array) {
-            real.forEach(
-               [&](auto key, auto const& v) { expect(name + textOfKey(key), textOf(v), textOf(plain.values[key])); });
-            expect("the size of " + name, std::to_string(real.size()),
-                   std::to_string(plain.isPopulated ? plain.values.size() : 0));
-            expect("the version of " + name, std::to_string(real.version()), std::to_string(plain.stores));
+            real.forEach([&](auto key, auto const& v) { expect(name + keyText(key), v, plain.values[key]); });
+            expect("the size of " + name, std::size_t{real.size()}, plain.isPopulated ? plain.values.size() : 0);
+            expect("the version of " + name, real.version(), plain.stores);
          } else if constexpr (!A::isKeyed) {
-            expect(name, valueText(real), valueText(plain));
+            expect(name, real, plain);
          } else {
             Plain::Log keys[2];
             for (auto* entry = real.first(); entry != nullptr; entry = real.next(*entry)) {
-               keys[0].push_back(textOfKey(entry->fwkKey()));
+               keys[0].push_back(keyText(entry->fwkKey()));
                if constexpr (A::ownsMembers)
                   members_.insert(Ptr<Mox::Entity>(const_cast<typename A::Entry*>(entry)));
             }
-            if constexpr (A::ownsMembers)
-               for (auto const& member : members_) {
-                  bool const isIn = real.find(member->name()) == member.get();
-                  expect("the parent of a member", member->parent() == entity_ ? "here" : "none",
-                         isIn ? "here" : "none");
-               }
             for (auto const& [key, v] : plain) {
-               keys[1].push_back(textOfKey(key));
+               keys[1].push_back(keyText(key));
                if constexpr (!A::ownsMembers)
                   if (auto* const entry = real.find(key))
-                     expect(name + keys[1].back(), valueText(entry->value()), valueText(v));
+                     expect(name + keys[1].back(), entry->value(), v);
             }
             expect("the keys of " + name, joined(keys[0]), joined(keys[1]));
+            if constexpr (A::ownsMembers)
+               for (auto const& member : members_)
+                  expect("being the parent of a member", member->parent() == entity_,
+                         real.find(member->name()) == member.get());
          }
       });
       return text;
@@ -601,30 +526,26 @@ template <class X> std::string shrunk(std::vector<Step> steps, std::size_t react
    for (Step& s : steps)
       if (auto const reaction = std::exchange(s.reaction, {}); !fails(steps))
          s.reaction = reaction;
-   std::string text = failure<X>(steps, reactors) + ", with " + std::to_string(reactors) + " reactors\n";
+   std::ostringstream text;
+   text << failure<X>(steps, reactors) << ", with " << reactors << " reactors\n";
    for (Step const& s : steps) {
-      auto const op = [](Op const& o) {
-         return "{" + std::to_string(o.attribute) + "u, " + std::to_string(o.what) + "u, " + std::to_string(o.word) +
-                "u}";
-      };
-      text += std::string("   {") + (s.isReactor ? "true, " : "false, ") + std::to_string(s.reactor) + ", " + op(s.op) +
-              ", ";
-      text += s.reaction ? "Reaction{Reaction::What{" + std::to_string(s.reaction->what) + "}, " + op(s.reaction->op) +
-                              ", " + std::to_string(s.reaction->other) + "}},\n"
-                         : "{}},\n";
+      text << (s.isReactor ? "   on reactor " : "   with reactor ") << s.reactor << ": " << s.op;
+      if (s.reaction)
+         text << ", it does " << s.reaction->what << ": " << s.reaction->op << " to " << s.reaction->other;
+      text << '\n';
    }
-   return text;
+   return text.str();
 }
 
+template <class List> struct AsTestTypes;
+template <class... Xs> struct AsTestTypes<TypeList<Xs...>> {
+   using Types = testing::Types<Xs...>;
+};
 template <class X> struct Model : testing::Test {
    /// The order of hash collections is part of what a seed fixes.
    static void SetUpTestSuite() { Mox::nameHashKeyIs(1); }
 };
-using Types =
-   testing::Types<Cl10010Config, Cl10010Status, FecHistogram, Cl10010ConfigDir, Cl10010StatusDir, Cl10010ConfigPtrDir,
-                  Cl10010StatusPtrDir, Hardware::Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl,
-                  Hardware::Led::LedConfig, Hardware::Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
-TYPED_TEST_SUITE(Model, Types);
+TYPED_TEST_SUITE(Model, AsTestTypes<Simulation::AllTypes>::Types);
 
 TYPED_TEST(Model, AndEntityDoTheSame) {
    char const* const given = std::getenv("MODEL_SEEDS");
@@ -639,7 +560,7 @@ TYPED_TEST(Model, AndEntityDoTheSame) {
    auto const entity = made<TypeParam>("it");
    Run<TypeParam>::List::forEach([&](auto a) {
       pairs += operationCount<decltype(a)>();
-      needsMemory |= decltype(a)::hasEntries;
+      needsMemory |= a.hasEntries;
       EXPECT_EQ(entity->attributeString(a.id), a.name);
    });
    std::cout << "attributes " << Run<TypeParam>::List::size << ", pairs " << Run<TypeParam>::covered.size() << " of "

@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "simulation/Attributes.h"
+
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -21,6 +26,9 @@ struct Op {
    unsigned what;
    std::uint64_t word;
 };
+inline std::ostream& operator<<(std::ostream& out, Op const& op) {
+   return out << op.attribute << ' ' << op.what << ' ' << op.word;
+}
 
 /// What a reactor does when it is told something.
 struct Reaction {
@@ -41,6 +49,14 @@ inline std::string threw(std::size_t reactor, unsigned id) {
    return std::to_string(reactor) + " threw in " + std::to_string(id);
 }
 
+/// The next one of a reactor.
+inline Reaction taken(std::deque<Reaction>& reactions) {
+   if (reactions.empty())
+      return {};
+   Reaction const first = reactions.front();
+   reactions.pop_front();
+   return first;
+}
 /// Does it on one of the two sides.
 template <class Side> void react(Reaction const& r, Side& side) {
    switch (r.what) {
@@ -122,11 +138,7 @@ public:
 private:
    void tell(Reactor& r, unsigned id, std::string const& key) {
       log.push_back(told(r.number, id, key));
-      Reaction reaction;
-      if (!r.reactions.empty()) {
-         reaction = r.reactions.front();
-         r.reactions.pop_front();
-      }
+      Reaction const reaction = taken(r.reactions);
       try {
          react(reaction, *this);
       } catch (...) {
@@ -141,38 +153,36 @@ private:
 
 // The rules of each kind. An equal value is no change; a default element or an absent key can't be deleted.
 
-template <class V> void set(Subject& s, unsigned id, V& cell, V const& v, std::string const& key = {}) {
+template <class V> void set(Subject& s, unsigned id, V& cell, V const& v) {
    if (cell == v)
       return;
    cell = v;
-   s.changed(id, key);
+   s.changed(id);
 }
 /// Modulo the width of the type; a touch, and no change.
-template <class V, class U> void increment(Subject& s, unsigned id, V& cell, V const& delta, U) {
+template <std::integral V> void increment(Subject& s, unsigned id, V& cell, V delta) {
+   using U = std::make_unsigned_t<V>;
    ++s.touches;
-   V const before = cell;
-   cell = static_cast<V>(static_cast<U>(cell) + static_cast<U>(delta));
+   V const before = std::exchange(cell, static_cast<V>(static_cast<U>(cell) + static_cast<U>(delta)));
    if (cell != before)
       s.pass(id, {});
 }
-template <class M, class V>
-void mapSet(Subject& s, unsigned id, M& map, typename M::key_type const& k, V const& v, std::string const& key) {
-   auto const [at, isNew] = map.try_emplace(k, v);
-   if (!isNew && at->second == v)
+template <class M> void mapSet(Subject& s, unsigned id, M& map, typename M::value_type const& entry) {
+   auto const [at, isNew] = map.insert(entry);
+   if (!isNew && at->second == entry.second)
       return;
-   at->second = v;
-   s.changed(id, key);
+   at->second = entry.second;
+   s.changed(id, Simulation::keyText(entry.first));
 }
-template <class M> void mapDel(Subject& s, unsigned id, M& map, typename M::key_type const& k, std::string const& key) {
+template <class M> void mapDel(Subject& s, unsigned id, M& map, typename M::key_type const& k) {
    if (map.erase(k) != 0)
-      s.changed(id, key);
+      s.changed(id, Simulation::keyText(k));
 }
 /// From the first key on; what comes ahead of the position goes too.
-template <class M, class Text> void mapDelAll(Subject& s, unsigned id, M& map, Text text) {
+template <class M> void mapDelAll(Subject& s, unsigned id, M& map) {
    for (auto at = map.begin(); at != map.end();) {
       auto const k = at->first;
-      map.erase(at);
-      s.changed(id, text(k));
+      mapDel(s, id, map, k);
       at = map.upper_bound(k);
    }
 }
@@ -182,29 +192,17 @@ template <class V> struct Array {
    bool isPopulated = false;
    unsigned stores = 0;
 
-   void store(std::size_t i, V const& v) {
+   /// A default element that is deleted is stored all the same, and is no change.
+   void store(Subject& s, unsigned id, std::size_t i, V const& v, bool deletes) {
+      bool const isSame = values[i] == v;
+      if (isSame && !deletes)
+         return;
       values[i] = v;
       isPopulated = true;
       ++stores;
+      if (!isSame)
+         s.changed(id, Simulation::keyText(i));
    }
 };
-template <class V>
-void arraySet(Subject& s, unsigned id, Array<V>& array, std::size_t i, V const& v, std::string const& key) {
-   if (array.values[i] == v)
-      return;
-   array.store(i, v);
-   s.changed(id, key);
-}
-/// A default element is stored all the same, and is no change.
-template <class V> void arrayDel(Subject& s, unsigned id, Array<V>& array, std::size_t i, std::string const& key) {
-   bool const wasDefault = array.values[i] == V{};
-   array.store(i, V{});
-   if (!wasDefault)
-      s.changed(id, key);
-}
-template <class V, class Text> void arrayDelAll(Subject& s, unsigned id, Array<V>& array, Text text) {
-   for (std::size_t i = 0; i < array.values.size(); ++i)
-      arrayDel(s, id, array, i, text(i));
-}
 
 } // namespace Plain

@@ -1,10 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "mox/Entity.h"
-#include "notify/Kinds.h"
+#include "Values.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigPtrDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
+#include "entities/Cl10010StatusDirReactor.h"
+#include "entities/Cl10010StatusPtrDirReactor.h"
+#include "entities/Cl10010StatusReactor.h"
+#include "entities/FecHistogramReactor.h"
+#include "siblings/AcceleratorReactor.h"
+#include "siblings/EthPhyIntfStatusReactor.h"
+#include "siblings/GpoReactor.h"
+#include "siblings/IntCtrlReactor.h"
+#include "siblings/LedConfigReactor.h"
+#include "siblings/PllStatusReactor.h"
+#include "siblings/XcvrConfigReactor.h"
+#include "siblings/XcvrStatusReactor.h"
+
+#include <string>
 
 namespace Simulation {
+
+using namespace Hardware;
+using Mox::Kind;
+
+/// Every type that has attributes.
+using AllTypes = Mox::TypeList<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::FecHistogram,
+                               ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir, ClariPhy::Cl10010ConfigPtrDir,
+                               ClariPhy::Cl10010StatusPtrDir, Spi::Accelerator, Interface::EthPhyIntfStatus, Fru::Gpo,
+                               Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig, Xcvr::XcvrStatus>;
 
 template <class A, class B> struct Joined;
 template <class... As, class... Bs> struct Joined<Mox::TypeList<As...>, Mox::TypeList<Bs...>> {
@@ -17,5 +42,39 @@ template <class X> struct AllOf {
 template <> struct AllOf<Mox::Entity> {
    using List = Mox::TypeList<>;
 };
+
+/// Of no key, or one: the empty name is a key, too.
+template <class... Key> std::string keyText(Key const&... key) {
+   return (std::string() + ... + ("[" + textOf(key) + "]"));
+}
+
+// What the mutators of each kind call by a name of their own.
+
+/// Deletes the entry or element that an iterator stands on.
+template <class A> void dropAt(typename A::Owner& e, typename A::Container::Iterator& it) {
+   if constexpr (A::kind == Kind::array)
+      Mox::arrayDel<A>(e, it);
+   else if constexpr (A::ownsMembers)
+      Mox::memberDel<A>(e, it);
+   else
+      Mox::mapDel<A>(e, it);
+}
+template <class A> void dropAll(typename A::Owner& e) {
+   if constexpr (A::kind == Kind::array)
+      Mox::arrayDelAll<A>(e);
+   else if constexpr (A::ownsMembers)
+      Mox::memberDelAll<A>(e);
+   else
+      Mox::mapDelAll<A>(e);
+}
+/// An entry of which nobody is told, from what `put` takes.
+template <class A, class... Arguments> auto putRaw(typename A::Owner& e, Arguments const&... arguments) {
+   if constexpr (A::kind == Kind::hashReferences)
+      return Mox::newReferenceEntry<A>(e, arguments...);
+   else if constexpr (A::ownsMembers)
+      return Mox::newMember<A>(e, arguments...);
+   else
+      return Mox::newMapEntry<A>(e, arguments...);
+}
 
 } // namespace Simulation

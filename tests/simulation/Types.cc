@@ -2,29 +2,10 @@
 #include "Types.h"
 
 #include "Attributes.h"
-#include "Values.h"
 #include "World.h"
-#include "attrlog/StateAdapter.h"
 #include "core/Exceptions.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigPtrDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "entities/Cl10010StatusPtrDirReactor.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "entities/FecHistogramReactor.h"
 #include "mox/MoxType.h"
-#include "siblings/AcceleratorReactor.h"
-#include "siblings/EthPhyIntfStatusReactor.h"
-#include "siblings/GpoReactor.h"
-#include "siblings/IntCtrlReactor.h"
-#include "siblings/LedConfigReactor.h"
-#include "siblings/PllStatusReactor.h"
-#include "siblings/XcvrConfigReactor.h"
-#include "siblings/XcvrStatusReactor.h"
-#include "support/Allocations.h"
 
-#include <memory>
 #include <stdexcept>
 #include <tuple>
 
@@ -34,45 +15,51 @@ using namespace Mox;
 
 namespace {
 
-constexpr std::size_t names = 44;
-
-Name makeName(Words& words) {
-   if (plays(Expects::longNames) && words.below(500) == 0)
-      return Name(std::string(400, static_cast<char>('u' + words.below(3))));
-   std::size_t const n = words.below(names);
-   return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
-}
-
-template <class Key> Key makeKey(Words& words) {
-   if constexpr (std::same_as<Key, Name>)
-      return makeName(words);
-   else
-      return makeValue<Key>(words);
-}
-
-template <class... Key> Cell cellOf(AttributeId id, Key const&... key) {
-   Cell cell{id, {}};
-   ((cell.key = "[" + textOf(key) + "]"), ...);
-   return cell;
+/// Calls `call` with the entity as what it is.
+template <class Call> void asItself(Entity& entity, Call call) {
+   bool const isKnown = [&]<class... Xs>(TypeList<Xs...>) {
+      auto const* const type = entity.fwkType().get();
+      return ((type == Xs::_fwkType().get() && (call(static_cast<Xs&>(entity)), true)) || ...);
+   }(AllTypes{});
+   if (!isKnown)
+      throw std::logic_error(entity.fwkType()->name().str() + " is no type of this simulation");
 }
 
 template <class X, class Visitor> void forEachAttribute(Visitor&& visit) {
    AllOf<X>::List::forEach(visit);
 }
 
-/// Calls `visit` with one of the attributes that `fits` takes.
-template <class X, class Fits, class Visitor> bool withOne(Words& words, Fits fits, Visitor&& visit) {
+/// Calls `visit` with one of the attributes that `fits` takes. \return whether there are any
+template <class X, class Fits, class Visitor> bool withOne(Words& words, Fits, Visitor visit) {
    std::size_t count = 0;
-   forEachAttribute<X>([&](auto a) { count += fits(a) ? 1u : 0u; });
+   forEachAttribute<X>([&](auto a) { count += Fits{}(a) ? 1u : 0u; });
    std::size_t left = words.below(count);
-   bool found = false;
    forEachAttribute<X>([&](auto a) {
-      if (!found && fits(a) && left-- == 0) {
-         found = true;
-         visit(a);
-      }
+      if constexpr (Fits{}(decltype(a){}))
+         if (left-- == 0)
+            visit(a);
    });
-   return found;
+   return count != 0;
+}
+constexpr auto isAny = [](auto) { return true; };
+/// A status has over 150 scalars: the other kinds would hardly ever be met.
+constexpr auto isRare = [](auto a) { return a.isKeyed || a.kind == Kind::reference || a.kind == Kind::optional; };
+constexpr auto hasMembers = [](auto a) { return a.ownsMembers; };
+constexpr auto isScalar = [](auto a) { return a.kind == Kind::scalar; };
+
+template <class Key> Key makeKey(Words& words) {
+   if constexpr (std::same_as<Key, Name>) {
+      if (plays(Expects::longNames) && words.below(500) == 0)
+         return Name(std::string(400, static_cast<char>('u' + words.below(3))));
+      std::size_t const n = words.below(44);
+      return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
+   } else {
+      return makeValue<Key>(words);
+   }
+}
+
+template <class... Key> Cell cellOf(AttributeId id, Key const&... key) {
+   return {id, keyText(key...)};
 }
 
 template <class T> Ptr<T> pick(Words& words, World& world) {
@@ -84,21 +71,16 @@ template <class T> Ptr<T> pick(Words& words, World& world) {
    return fitting.empty() || words.chance(20) ? Ptr<T>() : Ptr<T>(fitting[words.below(fitting.size())]);
 }
 
-template <class... Ps> auto makeParameters(TypeList<Ps...>, Words& words, World& world) {
-   return std::tuple<typename Ps::Value...>{pick<typename Ps::Target>(words, world)...};
-}
-
-bool isMirror(Entity const& e) {
-   for (auto* r = e.moxReactors().first(); r != nullptr && r->moxIsAtHead(); r = r->moxNextInList())
-      if (auto* const sa = r->moxRawStateAdapter();
-          sa != nullptr && static_cast<Entity::MoxNboAttrLogSa*>(sa)->isMirror())
-         return true;
-   return false;
+/// Calls `call` with what a member of `A` is made with.
+template <class A, class Call> void withParameters(Words& words, World& world, Call call) {
+   [&]<class... Ps>(TypeList<Ps...>) {
+      std::apply(call, std::tuple<typename Ps::Value...>{pick<typename Ps::Target>(words, world)...});
+   }(typename A::Entry::MoxParameters{});
 }
 
 /// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.
 bool isOurs(Entity const& e) {
-   return historyOf(e) == nullptr && !isMirror(e);
+   return historyOf(e) == nullptr && Entity::MoxNboAttrLogSa::mirrorAdapterOf(e) == nullptr;
 }
 
 /// Runs one mutator, which may be refused because the entity is a mirror.
@@ -116,17 +98,17 @@ template <class Call> void write(Entity& entity, Cell const& cell, World& world,
 template <class A> void changeScalar(typename A::Owner& e, Words& words, World& world) {
    using Value = typename A::Value;
    write(e, {A::id, {}}, world, [&] {
-      if constexpr (A::kind == Mox::Kind::optional)
+      if constexpr (A::kind == Kind::optional)
          if (words.chance(30)) {
-            optionalDel<A>(e);
+            A::drop(e);
             return;
          }
-      if constexpr (A::kind == Mox::Kind::counter)
+      if constexpr (A::kind == Kind::counter)
          if (words.chance(70)) {
             counterInc<A>(e, static_cast<Value>(words.below(3)));
             return;
          }
-      if constexpr (A::kind == Mox::Kind::reference) {
+      if constexpr (A::kind == Kind::reference) {
          A::put(e, pick<typename A::Target>(words, world));
       } else {
          Value const value = words.chance(10) ? A::cell(e) : makeValue<Value>(words);
@@ -135,13 +117,22 @@ template <class A> void changeScalar(typename A::Owner& e, Words& words, World& 
    });
 }
 
-/// Deletes entries from one key on through an iterator, which stands on what was deleted while reactors run.
-template <class A, class Del> void deleteSome(typename A::Owner& e, Words& words, World& world, Del del) {
-   typename A::Container::Iterator it(A::cell(e), makeKey<typename A::Key>(words));
-   for (std::size_t n = 1 + words.below(3); n != 0 && it; --n, it.advance())
-      write(e, cellOf(A::id, it.key()), world, [&] { del(it); });
+/// Deletes what an iterator comes to, which stands there while reactors run. One by one, so that a refusal says which.
+template <class A> void deleteFrom(typename A::Owner& e, typename A::Key const& key, std::size_t most, World& world) {
+   for (typename A::Container::Iterator it(A::cell(e), key); most != 0 && it; --most, it.advance())
+      write(e, cellOf(A::id, it.key()), world, [&] { dropAt<A>(e, it); });
 }
-
+template <class A> void deleteSome(typename A::Owner& e, Words& words, World& world) {
+   auto const key = makeKey<typename A::Key>(words);
+   deleteFrom<A>(e, key, 1 + words.below(3), world);
+}
+template <class A> void deleteAll(typename A::Owner& e, World& world) {
+   if (auto const* const first = A::cell(e).first())
+      write(e, cellOf(A::id, first->fwkKey()), world, [&] {
+         world.wrote(A::cell(e).size());
+         dropAll<A>(e);
+      });
+}
 /// An entry was made that nobody was told of.
 template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, World& world) {
    world.madeSilently([owner = Ptr<typename A::Owner>(&e), key] {
@@ -152,7 +143,7 @@ template <class A> void tellLater(typename A::Owner& e, typename A::Key const& k
 
 /// Arrays, maps, and references by the names of their targets.
 template <class A> void changeKeyed(typename A::Owner& e, Words& words, World& world) {
-   constexpr bool refers = A::kind == Mox::Kind::hashReferences;
+   constexpr bool refers = A::kind == Kind::hashReferences;
    auto& held = A::cell(e);
    auto const value = [&] {
       if constexpr (refers)
@@ -162,62 +153,51 @@ template <class A> void changeKeyed(typename A::Owner& e, Words& words, World& w
    }();
    auto const key = [&] {
       if constexpr (refers)
-         return value ? value->moxName() : held.empty() ? makeName(words) : held.first()->fwkKey();
+         return value ? value->moxName() : held.empty() ? makeKey<Name>(words) : held.first()->fwkKey();
       else
          return makeKey<typename A::Key>(words);
    }();
-   auto const set = [&](auto const& v) {
+   /// As the mutators take it: not null, and with a key where the value has none.
+   auto const with = [&](auto const& v, auto call) {
       if constexpr (!refers)
-         A::put(e, key, v);
+         call(key, v);
       else if (v)
-         A::put(e, v);
+         call(v);
    };
+   auto const put = [&](auto const&... argument) { A::put(e, argument...); };
    Cell const cell = cellOf(A::id, key);
    std::size_t const what = words.below(100);
    if (what < 60) {
-      write(e, cell, world, [&] { set(value); });
+      write(e, cell, world, [&] { with(value, put); });
    } else if (what < 72) {
       write(e, cell, world, [&] { A::drop(e, key); });
    } else if (what < 78) {
       write(e, cell, world, [&] { keyNotify<A>(e, key); });
    } else if constexpr (!A::hasEntries) {
-      if (what < 90) {
-         // Element by element, so that a refusal says which one it was.
-         for (typename A::Container::Iterator it(held, key); it; it.advance())
-            write(e, cellOf(A::id, it.key()), world, [&] { arrayDel<A>(e, it); });
-      } else {
-         auto const same = held[key];
-         write(e, cell, world, [&] { set(same); });
-      }
+      auto const same = held[key];
+      if (what < 90)
+         deleteFrom<A>(e, key, ~std::size_t{0}, world);
+      else
+         write(e, cell, world, [&] { put(key, same); });
    } else if (what < 82) {
-      if (auto const* const first = held.first())
-         write(e, cellOf(A::id, first->fwkKey()), world, [&] {
-            world.wrote(held.size());
-            mapDelAll<A>(e);
-         });
+      deleteAll<A>(e, world);
    } else if (what < 90) {
-      deleteSome<A>(e, words, world, [&](auto& it) { mapDel<A>(e, it); });
+      deleteSome<A>(e, words, world);
    } else if (what < 93) {
-      write(e, cell, world, [&] { set(mapValue<A>(e, key)); });
+      write(e, cell, world, [&] { with(mapValue<A>(e, key), put); });
    } else if (isOurs(e)) {
-      if constexpr (!refers)
-         newMapEntry<A>(e, key, value);
-      else if (value)
-         newReferenceEntry<A>(e, value);
+      with(value, [&](auto const&... argument) { putRaw<A>(e, argument...); });
       tellLater<A>(e, key, world);
    }
 }
 
 template <class A> void createMember(typename A::Owner& e, Name const& name, Words& words, World& world) {
-   using Parameters = typename A::Entry::MoxParameters;
-   std::apply(
-      [&](auto const&... p) {
-         write(e, cellOf(A::id, name), world, [&] {
-            if (auto const member = A::put(e, name, p...))
-               world.created(*member);
-         });
-      },
-      makeParameters(Parameters{}, words, world));
+   withParameters<A>(words, world, [&](auto const&... p) {
+      write(e, cellOf(A::id, name), world, [&] {
+         if (auto const member = A::put(e, name, p...))
+            world.created(*member);
+      });
+   });
 }
 
 template <class A> void deleteMember(typename A::Owner& e, Name const& name, Words& words, World& world) {
@@ -227,8 +207,20 @@ template <class A> void deleteMember(typename A::Owner& e, Name const& name, Wor
       world.removed(member, words);
 }
 
+/// Makes a member of which nobody is told, in the place of what is there.
+template <class A, class Seen>
+void createSilently(typename A::Owner& e, Name const& name, Words& words, World& world, Seen seen) {
+   withParameters<A>(words, world, [&](auto const&... p) {
+      Ptr<Entity> const replaced = A::cell(e).find(name);
+      Ptr<Entity> const made = putRaw<A>(e, name, p...);
+      seen(*made);
+      if (replaced)
+         world.removed(replaced, words);
+   });
+}
+
 template <class A> void changeMembers(typename A::Owner& e, Words& words, World& world) {
-   Name const name = makeName(words);
+   Name const name = makeKey<Name>(words);
    std::size_t const what = words.below(100);
    if (what < 45) {
       createMember<A>(e, name, words, world);
@@ -249,26 +241,15 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, World&
       }
    } else if (what < 86) {
       for (std::size_t n = 5 + words.below(14); n != 0; --n)
-         createMember<A>(e, makeName(words), words, world);
+         createMember<A>(e, makeKey<Name>(words), words, world);
    } else if (what < 90) {
       write(e, cellOf(A::id, name), world, [&] { keyNotify<A>(e, name); });
    } else if (what < 91) {
-      if (auto const* const first = A::cell(e).first())
-         write(e, cellOf(A::id, first->moxName()), world, [&] {
-            world.wrote(A::cell(e).size());
-            memberDelAll<A>(e);
-         });
+      deleteAll<A>(e, world);
    } else if (what < 95) {
-      deleteSome<A>(e, words, world, [&](auto& it) { memberDel<A>(e, it); });
+      deleteSome<A>(e, words, world);
    } else if (isOurs(e)) {
-      std::apply(
-         [&](auto const&... p) {
-            Ptr<Entity> const replaced = A::cell(e).find(name);
-            world.created(*newMember<A>(e, name, p...));
-            if (replaced)
-               world.removed(replaced, words);
-         },
-         makeParameters(typename A::Entry::MoxParameters{}, words, world));
+      createSilently<A>(e, name, words, world, [&](Entity& made) { world.created(made); });
       if (words.chance(50))
          keyNotify<A>(e, name);
       else
@@ -276,170 +257,148 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, World&
    }
 }
 
-/// Puts another one in the place of a mirrored member, which tells nobody: the owner will.
-template <class A>
-void replaceMirrored(typename A::Owner& truth, typename A::Owner& copy, Name const& name, Words& words, World& owner,
-                     World& mirror) {
-   std::apply(
-      [&](auto const&... p) {
-         Ptr<Entity> const replaced = A::cell(copy).find(name);
-         Ptr<Entity> const made = newMember<A>(copy, name, p...);
-         // Who makes it in silence knows it.
-         mirror.seen(*made, true);
-         if (History* const history = historyOf(copy))
-            history->told.cells[cellOf(A::id, name)] = identityOf(made.get());
-         if (replaced)
-            mirror.removed(replaced, words);
-      },
-      makeParameters(typename A::Entry::MoxParameters{}, words, mirror));
-   tellLater<A>(truth, name, owner);
-}
-
 template <class A>
 void contestMember(typename A::Owner& truth, typename A::Owner& copy, Words& words, World& owner, World& mirror,
                    std::function<void()> const& carry) {
    auto const* const first = A::cell(truth).first();
-   Name const name = first == nullptr || words.chance(50) ? makeName(words) : first->moxName();
+   Name const name = first == nullptr || words.chance(50) ? makeKey<Name>(words) : first->moxName();
    Cell const cell = cellOf(A::id, name);
-   auto const changeIn = [&](typename A::Owner& in, World& world) {
-      if (Ptr<Entity> const member = A::cell(in).find(name))
-         Type::of(*member).change(*member, words, world);
-   };
    for (std::size_t n = 3 + words.below(6); n != 0; --n) {
       std::size_t const what = words.below(100);
-      if (what < 25)
+      if (what < 25) {
          write(truth, cell, owner, [&] { keyNotify<A>(truth, name); });
-      else if (what < 33)
+      } else if (what < 33) {
          deleteMember<A>(truth, name, words, owner);
-      else if (what < 43)
+      } else if (what < 43) {
          createMember<A>(truth, name, words, owner);
-      else if (what < 50)
-         changeIn(truth, owner);
-      else if (what < 65)
+      } else if (what < 50) {
+         change(Ptr<Entity>(A::cell(truth).find(name)), words, owner);
+      } else if (what < 65) {
          deleteMember<A>(copy, name, words, mirror);
-      else if (what < 70)
+      } else if (what < 70) {
          createMember<A>(copy, name, words, mirror);
-      else if (what < 80)
-         changeIn(copy, mirror);
-      else if (what < 85)
-         replaceMirrored<A>(truth, copy, name, words, owner, mirror);
-      else
+      } else if (what < 80) {
+         change(Ptr<Entity>(A::cell(copy).find(name)), words, mirror);
+      } else if (what < 85) {
+         // Nobody is told of another one in the place of a mirrored member: its owner will. Who makes it knows it.
+         createSilently<A>(copy, name, words, mirror, [&](Entity& made) {
+            mirror.seen(made, true);
+            if (History* const history = historyOf(copy))
+               history->told.cells[cell] = identityOf(&made);
+         });
+         tellLater<A>(truth, name, owner);
+      } else {
          carry();
+      }
    }
 }
 
 template <class A> void crowdOf(typename A::Owner& e, Words& words, World& world) {
-   std::size_t const most = 90;
-   auto const nameOf = [](std::size_t n) { return Name("crowd" + std::to_string(n)); };
-   if (A::cell(e).size() < most) {
-      for (std::size_t n = 0; n < most; ++n)
-         createMember<A>(e, nameOf(n), words, world);
-   } else if (words.chance(50)) {
-      write(e, cellOf(A::id, nameOf(0)), world, [&] {
-         world.wrote(A::cell(e).size());
-         memberDelAll<A>(e);
-      });
-   } else {
-      for (std::size_t n = 0; n < most; ++n)
-         deleteMember<A>(e, nameOf(n), words, world);
+   bool const deletes = A::cell(e).size() >= 90;
+   if (deletes && words.chance(50)) {
+      deleteAll<A>(e, world);
+      return;
+   }
+   for (std::size_t n = 0; n < 90; ++n) {
+      Name const name("crowd" + std::to_string(n));
+      deletes ? deleteMember<A>(e, name, words, world) : createMember<A>(e, name, words, world);
    }
 }
 
 template <class X, class A, class... Key>
 void snapshotCell(X& e, A, Snapshot& into, EntityText const& entityText, Key const&... key) {
    Cell const cell = cellOf(A::id, key...);
-   auto put = [&](Entity* target) {
+   auto const putEntity = [&](Entity const* target) {
       into.cells[cell] = entityText(target);
       if (target != nullptr)
-         into.entities[cell] = target;
+         into.entities[cell] = const_cast<Entity*>(target);
    };
-   if constexpr (A::kind == Mox::Kind::reference)
-      put(const_cast<Entity*>(static_cast<Entity const*>(A::cell(e).get())));
-   else if constexpr (!A::isKeyed)
-      into.cells[cell] = textOf(A::cell(e));
+   auto const put = [&](auto const& value) {
+      if constexpr (requires { value.get(); })
+         putEntity(value.get());
+      else
+         into.cells[cell] = textOf(value);
+   };
+   if constexpr (!A::isKeyed)
+      put(A::cell(e));
    else if constexpr (!A::hasEntries)
-      (..., (into.cells[cell] = textOf(A::cell(e)[key])));
+      (..., put(A::cell(e)[key]));
    else if (auto* const entry = A::cell(e).find(key...)) {
       if constexpr (A::ownsMembers)
-         put(entry);
-      else if constexpr (A::kind == Mox::Kind::hashReferences)
-         put(const_cast<Entity*>(static_cast<Entity const*>(entry->value().get())));
+         putEntity(entry);
       else
-         into.cells[cell] = textOf(entry->value());
+         put(entry->value());
    }
 }
 
-/// Calls the world whenever it is notified.
-template <class X> class Reactor final : public X::template MoxForwarder<typename X::Notifiee, Reactor<X>> {
+/// Hands what it is told to a listener.
+template <class X, class Listener>
+class Hearer final : public X::template MoxForwarder<typename X::Notifiee, Hearer<X, Listener>>, public Listener {
 public:
-   Reactor(int role, U64 word, unsigned budget, World& world)
-      : role_(role), word_(word), budget_(budget), world_(world) {}
-
-   template <class A, class... Key> void forward(A, Key const&... key) {
-      if constexpr (!std::same_as<typename A::Owner, Entity>) {
-         EnoughMemory const here;
-         Ptr<X> const entity = this->notifier();
-         if (!entity || entity->moxIsDying() || budget_ == 0)
-            return;
-         Ptr<Entity> member;
-         if constexpr (A::ownsMembers)
-            member = A::cell(*entity).find(key...);
-         world_.reacts(role_, Words(word_ + budget_--).next(), *entity, member.get());
-      }
-   }
-
-private:
-   int role_;
-   U64 word_;
-   unsigned budget_;
-   World& world_;
-};
-
-/// Records what it is told.
-template <class X>
-class Recorder final : public X::template MoxForwarder<typename X::Notifiee, Recorder<X>>, public History {
-public:
-   explicit Recorder(World& world) : world_(world) {}
+   explicit Hearer(Listener const& listener) : Listener(listener) {}
 
    template <class A, class... Key> void forward(A a, Key const&... key) {
       if constexpr (!std::same_as<typename A::Owner, Entity>) {
          EnoughMemory const here;
-         Ptr<X> const entity = this->notifier();
-         if (!entity)
-            return;
-         Snapshot now;
-         snapshotCell(*entity, a, now, identityOf, key...);
-         Cell const cell = cellOf(A::id, key...);
-         std::string const text = textIn(now.cells, cell);
-         auto const before = told.cells.find(cell);
-         world_.told(*entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
-         told.cells[cell] = text;
-         for (auto const& [where, target] : now.entities)
-            world_.seen(*target, A::ownsMembers);
+         if (Ptr<X> const entity = this->notifier())
+            this->hear(*entity, a, key...);
       }
    }
-
-private:
-   World& world_;
 };
 
-template <class R, class X> Ptr<PtrInterface::NotifieeConst> attach(Ptr<R> const& reactor, X& entity) {
-   reactor->isWeakReferenceIs(true);
-   reactor->notifierIs(Ptr<PtrInterface const>(&entity));
-   reactor->isRegisteredNotifieeIs(true);
-   return reactor;
+/// Calls the world whenever it is notified.
+struct Caller {
+   int role;
+   U64 word;
+   unsigned budget;
+   World& world;
+
+   template <class X, class A, class... Key> void hear(X& entity, A, Key const&... key) {
+      if (entity.moxIsDying() || budget == 0)
+         return;
+      Ptr<Entity> member;
+      if constexpr (A::ownsMembers)
+         member = A::cell(entity).find(key...);
+      world.reacts(role, Words(word + budget--).next(), entity, member.get());
+   }
+};
+
+struct Recorder : History {
+   World& world;
+
+   explicit Recorder(World& w) : world(w) {}
+   template <class X, class A, class... Key> void hear(X& entity, A a, Key const&... key) {
+      Snapshot now;
+      snapshotCell(entity, a, now, identityOf, key...);
+      Cell const cell = cellOf(A::id, key...);
+      std::string const text = textIn(now.cells, cell);
+      auto const before = told.cells.find(cell);
+      world.told(entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
+      told.cells[cell] = text;
+      for (auto const& [where, target] : now.entities)
+         world.seen(*target, A::ownsMembers);
+   }
+};
+
+template <class Listener> Reactor attach(Entity& entity, Listener const& listener) {
+   Reactor attached;
+   asItself(entity, [&]<class X>(X& e) {
+      auto const hearer = make<Hearer<X, Listener>>(listener);
+      hearer->isWeakReferenceIs(true);
+      hearer->notifierIs(Ptr<PtrInterface const>(&e));
+      hearer->isRegisteredNotifieeIs(true);
+      attached = hearer;
+   });
+   return attached;
 }
 
-template <class X> class TypeOf final : public Type {
-public:
-   void change(Entity& entity, Words& words, World& world) const override {
-      X& e = static_cast<X&>(entity);
-      // A status has over 150 scalars: the other kinds would hardly ever be met.
-      bool const isRare = words.chance(40);
-      auto const fits = [&](auto a) {
-         return !isRare || a.isKeyed || a.kind == Mox::Kind::reference || a.kind == Mox::Kind::optional;
-      };
-      auto const change = [&](auto a) {
+} // namespace
+
+void change(Ptr<Entity> const& entity, Words& words, World& world) {
+   if (!entity)
+      return;
+   asItself(*entity, [&]<class X>(X& e) {
+      auto const changed = [&](auto a) {
          using A = decltype(a);
          if constexpr (A::ownsMembers)
             changeMembers<A>(e, words, world);
@@ -448,54 +407,43 @@ public:
          else
             changeScalar<A>(e, words, world);
       };
-      if (!withOne<X>(words, fits, change))
-         withOne<X>(
-            words, [](auto) { return true; }, change);
-   }
+      if (!words.chance(40) || !withOne<X>(words, isRare, changed))
+         withOne<X>(words, isAny, changed);
+   });
+}
 
-   bool contest(Entity& truth, Entity& copy, Words& words, World& owner, World& mirror,
-                std::function<void()> const& carry) const override {
-      return withOne<X>(
-         words, [](auto a) { return a.ownsMembers; },
-         [&](auto a) {
-            using A = decltype(a);
-            if constexpr (A::ownsMembers)
-               contestMember<A>(static_cast<X&>(truth), static_cast<X&>(copy), words, owner, mirror, carry);
-         });
-   }
+void contest(Entity& truth, Entity& copy, Words& words, World& owner, World& mirror,
+             std::function<void()> const& carry) {
+   asItself(truth, [&]<class X>(X& e) {
+      withOne<X>(words, hasMembers,
+                 [&](auto a) { contestMember<decltype(a)>(e, static_cast<X&>(copy), words, owner, mirror, carry); });
+   });
+}
 
-   bool crowd(Entity& entity, Words& words, World& world) const override {
-      return withOne<X>(
-         words, [](auto a) { return a.ownsMembers; },
-         [&](auto a) {
-            using A = decltype(a);
-            if constexpr (A::ownsMembers)
-               crowdOf<A>(static_cast<X&>(entity), words, world);
-         });
-   }
+void crowd(Entity& entity, Words& words, World& world) {
+   asItself(entity, [&]<class X>(X& e) {
+      withOne<X>(words, hasMembers, [&](auto a) { crowdOf<decltype(a)>(e, words, world); });
+   });
+}
 
-   bool changeWithoutMemory(Entity& entity, Words& words) const override {
-      X& e = static_cast<X&>(entity);
-      bool happened = false;
-      withOne<X>(
-         words, [](auto a) { return a.kind == Mox::Kind::scalar; },
-         [&](auto a) {
-            using A = decltype(a);
-            if constexpr (A::kind == Mox::Kind::scalar) {
-               auto const value = makeValue<typename A::Value>(words);
-               NoMemory const once(true);
-               A::put(e, value);
-               happened = NoMemory::hasFailed();
-            }
-         });
-      return happened;
-   }
+bool changeWithoutMemory(Entity& entity, Words& words) {
+   bool happened = false;
+   asItself(entity, [&]<class X>(X& e) {
+      withOne<X>(words, isScalar, [&](auto a) {
+         auto const value = makeValue<typename decltype(a)::Value>(words);
+         NoMemory const once(true);
+         a.put(e, value);
+         happened = NoMemory::hasFailed();
+      });
+   });
+   return happened;
+}
 
-   Snapshot snapshot(Entity& entity, EntityText const& entityText) const override {
-      X& e = static_cast<X&>(entity);
-      Snapshot all;
+Snapshot snapshotOf(Entity& entity, EntityText const& entityText) {
+   Snapshot all;
+   asItself(entity, [&]<class X>(X& e) {
       forEachAttribute<X>([&](auto a) {
-         if constexpr (a.kind == Mox::Kind::array) {
+         if constexpr (a.kind == Kind::array) {
             a.cell(e).forEach([&](auto key, auto const&) { snapshotCell(e, a, all, entityText, key); });
          } else if constexpr (a.isKeyed) {
             for (auto* entry = a.cell(e).first(); entry != nullptr; entry = a.cell(e).next(*entry))
@@ -504,58 +452,48 @@ public:
             snapshotCell(e, a, all, entityText);
          }
       });
-      X::MoxParameters::forEach([&](auto p) {
-         auto* const target = const_cast<Entity*>(static_cast<Entity const*>(p.cell(e).get()));
-         all.cells[{p.id, {}}] = entityText(target);
-         if (target != nullptr)
-            all.entities[{p.id, {}}] = target;
-      });
-      return all;
-   }
-
-   std::size_t mostDirtyKeys(Entity const& entity) const override {
-      std::size_t most = 0;
-      forEachAttribute<X>([&](auto a) {
-         if constexpr (a.hasEntries)
-            most += 2 * a.cell(static_cast<X const&>(entity)).size() + 64;
-      });
-      return most;
-   }
-
-   Ptr<PtrInterface::NotifieeConst> react(Entity& entity, int role, U64 word, unsigned budget,
-                                          World& world) const override {
-      return attach(make<Reactor<X>>(role, word, budget, world), static_cast<X&>(entity));
-   }
-
-   Ptr<PtrInterface::NotifieeConst> record(Entity& entity, World& world) const override {
-      auto const recorder = make<Recorder<X>>(world);
-      recorder->told = snapshot(entity, identityOf);
-      for (auto const& [cell, target] : Snapshot(recorder->told).entities)
-         world.seen(*target, false);
-      return attach(recorder, static_cast<X&>(entity));
-   }
-};
-
-template <class... Xs> std::map<MoxType const*, std::unique_ptr<Type>> table() {
-   std::map<MoxType const*, std::unique_ptr<Type>> types;
-   (types.emplace(Xs::_fwkType().get(), std::make_unique<TypeOf<Xs>>()), ...);
-   return types;
+      X::MoxParameters::forEach([&](auto p) { snapshotCell(e, p, all, entityText); });
+   });
+   return all;
 }
 
-} // namespace
-
-Type const& Type::of(Entity const& entity) {
-   using namespace Hardware;
-   static auto const types =
-      table<ClariPhy::Cl10010Config, ClariPhy::Cl10010Status, ClariPhy::Cl10010ConfigDir, ClariPhy::Cl10010StatusDir,
-            ClariPhy::FecHistogram, ClariPhy::Cl10010ConfigPtrDir, ClariPhy::Cl10010StatusPtrDir, Spi::Accelerator,
-            Interface::EthPhyIntfStatus, Fru::Gpo, Fru::IntCtrl, Led::LedConfig, Dpll::PllStatus, Xcvr::XcvrConfig,
-            Xcvr::XcvrStatus>();
-   return *types.at(entity.fwkType().get());
+std::string textIn(std::map<Cell, std::string> const& cells, Cell const& cell) {
+   auto const at = cells.find(cell);
+   return at == cells.end() ? "absent" : at->second;
 }
 
 std::string identityOf(Entity const* entity) {
    return entity == nullptr ? "null" : std::to_string(reinterpret_cast<std::uintptr_t>(entity));
+}
+
+std::size_t mostDirtyKeys(Entity& entity) {
+   std::size_t most = 0;
+   asItself(entity, [&]<class X>(X& e) {
+      forEachAttribute<X>([&](auto a) {
+         if constexpr (a.hasEntries)
+            most += 2 * a.cell(e).size() + 64;
+      });
+   });
+   return most;
+}
+
+Reactor react(Entity& entity, int role, U64 word, unsigned budget, World& world) {
+   return attach(entity, Caller{role, word, budget, world});
+}
+
+Reactor record(Entity& entity, World& world) {
+   Recorder recorder(world);
+   recorder.told = snapshotOf(entity, identityOf);
+   for (auto const& [cell, target] : Snapshot(recorder.told).entities)
+      world.seen(*target, false);
+   return attach(entity, recorder);
+}
+
+History* historyOf(Entity const& entity) {
+   for (auto* r = entity.moxReactors().first(); r != nullptr; r = r->moxNextInList())
+      if (auto* const history = dynamic_cast<History*>(r))
+         return history;
+   return nullptr;
 }
 
 } // namespace Simulation

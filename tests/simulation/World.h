@@ -1,145 +1,505 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Attributes.h"
 #include "Types.h"
 #include "attrlog/LinkEnd.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigPtrDir.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusPtrDir.h"
-#include "siblings/PllStatus.h"
-#include "siblings/XcvrStatus.h"
+#include "mox/MoxType.h"
+#include "support/Allocations.h"
 
+#include <algorithm>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Simulation {
 
-using Mox::Entity;
-using Mox::Ptr;
-using Mox::U64;
+using Mox::LinkEnd;
+using Mox::Name;
+using Sa = Entity::MoxNboAttrLogSa;
 
-class Run;
+/// Two worlds don't agree, or one of them is not as it must be.
+class Divergence : public std::runtime_error {
+   using runtime_error::runtime_error;
+};
+
+/// How often each situation was met, faults among them.
+using Counts = std::map<std::string, U64>;
+
+/// What the worlds of one run share.
+struct Surroundings {
+   explicit Surroundings(Counts& c) : counts(c) {}
+   virtual ~Surroundings() = default;
+   /// A reactor does something of its own.
+   virtual void nested(World& world, int role, U64 word, Entity& entity, Entity* member) = 0;
+   virtual bool isStalled() const = 0;
+   void count(std::string const& what) { ++counts[what]; }
+
+   Counts& counts;
+   std::string wrong; ///< the first thing, where throwing is of no use: inside a reactor
+};
+
+using Make = Ptr<Entity> (*)(Name const&);
+template <class X> Ptr<Entity> made(Name const& name) {
+   return Mox::make<X>(name);
+}
+constexpr std::pair<char const*, Make> rootKinds[] = {
+   {"config-", made<ClariPhy::Cl10010ConfigDir>},
+   {"status-", made<ClariPhy::Cl10010StatusDir>},
+   {"configs-", made<ClariPhy::Cl10010ConfigPtrDir>},
+   {"states-", made<ClariPhy::Cl10010StatusPtrDir>},
+   {"single-", made<ClariPhy::Cl10010Config>},
+   {"pll-", made<Dpll::PllStatus>},
+   {"xcvr-", made<Xcvr::XcvrStatus>},
+};
+constexpr std::size_t rootsEach = std::size(rootKinds);
+constexpr Make siblingKinds[] = {made<Spi::Accelerator>, made<Interface::EthPhyIntfStatus>,
+                                 made<Fru::Gpo>,         made<Fru::IntCtrl>,
+                                 made<Led::LedConfig>,   made<Dpll::PllStatus>,
+                                 made<Xcvr::XcvrConfig>, made<Xcvr::XcvrStatus>};
 
 /// One end of a link: what a world exports there, and its mirrors of what the peer exports.
 struct Port {
-   std::string owners; ///< sides whose roots the peer exports: its own first
-   int passesOn = -1;  ///< the port whose mirrors are exported here too, behind the world's own roots
+   World& world;
+   std::string owners;       ///< sides whose roots the peer exports: its own first
+   Port* passesOn = nullptr; ///< whose mirrors are exported here too, behind the world's own roots
+   std::unique_ptr<LinkEnd> end{};
+   Entities open{};    ///< what is exported, by place; null where it is closed
+   Entities mirrors{}; ///< null where none is mounted
    std::size_t mark = Mox::NboAttrLog::Out::defaultMark;
    std::size_t dirtyKeys = 0; ///< when it was last audited
    U64 restarts = 0;          ///< of collections, by then
-   std::unique_ptr<Mox::LinkEnd> end;
-   std::vector<Ptr<Entity>> open;    ///< what is exported, by place; null where it is closed
-   std::vector<Ptr<Entity>> mirrors; ///< null where none is mounted
+
+   Mox::NboAttrLog::Demuxer& stream() const { return end->demuxer(); }
+   void markIs(std::size_t bytes) {
+      mark = bytes;
+      stream().out()->markIs(bytes);
+   }
+   /// Of the mirror at a place: the peer's own roots are first, then those that it passes on.
+   Name mirrorName(std::size_t which) const {
+      return Name(rootKinds[which % rootsEach].first + std::string(1, owners[which / rootsEach]));
+   }
+   void closeExport(std::size_t which) {
+      if (auto const root = std::exchange(open[which], nullptr))
+         end->exportDel(root);
+   }
+   bool isRefused(Entity const& mirror) const { return end->state(mirror.name()) == LinkEnd::State::refused; }
 };
+
+/// Takes one element out; null where there is none.
+template <class T> T taken(std::vector<T>& from, Words& words) {
+   if (from.empty())
+      return {};
+   auto const at = from.begin() + static_cast<std::ptrdiff_t>(words.below(from.size()));
+   T element = *at;
+   from.erase(at);
+   return element;
+}
+
+/// Members and theirs.
+inline void addMembers(Entity& root, Entities& to) {
+   if (auto const visit = root.fwkType()->operations().visitMembers)
+      visit(root, &to, [](void* context, Mox::AttributeId, Entity& member) {
+         auto& members = *static_cast<Entities*>(context);
+         members.push_back(Ptr<Entity>(&member));
+         addMembers(member, members);
+      });
+}
 
 /// One process: its own roots and siblings, the mirrors of others', and its ends of links.
 class World {
 public:
-   World(char side, Run& run);
-   ~World();
+   World(char side, Surroundings& surroundings) : side_(side), surroundings_(surroundings) {
+      for (auto const& [name, make] : rootKinds)
+         roots_.push_back(make(Name(name + std::string(1, side))));
+      for (char const* const n : {"1-", "2-"})
+         for (Make const make : siblingKinds)
+            siblings_.push_back(make(Name(n + std::string(1, side))));
+      for (auto const* const entities : {&roots_, &siblings_})
+         for (Ptr<Entity> const& e : *entities)
+            created(*e);
+   }
+   ~World() { dropAll(); }
+   World(World const&) = delete;
+   World& operator=(World const&) = delete;
 
    char side() const noexcept { return side_; }
-   /// Adds an end of a link to the world of the first of `owners`.
-   void addPort(std::string owners, int passesOn);
-   std::size_t ports() const noexcept { return ports_.size(); }
-   Mox::LinkEnd& end(std::size_t port = 0) noexcept { return *ports_[port].end; }
-   Mox::NboAttrLog::Demuxer& demuxer(std::size_t port = 0) noexcept { return ports_[port].end->demuxer(); }
-   std::vector<Ptr<Entity>> const& roots() const noexcept { return roots_; }
-   std::vector<Ptr<Entity>> const& exports(std::size_t port) const noexcept { return ports_[port].open; }
-   std::vector<Ptr<Entity>> const& mirrors(std::size_t port = 0) const noexcept { return ports_[port].mirrors; }
+   std::deque<Port>& ports() noexcept { return ports_; }
+   Port& port(std::size_t which = 0) noexcept { return ports_[which]; }
+   Port& onePort(Words& words) { return ports_[words.below(ports_.size())]; }
+   Entities const& roots() const noexcept { return roots_; }
+   std::string const& lastReport() const noexcept { return report_; }
 
    // Life.
+   /// Adds an end of a link to the world of the first of `owners`.
+   Port& addPort(std::string const& owners, Port* passesOn) {
+      Port& port = ports_.emplace_back(Port{*this, owners, passesOn});
+      port.mirrors.resize(rootsEach * owners.size());
+      port.open.resize(rootsEach + (passesOn == nullptr ? 0 : passesOn->mirrors.size()));
+      return port;
+   }
    /// The process begins: exports its roots, mounts those of the others.
-   void start(U64 incarnation);
+   void start(U64 incarnation) {
+      for (Port& port : ports_) {
+         port.end = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
+         port.restarts = 0;
+         port.end->onReport([this](std::string const& text) {
+            EnoughMemory const here;
+            report_ = std::string("   ") + side_ + ": " + text + "\n";
+         });
+         port.stream().out()->markIs(port.mark);
+      }
+      isRunning_ = true;
+      openExports();
+      mountAll();
+   }
    /// The process ends; of what it owned its entities stay.
-   void stop();
-   void closeExport(std::size_t which, std::size_t port = 0);
-   void openExports();
-   void unmount(std::size_t which, std::size_t port = 0);
-   void mountAll();
+   void stop() {
+      isRunning_ = false;
+      paused_.clear();
+      // Moved out first: what ends runs reactors, which look around here.
+      std::vector<std::unique_ptr<LinkEnd>> ends;
+      Entities gone;
+      for (Port& port : ports_) {
+         ends.push_back(std::move(port.end));
+         for (auto* const entities : {&port.open, &port.mirrors})
+            for (Ptr<Entity>& entity : *entities)
+               gone.push_back(std::exchange(entity, nullptr));
+      }
+   }
+   void openExports() {
+      for (Port& port : ports_)
+         openExports(port);
+   }
+   void unmount(Port& port, std::size_t which) {
+      for (Port& on : ports_)
+         if (on.passesOn == &port)
+            on.closeExport(rootsEach + which);
+      // Whose reactors may mount another.
+      if (auto const mirror = std::exchange(port.mirrors[which], nullptr))
+         port.end->unmount(port.mirrorName(which));
+   }
+   void mountAll() {
+      for (Port& port : ports_)
+         for (std::size_t which = 0; which < port.mirrors.size(); ++which)
+            if (!port.mirrors[which]) {
+               Ptr<Entity> const mirror = rootKinds[which % rootsEach].second(port.mirrorName(which));
+               port.mirrors[which] = mirror;
+               seen(*mirror, true);
+               port.end->mountIs(mirror);
+            }
+      for (Port& port : ports_)
+         if (port.passesOn != nullptr)
+            openExports(port);
+   }
    /// Whether everything is mounted, and what is passed on exported.
-   bool isWhole() const;
-   void closeOne(Words& words);
-   void unmountOne(Words& words);
-   void pause(Words& words);
-   void resume(Words& words);
-   void resumeAll();
+   bool isWhole() const {
+      return std::all_of(ports_.begin(), ports_.end(), [](Port const& port) {
+         auto const has = [](Ptr<Entity> const& entity) { return static_cast<bool>(entity); };
+         return std::all_of(port.mirrors.begin(), port.mirrors.end(), has) &&
+                std::all_of(port.open.begin(), port.open.end(), has);
+      });
+   }
+   void unmountSome(Words& words) {
+      Port& port = onePort(words);
+      unmount(port, words.below(port.mirrors.size()));
+      if (words.chance(60))
+         mountAll();
+   }
+   void pause(Words& words) {
+      if (Ptr<Entity> const entity = own(words))
+         if (Ptr<Sa> const sa(onePort(words).stream().adapterOf(*entity)); sa && !sa->isMirror()) {
+            sa->hasNotificationActiveIs(false);
+            paused_.push_back(sa);
+            surroundings_.count("paused adapter");
+         }
+   }
+   void resume(Words& words) {
+      if (auto const sa = taken(paused_, words))
+         sa->hasNotificationActiveIs(true);
+   }
+   /// Resumes, exports and mounts everything.
+   void makeWhole() {
+      for (Words words(0); !paused_.empty();)
+         resume(words);
+      openExports();
+      mountAll();
+   }
    /// \return whether there were any
-   bool tellSilentOnes();
-   void dropAll();
-   void releaseHeld(Words& words);
-   void adopt(Words& words);
-   void markIs(std::size_t bytes, std::size_t port = 0) {
-      ports_[port].mark = bytes;
-      demuxer(port).out()->markIs(bytes);
+   bool tellSilentOnes() {
+      auto const silent = std::exchange(silent_, {});
+      for (auto const& tell : silent)
+         tell();
+      return !silent.empty();
+   }
+   void dropAll() {
+      reactors_.clear();
+      silent_.clear();
+      stop();
+      for (auto* const entities : {&held_, &roots_, &siblings_}) {
+         auto const gone = std::exchange(*entities, {});
+      }
+   }
+   void releaseHeld(Words& words) {
+      Ptr<Entity> const gone = taken(held_, words); // its end runs reactors, which may hold others
+   }
+   /// Somebody here keeps an entity of the other world, as a target of references for one.
+   void adopt(Words& words) {
+      Ptr<Entity> const from = mirror(words);
+      if (!from)
+         return;
+      Snapshot const all = snapshotOf(*from, identityOf);
+      if (all.entities.empty())
+         return;
+      auto at = all.entities.begin();
+      std::advance(at, static_cast<std::ptrdiff_t>(words.below(all.entities.size())));
+      held_.push_back(Ptr<Entity>(at->second));
    }
 
    // Choices.
-   Entity* own(Words& words);
-   Entity* ownDirectory(Words& words);
-   Entity* mirror(Words& words);
-   void addReactor(Words& words);
-   void dropReactor(Words& words);
+   Ptr<Entity> own(Words& words) const { return oneOf(roots_, true, words); }
+   Ptr<Entity> mirror(Words& words) const { return oneOf(allMirrors(), false, words); }
+   void addReactor(Words& words) {
+      Port const& port = onePort(words);
+      Ptr<Entity> const entity = words.chance(50)   ? own(words)
+                                 : words.chance(40) ? port.mirrors[words.below(4)]
+                                                    : mirror(words);
+      if (!entity)
+         return;
+      int const role = static_cast<int>(words.below(100));
+      unsigned const budget = 1 + static_cast<unsigned>(words.below(8));
+      reactors_.push_back(react(*entity, role, words.next(), budget, *this));
+   }
+   void dropReactor(Words& words) {
+      if (auto const gone = taken(reactors_, words))
+         gone->isRegisteredNotifieeIs(false);
+   }
    /// Sets a scalar of something that is announced and owes nothing, behind others that do. \return whether memory failed
-   bool changeWithoutMemory(Words& words);
+   bool failMemory(Words& words) {
+      auto& stream = onePort(words).stream();
+      Entities fitting;
+      if (stream.hasBacklog())
+         stream.forEachAdapter([&](Sa& sa) {
+            if (!sa.isMirror() && sa.isAnnounced() && !sa.flow() && sa.entity() != nullptr &&
+                Sa::mirrorAdapterOf(*sa.entity()) == nullptr)
+               fitting.push_back(Ptr<Entity>(sa.entity()));
+         });
+      return !fitting.empty() && changeWithoutMemory(*fitting[words.below(fitting.size())], words);
+   }
 
    // Checks.
-   /// What a reference is called at both ends of a link, once all roots are open.
-   std::string pathOf(Entity const* entity, std::size_t port) const;
-   void checkMemory();
    /// What must hold at any time, and costs little to ask.
-   void audit();
+   void audit() {
+      for (Port& port : ports_)
+         audit(port);
+      writes_ = 0;
+   }
+   void checkMemory() {
+      audit();
+      for (Port const& port : ports_)
+         if (port.stream().counters().refusedWrites != 0)
+            diverges("a mirror wrote to its owner");
+      auto all = allMirrors();
+      all.insert(all.end(), roots_.begin(), roots_.end());
+      for (Ptr<Entity> const& root : all)
+         if (root->auditErrors(8) != 0)
+            diverges("audit of " + root->fullName().str() + " finds errors");
+   }
    /// \param isLimited whether a peer takes short records only, or somebody holds what can't be sent
-   void checkHistories(bool isLimited);
+   void checkHistories(bool isLimited) const {
+      Entities all;
+      for (Port const& port : ports_)
+         for (Ptr<Entity> const& mirror : port.mirrors)
+            if (!port.isRefused(*mirror)) { // else nobody puts right what is written to it
+               all.push_back(mirror);
+               addMembers(*mirror, all);
+            }
+      for (Ptr<Entity> const& entity : all) {
+         History const* const history = historyOf(*entity);
+         if (history == nullptr)
+            diverges("nobody was told of " + entity->fullName().str());
+         auto const now = snapshotOf(*entity, identityOf).cells;
+         // Where the owner's value can't be sent, what is written here is never answered.
+         auto const* const sa = Sa::mirrorAdapterOf(*entity);
+         if (now == history->told.cells || (isLimited && sa != nullptr && sa->hasUntold()))
+            continue;
+         for (auto const* const cells : {&now, &history->told.cells})
+            for (auto const& [cell, text] : *cells)
+               if (std::string const told = textIn(history->told.cells, cell), is = textIn(now, cell); told != is)
+                  diverges("history of " + textOf(*entity, cell) + ": told " + told + ", is " + is);
+      }
+   }
    /// Entities that still live although nobody should hold them.
-   std::size_t survivors() const;
-   std::string const& lastReport() const noexcept { return report_; }
+   std::size_t survivors() const {
+      return static_cast<std::size_t>(std::count_if(watchers_.begin(), watchers_.end(),
+                                                    [](auto const& w) { return static_cast<bool>(w->notifier()); }));
+   }
    /// \throws Divergence with the side in front and the last report behind
-   [[noreturn]] void diverges(std::string const& what);
+   [[noreturn]] void diverges(std::string const& what) const {
+      throw Divergence(std::string("side ") + side_ + ": " + what + "\n" + report_);
+   }
+   static std::string textOf(Entity const& entity, Cell const& cell) {
+      return entity.fullName().str() + "." + entity.attributeString(cell.attribute).str() + cell.key;
+   }
 
    // What whoever changes an entity of it calls.
    /// Everything that a reference may point to.
-   std::vector<Ptr<Entity>> targets();
+   Entities targets() const {
+      Entities all = siblings_;
+      all.insert(all.end(), roots_.begin(), roots_.end());
+      all.insert(all.end(), held_.begin(), held_.end());
+      for (Ptr<Entity> const& root : roots_)
+         addMembers(*root, all);
+      for (Ptr<Entity> const& mirror : allMirrors()) {
+         all.push_back(mirror);
+         addMembers(*mirror, all);
+      }
+      return all;
+   }
    /// A local write to a mirror has been refused.
-   void refused(Entity const& entity, Cell const& cell);
+   void refused(Entity const& entity, Cell const& cell) {
+      refused_.emplace(&entity, cell);
+      surroundings_.count("refused writes");
+   }
    /// Mutators were called, or that many entries deleted by one.
    void wrote(std::size_t n) noexcept { writes_ += n; }
-   void created(Entity& entity);
-   void removed(Ptr<Entity> const& entity, Words& words);
+   void created(Entity& entity) {
+      auto const watcher = Mox::make<Watcher>();
+      watcher->isWeakReferenceIs(true);
+      watcher->notifierIs(Ptr<Mox::PtrInterface const>(&entity));
+      watchers_.push_back(watcher);
+   }
+   void removed(Ptr<Entity> const& entity, Words& words) {
+      if (words.chance(20))
+         held_.push_back(entity);
+   }
    /// An entry was made that nobody was told of; `tell` does.
    void madeSilently(std::function<void()> tell) { silent_.push_back(std::move(tell)); }
-   void recreated();
+   void recreated() {
+      if (surroundings_.isStalled())
+         surroundings_.count("name re-created while stalled");
+   }
    /// A reactor was called; `member` is the one that the notification is about, if any.
-   void reacts(int role, U64 word, Entity& entity, Entity* member);
+   void reacts(int role, U64 word, Entity& entity, Entity* member) {
+      if (isRunning_)
+         surroundings_.nested(*this, role, word, entity, member);
+   }
    /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`.
-   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now);
-   void seen(Entity& entity, bool isMember);
+   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
+      wrote(1);
+      bool const wasRefused = refused_.erase({&entity, cell}) != 0;
+      // What is no mirror any more may be told by its new owner whatever that likes.
+      if (auto const* const sa = Sa::mirrorAdapterOf(entity); sa == nullptr || sa->hasFlag(Sa::letGo))
+         return;
+      if ((before == nullptr ? now != "absent" : *before != now) || now.find("NaN") != std::string::npos)
+         return;
+      if (wasRefused)
+         surroundings_.count("refused write put right");
+      else if (surroundings_.wrong.empty())
+         surroundings_.wrong = "told again: " + textOf(entity, cell) + " is " + now + ", as it was";
+   }
+   void seen(Entity& entity, bool isMember) {
+      if ((!isMember && Sa::mirrorAdapterOf(entity) == nullptr) || historyOf(entity) != nullptr)
+         return;
+      recorders_.push_back(record(entity, *this));
+      created(entity);
+   }
 
 private:
-   void openExports(std::size_t port);
-   /// The adapter by which `entity` is somebody else's here; null where it isn't.
-   Entity::MoxNboAttrLogSa const* mirrorAdapterOf(Entity const& entity) const;
-   std::vector<Ptr<Entity>> allMirrors() const;
-   void audit(std::size_t port);
-   Entity* oneOf(std::vector<Ptr<Entity>> const& roots, bool withSiblings, Words& words);
+   /// Sees whether an entity lives, and keeps it from nothing.
+   class Watcher final : public Entity::NotifieeConst {};
+
+   void openExports(Port& port) {
+      for (std::size_t which = 0; which < port.open.size(); ++which) {
+         Ptr<Entity> const root = which < rootsEach ? roots_[which] : port.passesOn->mirrors[which - rootsEach];
+         if (port.open[which] == root)
+            continue;
+         port.closeExport(which);
+         port.open[which] = root;
+         if (root)
+            port.end->exportRoot(root);
+      }
+   }
+   Entities allMirrors() const {
+      Entities all;
+      for (Port const& port : ports_)
+         for (Ptr<Entity> const& mirror : port.mirrors)
+            if (mirror)
+               all.push_back(mirror);
+      return all;
+   }
+   Ptr<Entity> oneOf(Entities const& roots, bool withSiblings, Words& words) const {
+      Entities all;
+      std::vector<std::size_t> firsts; // of the roots that have members
+      for (Ptr<Entity> const& root : roots)
+         if (root) {
+            std::size_t const first = all.size();
+            addMembers(*root, all);
+            if (all.size() != first)
+               firsts.push_back(first);
+         }
+      // A few members get most of the changes: each would be met too seldom otherwise.
+      if (!all.empty() && words.chance(70)) {
+         std::size_t const first = firsts[words.below(firsts.size())];
+         return all[first + words.below(std::min<std::size_t>(all.size() - first, 5))];
+      }
+      std::copy_if(roots.begin(), roots.end(), std::back_inserter(all), [](auto const& root) { return !!root; });
+      if (withSiblings) {
+         all.insert(all.end(), siblings_.begin(), siblings_.end());
+         all.insert(all.end(), held_.begin(), held_.end());
+      }
+      return all.empty() ? nullptr : all[words.below(all.size())];
+   }
+   void audit(Port& port) {
+      auto& stream = port.stream();
+      auto const f = stream.footprint();
+      auto const allows = [this](std::string const& what, std::size_t n, std::size_t most) {
+         if (n > most)
+            diverges("audit: " + what + " has " + std::to_string(n) + ", at most " + std::to_string(most) +
+                     " are allowed");
+      };
+      // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
+      allows("the buffer", stream.out()->highWater(), port.mark + 2048 + 1024 + 32 * f.slots);
+      allows("the list of retirements", f.retirements, f.slots);
+      stream.forEachAdapter([&](Sa& sa) {
+         if (sa.entity() == nullptr)
+            return;
+         std::size_t const keys = sa.flow() ? sa.flow()->dirtyKeys() : 0;
+         if (keys > 64)
+            allows("a list of dirty keys", keys, mostDirtyKeys(*sa.entity()));
+         if (sa.parkedCount() > 200)
+            allows("a list of parked marks", sa.parkedCount(), 200 + mostDirtyKeys(*sa.entity()));
+         if (std::vector<Mox::AttributeId> open; sa.owesAll() && sa.flow()) {
+            sa.flow()->openCollections(open);
+            if (!open.empty())
+               surroundings_.count("collection aborted");
+         }
+      });
+      // A collection is sent again only where more of its names are gone than that would take.
+      U64 const restarts = std::exchange(port.restarts, stream.counters().collectionRestarts);
+      std::size_t const keys = std::exchange(port.dirtyKeys, f.dirtyKeys) + writes_;
+      if (plays(Expects::fewRestarts) && restarts != port.restarts && keys <= 64)
+         diverges("a collection is sent again for " + std::to_string(keys) + " changes");
+      if (std::string const fault = stream.audit(); !fault.empty())
+         diverges("audit finds " + fault);
+   }
 
    char side_;
-   Run& run_;
+   Surroundings& surroundings_;
    bool isRunning_ = false;
    std::size_t writes_ = 0; ///< since the last audit, what was told here included: it may be passed on
-   std::vector<Port> ports_;
-   std::vector<Ptr<Entity>> roots_;
-   std::vector<Ptr<Entity>> siblings_;
-   std::vector<Ptr<Entity>> held_;
+   std::deque<Port> ports_;
+   Entities roots_, siblings_, held_;
    std::vector<std::function<void()>> silent_;
-   std::vector<Ptr<Mox::PtrInterface::NotifieeConst>> reactors_;
-   std::vector<Ptr<Mox::PtrInterface::NotifieeConst>> recorders_;
+   std::vector<Reactor> reactors_, recorders_;
    std::vector<Ptr<Entity::NotifieeConst>> watchers_; ///< one for each entity ever seen, to know whether it went
-   std::vector<Ptr<Entity::MoxNboAttrLogSa>> paused_;
+   std::vector<Ptr<Sa>> paused_;
    std::set<std::pair<Entity const*, Cell>> refused_;
    std::string report_;
 };

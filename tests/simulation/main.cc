@@ -2,8 +2,6 @@
 // kestrel-simulate: runs seeds of the simulation, and replays and shrinks those that fail.
 #include "Scenarios.h"
 #include "Shrink.h"
-#include "Simulation.h"
-#include "core/String8.h"
 
 #include <CLI/CLI.hpp>
 
@@ -28,6 +26,10 @@ constexpr unsigned patience = 60;
 char replayLine[200];
 std::string withPending; ///< of the replay
 
+void onCrash(void (*handler)(int)) {
+   for (int const s : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS})
+      std::signal(s, handler);
+}
 /// What a run that crashes or hangs leaves behind: how to see it again. Writes only: it may run in the middle of anything.
 extern "C" void crashed(int signal) {
    char const text[] = "crashed or hung; replay with: ";
@@ -38,36 +40,30 @@ extern "C" void crashed(int signal) {
    raise(signal);
 }
 
-/// \return what goes wrong; empty for nothing
-template <class Call> std::string wrongIn(Call call) {
+/// Plays on worlds that are made from `how`. \return what goes wrong; empty for nothing
+template <class How, class Play> std::string wrongIn(How how, Counts& counts, Play play) {
    try {
-      call();
+      Run run(how, counts);
+      play(run);
+      run.finish();
       return {};
    } catch (std::exception const& e) {
       return e.what();
    }
 }
 
-std::string runOne(U64 seed, std::vector<Step> const& steps, Counts& counts) {
-   return wrongIn([&] {
-      Run run(seed, counts);
-      run.play(steps);
-      run.finish();
-   });
-}
-
-/// How `run` fails, in a process of its own: it may crash. 0 where it doesn't; else a number for the sort of failure, so that
+/// How it fails, in a process of its own: it may crash. 0 where it doesn't; else a number for the sort of failure, so that
 /// shrinking doesn't slip from one fault to another. `report` shows the reason.
-template <class Call> int failureAlone(Call run, bool report) {
+template <class How, class Play> int failureAlone(How how, Play play, bool report = true) {
    std::cout.flush();
    pid_t const child = fork();
    if (child == 0) {
-      for (int const s : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS})
-         std::signal(s, SIG_DFL);
+      onCrash(SIG_DFL);
       alarm(patience);
-      if (!report && (std::freopen("/dev/null", "w", stderr) == nullptr))
+      if (!report && std::freopen("/dev/null", "w", stderr) == nullptr)
          _exit(2);
-      std::string const wrong = run();
+      Counts counts;
+      std::string const wrong = wrongIn(how, counts, play);
       if (report && !wrong.empty())
          std::cout << wrong << std::endl;
       int sort = 1;
@@ -87,53 +83,39 @@ template <class Call> int failureAlone(Call run, bool report) {
    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
 }
 
-int failureAlone(U64 seed, std::vector<Step> const& steps, bool report) {
-   return failureAlone(
-      [&] {
-         Counts counts;
-         return runOne(seed, steps, counts);
-      },
-      report);
-}
-
-/// Plays the scenario of that name, or all that the library passes; or all that it doesn't pass yet.
-int playScenarios(std::string const& name, bool playsPending) {
+/// Plays the scenario of that name, or all that the library passes.
+int playScenarios(std::string const& name) {
    // A scenario changes entities by itself: how often, nobody counts.
    expectations[static_cast<std::size_t>(Expects::fewRestarts)].isMet = false;
    std::size_t played = 0, failed = 0;
    for (Scenario const& scenario : scenarios()) {
-      if (name.empty() ? scenario.isMet == playsPending : scenario.name != name)
+      if (name.empty() ? !scenario.isMet : scenario.name != name)
          continue;
       ++played;
-      int const sort = failureAlone(
-         [&] {
-            Counts counts;
-            return wrongIn([&] {
-               Run run(scenario.shape, counts);
-               scenario.play(run);
-               run.finish();
-            });
-         },
-         true);
-      std::cout << "scenario " << scenario.name << (sort == 0 ? ": passes\n" : ": FAILS\n");
-      failed += sort != 0;
+      bool const passes = failureAlone(scenario.shape, scenario.play) == 0;
+      std::cout << "scenario " << scenario.name << (passes ? ": passes\n" : ": FAILS\n");
+      failed += !passes;
    }
    std::cout << "scenarios " << played << ", failed " << failed << '\n';
    return played == 0 || failed != 0 ? 1 : 0;
 }
 
 int replay(U64 seed) {
-   std::vector<Step> steps = stepsOf(seed);
-   int const sort = failureAlone(seed, steps, true);
+   std::vector<Step> steps = Run::stepsOf(seed);
+   auto const failure = [&](std::vector<Step> const& some, bool report) {
+      return failureAlone(
+         seed, [&](Run& run) { run.play(some); }, report);
+   };
+   int const sort = failure(steps, true);
    if (sort == 0) {
       std::cout << "seed " << seed << " does not fail\n";
       return 0;
    }
-   steps = shrink(steps, [&](std::vector<Step> const& fewer) { return failureAlone(seed, fewer, false) == sort; });
+   steps = shrink(steps, [&](std::vector<Step> const& fewer) { return failure(fewer, false) == sort; });
    std::cout << "seed " << seed << " fails with " << steps.size() << " steps:\n";
    for (Step const& step : steps)
-      std::cout << "   " << textOf(step) << ' ' << step.word << '\n';
-   failureAlone(seed, steps, true);
+      std::cout << "   " << Run::textOf(step) << ' ' << step.word << '\n';
+   failure(steps, true);
    return 1;
 }
 
@@ -143,6 +125,7 @@ int main(int argc, char** argv) {
    U64 seeds = 1, first = 1, replayed = 0;
    bool keepsGoing = false, playsAll = false;
    std::string scenario;
+   std::vector<std::string> pending;
    CLI::App app("Runs seeds of the simulation, and shrinks the first that fails.");
    app.add_option("--seeds", seeds, "how many");
    app.add_option("--seed", first, "the first of them");
@@ -150,14 +133,11 @@ int main(int argc, char** argv) {
    app.add_flag("--keep-going", keepsGoing, "goes on behind a seed that fails, and counts no situations");
    auto const* const named = app.add_option("--scenario", scenario, "plays the scenario of that name");
    app.add_flag("--scenarios", playsAll, "plays all scenarios");
-   bool playsPending = false;
-   std::vector<std::string> pending;
-   app.add_flag("--pending", playsPending, "with all that the library doesn't survive yet");
-   app.add_option("--with", pending, "with this of it");
+   app.add_option("--with", pending, "with this of what the library doesn't survive yet");
    CLI11_PARSE(app, argc, argv);
    for (auto& [name, isMet] : expectations)
-      if (playsPending || std::find(pending.begin(), pending.end(), name) != pending.end()) {
-         withPending += isMet ? std::string() : std::string("--with ") + name + " ";
+      if (!isMet && std::find(pending.begin(), pending.end(), name) != pending.end()) {
+         withPending += std::string("--with ") + name + " ";
          isMet = true;
       }
    // The order of names in tables is part of what a seed fixes.
@@ -165,31 +145,29 @@ int main(int argc, char** argv) {
    if (replays->count() != 0)
       return replay(replayed);
    if (named->count() != 0 || playsAll)
-      return playScenarios(scenario, playsPending);
+      return playScenarios(scenario);
 
-   for (int const s : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS})
-      std::signal(s, crashed);
+   onCrash(crashed);
    Counts counts;
    U64 divergences = 0;
    for (U64 seed = first; seed < first + seeds; ++seed) {
       std::snprintf(replayLine, sizeof replayLine, "kestrel-simulate %s--replay %llu\n", withPending.c_str(), seed);
+      auto const play = [&](Run& run) { run.play(Run::stepsOf(seed)); };
       if (keepsGoing) {
-         if (failureAlone(seed, stepsOf(seed), true) != 0) {
-            ++divergences;
-            std::cout << "   of seed " << seed << std::endl;
-         }
-         continue;
+         if (failureAlone(seed, play) == 0)
+            continue;
+         std::cout << "replay with: " << replayLine << std::flush;
+      } else {
+         alarm(patience);
+         std::string const wrong = wrongIn(seed, counts, play);
+         alarm(0);
+         if (wrong.empty())
+            continue;
+         std::cout << "seed " << seed << ": " << wrong << "\nreplay with: " << replayLine << std::flush;
+         if (divergences == 0)
+            replay(seed);
       }
-      alarm(patience);
-      std::string const wrong = runOne(seed, stepsOf(seed), counts);
-      alarm(0);
-      if (wrong.empty())
-         continue;
       ++divergences;
-      std::cout << "seed " << seed << ": " << wrong << "\nreplay with: " << replayLine;
-      if (divergences == 1)
-         replay(seed);
-      std::cout.flush();
    }
    for (Situation const& situation : situations)
       if (plays(situation.expects))
