@@ -112,7 +112,7 @@ void Demuxer::cut() noexcept {
         }))
       gone.push_back(std::move(mirror));
    wanted_ = nullptr;
-   applied_ = acknowledged_ = acknowledgedAt_ = 0;
+   applied_ = acknowledged_ = acknowledgedAt_ = stale_ = 0;
    refusals_.clear();
    peerHighestSlot_ = highestSlot;
    out_->clear();
@@ -769,7 +769,7 @@ void Demuxer::checkAnnounced(EntityId id) const {
    if (id.slot() > highestSlot)
       fail("expected slots up to " + std::to_string(highestSlot));
    // Each record for what was unmounted here meanwhile may have announced one that this side never saw.
-   if (std::size_t const end = peerEnd_ + slotGap + counters_.staleRecords; id.slot() >= end)
+   if (std::size_t const end = peerEnd_ + slotGap + stale_; id.slot() >= end)
       fail("expected a slot below " + std::to_string(end));
    if (id.slot() >= peer_.size())
       return;
@@ -1102,25 +1102,39 @@ void Demuxer::forgetMirrors(Entity* top) {
 }
 
 void Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
-   for (Mirror const& moved : waiting_.takenIf(
-           [&](Sa const& sa) { return (withOrphans && sa.isOrphan()) || isAtOrBelow(sa.entity(), root); })) {
-      Entity& entity = *moved.entity;
-      if (Ptr<Sa> const own{to.adapterOf(entity)}) {
-         // It was told there as an entity of this process; who refers to it says so again, once its owner has announced it.
-         to.reidentified(*own, entity);
-         own->detach();
+   std::vector<Mirror> const moving =
+      waiting_.thoseOf([&](Sa const& sa) { return (withOrphans && sa.isOrphan()) || isAtOrBelow(sa.entity(), root); });
+   // First what may fail, and then what can't: half of a root would be nobody's.
+   std::vector<Ptr<Sa>> moved;
+   moved.reserve(moving.size());
+   try {
+      for (Mirror const& mirror : moving) {
+         Entity& entity = *mirror.entity;
+         if (Ptr<Sa> const own{to.adapterOf(entity)}) {
+            // It was told there as an entity of this process; who refers to it says so again, once its owner has announced it.
+            to.reidentified(*own, entity);
+            own->detach();
+         }
+         // Here it is an entity of this process from now on.
+         if (isOpen_)
+            reidentified(*mirror.sa, entity);
+         moved.push_back(logOperationsOf(entity)->adapter(
+            entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to));
+         Sa& sa = *moved.back();
+         sa.isRootIs(mirror.sa->isRoot());
+         sa.isOrphanIs(mirror.sa->isOrphan());
+         sa.wasBoundIs(mirror.sa->wasBound());
+         sa.untoldReserve(*mirror.sa);
+         to.waiting_.add({moved.back(), mirror.entity});
       }
-      Ptr<Sa> const sa = logOperationsOf(entity)->adapter(
-         entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to);
-      sa->isRootIs(moved.sa->isRoot());
-      sa->isOrphanIs(moved.sa->isOrphan());
-      sa->wasBoundIs(moved.sa->wasBound());
-      sa->untoldTakenOver(*moved.sa);
-      to.waiting_.add({sa, moved.entity});
-      moved.sa->detach();
-      // Here it is an entity of this process from now on.
-      if (isOpen_)
-         reidentified(*moved.sa, entity);
+   } catch (...) {
+      for (Ptr<Sa> const& sa : moved)
+         sa->detach();
+      throw;
+   }
+   for (std::size_t i = 0; i != moving.size(); ++i) {
+      moved[i]->untoldTakenOver(*moving[i].sa);
+      moving[i].sa->detach();
    }
    newIdentifiers_ = true;
 }
@@ -1271,7 +1285,7 @@ void Demuxer::otherRecord(In& in) {
       throw ProtocolException(in.where() + ": slot " + std::to_string(header.entity.slot()) + ", expected up to " +
                               std::to_string(highestSlot));
    if (peerSlot(header.entity) == nullptr) {
-      ++counters_.staleRecords;
+      staleCounted();
       return;
    }
    ++counters_.unknownTypes;
@@ -1358,7 +1372,7 @@ void Demuxer::readOrphan(In& in) {
       id = in.nextEntityId();
       if (id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
           peer_[id.slot()].generation == id.generation()) {
-         ++counters_.staleRecords; // a root that was unmounted here while its announcement was under way
+         staleCounted(); // a root that was unmounted here while its announcement was under way
          return;
       }
       checkAnnounced(id);

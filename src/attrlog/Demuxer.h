@@ -333,6 +333,10 @@ private:
    void releasePending();
    void releaseBelow(Entity& top);
    void peerSlotsTrim() noexcept;
+   void staleCounted() noexcept {
+      ++counters_.staleRecords;
+      ++stale_;
+   }
    std::string auditFlows() const;
    std::string auditMirrors() const;
    std::string auditLists() const;
@@ -374,6 +378,7 @@ private:
    U64 applied_ = 0;
    U64 acknowledged_ = 0;
    U64 acknowledgedAt_ = 0;
+   U64 stale_ = 0;             ///< stale records of this connection
    std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
    Counters counters_;
    Report report_;

@@ -529,7 +529,8 @@ void LinkEnd::open(Request& request, Entity& entity) {
    auto const say = [&](MountState state, Reason reason, EntityId id = {}) {
       out.control(Mounted{handle, state, MountMode::readOnly, reason, id});
    };
-   if (Demuxer::Sa const* const sa = demuxer_.adapterOf(entity); sa != nullptr && !sa->isOrphan() && !sa->isMadeInAdvance()) {
+   if (Demuxer::Sa const* const sa = demuxer_.adapterOf(entity);
+       sa != nullptr && !sa->isOrphan() && !sa->isMadeInAdvance()) {
       say(MountState::refused, Reason::limit);
       request.refusal = Reason::limit;
       request.owesAnswer = false;

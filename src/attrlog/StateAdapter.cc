@@ -332,7 +332,7 @@ void Sa::throwPeerMayNotWrite() const {
    if (hasFlag(applying))
       throwInternalException("entity reactor is already active");
    throwInternalException("write-update from readonly proxy: " + std::string(std::string_view(entity_->fullName())) +
-                          " peerName: " + demuxer_->name());
+                          " peerName: " + (demuxer_->peerName().empty() ? demuxer_->name() : demuxer_->peerName()));
 }
 
 void Sa::tooLong(AttributeId id, std::exception const& e) const {
@@ -409,10 +409,10 @@ void Sa::untoldCut() noexcept {
    notesTrim();
 }
 
-void Sa::untoldTakenOver(MoxNboAttrLogSa& other) {
+void Sa::untoldTakenOver(MoxNboAttrLogSa& other) noexcept {
    if (!other.hasUntold())
       return;
-   neededNotes().untold.swap(other.notes_->untold);
+   notes_->untold.swap(other.notes_->untold);
    untoldCut();
 }
 
@@ -469,8 +469,8 @@ Ptr<Entity::MoxNboAttrLogSa> Entity::moxNboAttrLogSaIs(Mox_BitSet flags, unsigne
    if (Ptr<MoxNboAttrLogSa> present = moxNboAttrLogSa(Ptr<NboAttrLog::Out const>(out))) {
       if (operations->isAdapter(*present)) {
          if (present->notificationFlags() != Mox_BitSet{flags.bits & Mox_BitSet::notificationBitMask})
-            present->notificationFlagsIs({(flags.bits & ~MoxNboAttrLogSa::lifeBits) |
-                                          (present->stateFlags() & MoxNboAttrLogSa::lifeBits)});
+            present->notificationFlagsIs(
+               {(flags.bits & ~MoxNboAttrLogSa::lifeBits) | (present->stateFlags() & MoxNboAttrLogSa::lifeBits)});
          return present;
       }
       moxNboAttrLogSaDel(Ptr<NboAttrLog::Out const>(out));

@@ -282,7 +282,12 @@ public:
    /// The connection has ended: the next resend answers what this one has not.
    void untoldCut() noexcept;
    /// The mirror waits for its owner with this adapter from now on, and no more with `other`.
-   void untoldTakenOver(MoxNboAttrLogSa& other);
+   void untoldTakenOver(MoxNboAttrLogSa& other) noexcept;
+   /// What that needs. \throws std::bad_alloc
+   void untoldReserve(MoxNboAttrLogSa const& other) {
+      if (other.hasUntold())
+         neededNotes();
+   }
 
    /// The owner has retired the identifier of the member `mark` while it still stands here.
    void retiredIs(NboAttrLog::Mark mark) { neededNotes().retired.insert(std::move(mark)); }

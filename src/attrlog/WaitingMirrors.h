@@ -31,12 +31,17 @@ public:
    void add(Mirror mirror);
    /// Takes the mirror out; it waits.
    Mirror taken(Sa& sa) noexcept;
-   /// Takes those out for which `isTaken(sa)` holds, in the order in which they came.
-   template <class Predicate> std::vector<Mirror> takenIf(Predicate isTaken) {
+   /// Those for which `is(sa)` holds, in the order in which they came.
+   template <class Predicate> std::vector<Mirror> thoseOf(Predicate is) const {
       std::vector<Mirror> some;
       for (Mirror const& mirror : mirrors_)
-         if (isTaken(*mirror.sa))
+         if (is(*mirror.sa))
             some.push_back(mirror);
+      return some;
+   }
+   /// Takes those out for which `isTaken(sa)` holds, in the order in which they came.
+   template <class Predicate> std::vector<Mirror> takenIf(Predicate isTaken) {
+      std::vector<Mirror> some = thoseOf(isTaken);
       for (Mirror const& mirror : some)
          taken(*mirror.sa);
       return some;

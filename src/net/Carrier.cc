@@ -18,10 +18,19 @@ Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), hell
 }
 
 void Carrier::start(std::chrono::milliseconds patience) {
-   end_->connected();
-   awaitHello(patience);
-   awaitBytes();
-   flush();
+   try {
+      end_->connected();
+      awaitHello(patience);
+      awaitBytes();
+      flush();
+   } catch (...) {
+      lost_ = nullptr; // it never joined
+      LinkEnd* const end = end_;
+      abandon();
+      if (end != nullptr)
+         end->peerGone("the connection could not be begun");
+      throw;
+   }
 }
 
 void Carrier::awaitHello(std::chrono::milliseconds patience) {

@@ -6,6 +6,8 @@
 
 #include <utility>
 
+#include <unistd.h>
+
 namespace Mox {
 
 UnixClient::UnixClient(std::string_view name) : end_(name) {}
@@ -18,16 +20,23 @@ UnixClient::~UnixClient() {
 void UnixClient::connect(std::string const& path) {
    if (isConnected())
       throwInternalException("connect to '" + path + "': the client is connected already");
+   Carrier::Socket socket(context()); // first: what may throw below must not lose the descriptor
    int const descriptor = connectedSocket(path);
-   Carrier::Socket socket(context(), asio::local::stream_protocol(), descriptor);
+   try {
+      socket.assign(asio::local::stream_protocol(), descriptor);
+   } catch (...) {
+      ::close(descriptor);
+      throw;
+   }
    PeerCredentials const peer = PeerCredentials::of(descriptor);
    PeerEvent event{PeerEvent::Kind::joined, ++connections_, peer.process, peer.user, {}};
-   carrier_ = std::make_shared<Carrier>(std::move(socket), end_);
-   carrier_->onLost([this, event](std::string const& reason) mutable {
+   auto carrier = std::make_shared<Carrier>(std::move(socket), end_);
+   carrier->onLost([this, event](std::string const& reason) mutable {
       event.kind = PeerEvent::Kind::lost;
       event.reason = reason;
       tell(event);
    });
+   carrier_ = std::move(carrier);
    carrier_->start(patience());
    tell(event);
 }

@@ -41,6 +41,7 @@ struct UnixServer::Listener {
    BoundSocket bound;
    asio::local::stream_protocol::acceptor acceptor;
    asio::steady_timer pause;
+   bool isAwaited = false; ///< a client, or the end of the pause; where that found no memory the next poll tries again
 };
 
 UnixServer::UnixServer(std::string path, std::string_view name)
@@ -274,6 +275,8 @@ bool UnixServer::mayHaveMore() const noexcept {
 }
 
 void UnixServer::flush() {
+   if (!listener_->isAwaited)
+      awaitClient();
    // By index: what a drain runs may mount, which can add a peer.
    for (std::size_t i = 0; i < peers_.size(); ++i)
       if (peers_[i]->isOpen())
@@ -281,9 +284,8 @@ void UnixServer::flush() {
 }
 
 /// A client to be: it is asked for every root that nobody owns, and first of all for what waits in store.
-UnixServer::Peer& UnixServer::newPeer() {
-   auto peer = std::make_unique<Peer>(name_);
-   LinkEnd& end = peer->end;
+void UnixServer::prepare(Peer& peer) {
+   LinkEnd& end = peer.end;
    end.onReport([this](std::string const& text) { report(text); });
    for (auto const& root : exported_)
       end.exportRoot(root);
@@ -301,15 +303,15 @@ UnixServer::Peer& UnixServer::newPeer() {
    }
    end.onState([this](Name const& root, LinkEnd::State) { judge(root); });
    end.onOpening([this, &end](Name const& root) { return opens(end, root); });
-   peers_.push_back(std::move(peer));
-   return *peers_.back();
 }
 
 void UnixServer::awaitClient() {
    listener_->acceptor.async_wait(asio::socket_base::wait_read, [this](asio::error_code const& error) {
+      listener_->isAwaited = false;
       if (!error)
          admit();
    });
+   listener_->isAwaited = true;
 }
 
 void UnixServer::admit() {
@@ -320,9 +322,11 @@ void UnixServer::admit() {
       // Out of descriptors, or the client has left already: a moment later it may go.
       listener_->pause.expires_after(Milliseconds(50));
       listener_->pause.async_wait([this](asio::error_code const& stopped) {
+         listener_->isAwaited = false;
          if (!stopped)
             awaitClient();
       });
+      listener_->isAwaited = true;
       return;
    }
    awaitClient();
@@ -349,16 +353,24 @@ void UnixServer::admit() {
       return;
    }
 
-   Peer& peer = newPeer();
-   auto carrier = std::make_shared<Carrier>(std::move(socket), peer.end);
-   carrier->onLost([this, event, &peer](std::string const& reason) mutable {
-      lost(peer, reason);
-      event.kind = PeerEvent::Kind::lost;
-      event.reason = reason;
-      tell(event);
-   });
-   peer.carrier = carrier;
-   carrier->start(patience());
+   peers_.push_back(std::make_unique<Peer>(name_));
+   Peer& peer = *peers_.back();
+   try {
+      prepare(peer);
+      auto carrier = std::make_shared<Carrier>(std::move(socket), peer.end);
+      carrier->onLost([this, event, &peer](std::string const& reason) mutable {
+         lost(peer, reason);
+         event.kind = PeerEvent::Kind::lost;
+         event.reason = reason;
+         tell(event);
+      });
+      peer.carrier = carrier;
+      carrier->start(patience());
+   } catch (std::exception const& e) {
+      event.kind = PeerEvent::Kind::refused;
+      event.reason = std::string("the connection could not be begun: ") + e.what();
+      lost(peer, event.reason);
+   }
    tell(event);
 }
 

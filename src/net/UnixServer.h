@@ -96,7 +96,7 @@ private:
 
    void flush() override;
    bool mayHaveMore() const noexcept override;
-   Peer& newPeer();
+   void prepare(Peer& peer);
    void awaitClient();
    void admit();
    void lost(Peer& peer, std::string const& reason);

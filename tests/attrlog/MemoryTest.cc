@@ -50,7 +50,10 @@ TEST(Memory, ThatFailsInAPassKeepsNobodyFromWhatHasChanged) {
    std::vector<Change> const changes = {
       {"number", [](Watched& w) { w.port->refClockIs(5); }},
       {"text", [](Watched& w) { w.port->modelIs("a model whose name is long enough to be allocated"); }},
-      {"entry", [](Watched& w) { w.port->calibrationIs(CfpxHostChannel::channel2, {2, 2, 2}); }},
+      {"entry",
+       [](Watched& w) {
+          w.port->calibrationIs(CfpxHostChannel::channel2, {2, 2, 2});
+       }},
       {"entry that goes", [](Watched& w) { w.port->calibrationDel(CfpxHostChannel::channel1); }},
       {"member", [](Watched& w) { w.ours->phyConfigIs("another"); }},
       {"member that goes", [](Watched& w) { w.ours->phyConfigDel("port"); }},
