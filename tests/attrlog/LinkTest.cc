@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two ends, and what a mirror promises.
+// Two ends, what a mirror promises, and what it passes on to a mirror of its own.
 
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "entities/Cl10010StatusPtrDir.h"
+#include "entities/Cl10010StatusDir.h"
+#include "gauge/GaugeReactor.h"
 #include "notify/Dump.h"
 #include "siblings/LedConfig.h"
+#include "siblings/PllStatus.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
 
 namespace Mox {
@@ -20,15 +22,16 @@ namespace {
 
 using namespace Hardware::ClariPhy;
 using Hardware::Dpll::PllStatus;
+using NboAttrLog::Out;
 using Xcvr::CfpxHostChannel;
+using State = LinkEnd::State;
 
 /// A directory of configurations on the left, mirrored on the right.
 struct Mirrored : testing::Test {
    LocalLink link;
-   Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config");
-   Ptr<Cl10010ConfigDir> theirs;
+   Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config"), theirs;
    Ptr<Cl10010Config> port, mirror;
-   Log log, reports;
+   Log reports;
 
    Mirrored() {
       link.left().exportRoot(ours);
@@ -37,82 +40,25 @@ struct Mirrored : testing::Test {
       port->refClockIs(5);
       port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
       link.right().onReport([this](std::string const& t) { reports.push_back(t); });
-      settle();
+      settleFirst();
       mirror = theirs->phyConfig("port");
    }
-   void settle() {
+   void settleFirst() {
       link.settle();
-      EXPECT_TRUE(link.left().quiet());
-      EXPECT_TRUE(link.right().quiet());
-      for (auto const& d : diff(*ours, *theirs))
+      EXPECT_TRUE(link.left().quiet() && link.right().quiet());
+      expectEqual(*theirs);
+   }
+   void expectEqual(Cl10010ConfigDir const& copy) const {
+      for (auto const& d : diff(*ours, copy))
          ADD_FAILURE() << d.path << ": " << d.left << " | " << d.right;
-      EXPECT_EQ(theirs->auditErrors(4), 0u);
+      EXPECT_EQ(copy.auditErrors(4), 0u);
    }
 };
 
-TEST_F(Mirrored, WhoIsToldOfAStateMayHandInMore) {
-   link.right().onState([&](Name const&, LinkEnd::State state) {
-      if (state != LinkEnd::State::live)
-         return;
-      port->rollOffIs(0.35F);
-      auto const offered = link.left().bytesToSend();
-      std::vector<std::uint8_t> bytes(offered.begin(), offered.end());
-      link.left().bytesSent(bytes.size());
-      link.right().bytesArrived(bytes);
-      std::fill(bytes.begin(), bytes.end(), std::uint8_t{0xff}); // they are the caller's again
-   });
-   link.cut();
-   link.reconnect();
-   settle();
-   EXPECT_EQ(mirror->rollOff(), 0.35F);
-}
-
-TEST_F(Mirrored, AWriteToItThrowsAndTheOwnersValueComesBack) {
-   auto const watch =
-      onAny(mirror, [&](Cl10010Config& e, AttributeId id) { log.push_back(e.attributeString(id).str()); });
-   auto const members = logged(theirs, Cl10010ConfigDir::Attr::phyConfig, log);
-   auto& counters = link.right().demuxer().counters();
-   struct Case {
-      std::function<void()> write; ///< here, and for one at the owner meanwhile
-      char const* thrown;
-      Log told; ///< once, when the owner's value is back
-   };
-   for (auto const& [write, thrown, told] : std::vector<Case>{
-           {[&] {
-               port->refClockIs(11); // the owner's own is equal
-               mirror->refClockIs(11);
-            },
-            "/config/port.refClock is read-only here",
-            {"refClock"}},
-           {[&] { mirror->diagsModeEpochInc(1); }, "Epoch is read-only", {"diagsModeEpoch"}},
-           {[&] { mirror->calibrationDel(CfpxHostChannel::channel1); }, "calibration is", {"calibration"}},
-           {[&] { theirs->phyConfigIs("mine"); }, "/config.phyConfig is read-only", {"mine gone"}},
-           {[&] { theirs->phyConfigDel("port"); }, "phyConfig is", {"parent", "port here"}},
-        }) {
-      SCOPED_TRACE(thrown);
-      log.clear();
-      auto const asked = counters.refreshesAsked;
-      std::string const text = thrownBy<ReadOnlyException>(write);
-      EXPECT_NE(text.find(thrown), std::string::npos) << text;
-      EXPECT_TRUE(log.empty() || log[0] == "parent") << "no other reactor is told of it: " << log[0];
-      settle();
-      EXPECT_EQ(log, told);
-      EXPECT_LE(counters.refreshesAsked - asked, 1u);
-   }
-   EXPECT_NE(theirs->phyConfig("port"), mirror) << "a deleted member comes back as another";
-   EXPECT_EQ(reports, Log{});
-}
-
-TEST_F(Mirrored, WhatItsUsersThrowIsReportedAndStopsNeitherSweepNorStream) {
-   for (char const* name : {"a", "b", "c", "d"})
-      ours->phyConfigIs(name);
-   settle();
-   Log states;
-   link.right().onState([&](Name const&, LinkEnd::State s) {
-      states.push_back(textOf(s));
-      if (s == LinkEnd::State::stale)
-         throw std::runtime_error("the application is unwell"); // its affair
-   });
+TEST_F(Mirrored, WhatAReactorThrowsIsReportedAndDoesNotStopASweep) {
+   ours->phyConfigIs("a");
+   ours->phyConfigIs("b");
+   settleFirst();
    struct Faulty : Cl10010ConfigDir::Notifiee {
       void onPhyConfig(Name) override { throw std::runtime_error("no more of this"); }
       void onNotificationException(AttributeId) override { throw; }
@@ -121,94 +67,206 @@ TEST_F(Mirrored, WhatItsUsersThrowIsReportedAndStopsNeitherSweepNorStream) {
    faulty->notifierIs(theirs);
    faulty->isRegisteredNotifieeIs(true);
    link.cut();
-   for (char const* name : {"a", "b", "c", "d"})
-      ours->phyConfigDel(name);
+   ours->phyConfigDel("a");
+   ours->phyConfigDel("b");
    link.reconnect();
-   settle();
-   EXPECT_EQ(states, (Log{"stale", "syncing", "live"}));
+   settleFirst();
    EXPECT_EQ(theirs->phyConfig("port"), mirror) << "bound again in place";
-   auto const& counters = link.right().demuxer().counters();
-   EXPECT_EQ(counters.sweptEntries, 4u);
+   auto const& counters = link.right().counters();
+   EXPECT_EQ(counters.sweptEntries, 2u);
    EXPECT_EQ(counters.applicationExceptions, 1u) << "the first one of the sweep";
-   ASSERT_EQ(reports.size(), 2u);
-   EXPECT_EQ(reports[0], "root \"config\", told that it is stale: the application is unwell");
-   EXPECT_NE(reports[1].find("/config.phyConfig (258): no more of this"), std::string::npos) << reports[1];
-   EXPECT_TRUE(link.right().isConnected());
+   ASSERT_EQ(reports.size(), 1u);
+   EXPECT_NE(reports[0].find("/config.phyConfig (258): no more of this"), std::string::npos) << reports[0];
 }
 
 TEST_F(Mirrored, ANewMemberIsReadOnlyForTheFirstReactorThatHearsOfIt) {
    int refusals = 0;
-   auto const watch = on(theirs, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& d, Name const& name) {
-      try {
-         d.phyConfig(name)->refClockIs(9);
-      } catch (ReadOnlyException const&) {
-         ++refusals;
-      }
+   auto const refused = on(theirs, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& d, Name const& name) {
+      EXPECT_THROW(d.phyConfig(name)->refClockIs(9), ReadOnlyException);
+      ++refusals;
    });
    ours->phyConfigIs("told as it happens");
-   settle();
-   EXPECT_EQ(refusals, 1);
+   settleFirst();
    link.left().demuxer().out()->markIs(64);
    ours->phyConfigIs("told as a backlog");
-   settle();
+   settleFirst();
    EXPECT_EQ(refusals, 2);
 }
 
-/// Statuses on both sides, each with a configuration that belongs to the other side and to no directory.
-TEST(Resends, ThatWaitForEachOtherComeToAnEnd) {
-   LocalLink link;
-   auto const ours = make<Cl10010StatusDir>("ours"), yours = make<Cl10010StatusDir>("yours");
-   link.left().exportRoot(ours);
-   link.right().exportRoot(yours);
-   auto const oursThere = link.right().mount<Cl10010StatusDir>("ours");
-   auto const yoursHere = link.left().mount<Cl10010StatusDir>("yours");
-   auto const settleLive = [&] {
-      link.settle();
-      EXPECT_EQ(link.left().state("yours"), LinkEnd::State::live);
-      EXPECT_EQ(link.right().state("ours"), LinkEnd::State::live);
+/// The mirror is mirrored in turn.
+struct Chain : Mirrored {
+   LocalLink next;
+   Ptr<Cl10010ConfigDir> far;
+   Log log, farLog;
+   std::vector<Watch> watches;
+
+   Chain() {
+      next.left().exportRoot(theirs);
+      far = next.right().mount<Cl10010ConfigDir>("config");
+      settle();
+      watchAll();
+   }
+   /// What `directory` and its port are told goes to `to`.
+   void watch(Ptr<Cl10010ConfigDir> const& directory, Log& to) {
+      watches.push_back(logged(directory, Cl10010ConfigDir::Attr::phyConfig, to));
+      watches.push_back(onAny(directory->phyConfig("port"),
+                              [&to](Cl10010Config& e, AttributeId id) { to.push_back(e.attributeString(id).str()); }));
+   }
+   void watchAll() {
+      watches.clear();
+      watch(theirs, log);
+      watch(far, farLog);
+   }
+   void settle() {
+      for (int i = 0; i < 3; ++i) {
+         settleFirst();
+         next.settle();
+      }
+      EXPECT_TRUE(next.left().quiet());
+      expectEqual(*far);
+      EXPECT_EQ(next.right().state("config"), State::live);
+   }
+};
+
+TEST_F(Chain, AWriteToAMirrorThrowsTheOwnersValueComesBackAndNothingOfItIsPassedOn) {
+   Out& out = *next.left().demuxer().out();
+   struct Road {
+      char const* name;
+      std::function<void()> before, after;
    };
-   // The one that waits stands before the one that brings what the other side waits for.
-   Name first("one"), second("two");
-   if (bitReversed(first.hash()) > bitReversed(second.hash()))
-      std::swap(first, second);
-   ours->phyStatusIs(second, make<Cl10010Config>("x"), nullptr);
-   yours->phyStatusIs(second, make<Cl10010Config>("y"), nullptr);
-   link.settle();
-   auto const x = oursThere->phyStatus(second)->phyConfig(), y = yoursHere->phyStatus(second)->phyConfig();
-   ours->phyStatusIs(first, y, nullptr);
-   yours->phyStatusIs(first, x, nullptr);
-   settleLive();
-   // Each side lets its own go while they are apart, and neither can say so: it would have to come to the end of its resend.
-   link.cut();
-   ours->phyStatusDel(second);
-   yours->phyStatusDel(second);
-   link.reconnect();
-   settleLive();
-   EXPECT_GT(link.left().demuxer().counters().brokenWaits + link.right().demuxer().counters().brokenWaits, 0u);
-   EXPECT_EQ(oursThere->phyStatus(first)->phyConfig()->name(), "y");
+   struct Write {
+      std::function<void()> write; ///< to the mirror, and to the owner's meanwhile
+      char const* thrown;
+      Log told, passedOn; ///< once, when the owner's value is back
+   };
+   for (auto const& [road, before, after] : std::vector<Road>{
+           {"at once", [] {}, [] {}},
+           {"behind a backlog", [&] { out.markIs(0); }, [&] { out.markIs(Out::defaultMark); }},
+           {"in a resend", [&] { next.cut(); }, [&] { next.reconnect(); }},
+        })
+      for (auto const& [write, thrown, told, passedOn] : std::vector<Write>{
+              {[&] {
+                  port->refClockIs(port->refClock() + 1);
+                  mirror->refClockIs(port->refClock()); // the owner's own is equal
+               },
+               "/config/port.refClock is read-only here",
+               {"refClock"},
+               {"refClock"}},
+              {[&] { mirror->diagsModeEpochInc(1); }, "Epoch is read-only", {"diagsModeEpoch"}, {}},
+              {[&] { mirror->calibrationDel(CfpxHostChannel::channel1); }, "calibration is", {"calibration"}, {}},
+              {[&] { theirs->phyConfigIs("mine"); }, "/config.phyConfig is read-only", {"mine gone"}, {}},
+              {[&] { theirs->phyConfigDel("port"); },
+               "phyConfig is",
+               {"parent", "port here"},
+               std::string_view(road).ends_with("resend") ? Log{} : Log{"parent", "port gone", "port here"}},
+           }) {
+         SCOPED_TRACE(road);
+         SCOPED_TRACE(thrown);
+         settle();
+         mirror = theirs->phyConfig("port");
+         watchAll();
+         log.clear();
+         farLog.clear();
+         auto const asked = link.right().counters().refreshesAsked;
+         before();
+         std::string const text = thrownBy<ReadOnlyException>(write);
+         EXPECT_NE(text.find(thrown), std::string::npos) << text;
+         EXPECT_TRUE(log.empty() || log[0] == "parent") << "no other reactor is told of it: " << log[0];
+         after();
+         next.settle(); // while the owner has not answered
+         EXPECT_EQ(farLog, Log{});
+         settle();
+         EXPECT_EQ(log, told);
+         EXPECT_EQ(farLog, passedOn);
+         EXPECT_LE(link.right().counters().refreshesAsked - asked, 1u);
+      }
+   EXPECT_NE(theirs->phyConfig("port"), nullptr);
+   EXPECT_EQ(reports, Log{});
+}
+
+TEST_F(Chain, MembersThatOnlyTheMiddleKnowsStayThere) {
+   auto const raw = theirs->newPhyConfig("raw");
+   next.cut();
+   next.reconnect();
+   next.settle();
+   EXPECT_EQ(farLog, Log{});
+   EXPECT_EQ(theirs->phyConfig("raw"), raw);
+   // The owner makes one of that name.
+   ours->phyConfigIs("raw")->refClockIs(9);
+   settle();
+   EXPECT_EQ(farLog, Log{"raw here"});
+   EXPECT_EQ(theirs->phyConfig("raw"), raw);
 }
 
 TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    LocalLink link;
-   auto const config = make<Cl10010ConfigDir>("x");
-   link.left().exportRoot(config);
+   link.left().exportRoot(make<Cl10010ConfigDir>("x"));
    EXPECT_THROW(link.left().exportRoot(make<Cl10010StatusDir>("x")), NameInUseException);
    EXPECT_THROW(link.left().exportRoot(make<Hardware::Led::LedConfig>("led")), TypeException);
+   EXPECT_THROW(link.right().mountIs(nullptr), RangeException);
    EXPECT_THROW(link.right().state("x"), RangeException);
    auto const wrong = link.right().mount<Cl10010StatusDir>("x");
-   auto const waiting = link.right().mount<PllStatus>("later");
+   auto const waiting = link.right().mount<Cl10010ConfigDir>("later");
    link.settle();
-   EXPECT_EQ(link.right().state("x"), LinkEnd::State::mismatch);
+   EXPECT_EQ(link.right().state("x"), State::mismatch);
    EXPECT_EQ(link.right().reason("x"),
              "expected an entity of type Hardware::ClariPhy::Cl10010StatusDir, the owner's is of "
              "type Hardware::ClariPhy::Cl10010ConfigDir");
-   EXPECT_EQ(link.right().state("later"), LinkEnd::State::notExported);
-   auto const later = make<PllStatus>("later");
-   later->lockedIs(true);
-   link.left().exportRoot(later);
+   EXPECT_EQ(link.right().state("later"), State::notExported);
+   link.left().exportRoot(make<Cl10010ConfigDir>("later"));
    link.settle();
-   EXPECT_EQ(link.right().state("later"), LinkEnd::State::live);
-   EXPECT_TRUE(waiting->locked());
+   EXPECT_EQ(link.right().state("later"), State::live);
+
+   // An entity has one owner, over all links.
+   LinkEnd other("other");
+   EXPECT_EQ(thrownBy<NameInUseException>([&] { other.mountIs(waiting); }),
+             "/later can't be mounted from \"other\": /later mirrors \"right\" already, and an entity has one owner");
+   auto const dir = make<Cl10010ConfigDir>("dir");
+   other.mountIs(dir->phyConfigIs("port"));
+   EXPECT_THROW(link.right().mountIs(dir), NameInUseException) << "it holds a mirror";
+}
+
+/// Wherever an attribute can hold one.
+TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
+   using Hardware::Phy::PhyState;
+   using Skew::Gauge, Skew::Mode;
+   constexpr auto noMode = static_cast<Mode>(2);
+   constexpr auto noChannel = static_cast<CfpxHostChannel>(16);
+   LocalLink link;
+   auto const ours = make<Gauge>("gauge");
+   auto const set = [&](Mode mode, PhyState state, CfpxHostChannel channel) {
+      ours->modeIs(mode);
+      ours->stateIs(state);
+      ours->readingIs({mode, 7});
+      ours->laneIs(2, mode);
+      ours->limitIs(mode, 7);
+      ours->profileIs("night", mode);
+      ours->countIs(channel, 7);
+   };
+   set(Mode::both, PhyState::linkUp, CfpxHostChannel::channel3);
+   link.left().exportRoot(ours);
+   auto const theirs = link.right().mount<Gauge>("gauge");
+   Log reports, refusals;
+   link.left().onReport([&](std::string const& text) { reports.push_back(text); });
+   link.right().onReport([&](std::string const& text) { refusals.push_back(text); });
+   link.settle();
+   auto const good = dumpLines(*theirs);
+   set(noMode, static_cast<PhyState>(6), noChannel);
+   link.settle();
+   EXPECT_EQ(link.left().counters().unsentEnums, 7u);
+   ASSERT_EQ(reports.size(), 7u) << testing::PrintToString(reports);
+   EXPECT_TRUE(reports[0].starts_with("stream \"left\", /gauge.mode (258) is not sent: 2 is no Skew::Mode"))
+      << reports[0];
+   EXPECT_EQ(diff(good, dumpLines(*theirs)).size(), 0u);
+   ours->limitDel(noMode);
+   ours->countDelAll();
+   set(Mode::on, PhyState::failed, CfpxHostChannel::channel4);
+   // Such a key, written where it must not be: the owner can't be asked for it.
+   EXPECT_THROW(theirs->limitIs(noMode, 1), ReadOnlyException);
+   EXPECT_THROW(theirs->countIs(noChannel, 1), ReadOnlyException);
+   link.settle();
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   EXPECT_EQ(refusals, Log{}) << "nothing arrived that the mirror can't hold";
 }
 
 } // namespace

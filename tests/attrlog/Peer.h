@@ -49,8 +49,7 @@ template <class... Values> void recordOf(Out& out, MsgHeader const& header, Valu
    record.close();
 }
 
-/// One line per frame: "#slot attribute: body", markers by name, control frames by what matters in them. Hellos and
-/// acknowledgements are left out.
+/// One line per frame: "#slot attribute: body", markers by name, control frames by what matters in them.
 inline std::string lineOf(In& in) {
    if (!in.isControl()) {
       auto const h = in.header();
@@ -60,28 +59,33 @@ inline std::string lineOf(In& in) {
       return start + ": " + hex(in.body());
    }
    switch (in.controlKind()) {
-   case ControlKind::hello:
    case ControlKind::acknowledgement:
-      return {};
-   case ControlKind::refresh: {
-      auto const r = in.control<Refresh>();
-      return "refresh #" + std::to_string(r.entity.slot()) + " " + std::to_string(r.attribute) + " key " +
-             hex({reinterpret_cast<std::uint8_t const*>(r.key.data()), r.key.size()});
+      return "acknowledgement " + std::to_string(in.control<Acknowledgement>().count);
+   case ControlKind::refused: {
+      auto const r = in.control<Refused>();
+      return "refused " + std::to_string(r.number) + ", " + textOf(r.reason);
+   }
+   case ControlKind::mount: {
+      auto const m = in.control<Mount>();
+      return "mount " + std::to_string(m.handle) + " " + std::string(m.name);
    }
    case ControlKind::mounted: {
       auto const m = in.control<Mounted>();
-      return "mounted " + std::to_string(m.handle) + " state " + std::to_string(static_cast<int>(m.state));
+      return "mounted " + std::to_string(m.handle) + " state " + std::to_string(static_cast<int>(m.state)) +
+             (m.reason == Reason::none ? "" : ", " + textOf(m.reason));
    }
    default:
       return titleOf(in.controlKind());
    }
 }
 
-inline Lines linesOf(In& in, std::span<std::uint8_t const> bytes) {
+/// Of all frames, or without hellos, mounts and acknowledgements.
+inline Lines linesOf(In& in, std::span<std::uint8_t const> bytes, bool all = false) {
    Lines lines;
    in.consume(bytes, [&](In& frame) {
-      if (auto line = lineOf(frame); !line.empty())
-         lines.push_back(std::move(line));
+      auto const is = [&](ControlKind kind) { return frame.isControl() && frame.controlKind() == kind; };
+      if (all || !(is(ControlKind::hello) || is(ControlKind::mount) || is(ControlKind::acknowledgement)))
+         lines.push_back(lineOf(frame));
    });
    return lines;
 }
@@ -112,28 +116,30 @@ public:
       recordOf(*out, {.entity = orphanAnnouncement, .attribute = attr::orphan, .variable = 1}, Section{1}, TypeId{type},
                Section{3}, name, Section{4}, entity);
    }
+   /// A member of `directory`, in its collection `attribute`.
+   template <class... Values>
+   void member(EntityId directory, std::int32_t attribute, std::string_view name, Values const&... values) {
+      recordOf(*out, {.entity = directory, .attribute = attribute, .variable = 1, .kind = kind::childLog}, name,
+               values...);
+   }
    void grant(std::uint32_t handle, EntityId root) {
       out->control(Mounted{handle, MountState::open, MountMode::readOnly, Reason::none, root});
    }
-   /// Says bytes that no writer writes.
-   void saysRaw(std::span<std::uint8_t const> bytes) { end_.bytesArrived(bytes); }
    /// Hands over what has been said. \return whether the connection stands
    bool tell() {
       end_.bytesArrived(bytesOf(*out));
       return end_.isConnected();
    }
-   /// What the end says, without its mounts.
-   Lines heard() {
-      Lines all;
+   /// The bytes that the end says until it has nothing more to say.
+   Bytes said() {
+      Bytes all;
       for (auto bytes = end_.bytesToSend(); !bytes.empty(); bytes = end_.bytesToSend()) {
-         Bytes const copy(bytes.begin(), bytes.end());
-         end_.bytesSent(copy.size());
-         for (std::string& line : linesOf(*in, copy))
-            if (line != "mount")
-               all.push_back(std::move(line));
+         all.insert(all.end(), bytes.begin(), bytes.end());
+         end_.bytesSent(bytes.size());
       }
       return all;
    }
+   Lines heard(bool all = false) { return linesOf(*in, said(), all); }
 
    Ptr<Out> out = make<Out>("peer");
    Ptr<In> const in = make<In>("end");

@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
+// A server and its clients: who is let in, who owns what the server mounts, and what each is told of the others' end.
+
 #include "net/SocketException.h"
 #include "net/UnixClient.h"
 #include "net/UnixPath.h"
 #include "net/UnixServer.h"
 
-#include "Together.h"
 #include "attrlog/Out.h"
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigDirReactor.h"
+#include "entities/Cl10010ConfigPtrDir.h"
+#include "siblings/LedConfig.h"
+#include "siblings/PllStatus.h"
+#include "support/Told.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
-#include <optional>
-#include <vector>
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -25,83 +26,93 @@ namespace {
 using namespace Mox;
 using namespace std::chrono_literals;
 using namespace Hardware::ClariPhy;
+using State = LinkEnd::State;
+using Kind = PeerEvent::Kind;
 
-float rollOffOf(Ptr<Cl10010ConfigDir> const& directory, char const* name) {
-   auto const config = directory->phyConfig(name);
-   return config ? float(config->rollOff()) : -1;
-}
-
-class UnixLink : public testing::Test {
-protected:
-   UnixLink() {
+struct Served : testing::Test {
+   Served() {
       server_.onPeer([this](PeerEvent const& event) { events_.push_back(event); });
+      server_.onState([this](Name const&, State state) { states_.push_back(textOf(state)); });
+   }
+   /// Polls all in turn until `done()`.
+   template <class Done, class... Loops> bool until(Done done, Loops&... loops) {
+      auto const end = std::chrono::steady_clock::now() + 60s; // for one that hangs
+      while (!done() && std::chrono::steady_clock::now() < end) {
+         server_.pollOnce(1ms);
+         (loops.pollOnce(1ms), ...);
+      }
+      return done();
+   }
+   template <class... Loops> void settle(Loops&... loops) {
+      // More than once: what one has just said, another has not heard yet.
+      int times = 0;
+      while (times < 4 && until([&] { return server_.quiet() && (loops.quiet() && ...); }, loops...)) {
+         server_.pollOnce(0ms);
+         (loops.pollOnce(0ms), ...);
+         ++times;
+      }
+      EXPECT_EQ(times, 4);
+      EXPECT_EQ(server_.auditErrors(), 0u);
    }
 
    PrivateFolder folder_;
    std::string path_ = folder_.path() + "/link";
    UnixServer server_{path_, "server"};
    std::vector<PeerEvent> events_;
+   Log states_;
 };
 
-TEST_F(UnixLink, OneServerFeedsManyClientsAndMirrorsTheFirst) {
-   auto const ours = make<Cl10010ConfigDir>("config");
-   ours->phyConfigIs("before")->rollOffIs(0.1F);
-   server_.exportRoot(ours);
-   auto const fromClient = server_.mount<Cl10010ConfigDir>("answers");
+/// A client that owns a directory with one member, and sees what the server says of that member.
+struct Owner {
+   Owner() {
+      auto const port = directory->phyConfigIs("port");
+      port->refClockIs(7);
+      port->pllStatusIs(make<Hardware::Dpll::PllStatus>("pll"));
+      client.exportRoot(directory);
+   }
+   Ptr<Cl10010Config> watchedPort() const {
+      auto const* const entry = std::as_const(*watched).phyConfig().find("port");
+      return entry == nullptr ? nullptr : entry->value();
+   }
+   Ptr<Cl10010ConfigDir> directory = make<Cl10010ConfigDir>("answers");
+   UnixClient client{"owner"};
+   Ptr<Cl10010ConfigPtrDir> watched = client.mount<Cl10010ConfigPtrDir>("watched");
+};
 
-   auto const answers = make<Cl10010ConfigDir>("answers");
+TEST_F(Served, ManyClientsMirrorTheSameAndOneThatSpeaksAnotherTongueEndsAlone) {
+   auto const ours = make<Cl10010ConfigDir>("config");
+   ours->phyConfigIs("before");
+   server_.exportRoot(ours);
+   EXPECT_THROW(server_.exportRoot(nullptr), RangeException);
+   EXPECT_THROW(server_.exportRoot(make<Hardware::Led::LedConfig>("led")), TypeException);
    UnixClient first("first"), second("second");
-   first.exportRoot(answers);
    auto const inFirst = first.mount<Cl10010ConfigDir>("config");
    auto const inSecond = second.mount<Cl10010ConfigDir>("config");
    first.connect(path_);
    second.connect(path_);
-   EXPECT_THROW(second.connect(path_), InternalException) << "it is connected";
-
-   ASSERT_TRUE(together([&] { return rollOffOf(inSecond, "before") == 0.1F; }, server_, first, second));
-   ours->phyConfigIs("after")->rollOffIs(0.7F);
-   ours->phyConfigDel("before");
-   answers->phyConfigIs("mine")->rollOffIs(0.9F);
-   ASSERT_TRUE(together(
-      [&] {
-         return rollOffOf(inFirst, "after") == 0.7F && rollOffOf(inSecond, "after") == 0.7F &&
-                rollOffOf(fromClient, "mine") == 0.9F && server_.quiet() && first.quiet() && second.quiet();
-      },
-      server_, first, second));
-   EXPECT_EQ(rollOffOf(inSecond, "before"), -1);
-
-   // Far more than a socket takes at once.
-   for (int i = 0; i < 5000; ++i)
-      ours->phyConfigIs(Name("port-" + std::to_string(i)))->refClockIs(static_cast<std::uint32_t>(i));
-   ASSERT_TRUE(together([&] { return server_.quiet(); }, server_, first, second));
-   EXPECT_EQ(inSecond->phyConfig("port-4999")->refClock(), 4999u);
-}
-
-TEST_F(UnixLink, BytesThatAreNoLinkEndThatConnectionAlone) {
-   auto const ours = make<Cl10010ConfigDir>("config");
-   server_.exportRoot(ours);
-   UnixClient good("good");
-   auto const mirror = good.mount<Cl10010ConfigDir>("config");
-   good.connect(path_);
-   ASSERT_TRUE(together([&] { return good.state("config") == LinkEnd::State::live; }, server_, good));
+   settle(first, second);
+   ASSERT_NE(inSecond->phyConfig("before"), nullptr);
 
    int const raw = connectedSocket(path_);
    ASSERT_EQ(::write(raw, "GET / HTTP/1.0\r\n\r\n", 18), 18);
-   ASSERT_TRUE(
-      together([&] { return !events_.empty() && events_.back().kind == PeerEvent::Kind::lost; }, server_, good));
-   EXPECT_NE(events_.back().reason.find("expected"), std::string::npos) << events_.back().reason;
+   ASSERT_TRUE(until([&] { return events_.back().kind == Kind::lost; }, first, second));
+   EXPECT_NE(events_.back().reason.find("expected a hello"), std::string::npos) << events_.back().reason;
    EXPECT_EQ(events_.back().process, static_cast<unsigned long>(::getpid()));
-   char byte;
-   while (::read(raw, &byte, 1) > 0) {
-   }
    ::close(raw);
 
-   ours->phyConfigIs("port");
-   EXPECT_TRUE(together([&] { return mirror->phyConfig("port") != nullptr; }, server_, good));
-   EXPECT_EQ(server_.peerCount(), 1u);
+   // Far more than a socket takes at once.
+   for (std::uint32_t i = 0; i < 5000; ++i)
+      ours->phyConfigIs(Name("port-" + std::to_string(i)))->refClockIs(i);
+   ours->phyConfigDel("before");
+   settle(first, second);
+   for (auto const& mirror : {inFirst, inSecond}) {
+      EXPECT_EQ(mirror->phyConfig("port-4999")->refClock(), 4999u);
+      EXPECT_EQ(mirror->phyConfig("before"), nullptr);
+   }
+   EXPECT_EQ(server_.peerCount(), 2u);
 }
 
-TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
+TEST_F(Served, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
    if (::geteuid() != 0)
       GTEST_SKIP() << "only root can become another user";
    std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
@@ -114,7 +125,6 @@ TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
       client.connect(path_);
       std::string lost;
       client.onPeer([&](PeerEvent const& event) { lost = event.reason; });
-      client.mount<Cl10010ConfigDir>("config");
       client.waitUntil([&] { return !lost.empty(); }, 10s);
       // It learns why, and nothing else.
       auto const expected = "refused by the peer: \"process " + std::to_string(::getpid()) +
@@ -122,7 +132,7 @@ TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
       ::_exit(lost == expected && !client.isConnected() ? 0 : 2);
    }
    ASSERT_TRUE(server_.waitUntil([&] { return !events_.empty(); }, 10s));
-   EXPECT_EQ(events_[0].kind, PeerEvent::Kind::refused);
+   EXPECT_EQ(events_[0].kind, Kind::refused);
    EXPECT_EQ(events_[0].reason,
              "process " + std::to_string(child) + " of user 65534 refused: expected this user or root");
    EXPECT_EQ(server_.peerCount(), 0u);
@@ -131,15 +141,14 @@ TEST_F(UnixLink, ProcessOfAnotherUserIsRefusedAlsoWhereTheFileSystemLetsItIn) {
    EXPECT_EQ(status, 0);
 }
 
-TEST_F(UnixLink, AClientIsToldOfTheEndAndWhyAlsoWhereItCannotWriteAnyMore) {
+TEST_F(Served, AClientIsToldOfTheEndAndWhyAlsoWhereItCannotWriteAnyMore) {
    // A server by hand, which refuses and hangs up before the client has written all that it has to say.
-   std::string const path = folder_.path() + "/other";
-   auto bound = std::make_optional<BoundSocket>(path);
+   auto bound = std::make_unique<BoundSocket>(folder_.path() + "/other");
    int const listening = bound->duplicate();
    UnixClient client("client");
    std::vector<PeerEvent> events;
    client.onPeer([&](PeerEvent const& event) { events.push_back(event); });
-   client.connect(path);
+   client.connect(bound->path());
    int const accepted = ::accept(listening, nullptr, nullptr);
    auto const words = LinkEnd::refusal("server", "not today");
    ASSERT_EQ(::write(accepted, words.data(), words.size()), static_cast<ssize_t>(words.size()));
@@ -147,31 +156,94 @@ TEST_F(UnixLink, AClientIsToldOfTheEndAndWhyAlsoWhereItCannotWriteAnyMore) {
    ::close(listening);
    bound.reset();
    auto const mirror = client.mount<Cl10010ConfigDir>("config"); // to be asked for
-   client.waitUntil([&] { return events.size() > 1; }, 10s);
-   ASSERT_EQ(events.size(), 2u);
-   EXPECT_EQ(events[1].kind, PeerEvent::Kind::lost);
+   ASSERT_TRUE(client.waitUntil([&] { return events.size() == 2; }, 10s));
+   EXPECT_EQ(events[1].kind, Kind::lost);
    EXPECT_EQ(events[1].reason, "refused by the peer: \"not today\"");
-   EXPECT_EQ(client.state("config"), LinkEnd::State::stale);
-   EXPECT_FALSE(client.isConnected());
+   EXPECT_EQ(client.reason("config"), events[1].reason);
+   EXPECT_EQ(client.state("config"), State::stale);
    EXPECT_FALSE(client.pollOnce(10s)) << "nothing is left to wait for";
+}
 
-   for (bool const byPeer : {false, true}) {
-      auto server = std::make_unique<UnixServer>(path);
-      events.clear();
-      client.connect(path);
-      ASSERT_TRUE(together([&] { return server->peerCount() == 1 && client.quiet(); }, *server, client));
-      EXPECT_EQ(client.state("config"), LinkEnd::State::notExported);
-      if (byPeer)
-         server.reset();
-      else
-         client.disconnect();
-      ASSERT_TRUE(client.waitUntil([&] { return events.size() == 2; }, 10s));
-      EXPECT_EQ(events[1].kind, PeerEvent::Kind::lost);
-      EXPECT_EQ(events[1].process, static_cast<unsigned long>(::getpid()));
-      EXPECT_EQ(events[1].reason, byPeer ? "the peer closed the connection" : "closed by this side");
-      EXPECT_EQ(client.reason("config"), events[1].reason);
+TEST_F(Served, AMountBelongsToWhoOpensItAndWhoSaysNothingIsNotWaitedFor) {
+   server_.patienceIs(200ms);
+   auto const mirror = server_.mount<Cl10010ConfigDir>("answers");
+   int const silent = connectedSocket(path_);
+   UnixClient tool("tool");
+   tool.connect(path_);
+   ASSERT_TRUE(until([&] { return server_.peerCount() == 2; }, tool));
+   EXPECT_FALSE(server_.quiet()) << "one has not answered";
+   Owner real;
+   real.client.connect(path_);
+   ASSERT_TRUE(until([&] { return server_.state("answers") == State::live; }, tool, real.client));
+   auto const port = mirror->phyConfig("port");
+   ASSERT_TRUE(until([&] { return server_.peerCount() == 2; }, tool, real.client));
+   EXPECT_EQ(events_.back().peer, 1u);
+   EXPECT_EQ(events_.back().reason, "expected a hello within 200 ms, got none");
+   ::close(silent);
+
+   // It comes back before the server has seen the end of the last connection.
+   real.client.disconnect();
+   real.directory->phyConfig("port")->refClockIs(8);
+   real.client.connect(path_);
+   settle(tool, real.client);
+   EXPECT_EQ(server_.state("answers"), State::live);
+   EXPECT_EQ(mirror->phyConfig("port"), port) << "bound in place";
+   EXPECT_EQ(port->refClock(), 8u);
+
+   // Its owner exports it no more: nobody does, until somebody does.
+   states_.clear();
+   real.client.exportDel(real.directory);
+   settle(tool, real.client);
+   EXPECT_EQ(states_, (Log{"stale", "syncing", "stale"})) << "the other one is asked meanwhile";
+   EXPECT_EQ(server_.reason("answers"), "its owner exports it no more");
+   auto const other = make<Cl10010ConfigDir>("answers");
+   tool.exportRoot(other);
+   settle(tool, real.client);
+   EXPECT_EQ(server_.state("answers"), State::live);
+   EXPECT_EQ(mirror->phyConfig("port"), nullptr) << "swept";
+   tool.disconnect();
+   ASSERT_TRUE(until([&] { return server_.state("answers") == State::notExported; }, real.client));
+   real.client.disconnect();
+   ASSERT_TRUE(until([&] { return server_.peerCount() == 0; }));
+   EXPECT_EQ(server_.state("answers"), State::stale);
+   EXPECT_EQ(server_.reason("answers"), "the peer closed the connection");
+   EXPECT_EQ(server_.counters().sweptEntries, 1u) << "of a client that has gone";
+}
+
+TEST_F(Served, AMirrorStaysTheSameFromOwnerToOwnerAndSoDoesWhatRefersToIt) {
+   auto const watched = make<Cl10010ConfigPtrDir>("watched");
+   server_.exportRoot(watched);
+   auto const mirror = server_.mount<Cl10010ConfigDir>("answers");
+   Owner first, second;
+   first.client.connect(path_);
+   settle(first.client);
+   auto const port = mirror->phyConfig("port");
+   auto const pll = port->pllStatus();
+   watched->phyConfigIs(port);
+   second.client.connect(path_);
+   settle(first.client, second.client);
+   EXPECT_EQ(first.watchedPort(), first.directory->phyConfig("port")) << "the owner's own";
+   ASSERT_NE(second.watchedPort(), nullptr);
+   EXPECT_NE(second.watchedPort(), second.directory->phyConfig("port")) << "another's";
+
+   Log told;
+   auto const members = logged(mirror, Cl10010ConfigDir::Attr::phyConfig, told);
+   for (int round = 0; round < 3; ++round) {
+      SCOPED_TRACE(round);
+      Owner& from = round % 2 == 0 ? first : second;
+      Owner& to = round % 2 == 0 ? second : first;
+      from.client.disconnect();
+      ASSERT_TRUE(
+         until([&] { return server_.state("answers") == State::live && server_.peerCount() == 1; }, to.client));
+      settle(to.client);
+      EXPECT_EQ(mirror->phyConfig("port"), port);
+      EXPECT_EQ(port->pllStatus(), pll) << "bound in place";
+      EXPECT_THROW(port->refClockIs(1), ReadOnlyException);
+      EXPECT_EQ(to.watchedPort(), to.directory->phyConfig("port")) << "its own, from now on";
+      from.client.connect(path_);
+      settle(first.client, second.client);
    }
-   EXPECT_EQ(client.auditErrors(), 0u);
+   EXPECT_EQ(told, Log{});
 }
 
 } // namespace
