@@ -21,15 +21,15 @@ inline Name numbered(char const* what, unsigned i) {
    return Name(what + std::to_string(i));
 }
 
-/// Three directories of the left end, mirrored by the right one.
+/// Three directories of the left end, mirrored by the right one: what is referred to is told last.
 struct Directories : testing::Test {
    LinkEnd left{"left", 1}, right{"right", 2};
-   Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config"), theirs = right.mount<Cl10010ConfigDir>("config");
    Ptr<Cl10010ConfigPtrDir> refs = make<Cl10010ConfigPtrDir>("refs"),
                             refsThere = right.mount<Cl10010ConfigPtrDir>("refs");
    Ptr<Cl10010StatusDir> statuses = make<Cl10010StatusDir>("statuses"),
                          statusesThere = right.mount<Cl10010StatusDir>("statuses");
-   std::vector<Ptr<Entity>> const roots{ours, refs, statuses}, mirrors{theirs, refsThere, statusesThere};
+   Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config"), theirs = right.mount<Cl10010ConfigDir>("config");
+   std::vector<Ptr<Entity>> const roots{refs, statuses, ours}, mirrors{refsThere, statusesThere, theirs};
    Ptr<Cl10010Config> port = ours->phyConfigIs("port"), mirror;
    Log log, reports; ///< of the left end
 
