@@ -33,10 +33,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Wrong : std::runtime_error {
-   using std::runtime_error::runtime_error;
-};
-
 /// What takes the place of the text from `begin` to `end`.
 struct Edit {
    std::size_t begin, end;
@@ -51,7 +47,7 @@ struct File {
 std::string contents(fs::path const& path) {
    std::ifstream in(path, std::ios::binary);
    if (!in)
-      throw Wrong("can't read " + path.string());
+      throw std::runtime_error("can't read " + path.string());
    return {std::istreambuf_iterator<char>(in), {}};
 }
 
@@ -81,7 +77,7 @@ std::vector<Edit> placesOf(std::string const& what, std::string const& text) {
       isBehindWord = isWord;
    }
    if (pattern.empty())
-      throw Wrong("no text to look for");
+      throw std::runtime_error("no text to look for");
    std::vector<Edit> places;
    std::regex const loosely(pattern);
    for (std::sregex_iterator it(text.begin(), text.end(), loosely), end; it != end; ++it) {
@@ -95,14 +91,14 @@ Edit placeOf(std::string const& what, std::string const& anchor, std::string con
    std::string const& unique = anchor.empty() ? what : anchor;
    auto places = placesOf(unique, text);
    if (places.size() != 1)
-      throw Wrong("stands in " + std::to_string(places.size()) + " places: " + unique);
+      throw std::runtime_error("stands in " + std::to_string(places.size()) + " places: " + unique);
    if (anchor.empty())
       return places[0];
    std::size_t const from = places[0].begin;
    places = placesOf(what, text);
    auto const found = std::find_if(places.begin(), places.end(), [&](Edit const& e) { return e.begin >= from; });
    if (found == places.end())
-      throw Wrong("not behind \"" + anchor + "\": " + what);
+      throw std::runtime_error("not behind \"" + anchor + "\": " + what);
    return *found;
 }
 
@@ -131,7 +127,7 @@ std::string add(fs::path const& path, fs::path const& tree, std::map<std::string
       edited.edits.push_back(edit);
    }
    if (what.empty() || test.empty() || !asks)
-      throw Wrong("needs \"Fault: \", \"Test: \", and PLANTED in a new text");
+      throw std::runtime_error("needs \"Fault: \", \"Test: \", and PLANTED in a new text");
    return name + '\t' + folder + '\t' + test + '\t' + what;
 }
 
@@ -149,7 +145,7 @@ std::string planted(File file) {
          if (outer->end <= edit->begin)
             continue;
          if (outer->end < edit->end || outer->newText.find("@@") == std::string::npos)
-            throw Wrong(edit->fault + " overlaps " + outer->fault + ", which does not say @@ for it");
+            throw std::runtime_error(edit->fault + " overlaps " + outer->fault + ", which does not say @@ for it");
          outer->end += text.size() - size;
       }
    }
@@ -173,7 +169,7 @@ int run(std::vector<std::string> const& arguments) {
    for (std::size_t i = 2; i < arguments.size(); ++i)
       try {
          std::cout << add(arguments[i], tree, files) << '\n';
-      } catch (Wrong const& wrong) {
+      } catch (std::exception const& wrong) {
          std::cerr << arguments[i] << ": " << wrong.what() << '\n';
          status = 1;
       }
