@@ -3,7 +3,7 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010Status.h"
 #include "notify/Observe.h"
-#include "siblings/GpoReactor.h"
+#include "siblings/Gpo.h"
 
 using Hardware::ClariPhy::Cl10010Config;
 using Hardware::ClariPhy::Cl10010ConfigDir;
@@ -32,6 +32,10 @@ void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> cons
    auto const w = Mox::on(readOnly, Cl10010Config::Attr::rollOff, [](Cl10010Config&) {});
 #elif defined(NoIdentifier)
    auto const w = Mox::onAny(port, [](Cl10010Config const&) {});
+#elif defined(ReactorForgotten)
+   auto const w = Mox::on(Mox::make<Fru::Gpo>("reset"), Fru::Gpo::Attr::asserted, [](Fru::Gpo&) {});
+#elif defined(ReactorForgottenForAny)
+   auto const w = Mox::onAny(Mox::make<Fru::Gpo>("reset"), [](Fru::Gpo&, Mox::AttributeId) {});
 #elif defined(BareNew)
    auto* const w = new Cl10010Config("port");
 #elif defined(NotCounted)

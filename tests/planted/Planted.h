@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 
 // Stands at the head of every file of the copy in which a fault is planted: which fault this process has, by the variable
 // MOX_PLANTED. A fault asks for its name; the programs that a test starts inherit the variable.
+
+extern "C" char* getenv(char const* name) noexcept; // its header has macros that the file may not expect
 
 #pragma GCC diagnostic ignored "-Wtautological-compare" // of a function that is no constexpr one, it is asked in vain
 
@@ -22,7 +23,7 @@ consteval std::uint64_t numberOf(char const* name) {
 }
 
 inline std::uint64_t const chosen = [] {
-   char const* const name = std::getenv("MOX_PLANTED");
+   char const* const name = getenv("MOX_PLANTED");
    return name == nullptr ? 0 : number(name);
 }();
 

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/Line.h"
 #include "run/Channel.h"
+#include "run/Trace.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <sstream>
 
 namespace {
 
 using namespace Job;
 
 TEST(Line, QFactorFollowsFromTheErrorRatio) {
-   // Pairs of the table that every book on optical transmission prints, then the inverse checked by the formula forward.
+   // A pair of the table that every book on optical transmission prints, then the inverse checked by the formula forward.
    EXPECT_NEAR(qFactor(1e-12), 7.0345, 1e-4);
    for (double ratio : {1e-14, 8.4e-6, 1e-3, 5.4e-3, 0.1, 0.3, 0.499})
       EXPECT_NEAR(std::erfc(qFactor(ratio) / std::sqrt(2.0)) / 2 / ratio, 1, 1e-9) << ratio;
@@ -22,10 +24,17 @@ TEST(Line, AlarmsRiseAtOneLimitAndClearBelowAnother) {
    struct {
       double average, worst;
       bool outOfFrame, lossOfFrame;
-   } const steps[] = {{1.0e-3, 3.9e-3, false, false},   {1.0e-3, 4.0e-3, true, false},  {1.0e-3, 3.5e-3, true, false},
-                      {1.0e-3, 3.0e-3, true, false},    {1.0e-3, 2.9e-3, false, false}, {3.5e-3, 3.6e-3, false, false},
-                      {4.0e-3, 5.0e-3, true, true},     {3.5e-3, 3.6e-3, true, true},   {2.9e-3, 2.9e-3, false, false},
-                      {noSignal, noSignal, true, true}, {3.5e-3, 3.5e-3, true, true},   {0, 0, false, false}};
+   } const steps[] = {{1.0e-3, 3.9e-3, false, false},
+                      {1.0e-3, 4.0e-3, true, false},
+                      {1.0e-3, 3.0e-3, true, false},
+                      {1.0e-3, 2.9e-3, false, false},
+                      {3.5e-3, 3.6e-3, false, false},
+                      {4.0e-3, 5.0e-3, true, true},
+                      {3.5e-3, 3.6e-3, true, true},
+                      {2.9e-3, 2.9e-3, false, false},
+                      {noSignal, noSignal, true, true},
+                      {3.5e-3, 3.5e-3, true, true},
+                      {0, 0, false, false}};
    Channel channel(1, 0);
    std::int64_t minute = 100;
    for (auto const& s : steps) {
@@ -37,31 +46,51 @@ TEST(Line, AlarmsRiseAtOneLimitAndClearBelowAnother) {
    }
 }
 
-TEST(Line, SimulatedLineIsSeeded) {
-   auto const a = simulatedLine(2, 100, 7), b = simulatedLine(2, 100, 7), other = simulatedLine(2, 100, 8);
-   unsigned equal = 0;
-   for (std::size_t s = 0; s < 100; ++s) {
-      Sample const sample = *a->next(1, s);
-      ASSERT_EQ(sample.average, b->next(1, s)->average);
-      ASSERT_GE(sample.worst, sample.average);
-      equal += sample.average == other->next(1, s)->average;
-   }
-   EXPECT_EQ(equal, 0u);
+TEST(Line, RecordedRowsOfAnyOrderArePlayedByPortAndTime) {
+   std::istringstream in("\xef\xbb\xbf" // as another system begins a file
+                         "device_name,logical_name,item,stats_type,value,och,time,side\r\n"
+                         "T1,/1,preFecBer,max,0.004,7,2000/1/2 00:00,A\r\n"
+                         "T1,/1,preFecBer,avg,0.002,7,2000/1/2 00:00,A\r\n"
+                         "T1,/1,preFecBer,avg,8.4e-6,7,2000/1/1 23:05,A\r\n"
+                         "T1,/1,preFecBer,min,0.001,7,2000/1/2 00:00,A\r\n"
+                         "T1,/1,preFecBer,instant,0.001,7,2000/1/2 00:00,A\r\n"
+                         "T1,/1,preFecBer,avg,0.003,7,2000/1/2 00:00,Z\r\n"
+                         "T1,/1,preFecBer,max,0.003,7,2000/1/3 00:00,A\r\n"
+                         "T2,/1,preFecBer,avg,0.003,7,1999/12/31 00:59,A\r\n"
+                         "T2,/1,preFecBer,avg,0.003,7,1999/12/31 00:60,A");
+   BadRows bad;
+   Trace const trace = readTrace(in, "t.csv", bad);
+   EXPECT_EQ(bad.count(), 1u) << "no hour has sixty minutes";
+   EXPECT_EQ(trace.interval, 55);
+   EXPECT_EQ(trace.ports[0].samples[0].minute, 10957 * 1440 + 23 * 60 + 5);
+   auto const line = recordedLine(trace, 2, 2);
+   EXPECT_EQ(line->ports(), (std::vector<std::string>{"T1/1/A", "T1/1/Z"}));
+   EXPECT_EQ(line->steps(), 2u) << "a time with no average is no moment, nor is that of the third port";
+   EXPECT_EQ(line->next(0, 0)->worst, 8.4e-6) << "no highest ratio told: the average";
+   EXPECT_FALSE(line->next(1, 0)) << "not measured then";
+   EXPECT_EQ(line->next(0, 1)->average, 0.002);
+   EXPECT_EQ(line->next(0, 1)->worst, 0.004);
+   EXPECT_EQ(line->next(1, 1)->average, 0.003);
+   EXPECT_EQ(recordedLine(trace, 2, 1)->steps(), 1u);
+   EXPECT_EQ(recordedLine(trace, 0, 0)->steps(), 3u);
 }
 
-TEST(Line, RecordingPlaysItsMomentsInOrder) {
-   Trace trace;
-   trace.ports = {{"T1", "/1", 'A', {{60, 0.1, 0.1}, {180, 0.2, 0.2}}},
-                  {"T2", "/1", 'Z', {{60, 0.3, 0.3}, {120, 0.4, 0.4}}},
-                  {"T3", "/1", 'Z', {{0, 0.3, 0.3}}}};
-   trace.interval = 60;
-   auto const line = recordedLine(trace, 2, 2);
-   EXPECT_EQ(line->ports(), (std::vector<std::string>{"T1/1/A", "T2/1/Z"}));
-   EXPECT_EQ(line->steps(), 2u) << "the third moment, and that of the third port, are left";
-   EXPECT_EQ(line->next(0, 0)->average, 0.1);
-   EXPECT_EQ(line->next(1, 0)->average, 0.3);
-   EXPECT_FALSE(line->next(0, 1)) << "not measured then";
-   EXPECT_EQ(recordedLine(trace, 0, 0)->steps(), 4u);
+TEST(BadRows, AreToldInStretchesOfOneReasonAndFew) {
+   BadRows bad;
+   bad.add(2, "empty row");
+   bad.add(3, "no number");
+   for (std::size_t line = 10; line <= 300; ++line)
+      bad.add(line, "empty row");
+   for (std::size_t line = 400; line < 420; line += 2)
+      bad.add(line, "no number");
+   std::ostringstream out;
+   bad.report(out, "t.csv");
+   EXPECT_EQ(out.str(), "t.csv: line 2: empty row\n"
+                        "t.csv: line 3: no number\n"
+                        "t.csv: lines 10 to 300: empty row\n"
+                        "t.csv: line 400: no number\n"
+                        "t.csv: line 402: no number\n"
+                        "t.csv: 303 bad rows skipped, 8 of them not listed\n");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/Sides.h"
 
+#include "run/Held.h"
 #include "run/Line.h"
 #include "run/Pipe.h"
 
@@ -49,11 +50,24 @@ TEST(Sides, DriverThatHoldsSomethingElseIsADifference) {
    EXPECT_NE(out.find("/a: here (absent), in the driver 1"), std::string::npos) << out;
 }
 
-TEST(Sides, DifferencesAreNamedByPathAndFew) {
-   EXPECT_TRUE(differences("/a = 1\n/b = 2\n", "/a = 1\n/b = 2\n", 5).empty());
-   EXPECT_EQ(
-      differences("/a = 1\n/b = 2\n/c = 3\n", "/a = 1\n/b = 9\n/d = 4\n", 2),
-      (std::vector<std::string>{"/b: here 2, in the driver 9", "/c: here 3, in the driver (absent)", "and 1 more"}));
+TEST(Sides, WhatDiffersIsToldByItsPathAndANamesakeToo) {
+   Held held{Mox::make<Cl10010ConfigDir>("config"), Mox::make<Cl10010ConfigPtrDir>("driven"),
+             Mox::make<Cl10010StatusDir>("status"), Mox::make<Cl10010StatusPtrDir>("watched")};
+   held.driven->phyConfigIs(held.config->phyConfigIs("S1/1"));
+   auto const lines = held.status->phyStatusIs("S1/1", nullptr, nullptr)->ldpcHistogramsIs("line");
+   EXPECT_EQ(held.references(), 1u);
+   std::string const before = held.text("left");
+   EXPECT_EQ(differences(before, held.text("right"), 1), std::vector<std::string>());
+   lines->histogramIs(31, 7);
+   lines->histogramIs(30, 6);
+   EXPECT_EQ(differences(held.text("left"), before, 1),
+             (std::vector<std::string>{"/status/S1%2F1/ldpcHistograms/line.histogram[30]: here 6, in the driver 0",
+                                       "and 1 more"}));
+   // On both sides, where the paths alone would not tell.
+   held.driven->phyConfigIs(Mox::make<Cl10010Config>("S1/1"));
+   EXPECT_EQ(differences(held.text("left"), held.text("right"), 9),
+             (std::vector<std::string>{
+                "/driven.phyConfig[S1/1] itself: here no entity of left, in the driver no entity of right"}));
 }
 
 TEST(Sides, WhatIsKnownOfALostDriverIsSaidAndNotTheLessOfIt) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <new>
 
 /// Calls of `operator new` in this program so far, arrays included.
 std::size_t allocations() noexcept;
@@ -31,14 +30,3 @@ public:
 private:
    int before_;
 };
-
-/// Whether `call` throws `std::bad_alloc` when there is no memory.
-template <class Call> bool needsMemory(Call call) {
-   NoMemory const none;
-   try {
-      call();
-   } catch (std::bad_alloc const&) {
-      return true;
-   }
-   return false;
-}

@@ -17,8 +17,7 @@ namespace Rack {
 
 enum class Fan : std::int32_t { unknown = -1, off = 0, on = 5 };
 constexpr auto moxEnum(Fan) {
-   using enum Fan;
-   return Mox::enumeration<Fan>("Rack::Fan", {{unknown, "unknown"}, {off, "off"}, {on, "on"}});
+   return Mox::enumeration<Fan>("Rack::Fan", {{Fan::unknown, "unknown"}, {Fan::off, "off"}, {Fan::on, "on"}});
 }
 
 } // namespace Rack
@@ -37,7 +36,6 @@ template <class T> void expectBounds(unsigned long long maximum, std::string con
    SCOPED_TRACE(text);
    EXPECT_EQ(T(maximum).value, maximum);
    EXPECT_EQ(thrownBy<RangeException>([&] { T{maximum + 1}; }), text);
-   EXPECT_EQ(thrownBy<RangeException>([&] { T{-1}; }), text);
    EXPECT_EQ(thrownBy<RangeException>([&] { T{std::numeric_limits<long long>::min()}; }), text);
    // What would be in range once it has narrowed to the number's own width.
    if constexpr (sizeof(typename T::Number) < sizeof(unsigned long long)) {
@@ -63,12 +61,11 @@ TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
    using Phy::Coherent::RollOff;
    for (double const good : {0.0, -0.0, 1e-300, 0.2, 1.0})
       EXPECT_EQ(RollOff(good).value, static_cast<float>(good));
-   std::string const text = "RollOff::value < RollOff::min or > RollOff::max not allowed";
-   for (float const bad : {1.0000001f, -1e-30f, std::nanf(""), -std::nanf(""), HUGE_VALF})
-      EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
-   // Would be 1 and 0 as floats.
-   for (double const bad : {1.0 + 1e-12, -1e-300})
-      EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }), text) << bad;
+   // Some would be 1 and 0 as floats.
+   for (double const bad : {1.0 + 1e-12, -1e-300, std::nan(""), -std::nan(""), HUGE_VAL})
+      EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }),
+                "RollOff::value < RollOff::min or > RollOff::max not allowed")
+         << bad;
 }
 
 TEST(Enumerations, KnowTheirNumbersAndNames) {
