@@ -128,7 +128,7 @@ TEST(Watching, IsOfOneAttributeAndEndsWithPauseStopMoveAndDeath) {
    };
    Mox::Watch other = Mox::on(port, Cl10010Config::Attr::rxSkewV, [&](Cl10010Config&) { log.push_back("by mistake"); });
    Mox::Watch any = Mox::onAny(Ptr<Cl10010Config const>(port),
-                          [&](Cl10010Config const&, Mox::AttributeId id) { log.push_back(std::to_string(id)); });
+                               [&](Cl10010Config const&, Mox::AttributeId id) { log.push_back(std::to_string(id)); });
    Mox::Watch first = add("first"), second = add("second");
    first.pause();
    EXPECT_EQ(told(), (Log{"394", "second"}));
