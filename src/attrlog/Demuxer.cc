@@ -55,9 +55,13 @@ Demuxer::Demuxer(std::string const& name) : out_(make<Out>(name)), in_(make<In>(
 }
 
 Demuxer::~Demuxer() {
-   cut();
-   forgetMirrors(nullptr);
+   end();
    in_->demuxerIs(nullptr);
+}
+
+void Demuxer::end() noexcept {
+   cut();
+   releaseWaiting([](Sa const&) { return true; });
 }
 
 void Demuxer::forEachAdapter(std::function<void(Sa&)> const& visit) {
@@ -80,7 +84,7 @@ void Demuxer::cut() noexcept {
    forgetAnnounced();
    own_.clear();
    limited_.clear();
-   std::vector<Mirror> gone = std::exchange(letGo_, {});
+   std::vector<Mirror> const gone = std::exchange(letGo_, {});
    for (PeerSlot& slot : std::exchange(peer_, {})) {
       if (!slot.sa)
          continue;
@@ -92,34 +96,44 @@ void Demuxer::cut() noexcept {
       sa.isReferredIs(false);
       asking_.remove(sa);
       sa.untoldCut();
-      try {
-         waiting_.add(std::move(slot));
-      } catch (std::bad_alloc const&) {
-         sa.detach(); // announced again, it is bound by its name as any other
-      }
+      waiting_.add(std::move(slot)); // there is room since it was bound
    }
    peerEnd_ = mirrored_ = askedAnew_ = 0;
    isInHandCurrent_ = false;
    syncing_ = 0;
-   // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
-   // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
-   for (Mirror& mirror : waiting_.takenIf([this](Sa const& waiting) {
-           Entity const* top = waiting.entity();
-           while (top->moxRawParent() != nullptr)
-              top = top->moxRawParent();
-           Sa const* const sa = adapterOf(*top);
-           return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
-        }))
-      gone.push_back(std::move(mirror));
    wanted_ = nullptr;
    applied_ = acknowledged_ = acknowledgedAt_ = stale_ = 0;
    refusals_.clear();
    peerHighestSlot_ = highestSlot;
    out_->clear();
    in_->reset();
-   releaseAll(gone); // last: a reactor may connect anew
+   // Last: a reactor may connect anew.
+   releaseAll(gone);
+   // A former member without a parent is never bound again, nor is what lies below it: the owner would announce it as another
+   // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
+   releaseWaiting([this](Sa const& waiting) {
+      Entity const* top = waiting.entity();
+      while (top->moxRawParent() != nullptr)
+         top = top->moxRawParent();
+      Sa const* const sa = adapterOf(*top);
+      return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
+   });
    if (!isOpen_)
       reidentified_.clear();
+}
+
+/// Lets go of the waiting mirrors for which `is(sa)` holds, one by one, so that it takes no memory. Reactors may do anything meanwhile.
+template <class Predicate> void Demuxer::releaseWaiting(Predicate is) noexcept {
+   for (bool again = true; again;) {
+      again = false;
+      for (std::size_t i = 0; i < waiting_.size();)
+         if (Sa& sa = waiting_.at(i); is(sa)) {
+            release(waiting_.taken(sa));
+            again = true;
+         } else {
+            ++i;
+         }
+   }
 }
 
 // What this side announces ----------------------------------------------------------------------------------------------
@@ -569,8 +583,10 @@ bool Demuxer::step(FlowOut& flow) {
       return false;
    } catch (std::exception const& e) {
       // Whatever went wrong, the entity's whole state is owed again; the next drain tries.
-      report("stream \"" + name() + "\": " + std::string(std::string_view(Entity::fullNameOf(sa->entity()))) +
-             " owes everything again: " + e.what());
+      report([&] {
+         return "stream \"" + name() + "\": " + std::string(std::string_view(Entity::fullNameOf(sa->entity()))) +
+                " owes everything again: " + e.what();
+      });
       if (sa->flow() == &flow)
          enqueue(flow);
       sa->owesAllIs();
@@ -740,7 +756,7 @@ void Demuxer::drainNow() {
       retirementsWrite();
       limitsTell();
    } catch (std::bad_alloc const&) {
-      report("stream \"" + name() + "\": no memory to go on; the next drain tries again");
+      report([&] { return "stream \"" + name() + "\": no memory to go on; the next drain tries again"; });
    }
 }
 
@@ -804,6 +820,7 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
    if (slot.isUsed && slot.entity == &entity && slot.sa)
       return;
    letGo_.reserve(letGo_.size() + 1);
+   waiting_.roomIs(waiting_.size() + mirrored_ + 1);
    Ptr<Sa> sa(adapterOf(entity));
    // Only its mount gives and takes a root's identifier: without it, nothing here would know the root for a mirror any more.
    if ((slot.sa && slot.sa->isRoot()) || (sa && sa->isRoot() && (slot.isUsed || sa->entityId().isAssigned())))
@@ -868,9 +885,9 @@ void Demuxer::release(Mirror const& gone) noexcept {
          while (gone.sa->hasUntold() && gone.sa->entity() != nullptr)
             gone.sa->tellUntold(Mark(gone.sa->notes()->untold.begin()->first));
       } catch (std::exception const& e) {
-         report("stream \"" + name() + "\": not told: " + e.what());
+         report([&] { return "stream \"" + name() + "\": not told: " + e.what(); });
       } catch (...) {
-         report("stream \"" + name() + "\": not told: an exception that is no std::exception");
+         report([&] { return "stream \"" + name() + "\": not told: an exception that is no std::exception"; });
       }
       gone.sa->detach();
       // Whoever still refers to it here refers to an entity of this process from now on.
@@ -984,6 +1001,7 @@ void Demuxer::retired(EntityId wireId) {
 /// and not there is no such slot: what is under way may still name it.
 void Demuxer::peerSlotsTrim() noexcept {
    constexpr std::size_t few = 64;
+   waiting_.trim(waiting_.size() + mirrored_);
    std::size_t end = peer_.size();
    while (end > few && !peer_[end - 1].isUsed && !peer_[end - 1].isOwedRetirement)
       --end;
@@ -1032,7 +1050,8 @@ void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view 
          mark = sa->readKey(static_cast<AttributeId>(attribute), *in_);
       } catch (Exception const& e) {
          ++counters_.badValues;
-         report(where(*in_, sa.get(), mark.attribute) + ": refresh of a key that can't be: " + e.what());
+         report(
+            [&] { return where(*in_, sa.get(), mark.attribute) + ": refresh of a key that can't be: " + e.what(); });
          return;
       }
    }
@@ -1295,7 +1314,7 @@ void Demuxer::otherRecord(In& in) {
       reserveAnnounced(in);
    } catch (AttrLogRecordException const& e) {
       ++counters_.badValues;
-      report(in.where() + ": " + e.what());
+      report([&] { return in.where() + ": " + e.what(); });
    }
 }
 
@@ -1311,7 +1330,7 @@ void Demuxer::applyMarker(Sa& sa, In& in) {
 /// Reports and counts the exception in flight, which ended the record in hand. \throws it again where it ends the connection
 void Demuxer::applicationFailed(Sa& sa, In& in) {
    auto const tell = [&](char const* what) {
-      report(where(in, &sa, attributeOf(in.header().attribute)) + ": " + what);
+      report([&] { return where(in, &sa, attributeOf(in.header().attribute)) + ": " + what; });
    };
    try {
       throw;
@@ -1410,11 +1429,11 @@ void Demuxer::readOrphan(In& in) {
       throw;
    } catch (std::bad_alloc const& e) {
       ++counters_.applicationExceptions;
-      report(in.where() + ": orphan announcement: " + e.what());
+      report([&] { return in.where() + ": orphan announcement: " + e.what(); });
       askedAnewIs(announcedIn(in));
    } catch (std::exception const& e) {
       ++counters_.badValues;
-      report(in.where() + ": orphan announcement: " + e.what());
+      report([&] { return in.where() + ": orphan announcement: " + e.what(); });
       reserveFailed(id);
    }
 }

@@ -7,7 +7,9 @@
 #include "attrlog/OwnSlots.h"
 #include "attrlog/StateAdapter.h"
 #include "attrlog/WaitingMirrors.h"
+#include "mox/Swallowed.h"
 
+#include <concepts>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -48,6 +50,8 @@ public:
    void opened() noexcept;
    /// The stream has ended. Forgets what this side announced, keeps the mirrors.
    void cut() noexcept;
+   /// Cuts, and ends all mirrors, which tells their reactors what is owed to them.
+   void end() noexcept;
    bool isOpen() const noexcept { return isOpen_; }
 
    // What this side announces.
@@ -274,6 +278,14 @@ public:
    /// What the function throws goes where reactors' exceptions go (mox/Swallowed.h): no record and no stream is at fault. During a
    /// drain it is kept until the end of that, the first 64 in words.
    void report(std::string const& text) const noexcept;
+   /// The same for a text that is made here: without memory for it nothing is told, and nothing fails.
+   template <std::invocable Make> void report(Make make) const noexcept {
+      try {
+         report(make());
+      } catch (...) {
+         Mox::detail::exceptionSwallowed(nullptr, attr::none);
+      }
+   }
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when a root is announced that its mirror can't be, with the reason: it is of another type, or was made with other
@@ -330,6 +342,7 @@ private:
    Mirror takenFrom(PeerSlot& slot) noexcept;
    void release(Mirror const& gone) noexcept;
    std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
+   template <class Predicate> void releaseWaiting(Predicate is) noexcept;
    void releasePending();
    void releaseBelow(Entity& top);
    void peerSlotsTrim() noexcept;

@@ -35,6 +35,15 @@ bool isAtOrBelow(Entity const& entity, Entity const& top) noexcept {
    return false;
 }
 
+/// Takes `text` for a reason; where there is no memory for it, that.
+void keep(std::string& reason, std::string_view text) noexcept {
+   try {
+      reason = text;
+   } catch (std::bad_alloc const&) {
+      reason = "no memory"; // short enough to need none
+   }
+}
+
 std::string textOfType(Entity const& entity) {
    return std::string(std::string_view(entity.fwkType()->name()));
 }
@@ -82,7 +91,10 @@ LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
    });
 }
 
-LinkEnd::~LinkEnd() = default;
+LinkEnd::~LinkEnd() {
+   // While everything is still here: reactors are told what is owed to them, and may call this end.
+   demuxer_.end();
+}
 
 // Roots of this side ----------------------------------------------------------------------------------------------------
 
@@ -241,8 +253,8 @@ std::string const& LinkEnd::reason(Name const& root) const {
    return mountOf(root).reason;
 }
 
-void LinkEnd::stateIs(Mount& mount, State state, std::string reason) {
-   mount.reason = std::move(reason);
+void LinkEnd::stateIs(Mount& mount, State state, std::string_view reason) {
+   keep(mount.reason, reason);
    if (mount.state == state)
       return;
    mount.state = state;
@@ -251,10 +263,14 @@ void LinkEnd::stateIs(Mount& mount, State state, std::string reason) {
       try {
          stateCall_(name, state);
       } catch (std::exception const& e) {
-         demuxer_.report("root " + std::string(quoted(name)) + ", told that it is " + textOf(state) + ": " + e.what());
+         demuxer_.report([&] {
+            return "root " + std::string(quoted(name)) + ", told that it is " + textOf(state) + ": " + e.what();
+         });
       } catch (...) {
-         demuxer_.report("root " + std::string(quoted(name)) + ", told that it is " + textOf(state) +
-                         ": an exception that is no std::exception");
+         demuxer_.report([&] {
+            return "root " + std::string(quoted(name)) + ", told that it is " + textOf(state) +
+                   ": an exception that is no std::exception";
+         });
       }
    }
 }
@@ -271,7 +287,7 @@ void LinkEnd::mirrorEnds(std::uint32_t handle, State state, std::string reason) 
          return;
       demuxer_.mirrorRootIs(*mirror);
    }
-   stateIs(*at, state, std::move(reason));
+   stateIs(*at, state, reason);
 }
 
 /// The record in hand announces the root of `sa` as something that its mirror is not.
@@ -311,7 +327,12 @@ void LinkEnd::connected() {
    hello.window = requestWindow;
    hello.name = name_;
    demuxer_.opened();
-   demuxer_.out()->control(hello);
+   try {
+      demuxer_.out()->control(hello);
+   } catch (...) {
+      peerGone("no memory for the first frame"); // a stream without one would be no stream
+      throw;
+   }
    // Who is told may unmount, cut, or connect anew.
    for (std::size_t i = 0; i < mounts_.size() && isConnected_ && attempt_ == hello.attempt; ++i)
       stateIs(mounts_[i], State::syncing);
@@ -323,10 +344,11 @@ void LinkEnd::peerGone(std::string_view reason) {
    if (isApplying_) {
       // A reactor cuts the branch that it sits on: the record in hand is finished first.
       mustEnd_ = true;
-      endReason_ = reason;
+      keep(endReason_, reason);
       return;
    }
-   std::string const why(reason);
+   std::string why;
+   keep(why, reason);
    isConnected_ = isGreeted_ = owesAnswers_ = false;
    requests_.clear();
    overLimit_.clear();
@@ -380,15 +402,17 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
          demuxer_.identifiersSettled();
       } while (!mustEnd_ && demuxer_.in()->isQueued());
    } catch (std::exception const& e) {
-      failure_ = e.what();
+      keep(failure_, e.what());
    } catch (...) {
-      failure_ = "an exception that is no std::exception";
+      keep(failure_, "an exception that is no std::exception");
    }
    demuxer_.recordsEnd();
    isApplying_ = false;
    if (std::uint64_t const more = swallowedExceptions() - swallowed; more != 0)
-      demuxer_.report("stream " + quoted(name_) + ": while what arrived was applied, reactors threw " +
-                      std::to_string(more) + " exceptions; the last: " + lastSwallowedException());
+      demuxer_.report([&] {
+         return "stream " + quoted(name_) + ": while what arrived was applied, reactors threw " + std::to_string(more) +
+                " exceptions; the last: " + lastSwallowedException();
+      });
    endIfAsked();
 }
 
@@ -426,8 +450,8 @@ void LinkEnd::settleControl() {
    try {
       settleMounts();
       settleAnswers();
-   } catch (std::exception const& e) {
-      demuxer_.report("stream " + quoted(name_) + ": the next answer to a mount waits: " + e.what());
+   } catch (std::exception const& e) { // nothing else comes out of them
+      demuxer_.report([&] { return "stream " + quoted(name_) + ": the next answer to a mount waits: " + e.what(); });
    }
    isSettling_ = false;
    if (!isOutermost)
@@ -550,7 +574,7 @@ void LinkEnd::open(Request& request, Entity& entity) {
       say(MountState::refused, Reason::limit);
       request.refusal = Reason::limit;
       request.owesAnswer = false;
-      demuxer_.report("root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what());
+      demuxer_.report([&] { return "root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what(); });
       return;
    }
    bool isSaid = false;
@@ -573,7 +597,7 @@ void LinkEnd::open(Request& request, Entity& entity) {
       request.owesAnswer = false;
       say(MountState::refused, Reason::limit);
       announcedEnds(entity);
-      demuxer_.report("root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what());
+      demuxer_.report([&] { return "root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what(); });
    }
 }
 
@@ -589,8 +613,8 @@ void LinkEnd::settleWaits() {
    }
    if (told_ == now || demuxer_.out()->hasPending())
       return;
-   told_ = now;
    demuxer_.out()->control(Waiting{now.applied});
+   told_ = now;
 }
 
 void LinkEnd::bytesSent(std::size_t n) {

@@ -186,7 +186,7 @@ private:
    Mount const& mountOf(Name const& name) const;
    std::size_t mirrorCount() const noexcept;
    void withdraw(Mount const& mount);
-   void stateIs(Mount& mount, State state, std::string reason = {});
+   void stateIs(Mount& mount, State state, std::string_view reason = {});
    void mirrorEnds(std::uint32_t handle, State state, std::string reason);
    void mismatched(NboAttrLog::Demuxer::Sa& sa, std::string const& reason);
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "attrlog/WaitingMirrors.h"
 
+#include <iterator>
+#include <new>
 #include <utility>
 
 namespace Mox::NboAttrLog {
@@ -11,9 +13,8 @@ void WaitingMirrors::add(Mirror mirror) {
    if (sa.isOrphan())
       try {
          orphans_.emplace(sa.entity()->moxName(), &sa);
-      } catch (...) {
-         mirrors_.pop_back();
-         throw;
+      } catch (std::bad_alloc const&) {
+         isIndexWhole_ = false;
       }
    sa.waitingAt_ = static_cast<std::uint32_t>(mirrors_.size() - 1);
 }
@@ -33,12 +34,24 @@ Mirror WaitingMirrors::taken(Sa& sa) noexcept {
             break;
          }
    }
-   // Memory comes back after a burst.
    if (mirrors_.empty()) {
-      mirrors_ = {};
-      orphans_ = {};
+      orphans_ = {}; // memory comes back after a burst
+      isIndexWhole_ = true;
    }
    return mirror;
+}
+
+void WaitingMirrors::trim(std::size_t n) noexcept {
+   constexpr std::size_t few = 64;
+   if (mirrors_.capacity() < 4 * std::max(n, few))
+      return;
+   try {
+      std::vector<Mirror> fewer;
+      fewer.reserve(2 * std::max(n, few / 2));
+      std::move(mirrors_.begin(), mirrors_.end(), std::back_inserter(fewer));
+      mirrors_ = std::move(fewer);
+   } catch (std::bad_alloc const&) { // it stays as it is
+   }
 }
 
 std::string WaitingMirrors::audit() const {
@@ -56,7 +69,7 @@ std::string WaitingMirrors::audit() const {
          return which + " is this side's own";
       orphans += mirror.sa->isOrphan();
    }
-   if (orphans != orphans_.size())
+   if (isIndexWhole_ && orphans != orphans_.size())
       return "of " + std::to_string(orphans) + " waiting orphans " + std::to_string(orphans_.size()) +
              " can be found by name";
    return {};

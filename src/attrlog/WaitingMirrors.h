@@ -3,6 +3,7 @@
 
 #include "attrlog/StateAdapter.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -27,8 +28,16 @@ public:
    std::size_t size() const noexcept { return mirrors_.size(); }
    static bool isWaiting(Sa const& sa) noexcept { return sa.waitingAt_ != Notes::unlisted; }
 
-   /// \throws std::bad_alloc; nothing has changed then
+   /// Room for `n` mirrors in all: adding up to so many can't fail. \throws std::bad_alloc; nothing has changed then
+   void roomIs(std::size_t n) {
+      if (n > mirrors_.capacity())
+         mirrors_.reserve(std::max(n, 2 * mirrors_.capacity()));
+   }
+   /// Gives back most of a room that is many times as large as `n` mirrors need.
+   void trim(std::size_t n) noexcept;
+   /// \throws std::bad_alloc without room; nothing has changed then
    void add(Mirror mirror);
+   Sa& at(std::size_t i) const noexcept { return *mirrors_[i].sa; }
    /// Takes the mirror out; it waits.
    Mirror taken(Sa& sa) noexcept;
    /// Those for which `is(sa)` holds, in the order in which they came.
@@ -48,6 +57,12 @@ public:
    }
    /// Whether `is(sa)` holds for an orphan of that name; the first for which it does, or null.
    template <class Predicate> Sa* orphan(Name const& name, Predicate is) const {
+      if (!isIndexWhole_) {
+         for (Mirror const& mirror : mirrors_)
+            if (mirror.sa->isOrphan() && mirror.entity->moxName() == name && is(*mirror.sa))
+               return mirror.sa.get();
+         return nullptr;
+      }
       // Not `equal_range`, which walks all of that name to find their end.
       for (auto at = orphans_.find(name); at != orphans_.end() && at->first == name; ++at)
          if (is(*at->second))
@@ -67,6 +82,8 @@ public:
 private:
    std::vector<Mirror> mirrors_;
    std::unordered_multimap<Name, Sa*> orphans_;
+   bool isIndexWhole_ =
+      true; ///< `orphans_` has them all; where there was no memory for one, the list is walked instead
 };
 
 } // namespace Mox::NboAttrLog
