@@ -17,7 +17,8 @@
 
 namespace Mox {
 
-/// Picks a value type's constructor from a stream: `T(NboAttrLog::In*, StreamBogon)`.
+/// Tells a value type's constructor from a stream, `T(NboAttrLog::In*, StreamBogon)`, from others. The types that have one are code
+/// of programs: the library reads values through `NboAttrLog::Wire` and calls none.
 struct StreamBogon {};
 
 namespace NboAttrLog {

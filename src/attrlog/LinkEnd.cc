@@ -182,6 +182,9 @@ std::size_t LinkEnd::mirrorCount() const noexcept {
 
 void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    ValidPtr<Entity> const valid(mirror);
+   if (logOperationsOf(*mirror) == nullptr)
+      throw TypeException(std::string(std::string_view(mirror->fullName())) +
+                          " can't be mounted: " + textOfType(*mirror) + " has no attribute log");
    if (findMount(valid->moxName()) != nullptr)
       throwNameInUseException("a root named " + std::string(quoted(valid->moxName())) + " is mounted already");
    auto const refuse = [&](std::string const& why) {
@@ -194,6 +197,8 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    for (Ptr<Entity> const& root : exports_)
       if (isAtOrBelow(*root, *mirror) || isAtOrBelow(*mirror, *root))
          refuse(std::string(std::string_view(root->fullName())) + " is exported there");
+   if (Demuxer::Sa const* const told = demuxer_.adapterOf(*mirror); told != nullptr && !told->isOrphan())
+      refuse("it has left an exported root, which still tells of it there");
    mounts_.reserve(mounts_.size() + 1);
    demuxer_.mirrorRootIs(*mirror);
    mounts_.push_back({++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});

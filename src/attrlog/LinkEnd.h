@@ -61,7 +61,8 @@ public:
    static void checkExport(Ptr<Entity> const& root);
 
    /// A mirror of the peer's root `name`. It exists at once, empty, and fills as the peer tells it; writing to it throws
-   /// `ReadOnlyException`. \throws NameInUseException when `name` is mounted already
+   /// `ReadOnlyException`. \throws NameInUseException when `name` is mounted already, TypeException for a type without an attribute
+   /// log
    template <std::derived_from<Entity> T> Ptr<T> mount(Name const& name) {
       auto mirror = make<T>(name);
       mountIs(mirror);
@@ -69,8 +70,8 @@ public:
    }
    /// As `mount`, into an entity of the caller's: for roots with constructor parameters. One that others mirror from here may be
    /// mounted, and passes on what its owner says.
-   /// \throws NameInUseException also when `mirror` is a mirror already, over whatever link, is part of one or holds one, or is
-   /// exported over this very link: an entity has one owner
+   /// \throws NameInUseException also when `mirror` is a mirror already, over whatever link, is part of one or holds one, is
+   /// exported over this very link, or is a former member of what was, still told there: an entity has one owner
    void mountIs(Ptr<Entity> const& mirror);
    /// Ends the mirror; the entity stays as it is, and is an ordinary one from then on.
    void unmount(Name const& name);

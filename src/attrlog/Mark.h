@@ -13,6 +13,14 @@
 
 namespace Mox::NboAttrLog {
 
+/// What a map's key must be in a type with a log.
+template <class Key> inline constexpr bool isNameKey = std::is_convertible_v<Key const&, Name>;
+template <class Key>
+inline constexpr bool isNumberKey = !std::is_floating_point_v<Key> && requires(Key const& key, std::int64_t number) {
+   static_cast<std::int64_t>(key);
+   static_cast<Key>(number);
+};
+
 /// A position in an entity's attributes: the attribute, and for a keyed one the key. One small value, whatever the key's type:
 /// replacing or dropping it needs nobody who knows the type. Whether there is a key is said, never guessed from the key: 0 and the
 /// empty name are keys.
@@ -25,15 +33,18 @@ struct Mark {
    Mark() = default;
    explicit Mark(AttributeId a) : attribute(a) {}
    template <class Key> Mark(AttributeId a, Key const& key) : attribute(a), hasKey(true) {
-      if constexpr (std::is_convertible_v<Key const&, Name>)
+      static_assert(
+         isNameKey<Key> || isNumberKey<Key>,
+         "the key of a map in a type with an attribute log converts to an integer and back, or to a Mox::Name");
+      if constexpr (isNameKey<Key>)
          name = key;
-      else
+      else if constexpr (isNumberKey<Key>)
          number = static_cast<std::int64_t>(key);
    }
    template <class Key> Key as() const {
-      if constexpr (std::is_convertible_v<Key const&, Name>)
+      if constexpr (isNameKey<Key>)
          return name;
-      else
+      else if constexpr (isNumberKey<Key>)
          return Key(static_cast<Key>(number));
    }
    friend bool operator==(Mark const& a, Mark const& b) {

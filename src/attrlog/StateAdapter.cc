@@ -194,7 +194,7 @@ AttributeId Sa::handleAttrFlowOut(AttributeId) {
 }
 
 void Sa::freeResyncState(Ptr<NboAttrLog::FlowOut> const& flow) {
-   if (flow && flow->attrId() != attr::none)
+   if (flow && flow->attrId() != attr::none && flow->holdsBookmark(flow->attrId()))
       flow->bookmarkDel();
 }
 

@@ -127,7 +127,8 @@ public:
 
    /// Adds `entry`, or puts it in the place of the entry with an equal key.
    /// \return the entry that left, or null
-   /// \throws InternalException when `entry` is null or in a chain already
+   /// \throws InternalException when `entry` is null or has a link. The last of a chain has none, so nobody notices
+   /// when it is put into a second map, although both would change its link: an entry belongs to one map.
    Ptr<Entry> add(Ptr<Entry> const& entry) {
       if (!entry)
          throwInternalException("a null entry is put into a hash map");

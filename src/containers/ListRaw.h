@@ -11,8 +11,8 @@ namespace Mox {
 
 /// Singly linked list of objects that carry the link themselves: `T* moxNextInList() const` and `moxNextInListIs(T*)`.
 ///
-/// It owns nothing and counts no reference: whoever puts an element on it takes it off before the element goes. An element
-/// is on one list at most; putting one on twice is an InternalException.
+/// It owns nothing and counts no reference: whoever puts an element on it takes it off before the element goes. An element is
+/// on one list at most; putting one on twice is an InternalException, which only the last one of another list escapes.
 /// *Cost*: no allocation; both ends in constant time, `unlink` searches from the head.
 /// *Iterators*: plain pointers along the links. To call out while walking, take a `SnapshotIterator`.
 template <class T> class ListRaw {

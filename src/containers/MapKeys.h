@@ -11,7 +11,8 @@
 namespace Mox {
 
 /// The hash of a map's key before the map reverses its bits: the number itself for integers, enumerations and bounded
-/// values, the string hash for names and texts. A key type of another kind offers its own in its namespace.
+/// values, the string hash for names and texts. A key type of another kind offers its own in its namespace;
+/// the attribute log takes keys that convert to an integer and back, or to a name, and no others.
 template <class K>
    requires std::is_enum_v<K> || std::convertible_to<K const&, std::uint64_t>
 constexpr std::uint32_t baseHash(K const& key) noexcept {

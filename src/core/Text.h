@@ -15,7 +15,8 @@ std::string quoted(std::string_view text);
 /// becomes "%", so that no step of a path is empty.
 std::string percentEncoded(std::string_view text);
 
-/// The text that `percentEncoded` made `step` of, digits of either case; nothing where `step` is no such text.
+/// The text that `step` stands for. Digits of either case, escapes that need not be and characters that should be escaped are taken;
+/// nothing where `step` is empty, has a `/`, or has a `%` without two digits behind it and is not "%" alone.
 std::optional<std::string> percentDecoded(std::string_view step);
 
 } // namespace Mox

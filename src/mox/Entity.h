@@ -65,8 +65,8 @@ public:
    virtual String8 parentAttr() const;
    virtual AttributeId parentAttrId() const;
    virtual void parentAttrIdIs(AttributeId id);
-   /// `/` before each step, percent-escapes in steps, "%" for the empty name. The name of the parent's collection is a
-   /// step of its own unless it is the parent type's only one.
+   /// `/` before each step, percent-escapes in steps, "%" for the empty name. The name of the parent's attribute is a step of its
+   /// own, except below a directory: a type directly below `Mox::Entity` with one collection.
    virtual String8 uriPath() const;
    virtual String8 fullName() const;
    /// The attribute's name, or "unknown".

@@ -30,6 +30,7 @@ struct Mox_BitSet {
 /// depth; only the identity at a level tells them apart.
 class ReactorClass {
 public:
+   /// `PtrInterface` has level 0, `Mox::Entity` 1; moxc refuses types above 7.
    static constexpr unsigned maximumLevels = 8;
 
    constexpr ReactorClass() noexcept : level_(0) { chain_[0] = this; }

@@ -43,6 +43,7 @@ std::vector<ValueType> builtins() {
    for (Row const& row : rows) {
       ValueType type;
       type.name = row.name;
+      type.isBuiltin = true;
       type.cppType = row.cppType;
       type.header = row.header;
       type.pass = row.alignment == 8 ? Pass::byReference : Pass::byValue;
@@ -288,6 +289,10 @@ private:
       }
       type.base = base->second.type;
       type.level = type.base->level + 1;
+      if (type.level == highestLevel + 1) // once for all types below it
+         error(decl.base.at, inQuotes(type.name) + " would be at level " + std::to_string(type.level) +
+                                "; a chain of bases ends at level " + std::to_string(highestLevel) +
+                                ", where Mox::Entity is 1");
       if (type.log && !type.base->log)
          error(decl.at,
                "a type with a log needs a base with one, but " + inQuotes(type.base->name) + " has log = false");
@@ -334,6 +339,7 @@ private:
       if (!attribute.name.empty())
          checkName(type, attribute, decl);
 
+      checkHeaders(attribute, decl);
       places_.emplace(&attribute, decl.name.at);
       if (attribute.id)
          type.attributes.push_back(&attribute);
@@ -465,6 +471,20 @@ private:
                            ": the value type is not declared with a \"count\" of its keys");
          earlier(value->second.second, inQuotes(name.value));
       }
+   }
+
+   /// The compiler looks for a header beside the one that includes it first, and would find what is made of a schema.
+   void checkHeaders(Attribute const& attribute, AttributeDecl const& decl) {
+      auto const folder = std::filesystem::path(attribute.owner->stem).parent_path();
+      for (auto const& [type, text] : {std::pair(attribute.value, &decl.value), std::pair(attribute.key, &decl.key)})
+         if (type != nullptr && !type->header.empty() && *text)
+            for (auto const& path : {std::filesystem::path(type->header), folder / type->header})
+               if (auto const file = files_.find(path.lexically_normal().generic_string()); file != files_.end()) {
+                  error((*text)->at, "the header " + inQuotes(type->header) + " of " + inQuotes(type->name) +
+                                        " would be the one that is made of a schema; give it another name");
+                  diagnostics_.note(file->second, "that schema is here");
+                  break;
+               }
    }
 
    // Identifiers and names of attributes

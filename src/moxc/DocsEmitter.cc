@@ -13,10 +13,13 @@ std::string code(std::string_view text) {
 std::string cell(std::string_view text) {
    std::string result;
    for (char const c : text)
-      if (c == '|')
+      if (c == '|') {
+         // A backslash before it would take the escape for itself.
+         result.append(result.size() - (result.find_last_not_of('\\') + 1), '\\');
          result += "\\|";
-      else
+      } else {
          result += c == '\n' ? ' ' : c;
+      }
    return result;
 }
 

@@ -29,8 +29,8 @@ std::string quotedName(Attribute const& a) {
 /// How an accessor hands out a copy: nothing can be assigned to it, because that would change what nobody keeps. Of built-in types
 /// the language sees to that, and texts and names do themselves.
 std::string handedCopy(ValueType const& value) {
-   bool const isDeclared = !value.header.empty() && value.header != "<cstdint>" && !value.header.starts_with("core/");
-   return isDeclared ? "Mox::Handed<" + value.cppType + '>' : value.cppType;
+   bool const isPlain = value.isBuiltin || value.header == "<cstdint>";
+   return !isPlain ? "Mox::Handed<" + value.cppType + '>' : value.cppType;
 }
 /// How an accessor hands out what is stored.
 std::string handed(ValueType const& value) {

@@ -29,6 +29,7 @@ struct ValueType {
    unsigned alignment = 8; ///< of the C++ type, in bytes; members are laid out by it
    bool isLarge = false;   ///< accessors hand out a reference
    unsigned width = 0;     ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
+   bool isBuiltin = false; ///< every schema may use it without declaring it
    bool isKey = false;
    unsigned count = 0;    ///< of a bounded key: there are the keys 0 to `count` - 1; 0 otherwise
    bool isNumber = false; ///< an integer that a counter can hold
@@ -94,6 +95,9 @@ struct Model {
    /// In the order of the command line; imported types are among them.
    std::vector<std::unique_ptr<EntityType>> entities;
 };
+
+/// The level of the longest chain of bases: a reactor's class has room for that many.
+constexpr unsigned highestLevel = 7;
 
 /// Identifiers that a type at `level` may give to its own attributes.
 constexpr unsigned firstId(unsigned level) noexcept {

@@ -4,6 +4,7 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -73,6 +74,19 @@ public:
       if (table_.get(field) != nullptr && text.value.empty() && table_.get(field)->is_string())
          diagnostics_.error(text.at, inQuotes(field) + " of " + what_ + " is empty");
       return text;
+   }
+
+   /// Text for people, which goes into comments: a line of one that ends in a backslash would take the next line with it.
+   std::string documentation() {
+      auto doc = required("doc");
+      for (std::size_t at = 0; (at = doc.value.find('\\', at)) != std::string::npos; ++at)
+         if (at + 1 == doc.value.size() || std::isspace(static_cast<unsigned char>(doc.value[at + 1]))) {
+            diagnostics_.error(doc.at, "\"doc\" of " + what_ +
+                                          " has a word that ends in a backslash, which a comment of C++ cannot have at "
+                                          "the end of a line; put it in quotation marks");
+            break;
+         }
+      return std::move(doc.value);
    }
 
    std::string text(std::string_view field, std::string_view absent = {}) {
@@ -180,7 +194,7 @@ private:
       decl.log = fields.flag("log", true);
       decl.virtualMutators = fields.flag("virtual", false);
       decl.isAbstract = fields.flag("abstract", false);
-      decl.doc = fields.required("doc").value;
+      decl.doc = fields.documentation();
       decl.note = fields.text("note");
       fields.tables("parameters", [&](toml::table const& row) { decl.parameters.push_back(attribute(row, true)); });
       fields.tables("attributes", [&](toml::table const& row) { decl.attributes.push_back(attribute(row, false)); });
@@ -228,7 +242,7 @@ private:
       decl.key = fields.optional<std::string>("key");
       decl.defaultValue = fields.optional<std::string>("default");
       decl.constant = fields.flag("constant", false);
-      decl.doc = fields.required("doc").value;
+      decl.doc = fields.documentation();
       decl.note = fields.text("note");
       fields.finish();
       return decl;
@@ -251,7 +265,7 @@ private:
       if (auto const count = fields.optional<std::int64_t>("count"))
          decl.count = Located<long long>{count->value, count->at};
       decl.zero = fields.text("zero", "0");
-      decl.doc = fields.required("doc").value;
+      decl.doc = fields.documentation();
       fields.finish();
       return decl;
    }

@@ -6,6 +6,8 @@
 
 #include <asio/io_context.hpp>
 
+#include <algorithm>
+
 namespace Mox {
 
 SocketLoop::SocketLoop() : context_(std::make_unique<asio::io_context>(1)) {}
@@ -26,7 +28,7 @@ bool SocketLoop::pollOnce(Milliseconds timeout) {
    // A peer that sends without pause must not keep this call from returning.
    constexpr unsigned most = 64;
    bool const waits = timeout > Milliseconds(0);
-   bool const happened = (waits ? context_->run_one_for(timeout) : context_->poll_one()) > 0;
+   bool const happened = (waits ? context_->run_one_for(std::min(timeout, longest)) : context_->poll_one()) > 0;
    if (happened)
       for (unsigned handled = 1; handled < most && (!waits || mayHaveMore()); ++handled)
          if (context_->poll_one() == 0)
@@ -37,7 +39,7 @@ bool SocketLoop::pollOnce(Milliseconds timeout) {
 
 bool SocketLoop::waitUntil(std::function<bool()> const& done, Milliseconds timeout) {
    using Clock = std::chrono::steady_clock;
-   auto const end = Clock::now() + timeout;
+   auto const end = Clock::now() + std::clamp(timeout, Milliseconds(0), longest);
    while (!done()) {
       auto const left = std::chrono::ceil<Milliseconds>(end - Clock::now());
       if (left <= Milliseconds(0))

@@ -54,6 +54,8 @@ struct Traffic {
 class SocketLoop {
 public:
    using Milliseconds = std::chrono::milliseconds;
+   /// A century: what asks for more gets it. The clock ends before the largest number of milliseconds.
+   static constexpr Milliseconds longest = std::chrono::hours(24 * 36525);
 
    SocketLoop(SocketLoop const&) = delete;
    SocketLoop& operator=(SocketLoop const&) = delete;
@@ -70,7 +72,7 @@ public:
 
    /// How long a peer may take to say its first word: a connection without is ended then, as `lost`. Ten seconds at first; for
    /// connections to come.
-   void patienceIs(Milliseconds patience) { patience_ = patience; }
+   void patienceIs(Milliseconds patience) { patience_ = std::min(patience, longest); }
 
 protected:
    SocketLoop();

@@ -46,13 +46,13 @@ public:
    void exportRoot(Ptr<Entity> const& root);
    void exportDel(Ptr<Entity> const& root);
 
-   /// The mirror of what a client exports by that name. \throws NameInUseException when `name` is mounted already
+   /// The mirror of what a client exports by that name. \throws as `LinkEnd::mount`
    template <std::derived_from<Entity> T> Ptr<T> mount(Name const& name) {
       auto mirror = make<T>(name);
       mountIs(mirror);
       return mirror;
    }
-   /// As `mount`, into an entity of the caller's: for roots with constructor parameters.
+   /// As `mount`, into an entity of the caller's: for roots with constructor parameters. \throws as `LinkEnd::mountIs`
    void mountIs(Ptr<Entity> const& mirror);
    void unmount(Name const& name);
    void onState(StateFunction told);

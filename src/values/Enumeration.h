@@ -34,7 +34,7 @@ constexpr EnumTable<count> enumeration(std::string_view type,
 }
 
 /// An enumeration that the library knows by its enumerators. It is declared with a function that argument-dependent look-up
-/// finds, and with the name that the attribute log calls:
+/// finds. A function called after it, which makes one of a number, is for callers: the library and its log call `enumInstance`:
 ///
 ///     enum class Fan : std::int32_t { off = 0, on = 1 };
 ///     constexpr auto moxEnum(Fan) { return Mox::enumeration<Fan>("Rack::Fan", {{Fan::off, "off"}, {Fan::on, "on"}}); }

@@ -38,6 +38,17 @@ struct OneAdapter : testing::Test {
    Lines written() { return linesOf(*in, bytesOf(*out)); }
 };
 
+TEST_F(OneAdapter, FreesTheBookmarkOfTheFlowsOwnAttributeAlone) {
+   auto const flow = make<FlowOut>(attr::none);
+   flow->moxFlowOutBookmarkEnq(Mark(393, CfpxHostChannel::channel1));
+   for (AttributeId const id : {0, 388, 389, 393}) {
+      EXPECT_TRUE(flow->holdsBookmark(393));
+      flow->attrIdIs(id);
+      sa->freeResyncState(flow);
+   }
+   EXPECT_FALSE(flow->holdsBookmark(393));
+}
+
 TEST_F(OneAdapter, IsFoundBesideAReactorThatSaysItIsOneUntilItIsTakenOff) {
    struct Pretender : Cl10010Config::Notifiee {
       bool isStreamAdapter() const override { return true; }

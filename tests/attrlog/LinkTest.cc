@@ -204,6 +204,7 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    EXPECT_THROW(link.left().exportRoot(make<Cl10010StatusDir>("x")), NameInUseException);
    EXPECT_THROW(link.left().exportRoot(make<Hardware::Led::LedConfig>("led")), TypeException);
    EXPECT_THROW(link.right().mountIs(nullptr), RangeException);
+   EXPECT_THROW(link.right().mount<Hardware::Led::LedConfig>("led"), TypeException);
    EXPECT_THROW(link.right().state("x"), RangeException);
    auto const wrong = link.right().mount<Cl10010StatusDir>("x");
    auto const waiting = link.right().mount<Cl10010ConfigDir>("later");
@@ -213,7 +214,9 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
              "expected an entity of type Hardware::ClariPhy::Cl10010StatusDir, the owner's is of "
              "type Hardware::ClariPhy::Cl10010ConfigDir");
    EXPECT_EQ(link.right().state("later"), State::notExported);
-   link.left().exportRoot(make<Cl10010ConfigDir>("later"));
+   auto const later = make<Cl10010ConfigDir>("later");
+   auto const former = later->phyConfigIs("former");
+   link.left().exportRoot(later);
    link.settle();
    EXPECT_EQ(link.right().state("later"), State::live);
 
@@ -224,6 +227,9 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    auto const dir = make<Cl10010ConfigDir>("dir");
    other.mountIs(dir->phyConfigIs("port"));
    EXPECT_THROW(link.right().mountIs(dir), NameInUseException) << "it holds a mirror";
+   later->phyConfigDel("former");
+   link.settle();
+   EXPECT_THROW(link.left().mountIs(former), NameInUseException) << "the peer knows it still";
 }
 
 /// Wherever an attribute can hold one.

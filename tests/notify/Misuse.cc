@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "attrlog/Mark.h"
 #include "entities/Cl10010ConfigDir.h"
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010Status.h"
@@ -40,6 +41,10 @@ void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> cons
    auto* const w = new Cl10010Config("port");
 #elif defined(NotCounted)
    auto const w = Mox::make<int>(1);
+#elif defined(CompoundKey)
+   Mox::NboAttrLog::Mark const mark(258, Kiln::ConditionStat{});
+#elif defined(FractionalKey)
+   Mox::NboAttrLog::Mark const mark(258, 0.5);
 #elif defined(ArrayBehindTheEntity)
    status.amplitude().store(2, 1.5F);
 #elif defined(MapBehindTheEntity)

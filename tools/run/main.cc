@@ -40,7 +40,13 @@ Outcome run(int argc, char** argv) {
       line = simulatedLine(options.ports != 0 ? options.ports : usualPorts,
                            options.steps != 0 ? options.steps : usualSteps, options.seed);
    else
-      line = recordedLine(readTraceFile(options.trace, badRows), options.ports, options.steps);
+      try {
+         line = recordedLine(readTraceFile(options.trace, badRows), options.ports, options.steps);
+      } catch (TraceError const&) {
+         // The rows say why nothing is left.
+         badRows.report(std::cerr, options.trace);
+         throw;
+      }
    if (options.driver)
       return drive(options, std::move(line));
    badRows.report(std::cerr, options.trace);
