@@ -183,7 +183,6 @@ TEST_F(Bounds, TablesShrinkWithWhatTheyHold) {
    EXPECT_LT(left.demuxer().out()->capacity(), 4 * Out::defaultMark);
 }
 
-
 using Steady = Directories;
 
 /// Not the mutator, not the pass, not the record out or in, and not what is marked while a peer stalls.

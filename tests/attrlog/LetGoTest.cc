@@ -4,9 +4,14 @@
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010StatusDir.h"
 #include "entities/Cl10010StatusPtrDir.h"
+#include "entities/Cl10010StatusReactor.h"
 #include "notify/Dump.h"
+#include "notify/Observe.h"
 
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
 
 namespace Mox {
 namespace {
@@ -62,6 +67,31 @@ TEST_F(LetGo, WhatAChainLeftOutIsToldOnceNobodyElseOwnsIt) {
    on.settle();
    EXPECT_NE(portOf(*mirrored)->ldpcHistograms("mine"), nullptr);
    EXPECT_TRUE(on.left().quiet());
+}
+
+/// Under a sanitizer: nothing of the end has gone while reactors are told.
+TEST(Ending, AnEndIsWholeWhileItTellsWhatItsMirrorsOwe) {
+   auto link = std::make_unique<LocalLink>();
+   auto const ours = make<Cl10010StatusDir>("status");
+   auto const port = ours->phyStatusIs("port", nullptr, nullptr);
+   link->left().exportRoot(ours);
+   auto const theirs = link->right().mount<Cl10010StatusDir>("status");
+   link->settle();
+   LinkEnd& end = link->right();
+   std::vector<LinkEnd::State> states;
+   end.onState([&](Name const&, LinkEnd::State state) { states.push_back(state); });
+   auto const mirror = theirs->phyStatus("port");
+   EXPECT_THROW(mirror->nextPhyEntityFullNameIs("mine"), ReadOnlyException);
+   unsigned told = 0;
+   auto const watch = onAny(mirror, [&](Cl10010Status&, AttributeId) {
+      ++told;
+      EXPECT_EQ(end.state("status"), LinkEnd::State::live);
+      end.unmount("status");
+      end.mount<Cl10010StatusDir>("another");
+   });
+   link.reset();
+   EXPECT_EQ(told, 1u);
+   EXPECT_EQ(states, std::vector<LinkEnd::State>{});
 }
 
 TEST(Waiting, WakesForWhatIsAwaitedAlone) {

@@ -6,7 +6,9 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "notify/Dump.h"
 #include "notify/Observe.h"
+#include "siblings/Gpo.h"
 #include "support/Allocations.h"
+#include "support/Ends.h"
 
 #include <gtest/gtest.h>
 
@@ -90,6 +92,89 @@ TEST(Memory, ThatFailsInAPassKeepsNobodyFromWhatHasChanged) {
                   EXPECT_EQ(w.told != 0, dumpLines(*w.theirs) != before);
                }).join();
             }
+}
+
+/// An exchange with everything that a link end does, of which one allocation fails. \return whether it came to that
+bool exchanged(std::size_t skipped) {
+   LocalLink link;
+   auto const ours = make<Cl10010ConfigDir>("config");
+   for (char const* name : {"a", "b", "c"}) {
+      auto const port = ours->phyConfigIs(name);
+      port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
+      port->resetUcIs(make<Fru::Gpo>("reset"));
+   }
+   link.left().exportRoot(ours);
+   auto theirs = make<Cl10010ConfigDir>("config");
+   link.right().mountIs(theirs);
+   std::vector<std::function<void()>> const phases = {
+      [&] { link.settle(); },
+      [&] { ours->phyConfig("a")->modelIs("a model whose name is long enough to be allocated"); },
+      [&] { ours->phyConfigDel("b"); },
+      [&] { ours->phyConfigIs("d"); },
+      [&] { link.settle(); },
+      [&] {
+         if (auto const port = theirs->phyConfig("a"))
+            port->refClockIs(7);
+      },
+      [&] { theirs->phyConfigDel("c"); },
+      [&] { theirs->phyConfigIs("z"); },
+      [&] { link.settle(); },
+      [&] { link.cut(); },
+      [&] { ours->phyConfigDel("d"); },
+      [&] { link.reconnect(); },
+      [&] { link.settle(); },
+   };
+   bool hasFailed = false;
+   {
+      NoMemory const once(true, skipped);
+      for (auto const& phase : phases)
+         try {
+            phase();
+         } catch (Exception const&) {
+         } catch (std::bad_alloc const&) {
+         }
+      hasFailed = NoMemory::hasFailed();
+   }
+   if (!link.left().isConnected() || !link.right().isConnected()) {
+      link.cut();
+      link.reconnect();
+   }
+   link.settle();
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   EXPECT_EQ(link.right().state("config"), LinkEnd::State::live);
+   EXPECT_TRUE(link.left().quiet() && link.right().quiet());
+   EXPECT_EQ(link.left().demuxer().audit() + link.right().demuxer().audit(), "");
+   return hasFailed;
+}
+
+TEST(Memory, ThatFailsOnceAnywhereInAnExchangeLeavesBothSidesEqual) {
+   for (std::size_t skipped = 0;; ++skipped) {
+      SCOPED_TRACE(std::to_string(skipped) + " allocations before");
+      if (!exchanged(skipped) || testing::Test::HasFailure())
+         break;
+   }
+}
+
+TEST(Memory, ThatIsGoneWhileBytesAreAskedForIsThereTheNextTime) {
+   LocalLink link;
+   auto const ours = make<Cl10010ConfigDir>("config");
+   ours->phyConfigIs("a");
+   link.left().exportRoot(ours);
+   auto const theirs = link.right().mount<Cl10010ConfigDir>("config");
+   for (int turn = 0; turn < 12; ++turn) {
+      LinkEnd& from = turn % 2 != 0 ? link.left() : link.right();
+      {
+         NoMemory const none;
+         try {
+            from.bytesToSend();
+         } catch (std::bad_alloc const&) {
+         }
+      }
+      carry(from, turn % 2 != 0 ? link.right() : link.left());
+   }
+   link.settle();
+   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
+   EXPECT_EQ(link.right().state("config"), LinkEnd::State::live);
 }
 
 } // namespace
