@@ -662,10 +662,13 @@ void Demuxer::allOweAll() noexcept {
 }
 
 void Demuxer::wake() {
-   if (!std::exchange(newIdentifiers_, false) || parked_.empty())
+   if (parked_.empty())
+      newIdentifiers_ = false;
+   if (!newIdentifiers_)
       return;
    // Taken off the list first: marks that wait again put their adapter back.
    std::vector<Sa*> const adapters = parked_.all();
+   newIdentifiers_ = false; // not sooner: without memory for the list the next drain tries again
    for (Sa* const sa : adapters)
       parked_.remove(*sa);
    for (auto at = adapters.begin(); at != adapters.end(); ++at)
