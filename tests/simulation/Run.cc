@@ -392,6 +392,12 @@ void Run::settleAndCompare(char const* when) {
    for (Link const& link : links_)
       for (Port const* const port : link.ports)
          isLimited |= link.longestFrame != 0 || port->end->counters().unsentEnums != 0;
+   // Behind few identifiers a root may be given up: what refers to it then, on whatever link, can't be told.
+   isGivenUp_ = false;
+   forEachPort([&](Port& port) {
+      for (Ptr<Entity> const& mirror : port.mirrors)
+         isGivenUp_ |= port.isRefused(*mirror);
+   });
    forEachPort([&](Port& port) {
       bool isAnswered = !isLimited;
       auto f = port.stream().footprint();
@@ -400,13 +406,14 @@ void Run::settleAndCompare(char const* when) {
       for (Ptr<Entity> const& mirror : port.mirrors) {
          auto const state = port.end->state(mirror->name());
          if (state == LinkEnd::State::refused) {
-            --f.waiting;  // to be opened again some day
-            f.parked = 0; // so long, what is made with a reference to it can't be told
+            --f.waiting; // to be opened again some day
             isAnswered = false;
-         } else if (state != LinkEnd::State::live) {
+         } else if (state != LinkEnd::State::live && !isGivenUp_) {
             port.world.diverges(mirror->name().str() + " is " + Mox::textOf(state));
          }
       }
+      if (isGivenUp_)
+         f.parked = f.flows = 0;
       if (owed(f) != 0 || (f.untold != 0 && isAnswered))
          port.world.diverges("is quiet and still has" + sizesOf(f));
    });
@@ -498,8 +505,8 @@ void Run::compareEntities(Entity& truth, Entity& copy, std::string const& path) 
       return [this, port](Entity const* e) -> std::string {
          if (e == nullptr || !e->moxHasAttrLogInterface())
             return "null";
-         // Behind few identifiers a root may be refused, and what belongs to it travels without it.
-         if (isShort_)
+         // What belongs to a root that has been given up travels without it.
+         if (isGivenUp_)
             return e->name().str();
          Entity const* top = e;
          while (top->moxRawParent() != nullptr)
@@ -525,7 +532,8 @@ void Run::compareEntities(Entity& truth, Entity& copy, std::string const& path) 
                expect("." + truth.attributeString(cell.attribute).str() + cell.key, a, b);
          }
    for (auto const& [cell, target] : ours.entities)
-      if (auto const at = theirs.entities.find(cell); at != theirs.entities.end())
+      if (auto const at = theirs.entities.find(cell);
+          at != theirs.entities.end() && !isBehind(textIn(ours.cells, cell), target, 3))
          compareEntities(*target, *at->second, path + "." + truth.attributeString(cell.attribute).str() + cell.key);
 }
 

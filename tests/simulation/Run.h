@@ -178,6 +178,7 @@ private:
    Port const* mirror_ = nullptr;
    bool isLimited_ = false; ///< what is compared has been sent to a peer with a limit
    bool isShort_ = false;   ///< the peer takes few identifiers
+   bool isGivenUp_ = false; ///< a root is refused for that, on one link or another
    std::set<std::pair<Entity*, Entity*>> compared_;
 };
 

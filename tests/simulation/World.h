@@ -322,11 +322,13 @@ public:
             }
       for (Ptr<Entity> const& entity : all) {
          History const* const history = historyOf(*entity);
+         // Where the owner's value can't be sent, what is written here is never answered, and what is made here stays.
+         auto const* const sa = Sa::mirrorAdapterOf(*entity);
+         if (history == nullptr && isLimited && sa == nullptr)
+            continue;
          if (history == nullptr)
             diverges("nobody was told of " + entity->fullName().str());
          auto const now = snapshotOf(*entity, identityOf).cells;
-         // Where the owner's value can't be sent, what is written here is never answered.
-         auto const* const sa = Sa::mirrorAdapterOf(*entity);
          if (now == history->told.cells || (isLimited && sa != nullptr && sa->hasUntold()))
             continue;
          for (auto const* const cells : {&now, &history->told.cells})
