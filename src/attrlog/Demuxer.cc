@@ -330,7 +330,8 @@ EntityId Demuxer::entityIdFor(Entity const* target) {
       if (std::find(reportedTypes_.begin(), reportedTypes_.end(), type) == reportedTypes_.end()) {
          reportedTypes_.push_back(type);
          report("stream \"" + name() + "\": references to " + std::string(std::string_view(type->name())) +
-                " travel as null, because the type has no attribute log");
+                " travel as null, because the type " +
+                (operations == nullptr ? "has no attribute log" : "is abstract: no peer could make one"));
       }
       return {};
    }

@@ -34,6 +34,8 @@ struct EntityOperations {
    unsigned collections = 0;
    /// The attribute log of the type; null where it has none.
    NboAttrLog::TypeOperations const* log = nullptr;
+   /// A base that other types are derived from: no peer makes an entity of it, so references to one travel as null.
+   bool isAbstract = false;
 };
 
 /// The type object: name, base and operations of one entity type. Created once, at the first request, and kept for the

@@ -93,7 +93,7 @@ template <class Value> std::string textOf(Value const& value) {
    return text.str();
 }
 template <class Target> std::string textOf(Ptr<Target> const& target) {
-   bool const travels = target && target->moxHasAttrLogInterface();
+   bool const travels = target && target->moxHasAttrLogInterface() && !target->fwkType()->operations().isAbstract;
    return std::string(std::string_view(Entity::fullNameOf(travels ? target.get() : nullptr)));
 }
 
@@ -138,6 +138,7 @@ template <class X> EntityOperations operationsOf(NboAttrLog::TypeOperations cons
    operations.dumpLines = &dumpLevel<X>;
    operations.auditErrors = &auditLevel<X>;
    operations.log = log;
+   operations.isAbstract = X::moxIsAbstract;
    return operations;
 }
 

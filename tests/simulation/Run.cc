@@ -413,7 +413,7 @@ void Run::settleAndCompare(char const* when) {
          }
       }
       if (isGivenUp_)
-         f.parked = f.flows = 0;
+         f.parked = f.flows = f.waiting = 0;
       if (owed(f) != 0 || (f.untold != 0 && isAnswered && !isGivenUp_))
          port.world.diverges("is quiet and still has" + sizesOf(f));
    });
