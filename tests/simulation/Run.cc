@@ -422,7 +422,7 @@ void Run::settleAndCompare(char const* when) {
       for (std::size_t side = 0; side < 2; ++side)
          compare(link, side);
    for (World& world : worlds_)
-      world.checkHistories(isLimited);
+      world.checkHistories(isLimited || isGivenUp_);
 }
 
 void Run::finish() {
