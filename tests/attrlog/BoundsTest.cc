@@ -171,6 +171,7 @@ TEST_F(Bounds, TablesShrinkWithWhatTheyHold) {
    for (unsigned i = 0; i < many; ++i)
       ours->phyConfigIs(numbered("member ", i));
    settle();
+   auto const there = Presence::of(theirs->phyConfig("member 7"));
    for (unsigned i = 0; i < many; ++i)
       ours->phyConfigDel(numbered("member ", i));
    EXPECT_LE(footprint().dirtyKeys, 2 * 1u + 64) << "the collection is owed whole instead";
@@ -178,6 +179,7 @@ TEST_F(Bounds, TablesShrinkWithWhatTheyHold) {
    ours->phyConfigIs("behind them");
    settle();
    EXPECT_EQ(footprint().announced, before.announced + 1);
+   EXPECT_FALSE(there->isThere()) << "in the mirror's process";
    EXPECT_LT(footprint().slots, many / 4);
    EXPECT_LT(right.demuxer().footprint().slots, many / 4);
    EXPECT_LT(left.demuxer().out()->capacity(), 4 * Out::defaultMark);

@@ -79,6 +79,18 @@ TEST_F(Mirrors, AnUnmountThatTellsARefusedWriteMakesTheMirrorWritableFirst) {
    EXPECT_EQ(left.demuxer().counters().refusedWrites, 0u);
 }
 
+/// A raw one stands in the place of a member that was written to: its owner's announcement tells that one's reactors.
+TEST_F(Mirrors, AWatchMayUnmountBehindARawReplacement) {
+   auto const watch = on(mirror, Cl10010Config::Attr::refClock, [&](Cl10010Config&) { right.unmount("config"); });
+   EXPECT_THROW(mirror->refClockIs(5), ReadOnlyException);
+   theirs->newPhyConfig("port");
+   ours->phyConfigNotify("port");
+   settle();
+   right.mountIs(theirs);
+   settle();
+   expectSame();
+}
+
 TEST(Movable, ARefusedWriteOfAMirrorThatMovesIsStillTold) {
    LinkEnd store("store"), owner("owner"), peer("peer");
    auto const mirror = store.mount<Cl10010Config>("moved"), truth = make<Cl10010Config>("moved");

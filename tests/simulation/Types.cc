@@ -49,7 +49,7 @@ constexpr auto isScalar = [](auto a) { return a.kind == Kind::scalar; };
 
 template <class Key> Key makeKey(Words& words) {
    if constexpr (std::same_as<Key, Name>) {
-      if (plays(Expects::longNames) && words.below(500) == 0)
+      if (words.below(500) == 0)
          return Name(std::string(400, static_cast<char>('u' + words.below(3))));
       std::size_t const n = words.below(44);
       return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
