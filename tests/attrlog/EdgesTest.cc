@@ -63,7 +63,7 @@ TEST_F(Edges, WhatOneConnectionWasOwedIsNotToldOnTheNext) {
    EXPECT_EQ(again.heard(), Lines{}) << "this peer has asked for nothing";
 }
 
-TEST_F(Edges, WhatHoldsAnExportedRootCannotBeMountedNorWhatItHolds) {
+TEST_F(Edges, WhatIsExportedOrMirroredCannotBeMountedNorWhatHoldsIt) {
    auto const port = dir->phyConfigIs("port");
    auto const refusal = [&](Ptr<Entity> const& root) {
       return thrownBy<NameInUseException>([&] { end.mountIs(root); });
@@ -72,6 +72,13 @@ TEST_F(Edges, WhatHoldsAnExportedRootCannotBeMountedNorWhatItHolds) {
    end.exportDel(dir);
    end.exportRoot(port);
    EXPECT_NE(refusal(dir).find("is exported there"), std::string::npos);
+   // An entity has one owner, over all links, and what holds a mirror has one already.
+   LinkEnd other("other");
+   auto const mirror = other.mount<Cl10010ConfigDir>("mirror"), holder = make<Cl10010ConfigDir>("holder");
+   EXPECT_EQ(refusal(mirror),
+             "/mirror can't be mounted from \"end\": /mirror mirrors \"other\" already, and an entity has one owner");
+   other.mountIs(holder->phyConfigIs("port"));
+   EXPECT_NE(refusal(holder), "");
 }
 
 TEST_F(Edges, TheFirstFrameOfTheNextConnectionIsAHelloToo) {

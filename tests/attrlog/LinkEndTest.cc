@@ -102,29 +102,7 @@ TEST(Requests, AreMadeAsFarAsThePeersWindowGoes) {
    Peer peer(end);
    ASSERT_TRUE(peer.tell());
    EXPECT_EQ(peer.heard(true).size(), 1 + leastWindow) << "the hello, and the mounts that it allows";
-   for (std::uint32_t handle = 1; handle <= leastWindow; ++handle)
-      peer.out->control(Mounted{handle, MountState::waiting, MountMode::readOnly, Reason::notExported, {}});
-   ASSERT_TRUE(peer.tell());
-   EXPECT_EQ(peer.heard(true).size(), leastWindow);
    EXPECT_FALSE(end.quiet()) << "not all are answered";
-   EXPECT_EQ(end.auditErrors(), 0u);
-}
-
-TEST_F(Told, AMirrorWhoseOwnerEndsItKeepsWhatItHasAndRefusesToBeWritten) {
-   peer->out->control(Mounted{1, MountState::refused, {}, Reason::limit, {}});
-   peer->out->control(Retire{root});
-   peer->out->control(Retire{member});
-   ASSERT_TRUE(peer->tell());
-   EXPECT_EQ(end.state("config"), State::refused);
-   EXPECT_EQ(end.reason("config"), "the owner refuses it: a limit is reached");
-   EXPECT_EQ(dir->phyConfig("port"), port);
-   EXPECT_EQ(port->refClock(), 5u);
-   EXPECT_THROW(dir->phyConfigIs("mine"), ReadOnlyException);
-   tell(Peer::id(nextSlot), Peer::id(nextSlot + 1));
-   ASSERT_TRUE(peer->tell());
-   EXPECT_EQ(dir->phyConfig("port"), port) << "bound in place";
-   EXPECT_EQ(end.state("config"), State::live);
-   EXPECT_EQ(end.auditErrors(), 0u);
 }
 
 TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {

@@ -112,12 +112,18 @@ TEST(Movable, ARefusedWriteOfAMirrorThatMovesIsStillTold) {
    EXPECT_EQ(told, 1);
 }
 
-/// A root that was made with other parameters than its owner's can't be put right: the reader must be told.
-TEST_F(Mirrors, ARootWithOtherParametersThanTheOwnersIsAMismatch) {
+/// A root of another type than its owner's, or made with other parameters, can't be put right: the reader must be told.
+TEST_F(Mirrors, ARootUnlikeTheOwnersIsAMismatch) {
+   left.exportRoot(make<Cl10010StatusDir>("other"));
+   right.mount<Cl10010ConfigDir>("other");
    left.exportRoot(make<Cl10010Status>("status", port, make<Interface::EthPhyIntfStatus>("eth")));
    right.mountIs(make<Cl10010Status>("status", nullptr, nullptr));
    settle();
    EXPECT_EQ(right.state("status"), State::mismatch);
+   EXPECT_EQ(right.state("other"), State::mismatch);
+   EXPECT_EQ(right.reason("other"),
+             "expected an entity of type Hardware::ClariPhy::Cl10010ConfigDir, the owner's is of "
+             "type Hardware::ClariPhy::Cl10010StatusDir");
    EXPECT_NE(right.reason("status"), "");
 }
 
