@@ -24,9 +24,7 @@ TEST_F(Mirrored, WhatAReactorThrowsIsReportedAndDoesNotStopASweep) {
       void onPhyConfig(Name) override { throw std::runtime_error("no more of this"); }
       void onNotificationException(AttributeId) override { throw; }
    };
-   auto const faulty = make<Faulty>();
-   faulty->notifierIs(theirs);
-   faulty->isRegisteredNotifieeIs(true);
+   auto const faulty = listening<Faulty>(theirs, false);
    cut();
    ours->phyConfigDel("a");
    ours->phyConfigDel("b");

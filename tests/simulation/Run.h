@@ -55,6 +55,7 @@ inline Situation const situations[] = {
    {"remount"},
    {"collection restarted", &Situation::Counters::collectionRestarts},
    {"collection aborted"},
+   {"ends that wait for each other", &Situation::Counters::brokenWaits},
    {"two mirrors of one root"},
    {"chain"},
    {"allocation failure in a drain or a record"},
