@@ -51,42 +51,6 @@ struct Promise : Directories {
    }
 };
 
-/// What a peer that reads now and then is sent, in a process that has a stalled one too, or none.
-std::string sentBeside(bool aStalledOne) {
-   struct Script : Promise {
-      void TestBody() override {}
-   } s;
-   LinkEnd stalled("stalled", 3);
-   Peer peer(stalled);
-   if (aStalledOne) {
-      stalled.demuxer().out()->markIs(200);
-      for (std::uint32_t i = 0; i < s.roots.size(); ++i) {
-         stalled.exportRoot(s.roots[i]);
-         peer.out->control(Mount{i, MountMode::readOnly, s.roots[i]->name().str()});
-      }
-      peer.tell();
-   }
-   s.left.demuxer().out()->markIs(600);
-   std::string sent;
-   for (unsigned i = 0; i < 3000 || s.left.demuxer().owes(); ++i) {
-      if (i < 3000)
-         s.change();
-      auto const bytes = s.below(3) == 0 ? s.left.bytesToSend() : std::span<std::uint8_t const>();
-      auto const n = s.below(5) == 0 ? std::min<std::size_t>(bytes.size(), s.below(300)) : bytes.size();
-      sent += hex(bytes.first(n)) + "\n";
-      s.left.bytesSent(n);
-      if (i % 4 == 0)
-         stalled.bytesToSend();
-   }
-   return sent;
-}
-
-TEST(SlowPeers, ChangeNothingOfWhatAnotherIsSent) {
-   auto const alone = sentBeside(false);
-   EXPECT_GT(alone.size(), 100000u);
-   EXPECT_TRUE(sentBeside(true) == alone);
-}
-
 TEST_F(Promise, LiveIsToldWhenTheMirrorIsWhatTheOwnerHasAndNothingEverGoesBack) {
    unsigned told = 0, clock = 0;
    auto const watch = on(mirror, Cl10010Config::Attr::refClock,
