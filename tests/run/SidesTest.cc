@@ -70,6 +70,15 @@ TEST(Sides, WhatDiffersIsToldByItsPathAndANamesakeToo) {
                 "/driven.phyConfig[S1/1] itself: here no entity of left, in the driver no entity of right"}));
 }
 
+TEST(Sides, WhatIsKnownOfALostDriverIsSaidAndNotTheLessOfIt) {
+   std::string const closed(Mox::peerClosed), broken = "stream \"driver\", offset 7: expected a length",
+                                              end = "exit status 4";
+   EXPECT_EQ(lossText(broken, end), "the driver process was lost: " + broken + " (exit status 4)");
+   EXPECT_EQ(lossText(broken, {}), "the driver process was lost: " + broken);
+   EXPECT_EQ(lossText(closed, end), "the driver process ended too early: exit status 4");
+   EXPECT_EQ(lossText({}, end), "the driver process ended too early: exit status 4");
+}
+
 } // namespace
 
 int main(int argc, char** argv) {

@@ -25,7 +25,7 @@ Run::Kind const Run::kinds[] = {
    {50, "change mirror", [](Run&, World& w, Words& words) { change(w.mirror(words), words, w); }},
    {30, "fail allocation",
     [](Run& r, World& w, Words& words) {
-       Deeper const silent(r.depth_, 2); // what reactors do, the pipes above all, has the memory that it needs
+       auto const silent = r.deeper(2); // what reactors do, the pipes above all, has the memory that it needs
        if (w.failMemory(words))
           r.count("allocation failure");
     },
@@ -159,7 +159,7 @@ void Run::throwIfWrong() {
 void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* member) {
    if (depth_ >= 2)
       return;
-   Deeper const scope(depth_);
+   auto const scope = deeper();
    count("steps");
    Words words(word);
    if (role < 35) {
@@ -213,7 +213,7 @@ void Run::bytesWithoutMemory(Words& words) {
    std::size_t const from = words.below(2);
    if (!link.isUp)
       return;
-   Deeper const silent(depth_, 2);
+   auto const silent = deeper(2);
    if (words.chance(50)) {
       NoMemory const once(true, words.below(8));
       link.end(from).bytesToSend();

@@ -8,6 +8,7 @@
 #include <array>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <new>
 #include <set>
 #include <stdexcept>
@@ -98,15 +99,12 @@ private:
       std::uint32_t longestFrame = 0, highestSlot = 0;
       LinkEnd& end(std::size_t side) const { return *ports[side]->end; }
    };
-   /// Counts how deep reactors call each other. From two on they do nothing.
-   struct Deeper {
-      explicit Deeper(unsigned& d, unsigned by = 1) noexcept : depth(d), before(d) { depth += by; }
-      ~Deeper() { depth = before; }
-      Deeper(Deeper const&) = delete;
-      Deeper& operator=(Deeper const&) = delete;
-      unsigned& depth;
-      unsigned before;
-   };
+   /// Reactors that call each other: from two deep on they do nothing.
+   auto deeper(unsigned by = 1) {
+      depth_ += by;
+      auto const back = [this, by](void*) { depth_ -= by; };
+      return std::unique_ptr<Run, decltype(back)>(this, back);
+   }
 
    /// Carries bytes until nothing moves.
    void settle(char const* when);
