@@ -6,6 +6,7 @@
 #include "entities/Cl10010ConfigLog.h"
 #include "entities/Cl10010StatusLog.h"
 #include "siblings/LedConfig.h"
+#include "support/Told.h"
 
 #include <gtest/gtest.h>
 
@@ -53,9 +54,7 @@ TEST_F(OneAdapter, IsFoundBesideAReactorThatSaysItIsOneUntilItIsTakenOff) {
    struct Pretender : Cl10010Config::Notifiee {
       bool isStreamAdapter() const override { return true; }
    };
-   auto const pretender = make<Pretender>();
-   pretender->notifierIs(port);
-   pretender->isRegisteredNotifieeIs(true);
+   auto const pretender = listening<Pretender>(port, false);
    EXPECT_NE(port->moxReactors().first(), pretender.get()) << "adapters stand at the head";
    Demuxer second("second");
    EXPECT_EQ(second.adapterOf(*port), nullptr);

@@ -15,17 +15,8 @@ using namespace Hardware::ClariPhy;
 struct Edges : testing::Test {
    LinkEnd end{"end"};
    Ptr<Cl10010ConfigDir> dir = make<Cl10010ConfigDir>("config");
-   Ptr<In> in = make<In>("end");
 
-   Edges() {
-      end.exportRoot(dir);
-      in->consume(hello(), [](In&) {});
-   }
-   static Bytes hello() {
-      auto const out = make<Out>("peer");
-      out->control(Hello{.maximumFrame = 4096, .name = "peer"});
-      return bytesOf(*out);
-   }
+   Edges() { end.exportRoot(dir); }
    static void mounts(Peer& peer) { peer.out->control(Mount{1, MountMode::readOnly, "config"}); }
 };
 
@@ -63,7 +54,7 @@ TEST_F(Edges, WhatOneConnectionWasOwedIsNotToldOnTheNext) {
    EXPECT_EQ(again.heard(), Lines{}) << "this peer has asked for nothing";
 }
 
-TEST_F(Edges, WhatHoldsAnExportedRootCannotBeMountedNorWhatItHolds) {
+TEST_F(Edges, WhatIsExportedOrMirroredCannotBeMountedNorWhatHoldsIt) {
    auto const port = dir->phyConfigIs("port");
    auto const refusal = [&](Ptr<Entity> const& root) {
       return thrownBy<NameInUseException>([&] { end.mountIs(root); });
@@ -72,25 +63,13 @@ TEST_F(Edges, WhatHoldsAnExportedRootCannotBeMountedNorWhatItHolds) {
    end.exportDel(dir);
    end.exportRoot(port);
    EXPECT_NE(refusal(dir).find("is exported there"), std::string::npos);
-}
-
-TEST_F(Edges, TheFirstFrameOfTheNextConnectionIsAHelloToo) {
-   in->reset();
-   auto const out = make<Out>("peer");
-   recordOf(*out, {.entity = Peer::id(1), .attribute = 388, .variable = 1}, 1u);
-   EXPECT_THROW(in->consume(bytesOf(*out), [](In&) { ADD_FAILURE() << "a record before the hello"; }),
-                ProtocolException);
-}
-
-TEST_F(Edges, AnExtensionLeavesRoomForTheBaseOfAWrite) {
-   constexpr std::size_t length = 1 + 8 + 24 + 8;
-   Bytes frame(4 + length, 0);
-   frame[0] = 0x60; // a write with an extension
-   frame[3] = length;
-   frame[4] = 9; // one byte more than what lies between it and the least that a write takes
-   frame[4 + length - 1] = 3;
-   std::string const why = thrownBy<ProtocolException>([&] { in->consume(frame, [](In&) {}); });
-   EXPECT_NE(why.find("an extension of 9 bytes leaves no room"), std::string::npos) << why;
+   // An entity has one owner, over all links, and what holds a mirror has one already.
+   LinkEnd other("other");
+   auto const mirror = other.mount<Cl10010ConfigDir>("mirror"), holder = make<Cl10010ConfigDir>("holder");
+   EXPECT_EQ(refusal(mirror),
+             "/mirror can't be mounted from \"end\": /mirror mirrors \"other\" already, and an entity has one owner");
+   other.mountIs(holder->phyConfigIs("port"));
+   EXPECT_NE(refusal(holder), "");
 }
 
 } // namespace

@@ -82,6 +82,8 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
    record.insert(record.end(), {1, 3});
    Bytes longer = record;
    longer.insert(longer.end() - 1, 1001 - record.size(), 0);
+   Bytes longest(39);
+   longest.push_back(3);
    auto const withByte = [](Bytes b, std::size_t at, std::uint8_t byte) {
       b[at] = byte;
       return b;
@@ -97,6 +99,9 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
       {"write without a base", hello + Bytes{0x40, 0, 0, 24}, "24 bytes, expected at least 32"},
       {"extension without its length", hello + Bytes{0x20, 0, 0, 24}, "24 bytes, expected at least 25"},
       {"extension over the frame's end", hello + rawFrame(frame::extensionBit, Bytes{2, 0} + record), "no room"},
+      // One byte more than what lies between its length and the least that a write takes.
+      {"extension in place of a base", hello + rawFrame(frame::writeBit | frame::extensionBit, Bytes{9} + longest),
+       "an extension of 9 bytes leaves no room"},
       {"control without flags", hello + Bytes{0x80, 0, 0, 1}, "1 bytes, expected at least 2"},
       {"wrong last token", hello + rawFrame(0, withByte(record, 23, 0)), "got 1 and 0"},
       {"second hello", hello + hello, "a second hello"},
@@ -117,6 +122,9 @@ TEST(FrameReading, WhatBreaksTheFramingEndsTheStreamWithAReason) {
       EXPECT_HAS(text, "stream \"port \\\"7\\\"\", offset ");
       EXPECT_TRUE(in->isBroken());
       EXPECT_TRUE(read(*in, hello).empty()) << "a broken stream goes on";
+      in->reset();
+      EXPECT_THROW(read(*in, rawFrame(0, record)), ProtocolException)
+         << "the first frame of the next one is a hello, too";
       in->reset();
       EXPECT_EQ(read(*in, hello).size(), 1u);
    }

@@ -164,36 +164,26 @@ TEST_F(Told, AnEntityOfALaterTypeIsMirroredAsTheBaseThatIsKnown) {
    EXPECT_EQ(end.counters().unknownAttributes, 1u);
 }
 
-TEST_F(Told, AnyDamageEndsInARecordASkipOrAClosedConnection) {
-   peer.emplace(end);
-   tell(root, member);
-   peer->record(member, 389, 3u, 1u, 2u, 3u);
-   peer->announce("Hardware::Spi::Accelerator", "spi", Peer::id(3));
-   peer->record(member, 386, Peer::id(3));
-   for (std::uint32_t slot = 4; slot < 12; ++slot) {
-      peer->member(root, 258, "port-" + std::to_string(slot), Peer::id(slot));
-      peer->record(Peer::id(slot), 394, 0.5F);
-   }
-   peer->out->control(Retire{Peer::id(4)});
-   Bytes const good = bytesOf(*peer->out);
+TEST(Damage, EndsInARecordASkipOrAClosedConnection) {
    std::mt19937 random(20);
    auto const below = [&](std::size_t n) { return random() % n; };
+   auto const truth = make<Cl10010ConfigDir>("config");
+   for (char const* const name : {"a", "b", "c", "d", "e"})
+      truth->phyConfigIs(name)->spiAccelIs(make<Hardware::Spi::Accelerator>(name));
    std::size_t survived = 0;
    for (int round = 0; round < 3000; ++round) {
       SCOPED_TRACE(round);
-      Bytes bytes = good;
-      for (std::size_t at = 0, size = 0; at < good.size(); at += size) {
-         // Mostly inside of a frame, to reach what is behind the framing.
-         size = 4 + (loadBigEndian<std::uint32_t>(&good[at]) & frame::lengthMask);
-         if (below(15) == 0)
-            bytes[at + (below(8) == 0 ? below(size) : 4 + below(size - 5))] ^=
-               static_cast<std::uint8_t>(1 + below(255));
-      }
-      LinkEnd damaged("damaged");
+      LinkEnd owner("owner"), damaged("damaged");
+      owner.exportRoot(truth);
       auto const mirror = damaged.mount<Cl10010ConfigDir>("config");
+      owner.connected();
       damaged.connected();
+      owner.bytesArrived(damaged.bytesToSend());
+      auto const said = owner.bytesToSend();
+      Bytes bytes(said.begin(), said.end());
+      for (std::size_t hits = below(4); hits != 0; --hits)
+         bytes[below(bytes.size())] ^= static_cast<std::uint8_t>(1 + below(255));
       damaged.bytesArrived(std::span(bytes).first(bytes.size() - below(50)));
-      damaged.bytesSent(damaged.bytesToSend().size());
       EXPECT_NE(damaged.isConnected(), !damaged.failure().empty()) << "closed with a reason, or open";
       survived += damaged.isConnected();
       ASSERT_EQ(mirror->auditErrors(4), 0u);

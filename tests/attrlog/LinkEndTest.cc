@@ -102,29 +102,7 @@ TEST(Requests, AreMadeAsFarAsThePeersWindowGoes) {
    Peer peer(end);
    ASSERT_TRUE(peer.tell());
    EXPECT_EQ(peer.heard(true).size(), 1 + leastWindow) << "the hello, and the mounts that it allows";
-   for (std::uint32_t handle = 1; handle <= leastWindow; ++handle)
-      peer.out->control(Mounted{handle, MountState::waiting, MountMode::readOnly, Reason::notExported, {}});
-   ASSERT_TRUE(peer.tell());
-   EXPECT_EQ(peer.heard(true).size(), leastWindow);
    EXPECT_FALSE(end.quiet()) << "not all are answered";
-   EXPECT_EQ(end.auditErrors(), 0u);
-}
-
-TEST_F(Told, AMirrorWhoseOwnerEndsItKeepsWhatItHasAndRefusesToBeWritten) {
-   peer->out->control(Mounted{1, MountState::refused, {}, Reason::limit, {}});
-   peer->out->control(Retire{root});
-   peer->out->control(Retire{member});
-   ASSERT_TRUE(peer->tell());
-   EXPECT_EQ(end.state("config"), State::refused);
-   EXPECT_EQ(end.reason("config"), "the owner refuses it: a limit is reached");
-   EXPECT_EQ(dir->phyConfig("port"), port);
-   EXPECT_EQ(port->refClock(), 5u);
-   EXPECT_THROW(dir->phyConfigIs("mine"), ReadOnlyException);
-   tell(Peer::id(nextSlot), Peer::id(nextSlot + 1));
-   ASSERT_TRUE(peer->tell());
-   EXPECT_EQ(dir->phyConfig("port"), port) << "bound in place";
-   EXPECT_EQ(end.state("config"), State::live);
-   EXPECT_EQ(end.auditErrors(), 0u);
 }
 
 TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {
@@ -157,45 +135,6 @@ TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {
    EXPECT_EQ(states, (Lines{"config stale", "config syncing", "refs syncing", "status syncing"}));
    EXPECT_EQ(beginningOf(end), greeting);
    EXPECT_EQ(end.auditErrors(), 0u);
-}
-
-/// Statuses on both sides, each with a configuration that belongs to the other side and to no directory: two ends that wait for
-/// each other after a cut. Any word of it may be lost in a second one.
-TEST(Resends, ThatWaitForEachOtherComeToAnEnd) {
-   for (int carried = 0; carried < 12; ++carried) {
-      SCOPED_TRACE(carried);
-      LocalLink link;
-      auto const ours = make<Cl10010StatusDir>("ours"), yours = make<Cl10010StatusDir>("yours");
-      link.left().exportRoot(ours);
-      link.right().exportRoot(yours);
-      auto const oursThere = link.right().mount<Cl10010StatusDir>("ours");
-      auto const yoursHere = link.left().mount<Cl10010StatusDir>("yours");
-      // The one that waits stands before the one that brings what the other side waits for.
-      Name first("one"), second("two");
-      if (bitReversed(first.hash()) > bitReversed(second.hash()))
-         std::swap(first, second);
-      ours->phyStatusIs(second, make<Cl10010Config>("x"), nullptr);
-      yours->phyStatusIs(second, make<Cl10010Config>("y"), nullptr);
-      link.settle();
-      ours->phyStatusIs(first, yoursHere->phyStatus(second)->phyConfig(), nullptr);
-      yours->phyStatusIs(first, oursThere->phyStatus(second)->phyConfig(), nullptr);
-      link.settle();
-      // Each side lets its own go while they are apart, and neither can say so: it would have to come to the end of its resend.
-      link.cut();
-      ours->phyStatusDel(second);
-      yours->phyStatusDel(second);
-      link.reconnect();
-      for (int turn = 0; turn < carried; ++turn)
-         turn % 2 == 0 ? carry(link.left(), link.right()) : carry(link.right(), link.left());
-      (carried % 2 == 0 ? link.left() : link.right()).bytesToSend(); // lost
-      link.cut();
-      link.reconnect();
-      link.settle();
-      EXPECT_EQ(link.left().state("yours"), State::live);
-      EXPECT_EQ(link.right().state("ours"), State::live);
-      EXPECT_GT(link.left().counters().brokenWaits + link.right().counters().brokenWaits, 0u);
-      EXPECT_EQ(oursThere->phyStatus(first)->phyConfig()->name(), "y");
-   }
 }
 
 } // namespace

@@ -1,78 +1,37 @@
 // SPDX-License-Identifier: Apache-2.0
 // Two ends, what a mirror promises, and what it passes on to a mirror of its own.
 
+#include "Directories.h"
 #include "attrlog/LocalLink.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDir.h"
 #include "gauge/GaugeReactor.h"
-#include "notify/Dump.h"
-#include "siblings/LedConfig.h"
-#include "siblings/PllStatus.h"
 #include "support/Thrown.h"
-#include "support/Told.h"
-
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <stdexcept>
 
-namespace Mox {
+namespace Mox::NboAttrLog {
 namespace {
 
-using namespace Hardware::ClariPhy;
-using Hardware::Dpll::PllStatus;
-using NboAttrLog::Out;
 using Xcvr::CfpxHostChannel;
-using State = LinkEnd::State;
-
-/// A directory of configurations on the left, mirrored on the right.
-struct Mirrored : testing::Test {
-   LocalLink link;
-   Ptr<Cl10010ConfigDir> ours = make<Cl10010ConfigDir>("config"), theirs;
-   Ptr<Cl10010Config> port, mirror;
-   Log reports;
-
-   Mirrored() {
-      link.left().exportRoot(ours);
-      theirs = link.right().mount<Cl10010ConfigDir>("config");
-      port = ours->phyConfigIs("port");
-      port->refClockIs(5);
-      port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
-      link.right().onReport([this](std::string const& t) { reports.push_back(t); });
-      settleFirst();
-      mirror = theirs->phyConfig("port");
-   }
-   void settleFirst() {
-      link.settle();
-      EXPECT_TRUE(link.left().quiet() && link.right().quiet());
-      expectEqual(*theirs);
-   }
-   void expectEqual(Cl10010ConfigDir const& copy) const {
-      for (auto const& d : diff(*ours, copy))
-         ADD_FAILURE() << d.path << ": " << d.left << " | " << d.right;
-      EXPECT_EQ(copy.auditErrors(4), 0u);
-   }
-};
+using Mirrored = Directories;
 
 TEST_F(Mirrored, WhatAReactorThrowsIsReportedAndDoesNotStopASweep) {
    ours->phyConfigIs("a");
    ours->phyConfigIs("b");
-   settleFirst();
+   settle();
+   right.onReport([this](std::string const& text) { reports.push_back(text); });
    struct Faulty : Cl10010ConfigDir::Notifiee {
       void onPhyConfig(Name) override { throw std::runtime_error("no more of this"); }
       void onNotificationException(AttributeId) override { throw; }
    };
-   auto const faulty = make<Faulty>();
-   faulty->notifierIs(theirs);
-   faulty->isRegisteredNotifieeIs(true);
-   link.cut();
+   auto const faulty = listening<Faulty>(theirs, false);
+   cut();
    ours->phyConfigDel("a");
    ours->phyConfigDel("b");
-   link.reconnect();
-   settleFirst();
+   reconnect();
+   settle();
    EXPECT_EQ(theirs->phyConfig("port"), mirror) << "bound again in place";
-   auto const& counters = link.right().counters();
+   auto const& counters = right.counters();
    EXPECT_EQ(counters.sweptEntries, 2u);
    EXPECT_EQ(counters.applicationExceptions, 1u) << "the first one of the sweep";
    ASSERT_EQ(reports.size(), 1u);
@@ -86,23 +45,24 @@ TEST_F(Mirrored, ANewMemberIsReadOnlyForTheFirstReactorThatHearsOfIt) {
       ++refusals;
    });
    ours->phyConfigIs("told as it happens");
-   settleFirst();
-   link.left().demuxer().out()->markIs(64);
+   settle();
+   left.demuxer().out()->markIs(64);
    ours->phyConfigIs("told as a backlog");
-   settleFirst();
+   settle();
    EXPECT_EQ(refusals, 2);
 }
 
 /// The mirror is mirrored in turn.
-struct Chain : Mirrored {
+struct Chain : Directories {
    LocalLink next;
-   Ptr<Cl10010ConfigDir> far;
-   Log log, farLog;
+   Ptr<Cl10010ConfigDir> far = next.right().mount<Cl10010ConfigDir>("config");
+   Log farLog;
    std::vector<Watch> watches;
 
    Chain() {
+      right.onReport([this](std::string const& text) { reports.push_back(text); });
+      port->calibrationIs(CfpxHostChannel::channel1, {1, 1, 1});
       next.left().exportRoot(theirs);
-      far = next.right().mount<Cl10010ConfigDir>("config");
       settle();
       watchAll();
    }
@@ -119,11 +79,12 @@ struct Chain : Mirrored {
    }
    void settle() {
       for (int i = 0; i < 3; ++i) {
-         settleFirst();
+         Directories::settle();
          next.settle();
       }
+      expectSame();
       EXPECT_TRUE(next.left().quiet());
-      expectEqual(*far);
+      expectEqual(*ours, *far);
       EXPECT_EQ(next.right().state("config"), State::live);
    }
 };
@@ -167,7 +128,7 @@ TEST_F(Chain, AWriteToAMirrorThrowsTheOwnersValueComesBackAndNothingOfItIsPassed
          watchAll();
          log.clear();
          farLog.clear();
-         auto const asked = link.right().counters().refreshesAsked;
+         auto const asked = right.counters().refreshesAsked;
          before();
          std::string const text = thrownBy<ReadOnlyException>(write);
          EXPECT_NE(text.find(thrown), std::string::npos) << text;
@@ -178,7 +139,7 @@ TEST_F(Chain, AWriteToAMirrorThrowsTheOwnersValueComesBackAndNothingOfItIsPassed
          settle();
          EXPECT_EQ(log, told);
          EXPECT_EQ(farLog, passedOn);
-         EXPECT_LE(link.right().counters().refreshesAsked - asked, 1u);
+         EXPECT_LE(right.counters().refreshesAsked - asked, 1u);
       }
    EXPECT_NE(theirs->phyConfig("port"), nullptr);
    EXPECT_EQ(reports, Log{});
@@ -276,4 +237,4 @@ TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
 }
 
 } // namespace
-} // namespace Mox
+} // namespace Mox::NboAttrLog

@@ -79,6 +79,18 @@ TEST_F(Mirrors, AnUnmountThatTellsARefusedWriteMakesTheMirrorWritableFirst) {
    EXPECT_EQ(left.demuxer().counters().refusedWrites, 0u);
 }
 
+/// A raw one stands in the place of a member that was written to: its owner's announcement tells that one's reactors.
+TEST_F(Mirrors, AWatchMayUnmountBehindARawReplacement) {
+   auto const watch = on(mirror, Cl10010Config::Attr::refClock, [&](Cl10010Config&) { right.unmount("config"); });
+   EXPECT_THROW(mirror->refClockIs(5), ReadOnlyException);
+   theirs->newPhyConfig("port");
+   ours->phyConfigNotify("port");
+   settle();
+   right.mountIs(theirs);
+   settle();
+   expectSame();
+}
+
 TEST(Movable, ARefusedWriteOfAMirrorThatMovesIsStillTold) {
    LinkEnd store("store"), owner("owner"), peer("peer");
    auto const mirror = store.mount<Cl10010Config>("moved"), truth = make<Cl10010Config>("moved");
@@ -100,12 +112,18 @@ TEST(Movable, ARefusedWriteOfAMirrorThatMovesIsStillTold) {
    EXPECT_EQ(told, 1);
 }
 
-/// A root that was made with other parameters than its owner's can't be put right: the reader must be told.
-TEST_F(Mirrors, ARootWithOtherParametersThanTheOwnersIsAMismatch) {
+/// A root of another type than its owner's, or made with other parameters, can't be put right: the reader must be told.
+TEST_F(Mirrors, ARootUnlikeTheOwnersIsAMismatch) {
+   left.exportRoot(make<Cl10010StatusDir>("other"));
+   right.mount<Cl10010ConfigDir>("other");
    left.exportRoot(make<Cl10010Status>("status", port, make<Interface::EthPhyIntfStatus>("eth")));
    right.mountIs(make<Cl10010Status>("status", nullptr, nullptr));
    settle();
    EXPECT_EQ(right.state("status"), State::mismatch);
+   EXPECT_EQ(right.state("other"), State::mismatch);
+   EXPECT_EQ(right.reason("other"),
+             "expected an entity of type Hardware::ClariPhy::Cl10010ConfigDir, the owner's is of "
+             "type Hardware::ClariPhy::Cl10010StatusDir");
    EXPECT_NE(right.reason("status"), "");
 }
 

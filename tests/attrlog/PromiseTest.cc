@@ -51,54 +51,6 @@ struct Promise : Directories {
    }
 };
 
-enum class Stalled { none, first, second };
-
-/// What a live peer is sent, in a process that has a stalled one too, or none.
-std::string sentBeside(Stalled which) {
-   struct Script : Promise {
-      void TestBody() override {}
-   } s;
-   LinkEnd live("live", 3), stalled("stalled", 4);
-   Peer livePeer(live), stalledPeer(stalled);
-   auto const open = [&](LinkEnd& end, Peer& peer, std::size_t mark) {
-      end.demuxer().out()->markIs(mark);
-      for (std::uint32_t i = 0; i < 3; ++i) {
-         end.exportRoot(s.roots[i]);
-         peer.out->control(Mount{i, MountMode::readOnly, s.roots[i]->name().str()});
-      }
-      peer.tell();
-   };
-   if (which == Stalled::first)
-      open(stalled, stalledPeer, 200);
-   open(live, livePeer, 600);
-   if (which == Stalled::second)
-      open(stalled, stalledPeer, 200);
-   std::string sent;
-   auto const hear = [&](std::size_t most) {
-      auto const bytes = live.bytesToSend();
-      auto const n = std::min(bytes.size(), most);
-      sent += hex(bytes.first(n)) + "\n";
-      live.bytesSent(n);
-   };
-   for (unsigned i = 0; i < 3000; ++i) {
-      s.change();
-      if (s.below(3) == 0)
-         hear(s.below(5) == 0 ? s.below(300) : ~std::size_t{0});
-      if (i % 4 == 0)
-         stalled.bytesToSend();
-   }
-   while (live.demuxer().owes())
-      hear(~std::size_t{0});
-   return sent;
-}
-
-TEST(SlowPeers, ChangeNothingOfWhatAnotherIsSent) {
-   auto const alone = sentBeside(Stalled::none);
-   EXPECT_GT(alone.size(), 100000u);
-   EXPECT_TRUE(sentBeside(Stalled::first) == alone);
-   EXPECT_TRUE(sentBeside(Stalled::second) == alone);
-}
-
 TEST_F(Promise, LiveIsToldWhenTheMirrorIsWhatTheOwnerHasAndNothingEverGoesBack) {
    unsigned told = 0, clock = 0;
    auto const watch = on(mirror, Cl10010Config::Attr::refClock,

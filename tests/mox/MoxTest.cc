@@ -65,10 +65,7 @@ TEST(Dying, AReferenceTakenMeanwhileMayBeDroppedMeanwhile) {
       void zeroReferencesIs(bool) override { Ptr<SelfHolding> const again(this); }
    };
    auto const gpo = make<Gpo>("reset");
-   auto reactor = make<SelfHolding>();
-   reactor->notifierIs(gpo);
-   reactor->isRegisteredNotifieeIs(true);
-   reactor = nullptr;
+   listening<SelfHolding>(gpo, false);
    EXPECT_FALSE(gpo->moxHasReactors());
    EXPECT_EQ(gpo->references(), 1u);
 }
@@ -78,7 +75,7 @@ TEST(Dying, ADirectoryOnTheStackGoesThoughAReactorHoldsIt) {
    auto const strong = make<Strong>();
    strong->isRegisteredNotifieeIs(true);
    Ptr<Cl10010Config> member;
-   {
+   { // and no counted reference
       Cl10010ConfigDir stack("config");
       member = stack.phyConfigIs("port");
       strong->notifierIs(Ptr<Cl10010ConfigDir>(&stack));
@@ -107,10 +104,7 @@ TEST(Dying, EveryMemberGoesWhateverReactorsThrowOrPutBack) {
    };
    auto dir = make<Cl10010ConfigDir>("config");
    Ptr<Cl10010Config> const members[] = {dir->phyConfigIs("a"), dir->phyConfigIs("b"), dir->phyConfigIs("c")};
-   auto const stubborn = make<Stubborn>();
-   stubborn->isWeakReferenceIs(true);
-   stubborn->notifierIs(dir);
-   stubborn->isRegisteredNotifieeIs(true);
+   auto const stubborn = listening<Stubborn>(dir, true);
    auto const swallowed = Mox::swallowedExceptions();
    testing::internal::CaptureStderr();
    dir = nullptr;
@@ -141,19 +135,17 @@ TEST(Counting, ThreadsShareObjectsInThreadSafeMode) {
    Mox::VFPtrInterface::enableThreadSafePointers();
    auto const shared = make<Gpo>("reset");
    Mox::Name const name("shared");
-   auto const work = [&](bool flags) {
+   auto const work = [&] {
       for (int i = 0; i < 20000; ++i) {
-         Ptr<Gpo> const copy(shared);      // NOLINT(performance-unnecessary-copy-initialization)
-         Mox::Name const copiedName(name); // NOLINT(performance-unnecessary-copy-initialization)
-         if (flags)
-            shared->moxMarkedForDeletionIs(i % 2 == 0); // the flags share the word with the count
+         Ptr<Gpo> const copy(shared);                // NOLINT(performance-unnecessary-copy-initialization)
+         Mox::Name const copiedName(name);           // NOLINT(performance-unnecessary-copy-initialization)
+         shared->moxMarkedForDeletionIs(i % 2 == 0); // the flags share the word with the count
       }
    };
-   std::thread other(work, true);
-   work(false);
+   std::thread other(work);
+   work();
    other.join();
    EXPECT_EQ(shared->references(), 1u);
-   EXPECT_FALSE(shared->moxMarkedForDeletion());
    Mox::VFPtrInterface::enableThreadSafePointers(false);
 }
 
@@ -240,9 +232,7 @@ TEST(NotificationExceptions, TheDefaultSwallowsCountsAndLeavesAWord) {
       }
    };
    auto const gpo = make<Gpo>("reset");
-   auto const faulty = make<Faulty>();
-   faulty->notifierIs(gpo);
-   faulty->isRegisteredNotifieeIs(true);
+   auto const faulty = listening<Faulty>(gpo, false);
    Log heard;
    Mox::exceptionHookIs([&](std::string const& text) {
       heard.push_back(text);

@@ -33,9 +33,7 @@ struct Cousin : Hardware::Phy::PhyConfig::Notifiee {
 TEST(Delivery, OnlyReactorsOfTheTypeHearOfItsOwnAttributes) {
    Log log;
    auto const port = make<Cl10010Config>("port");
-   auto const cousin = make<Cousin>(log);
-   cousin->notifierIs(port);
-   cousin->isRegisteredNotifieeIs(true);
+   auto const cousin = listening<Cousin>(port, false, log);
    port->refClockIs(7);
    port->wakeupTimeIs(2.0);
    EXPECT_EQ(log, Log{"wakeupTime"});

@@ -8,6 +8,7 @@
 #include <array>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <new>
 #include <set>
 #include <stdexcept>
@@ -29,7 +30,6 @@ struct Situation {
    using Counters = LinkEnd::Counters;
    char const* what;
    U64 Counters::*counter = nullptr; ///< null for one that the simulation counts itself
-   Expects expects = Expects::always;
 };
 inline Situation const situations[] = {
    {"pause inside a collection", &Situation::Counters::pausedCollections},
@@ -56,45 +56,23 @@ inline Situation const situations[] = {
    {"remount"},
    {"collection restarted", &Situation::Counters::collectionRestarts},
    {"collection aborted"},
+   {"ends that wait for each other", &Situation::Counters::brokenWaits},
    {"two mirrors of one root"},
    {"chain"},
-   {"allocation failure in a drain or a record", nullptr, Expects::failingMemory},
-};
-
-/// Which worlds there are, and how they are linked.
-enum class Shape {
-   pair,
-   fan,   ///< two mirror what a third owns
-   chain, ///< the one in the middle passes on what it mirrors
+   {"allocation failure in a drain or a record"},
 };
 
 /// Runs steps on two or three worlds and compares them. All may throw a `Divergence`.
 class Run final : public Surroundings {
 public:
    Run(U64 seed, Counts& met);
-   /// Worlds that are connected, with nothing chosen by chance.
-   Run(Shape shape, Counts& met) : Surroundings(met) {
-      join(shape);
-      connect();
-   }
    /// The steps of a seed.
    static std::vector<Step> stepsOf(U64 seed);
    static char const* textOf(Step const& step) { return kinds[step.kind].text; }
 
-   World& world(std::size_t which) noexcept { return worlds_[which]; }
    void play(std::vector<Step> const& steps);
    /// Settles and compares; then closes all roots and looks for what is left.
    void finish();
-   /// Carries bytes until nothing moves.
-   void settle(char const* when);
-   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
-   void settleAndCompare(char const* when);
-   void reconnect() {
-      Words words(0);
-      for (Link& link : links_)
-         cut(link, words);
-      connect();
-   }
    void nested(World& world, int role, U64 word, Entity& entity, Entity* member) override;
    bool isStalled() const override {
       return std::any_of(links_.begin(), links_.end(), [this](Link const& link) {
@@ -110,7 +88,6 @@ private:
       void (*happens)(Run&, World&, Words&);
       bool heals = false;          ///< entities are told whole afterwards: none in a calm stretch
       char const* fault = nullptr; ///< that it is
-      Expects expects = Expects::always;
    };
    static Kind const kinds[];
 
@@ -122,21 +99,18 @@ private:
       std::uint32_t longestFrame = 0, highestSlot = 0;
       LinkEnd& end(std::size_t side) const { return *ports[side]->end; }
    };
-   /// Counts how deep reactors call each other. From two on they do nothing.
-   struct Deeper {
-      explicit Deeper(unsigned& d, unsigned by = 1) noexcept : depth(d), before(d) { depth += by; }
-      ~Deeper() { depth = before; }
-      Deeper(Deeper const&) = delete;
-      Deeper& operator=(Deeper const&) = delete;
-      unsigned& depth;
-      unsigned before;
-   };
-
-   void join(Shape shape);
-   void connect() {
-      for (Link& link : links_)
-         connect(link);
+   /// Reactors that call each other: from two deep on they do nothing.
+   auto deeper(unsigned by = 1) {
+      depth_ += by;
+      auto const back = [this, by](void*) { depth_ -= by; };
+      return std::unique_ptr<Run, decltype(back)>(this, back);
    }
+
+   /// Carries bytes until nothing moves.
+   void settle(char const* when);
+   /// Heals the connection, opens and mounts everything, waits until nothing moves, and compares.
+   void settleAndCompare(char const* when);
+   void link(World& one, Port* passesOn, World& other, std::string const& owners);
    void connect(Link& link);
    void cut(Link& link, Words& words);
    void restart(World& world, Words& words);
@@ -150,11 +124,6 @@ private:
    }
    void bytesWithoutMemory(Words& words);
    void contestOne(Words& words);
-   /// After every step: what is wrong for a moment only is found too.
-   void audit() {
-      for (World& world : worlds_)
-         world.audit();
-   }
    void collect(World& world);
    void throwIfWrong();
    void compare(Link const& link, std::size_t side);

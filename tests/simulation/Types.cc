@@ -5,6 +5,7 @@
 #include "World.h"
 #include "core/Exceptions.h"
 #include "mox/MoxType.h"
+#include "support/Told.h"
 
 #include <stdexcept>
 #include <tuple>
@@ -25,16 +26,12 @@ template <class Call> void asItself(Entity& entity, Call call) {
       throw std::logic_error(entity.fwkType()->name().str() + " is no type of this simulation");
 }
 
-template <class X, class Visitor> void forEachAttribute(Visitor&& visit) {
-   AllOf<X>::List::forEach(visit);
-}
-
 /// Calls `visit` with one of the attributes that `fits` takes. \return whether there are any
 template <class X, class Fits, class Visitor> bool withOne(Words& words, Fits, Visitor visit) {
    std::size_t count = 0;
-   forEachAttribute<X>([&](auto a) { count += Fits{}(a) ? 1u : 0u; });
+   AllOf<X>::List::forEach([&](auto a) { count += Fits{}(a) ? 1u : 0u; });
    std::size_t left = words.below(count);
-   forEachAttribute<X>([&](auto a) {
+   AllOf<X>::List::forEach([&](auto a) {
       if constexpr (Fits{}(decltype(a){}))
          if (left-- == 0)
             visit(a);
@@ -49,7 +46,7 @@ constexpr auto isScalar = [](auto a) { return a.kind == Kind::scalar; };
 
 template <class Key> Key makeKey(Words& words) {
    if constexpr (std::same_as<Key, Name>) {
-      if (plays(Expects::longNames) && words.below(500) == 0)
+      if (words.below(500) == 0)
          return Name(std::string(400, static_cast<char>('u' + words.below(3))));
       std::size_t const n = words.below(44);
       return n == 0 ? Name() : n == 1 ? Name("a/b %") : Name("n" + std::to_string(n));
@@ -383,11 +380,7 @@ struct Recorder : History {
 template <class Listener> Reactor attach(Entity& entity, Listener const& listener) {
    Reactor attached;
    asItself(entity, [&]<class X>(X& e) {
-      auto const hearer = make<Hearer<X, Listener>>(listener);
-      hearer->isWeakReferenceIs(true);
-      hearer->notifierIs(Ptr<PtrInterface const>(&e));
-      hearer->isRegisteredNotifieeIs(true);
-      attached = hearer;
+      attached = listening<Hearer<X, Listener>>(Ptr<PtrInterface const>(&e), true, listener);
    });
    return attached;
 }
@@ -442,7 +435,7 @@ bool changeWithoutMemory(Entity& entity, Words& words) {
 Snapshot snapshotOf(Entity& entity, EntityText const& entityText) {
    Snapshot all;
    asItself(entity, [&]<class X>(X& e) {
-      forEachAttribute<X>([&](auto a) {
+      AllOf<X>::List::forEach([&](auto a) {
          if constexpr (a.kind == Kind::array) {
             a.cell(e).forEach([&](auto key, auto const&) { snapshotCell(e, a, all, entityText, key); });
          } else if constexpr (a.isKeyed) {
@@ -469,7 +462,7 @@ std::string identityOf(Entity const* entity) {
 std::size_t mostDirtyKeys(Entity& entity) {
    std::size_t most = 0;
    asItself(entity, [&]<class X>(X& e) {
-      forEachAttribute<X>([&](auto a) {
+      AllOf<X>::List::forEach([&](auto a) {
          if constexpr (a.hasEntries)
             most += 2 * a.cell(e).size() + 64;
       });

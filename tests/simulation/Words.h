@@ -7,18 +7,6 @@
 
 namespace Simulation {
 
-/// What the library must survive. What it doesn't yet is met only where the command line asks for it.
-enum class Expects { always, contests, failingMemory, noEnumerators, longNames, fewSlots, fewRestarts };
-struct Expectation {
-   char const* name;
-   bool isMet = true;
-};
-inline Expectation expectations[] = {{"always"},     {"contests"},  {"failing-memory"}, {"no-enumerators"},
-                                     {"long-names"}, {"few-slots"}, {"few-restarts"}};
-inline bool plays(Expects what) noexcept {
-   return expectations[static_cast<std::size_t>(what)].isMet;
-}
-
 /// A sequence of numbers that one number fixes.
 class Words {
 public:

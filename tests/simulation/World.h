@@ -486,7 +486,7 @@ private:
       // A collection is sent again only where more of its names are gone than that would take.
       U64 const restarts = std::exchange(port.restarts, stream.counters().collectionRestarts);
       std::size_t const keys = std::exchange(port.dirtyKeys, f.dirtyKeys) + writes_;
-      if (plays(Expects::fewRestarts) && restarts != port.restarts && keys <= 64)
+      if (restarts != port.restarts && keys <= 64)
          diverges("a collection is sent again for " + std::to_string(keys) + " changes");
       if (std::string const fault = stream.audit(); !fault.empty())
          diverges("audit finds " + fault);

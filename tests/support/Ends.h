@@ -47,15 +47,3 @@ inline void expectEqual(Mox::Entity const& ours, Mox::Entity const& theirs) {
       ADD_FAILURE() << d.path << ": " << d.left << " | " << d.right;
    EXPECT_EQ(theirs.auditErrors(4), 0u);
 }
-
-/// Sees its entity go without keeping it alive.
-struct Presence : Mox::Entity::NotifieeConst {
-   static Mox::Ptr<Presence> of(Mox::Ptr<Mox::Entity> const& entity) {
-      auto const presence = Mox::make<Presence>();
-      presence->isWeakReferenceIs(true);
-      presence->notifierIs(Mox::Ptr<Mox::Entity const>(entity));
-      presence->isRegisteredNotifieeIs(true);
-      return presence;
-   }
-   bool isThere() const { return static_cast<bool>(notifier()); }
-};
