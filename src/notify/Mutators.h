@@ -11,6 +11,7 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 // What the mutators of an attribute do, once for each kind. A generated mutator is one call of one of these.
@@ -18,7 +19,8 @@
 // All: compare first; an equal value changes, counts and tells nothing. A change is stored and counted before the first
 // reactor runs, and stays whatever the reactors do. An exception leaves only if a reactor's own
 // `onNotificationException` throws. A name is copied for the time of a pass, unless what carries it is held: who handed it in may
-// be changed by the first reactor.
+// be changed by the first reactor. A reactor may drop the last reference to the entity: a mutator that touches it behind one, a
+// pass or the end of what it lets go of, holds it.
 
 namespace Mox {
 
@@ -35,6 +37,9 @@ template <class A> inline void scalarIs(typename A::Owner& entity, typename A::V
    if (cell == value)
       return;
    entity.moxChangeCountInc();
+   // What a reference referred to may end, and its reactors run.
+   using Holder = std::conditional_t<A::kind == Kind::reference, Ptr<typename A::Owner>, typename A::Owner*>;
+   [[maybe_unused]] Holder const held(&entity);
    cell = value;
    if (entity.moxHasReactors())
       announce<A>(entity);
@@ -149,6 +154,7 @@ template <class A> typename A::Value mapDel(typename A::Owner& entity, typename 
 }
 
 template <class A> void mapDelAll(typename A::Owner& entity) {
+   Ptr<typename A::Owner> const held(&entity);
    for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
       mapDel<A>(entity, it);
 }
@@ -180,6 +186,7 @@ Ptr<typename A::Entry> newReferenceEntry(typename A::Owner& entity, typename A::
 template <class A> void referenceIs(typename A::Owner& entity, typename A::Value const& target) {
    detail::checkTarget<A>(target);
    Name const key = target->moxName(); // a reactor may let go of the target
+   Ptr<typename A::Owner> const held(&entity);
    if (auto* const entry = A::cell(entity).find(key)) {
       if (entry->value() == target)
          return;
@@ -223,6 +230,7 @@ template <class A> typename A::Value arrayDel(typename A::Owner& entity, typenam
 }
 
 template <class A> void arrayDelAll(typename A::Owner& entity) {
+   Ptr<typename A::Owner> const held(&entity);
    for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
       arrayDel<A>(entity, it);
 }
@@ -238,10 +246,12 @@ Ptr<typename A::Entry> newMember(typename A::Owner& entity, Name const& name, Pa
    Ptr<typename A::Entry> const replaced = A::cell(entity).insert(member);
    // First the new one: it has its parent when the other's reactors find it, and loses it if they delete it.
    auto const bind = [&] { member->parentIs(Ptr<Entity>(&entity)); };
-   if (replaced)
+   if (replaced) {
+      Ptr<typename A::Owner> const held(&entity);
       detail::inAnyCase<A>(entity, bind, [&] { replaced->parentIs(nullptr); });
-   else
+   } else {
       bind();
+   }
    return member;
 }
 
@@ -272,6 +282,7 @@ template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& enti
    if (!member)
       return nullptr;
    entity.moxChangeCountInc();
+   Ptr<typename A::Owner> const held(&entity);
    // Whatever the member's own reactors throw, the owner's must hear of it: a mirror would keep the member for ever.
    inAnyCase<A>(
       entity, [&] { member->parentIs(nullptr); }, [&] { heldKeyNotify<A>(entity, member->moxName()); });
@@ -322,6 +333,7 @@ template <class A> Ptr<typename A::Entry> memberDel(typename A::Owner& entity, t
 }
 
 template <class A> void memberDelAll(typename A::Owner& entity) {
+   Ptr<typename A::Owner> const held(&entity);
    for (typename A::Container::Iterator it(A::cell(entity)); it; it.advance())
       memberDel<A>(entity, it);
 }

@@ -3,18 +3,22 @@
 // and what members and references keep.
 
 #include "core/Exceptions.h"
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigPtrDirReactor.h"
+#include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDir.h"
+#include "entities/Cl10010StatusReactor.h"
 #include "siblings/EthPhyIntfStatus.h"
+#include "siblings/Gpo.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -62,11 +66,73 @@ TEST(Directory, AMemberStaysWithTheParametersThatItWasMadeWith) {
 }
 
 /// Does something as it goes.
-struct Mortal : Cl10010Config {
-   Mortal(Mox::Name name, std::function<void()> does) : Cl10010Config(std::move(name)), atTheEnd(std::move(does)) {}
+template <class X> struct Mortal : X {
+   Mortal(Mox::Name name, std::function<void()> does, auto... parameters)
+      : X(std::move(name), parameters...), atTheEnd(std::move(does)) {}
    ~Mortal() override { atTheEnd(); }
    std::function<void()> atTheEnd;
 };
+
+/// Does something when its entity has another parent.
+struct Orphaned : Cl10010Config::Notifiee {
+   void onParent() override { act(); }
+   std::function<void()> act;
+};
+
+TEST(Mutators, HoldTheEntityThatAReactorLetsGoOf) {
+   Ptr<Mox::Entity> last;
+   std::string log;
+   auto const drop = [&] { last = nullptr; };
+   auto const ends = [&] { log += " gone"; };
+   // What is there twice is changed, and whoever watches lets go of the entity: it stays until all is told.
+   auto const expectTold = [&]<class X>(char const* expected, Ptr<Mortal<X>> entity, auto const& fill,
+                                        auto const& change) {
+      fill(*entity, 1);
+      fill(*entity, 2);
+      X& changed = *entity;
+      Mox::Watch const watch = Mox::onAny(Ptr<X>(&changed), [&](X&, Mox::AttributeId) {
+         log += changed.moxIsDying() ? " ending" : " told";
+         drop();
+      });
+      last = std::move(entity);
+      change(changed);
+      EXPECT_EQ(std::exchange(log, {}), expected) << X::_fwkType()->name();
+   };
+   auto const name = [](int i) { return Mox::Name(std::to_string(i)); };
+   auto const port = [&] { return make<Mortal<Cl10010Config>>("port", ends); };
+   auto const dir = [&] { return make<Mortal<Cl10010ConfigDir>>("dir", ends); };
+   auto const refs = [&] { return make<Mortal<Cl10010ConfigPtrDir>>("refs", ends); };
+   expectTold(
+      " told told gone", port(),
+      [](auto& e, int i) {
+         e.calibrationIs(static_cast<Xcvr::CfpxHostChannel>(i), {1, 0, 0});
+      },
+      [](auto& e) { e.calibrationDelAll(); });
+   expectTold(
+      " told told gone", make<Mortal<Cl10010Status>>("status", ends, nullptr, nullptr),
+      [](auto& e, int i) { e.amplitudeIs(static_cast<unsigned>(i), 1); }, [](auto& e) { e.amplitudeDelAll(); });
+   expectTold(
+      " told told gone", dir(), [&](auto& e, int i) { e.phyConfigIs(name(i)); }, [](auto& e) { e.phyConfigDelAll(); });
+   expectTold(
+      " told told gone", refs(), [&](auto& e, int i) { e.phyConfigIs(make<Cl10010Config>(name(i))); },
+      [](auto& e) { e.phyConfigDelAll(); });
+   // Here the reactors of what the entity lets go of come first.
+   expectTold(
+      " told gone", port(), [&](auto& e, int) { e.resetUcIs(make<Mortal<Fru::Gpo>>("gpo", drop)); },
+      [](auto& e) { e.resetUcIs(nullptr); });
+   expectTold(
+      " told gone", refs(), [&](auto& e, int i) { e.phyConfigIs(make<Mortal<Cl10010Config>>(name(i), drop)); },
+      [](auto& e) { e.phyConfigIs(make<Cl10010Config>("1")); });
+   auto const orphaned = make<Orphaned>();
+   orphaned->act = drop;
+   expectTold(
+      " told ending gone", dir(),
+      [&](auto& e, int i) {
+         orphaned->notifierIs(e.phyConfigIs(name(i)));
+         orphaned->isRegisteredNotifieeIs(true);
+      },
+      [](auto& e) { e.phyConfigDel("2"); });
+}
 
 struct References : testing::Test {
    Ptr<Cl10010ConfigPtrDir> refs = make<Cl10010ConfigPtrDir>("refs");
@@ -89,7 +155,7 @@ TEST_F(References, StandInHoldersThatKeepNothingElseAlive) {
    Log gone, expected;
    for (int i = 0; i < 20; ++i) {
       std::string const name = "c" + std::to_string(i);
-      refs->newPhyConfig(make<Mortal>(name, [&gone, name] { gone.push_back(name); }));
+      refs->newPhyConfig(make<Mortal<Cl10010Config>>(name, [&gone, name] { gone.push_back(name); }));
    }
    for (auto [name, target] : refs->phyConfig())
       if (target != a)
@@ -109,7 +175,7 @@ TEST_F(References, NullIsRefusedInTheTypesWords) {
 
 TEST_F(References, MayBeTakenAwayWhileTheyAreReplacedOrSet) {
    // The one that is replaced ends inside the mutator, and deletes the entry that replaces it.
-   refs->phyConfigIs(make<Mortal>("a", [&] { refs->phyConfigDel("a"); }));
+   refs->phyConfigIs(make<Mortal<Cl10010Config>>("a", [&] { refs->phyConfigDel("a"); }));
    refs->phyConfigIs(make<Cl10010Config>("a"));
    EXPECT_EQ(std::exchange(log, {}), (Log{"a here", "a gone", "a gone"}));
 
