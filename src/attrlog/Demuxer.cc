@@ -317,7 +317,12 @@ void Demuxer::mirrorRootIs(Entity& root) {
    Ptr<Sa> const sa = operations->adapter(
       root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    sa->isRootIs(true);
-   waiting_.add({sa, Ptr<Entity>(&root)});
+   try {
+      waiting_.add({sa, Ptr<Entity>(&root)});
+   } catch (std::bad_alloc const&) {
+      sa->detach();
+      throw;
+   }
 }
 
 EntityId Demuxer::entityIdFor(Entity const* target) {
@@ -414,7 +419,7 @@ Demuxer::Sa* Demuxer::mirrorAround(Entity& entity) {
    return nullptr;
 }
 
-void Demuxer::reidentify(Entity& top) {
+std::vector<Ptr<Entity>> Demuxer::unannounced(Entity& top) {
    std::vector<Ptr<Entity>> tree;
    collectTree(top, tree);
    // With a root goes what was announced below a root and has left it since, and what lies below that: whether the peer saw it,
@@ -424,11 +429,18 @@ void Demuxer::reidentify(Entity& top) {
          if (Sa const* const loose = own_.at(i);
              loose != nullptr && !loose->isRoot() && !loose->isOrphan() && !isUnderAnnounced(*loose->entity()))
             collectTree(*loose->entity(), tree);
+   auto const own = [this](Entity const& entity) {
+      Sa* const sa = adapterOf(entity);
+      return Ptr<Sa>(sa == nullptr || sa->isMirror() ? nullptr : sa);
+   };
+   // First what may fail.
    for (Ptr<Entity> const& entity : tree)
-      if (Ptr<Sa> const sa{adapterOf(*entity)}; sa && !sa->isMirror()) {
+      if (auto const sa = own(*entity))
          reidentified(*sa, *entity);
+   for (Ptr<Entity> const& entity : tree)
+      if (auto const sa = own(*entity))
          sa->detach();
-      }
+   return tree;
 }
 
 /// `entity` loses the identifier that `sa` has given it: who refers to it says so again.
@@ -905,7 +917,6 @@ void Demuxer::release(Mirror const& gone) noexcept {
    }
 }
 
-/// As above, one after the other; what the reactors of one have announced again stays. \return how many were let go
 std::size_t Demuxer::releaseAll(std::vector<Mirror> const& gone) noexcept {
    std::size_t count = 0;
    for (Mirror const& mirror : gone)
@@ -1111,17 +1122,20 @@ void Demuxer::isNoMember(Entity& member) {
    releaseBelow(member);
 }
 
-void Demuxer::forgetMirrors(Entity* top) {
+std::vector<Mirror> Demuxer::mirrorsTaken(Entity* top) {
    auto const isLet = [top](Entity const* entity) { return top == nullptr || isAtOrBelow(entity, *top); };
    // All are taken out before the first is told: its reactors may mount another, which stays, or cut the connection.
-   std::vector<Mirror> gone = waiting_.takenIf([&](Sa const& sa) { return isLet(sa.entity()); });
+   std::vector<Mirror> gone = waiting_.thoseOf([&](Sa const& sa) { return isLet(sa.entity()); });
    gone.reserve(gone.size() + mirrored_);
+   // From here on nothing fails.
+   for (Mirror const& mirror : gone)
+      waiting_.taken(*mirror.sa);
    for (PeerSlot& slot : peer_)
       if (slot.entity && isLet(slot.entity.get())) {
          slot.isOwedRetirement = true;
          gone.push_back(takenFrom(slot));
       }
-   releaseAll(gone);
+   return gone;
 }
 
 void Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {

@@ -88,7 +88,10 @@ public:
    void announced(Sa& sa, bool owesEverything);
    /// Takes the adapters of `top` and of everything below it out of the stream; their identifiers are retired, and references to
    /// what they stood for are told again under whatever identifier it gets next.
-   void reidentify(Entity& top);
+   void reidentify(Entity& top) { static_cast<void>(unannounced(top)); }
+   /// As `reidentify`. What was taken out is the caller's to let go of, which may run reactors.
+   /// \throws std::bad_alloc; nothing has changed then
+   [[nodiscard]] std::vector<Ptr<Entity>> unannounced(Entity& top);
    /// Ends everything that this side has announced.
    void forgetAnnounced();
 
@@ -175,8 +178,13 @@ public:
    /// The peer waits for this side in turn: no such mirror will be announced before what waits for it has been told. Lets them go,
    /// so that they are announced from here. \return whether there were any
    bool waitsBroken();
-   /// Ends the mirrors below `top`; with null all of them.
-   void forgetMirrors(Entity* top);
+   /// Ends the mirrors below `top`; with null all of them. \throws std::bad_alloc; nothing has changed then
+   void forgetMirrors(Entity* top) { releaseAll(mirrorsTaken(top)); }
+   /// The same in two steps: nobody is told before the second.
+   [[nodiscard]] std::vector<Mirror> mirrorsTaken(Entity* top);
+   /// Lets go of mirrors one after the other, which runs reactors; what those of one have announced again stays. \return how many
+   /// were let go
+   std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
    /// Hands the mirrors at and below `root` that wait for their owner over to another stream, where they wait in the same way; with
    /// `withOrphans` the orphans that wait here as well.
    void moveMirrors(Entity& root, bool withOrphans, Demuxer& to);
@@ -341,7 +349,6 @@ private:
    void dequeue(FlowOut& flow) noexcept;
    Mirror takenFrom(PeerSlot& slot) noexcept;
    void release(Mirror const& gone) noexcept;
-   std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
    template <class Predicate> void releaseWaiting(Predicate is) noexcept;
    void releasePending();
    void releaseBelow(Entity& top);

@@ -118,9 +118,14 @@ void LinkEnd::exportRoot(Ptr<Entity> const& root) {
       }
 }
 
-void LinkEnd::exportDel(Ptr<Entity> const& root) {
-   if (std::erase(exports_, root) == 0)
+void LinkEnd::exportDel(Ptr<Entity> const& given) {
+   auto const at = std::find(exports_.begin(), exports_.end(), given);
+   if (at == exports_.end())
       return;
+   Ptr<Entity> const root = *at;
+   // First what may fail: half of it would leave adapters that stand in the way of the next export.
+   auto const gone = demuxer_.unannounced(*root);
+   exports_.erase(at);
    for (Request& request : requests_)
       if (request.root == root) {
          request.root = nullptr;
@@ -134,12 +139,11 @@ void LinkEnd::exportDel(Ptr<Entity> const& root) {
          request.owesAnswer = !request.owesGone;
          owesAnswers_ = true;
       }
-   announcedEnds(*root);
+   announcedEnds();
 }
 
-/// Nothing of `root` is told on this stream any more.
-void LinkEnd::announcedEnds(Entity& root) {
-   demuxer_.reidentify(root);
+/// A root has been taken out of the stream. With the last goes whatever else was announced.
+void LinkEnd::announcedEnds() {
    if (std::none_of(requests_.begin(), requests_.end(), [](Request const& r) { return static_cast<bool>(r.root); }))
       demuxer_.forgetAnnounced();
 }
@@ -220,11 +224,15 @@ void LinkEnd::unmount(Name const& name) {
    Mount* const at = findMount(name);
    if (at == nullptr)
       return;
+   // First what may fail: half of it would leave a mirror that nobody has.
+   unmounts_.reserve(unmounts_.size() + 1);
+   std::vector<Mirror> gone;
+   if (at->mirror)
+      gone = demuxer_.mirrorsTaken(mirrorCount() == 1 ? nullptr : at->mirror.get());
    withdraw(*at);
    Mount const mount = std::move(*at);
    mounts_.erase(mounts_.begin() + (at - mounts_.data()));
-   if (mount.mirror)
-      demuxer_.forgetMirrors(hasMounts() ? mount.mirror.get() : nullptr);
+   demuxer_.releaseAll(gone);
 }
 
 void LinkEnd::mountMove(Name const& root, LinkEnd& to) {
@@ -295,6 +303,13 @@ void LinkEnd::mirrorEnds(std::uint32_t handle, State state, std::string reason) 
    stateIs(*at, state, reason);
 }
 
+/// A root that its owner told no more, and for which there was no memory then to wait for the next opening, waits.
+void LinkEnd::mirrorsMade() {
+   for (Mount const& mount : mounts_)
+      if (mount.mirror && demuxer_.adapterOf(*mount.mirror) == nullptr)
+         demuxer_.mirrorRootIs(*mount.mirror);
+}
+
 /// The record in hand announces the root of `sa` as something that its mirror is not.
 void LinkEnd::mismatched(Demuxer::Sa& sa, std::string const& reason) {
    for (Mount& mount : mounts_)
@@ -318,6 +333,7 @@ void LinkEnd::connected() {
       if (isConnected_)
          return; // who was told that the roots are stale has connected anew
    }
+   mirrorsMade();
    failure_.clear();
    isConnected_ = true;
    remountEnded_ = false;
@@ -361,6 +377,10 @@ void LinkEnd::peerGone(std::string_view reason) {
    for (Mount& mount : mounts_)
       mount.isAsked = mount.isAnswered = mount.isOpen = false;
    demuxer_.cut();
+   try {
+      mirrorsMade();
+   } catch (std::bad_alloc const&) { // the next connection sees to it
+   }
    for (std::size_t i = 0; i < mounts_.size() && !isConnected_; ++i) // who is told may connect anew
       stateIs(mounts_[i], State::stale, why);
 }
@@ -530,16 +550,15 @@ void LinkEnd::answer(Request& request) {
    }
    if (!request.owesAnswer)
       return;
+   std::vector<Ptr<Entity>> gone;
+   if (request.root) { // told so far
+      gone = demuxer_.unannounced(*request.root);
+      request.root = nullptr;
+   }
    if (request.refusal != Reason::none) {
-      if (Ptr<Entity> const root = request.root) { // told so far
-         request.root = nullptr;
-         say(MountState::refused, request.refusal);
-         request.owesAnswer = false;
-         announcedEnds(*root);
-         return;
-      }
       say(MountState::refused, request.refusal);
       request.owesAnswer = false;
+      announcedEnds();
       return;
    }
    for (Ptr<Entity> const& root : exports_)
@@ -583,6 +602,12 @@ void LinkEnd::open(Request& request, Entity& entity) {
       return;
    }
    bool isSaid = false;
+   // The answer that is still owed takes out what was begun.
+   auto const begun = [&] {
+      Demuxer::Sa const* const sa = demuxer_.adapterOf(entity);
+      request.root = sa != nullptr && sa->isRoot() ? root : nullptr;
+      request.owesAnswer = true;
+   };
    try {
       Ptr<Demuxer::Sa> const sa = demuxer_.rootIs(entity);
       say(MountState::open, Reason::none, sa->entityId());
@@ -591,17 +616,13 @@ void LinkEnd::open(Request& request, Entity& entity) {
       request.owesAnswer = request.waits = false;
       demuxer_.announceRoot(*sa);
    } catch (std::bad_alloc const&) {
-      demuxer_.reidentify(entity);
-      request.root = nullptr;
-      request.owesAnswer = true;
+      begun();
       request.owesGone = isSaid;
       throw;
    } catch (Exception const& e) {
-      request.root = nullptr;
+      begun();
       request.refusal = Reason::limit;
-      request.owesAnswer = false;
-      say(MountState::refused, Reason::limit);
-      announcedEnds(entity);
+      answer(request);
       demuxer_.report([&] { return "root " + std::string(quoted(root->moxName())) + " can't be told: " + e.what(); });
    }
 }
@@ -756,8 +777,10 @@ void LinkEnd::on(Unmount const& unmount) {
       return;
    Ptr<Entity> const root = at->root;
    requests_.erase(at);
-   if (root)
-      announcedEnds(*root);
+   if (root) {
+      auto const gone = demuxer_.unannounced(*root);
+      announcedEnds();
+   }
 }
 
 void LinkEnd::on(Mounted const& mounted) {

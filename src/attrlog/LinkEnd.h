@@ -189,6 +189,7 @@ private:
    void withdraw(Mount const& mount);
    void stateIs(Mount& mount, State state, std::string_view reason = {});
    void mirrorEnds(std::uint32_t handle, State state, std::string reason);
+   void mirrorsMade();
    void mismatched(NboAttrLog::Demuxer::Sa& sa, std::string const& reason);
 
    void endIfAsked();
@@ -197,7 +198,7 @@ private:
    void settleAnswers();
    void answer(Request& request);
    void open(Request& request, Entity& root);
-   void announcedEnds(Entity& root);
+   void announcedEnds();
    /// For the stream to call where it can't tell something below `root`, because the peer takes no more identifiers: the peer is
    /// told that the root is refused, and why, and keeps what it has.
    void rootLimited(Entity& root);

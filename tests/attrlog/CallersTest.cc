@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a caller may do to an end at an unlucky moment: without memory, or from within what the end calls.
+
+#include "Directories.h"
+#include "support/Allocations.h"
+
+#include <functional>
+#include <new>
+#include <utility>
+
+namespace Mox::NboAttrLog {
+namespace {
+
+struct World : Directories {
+   void TestBody() override {}
+   World() {
+      refs->phyConfigIs(port);
+      settle();
+   }
+};
+
+TEST(Callers, FindACallThatHadNoMemoryUndoneOrDone) {
+   struct Case {
+      char const* what;
+      std::function<void(World&)> before, call, again;
+   };
+   auto const none = [](World&) {};
+   auto const settle = [](World& w) { w.settle(); };
+   auto const unmount = [](World& w) { w.right.unmount("config"); };
+   auto const mount = [](World& w) { w.right.mountIs(w.theirs); };
+   auto const exportDel = [](World& w) { w.left.exportDel(w.ours); };
+   auto const exportRoot = [](World& w) { w.left.exportRoot(w.ours); };
+   for (Case const& each : std::vector<Case>{
+           {"unmount", none, unmount, mount},
+           {"mount", [&](World& w) { unmount(w), w.settle(); }, mount, none},
+           {"unmount, cut", [](World& w) { w.cut(); }, unmount, mount},
+           {"export deleted", none, exportDel, exportRoot},
+           {"export", [&](World& w) { exportDel(w), w.settle(); }, exportRoot, none},
+           {"an export is told", [&](World& w) { exportDel(w), w.settle(), exportRoot(w); }, settle, none},
+           {"its end is told", exportDel, settle, exportRoot},
+        })
+      for (std::size_t skipped = 0, isOver = 0; isOver == 0; ++skipped) {
+         SCOPED_TRACE(each.what + (", the first that fails is allocation " + std::to_string(skipped)));
+         World w;
+         each.before(w);
+         bool isDone = false;
+         {
+            NoMemory const once(true, skipped);
+            try {
+               each.call(w);
+               isDone = true;
+            } catch (std::bad_alloc const&) {
+            }
+            isOver = !NoMemory::hasFailed() || skipped == 200;
+         }
+         EXPECT_EQ(w.left.auditErrors() + w.right.auditErrors(), 0u);
+         if (!isDone)
+            each.call(w);
+         w.settle();
+         each.again(w);
+         if (!w.left.isConnected() || !w.right.isConnected()) {
+            w.cut();
+            w.reconnect();
+         }
+         w.settle();
+         w.expectSame();
+         EXPECT_THROW(w.theirs->phyConfig("port")->refClockIs(77), ReadOnlyException);
+      }
+}
+
+} // namespace
+} // namespace Mox::NboAttrLog
