@@ -7,6 +7,7 @@
 #include "attrlog/OwnSlots.h"
 #include "attrlog/StateAdapter.h"
 #include "attrlog/WaitingMirrors.h"
+#include "core/Callback.h"
 #include "mox/Swallowed.h"
 
 #include <concepts>
@@ -401,7 +402,7 @@ private:
    U64 stale_ = 0;             ///< stale records of this connection
    std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
    Counters counters_;
-   Report report_;
+   Callback<void(std::string const&)> report_;
    static constexpr std::size_t mostReports = 64;
    mutable std::vector<std::string> reports_; ///< of the drain that runs
    mutable std::size_t unreported_ = 0;       ///< that came behind those

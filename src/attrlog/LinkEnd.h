@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attrlog/Demuxer.h"
+#include "core/Callback.h"
 #include "core/Ptr.h"
 #include "core/String8.h"
 
@@ -29,7 +30,8 @@ namespace Mox {
 /// What one end has to say about roots is kept as state and written when the buffer has room: a peer that does not read is owed
 /// the newest answer to each of its requests, and nothing that was true in between.
 ///
-/// *Threads*: one. *Re-entrancy*: reactors may call everything, `bytesArrived` included: those bytes wait.
+/// *Threads*: one. *Re-entrancy*: reactors and the functions that an end is given may call everything, `bytesArrived` included: those
+/// bytes wait. They may replace each of those functions from within itself, but not destroy the end that is calling them.
 class LinkEnd {
 public:
    /// How a mounted root stands.
@@ -228,8 +230,8 @@ private:
    std::vector<std::uint32_t> unmounts_;  ///< written and withdrawn: the peer is still to be told
    std::vector<Request> requests_;        ///< the peer's mounts
    std::vector<std::uint32_t> overLimit_; ///< mounts of the peer above `mostRequests`: still to be refused
-   StateCall stateCall_;
-   std::function<bool(Name const&)> openingCall_;
+   Callback<void(Name const& root, State state)> stateCall_;
+   Callback<bool(Name const&)> openingCall_;
    bool isConnected_ = false;
    bool isGreeted_ = false;
    bool isApplying_ = false;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "mox/Swallowed.h"
 
+#include "core/Callback.h"
 #include "core/Exceptions.h"
 #include "mox/Entity.h"
 
@@ -18,7 +19,7 @@ std::atomic<std::uint64_t> count{0};
 struct Word {
    std::mutex mutex;
    std::string last;
-   ExceptionHook hook;
+   Callback<void(std::string const&)> hook;
 };
 
 Word& word() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attrlog/LinkEnd.h"
+#include "core/Callback.h"
 #include "core/Identifiers.h"
 
 #include <chrono>
@@ -88,7 +89,7 @@ protected:
 
 private:
    std::unique_ptr<asio::io_context> context_;
-   std::function<void(PeerEvent const&)> told_;
+   Callback<void(PeerEvent const&)> told_;
    Milliseconds patience_{10'000};
    bool polling_ = false;
 };

@@ -117,8 +117,8 @@ private:
    LinkEnd store_; ///< never connected: mirrors wait here while no client is there to be asked for them
    std::vector<std::unique_ptr<Peer>> peers_;
    LinkEnd::Counters gone_; ///< of clients that have left
-   StateFunction stateTold_;
-   std::function<void(std::string const&)> reportTold_;
+   Callback<void(Name const& root, LinkEnd::State state)> stateTold_;
+   Callback<void(std::string const&)> reportTold_;
    unsigned accepted_ = 0;
 };
 

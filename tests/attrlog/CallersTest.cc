@@ -2,11 +2,13 @@
 // What a caller may do to an end at an unlucky moment: without memory, or from within what the end calls.
 
 #include "Directories.h"
+#include "mox/Swallowed.h"
 #include "support/Allocations.h"
 
 #include <functional>
+#include <memory>
 #include <new>
-#include <utility>
+#include <vector>
 
 namespace Mox::NboAttrLog {
 namespace {
@@ -66,6 +68,29 @@ TEST(Callers, FindACallThatHadNoMemoryUndoneOrDone) {
          w.expectSame();
          EXPECT_THROW(w.theirs->phyConfig("port")->refClockIs(77), ReadOnlyException);
       }
+}
+
+TEST(Callers, MayReplaceAFunctionFromWithinItself) {
+   World w;
+   Watch const throws = on(w.port, Cl10010Config::Attr::refClock, [](Cl10010Config&) { throw 1; });
+   // Replaces what runs, and says whether it is still there then.
+   std::vector<bool> stays;
+   auto const replacing = [&stays](std::function<void()> replace) {
+      return [&stays, replace, life = std::make_shared<int>()](auto const&...) {
+         auto const act = replace;
+         auto& answers = stays;
+         std::weak_ptr<int> const alive = life;
+         act();
+         answers.push_back(!alive.expired());
+      };
+   };
+   w.right.onState(replacing([&] { w.right.onState({}); }));
+   w.cut();
+   w.left.onReport(replacing([&] { w.left.onReport({}); }));
+   w.left.demuxer().report("something");
+   exceptionHookIs(replacing([] { exceptionHookIs({}); }));
+   w.port->refClockIs(1);
+   EXPECT_EQ(stays, std::vector<bool>(3, true));
 }
 
 } // namespace

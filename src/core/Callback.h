@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+namespace Mox {
+
+template <class Signature> class Callback;
+
+/// A function of somebody else's, or none, that may be replaced from within itself: what runs stays until it returns.
+template <class Result, class... Arguments> class Callback<Result(Arguments...)> {
+public:
+   using Function = std::function<Result(Arguments...)>;
+
+   Callback() = default;
+   Callback(Function function)
+      : function_(function ? std::make_shared<Function const>(std::move(function)) : nullptr) {}
+
+   explicit operator bool() const noexcept { return function_ != nullptr; }
+   Result operator()(Arguments... arguments) const {
+      auto const held = function_;
+      return (*held)(std::forward<Arguments>(arguments)...);
+   }
+
+private:
+   std::shared_ptr<Function const> function_;
+};
+
+} // namespace Mox
