@@ -107,10 +107,8 @@ void LinkEnd::checkExport(Ptr<Entity> const& root) {
 
 void LinkEnd::exportRoot(Ptr<Entity> const& root) {
    checkExport(root);
-   for (Ptr<Entity> const& other : exports_)
-      if (other->moxName() == root->moxName())
-         throwNameInUseException("a root named " + std::string(quoted(root->moxName())) + " is exported already");
-   exports_.push_back(root);
+   if (!exports_.try_emplace(root->moxName(), root).second)
+      throwNameInUseException("a root named " + std::string(quoted(root->moxName())) + " is exported already");
    for (Request& request : requests_)
       if (!request.root && request.name == root->moxName()) {
          request.refusal = Reason::none;
@@ -119,10 +117,10 @@ void LinkEnd::exportRoot(Ptr<Entity> const& root) {
 }
 
 void LinkEnd::exportDel(Ptr<Entity> const& given) {
-   auto const at = std::find(exports_.begin(), exports_.end(), given);
-   if (at == exports_.end())
+   auto const at = given ? exports_.find(given->moxName()) : exports_.end();
+   if (at == exports_.end() || at->second != given)
       return;
-   Ptr<Entity> const root = *at;
+   Ptr<Entity> const root = at->second;
    // First what may fail: half of it would leave adapters that stand in the way of the next export.
    auto const gone = demuxer_.unannounced(*root);
    exports_.erase(at);
@@ -198,7 +196,7 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
    if (Demuxer::Sa const* const other = Demuxer::mirrorAround(*mirror))
       refuse(std::string(std::string_view(other->entity()->fullName())) + " mirrors \"" +
              other->streamDemuxer()->name() + "\" already");
-   for (Ptr<Entity> const& root : exports_)
+   for (auto const& [name, root] : exports_)
       if (isAtOrBelow(*root, *mirror) || isAtOrBelow(*mirror, *root))
          refuse(std::string(std::string_view(root->fullName())) + " is exported there");
    if (Demuxer::Sa const* const told = demuxer_.adapterOf(*mirror); told != nullptr && !told->isOrphan())
@@ -561,11 +559,10 @@ void LinkEnd::answer(Request& request) {
       announcedEnds();
       return;
    }
-   for (Ptr<Entity> const& root : exports_)
-      if (root->moxName() == request.name) {
-         open(request, *root);
-         return;
-      }
+   if (auto const at = exports_.find(request.name); at != exports_.end()) {
+      open(request, *at->second);
+      return;
+   }
    say(MountState::waiting, Reason::notExported);
    request.owesAnswer = false;
 }
@@ -697,7 +694,8 @@ std::size_t LinkEnd::auditErrors() const {
                return false;
       return true;
    };
-   expect(areDistinct(exports_, [](Ptr<Entity> const& root) { return root->moxName(); }));
+   for (auto const& [name, root] : exports_)
+      expect(root->moxName() == name);
    expect(areDistinct(mounts_, [](Mount const& m) { return m.handle; }));
    expect(areDistinct(mounts_, [](Mount const& m) { return m.name; }));
    expect(areDistinct(requests_, [](Request const& r) { return r.handle; }));

@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Mox {
@@ -225,7 +226,7 @@ private:
    std::string name_;
    U64 incarnation_;
    NboAttrLog::Demuxer demuxer_;
-   std::vector<Ptr<Entity>> exports_;
+   std::unordered_map<Name, Ptr<Entity>> exports_; ///< under their names
    std::vector<Mount> mounts_;
    std::vector<std::uint32_t> unmounts_;  ///< written and withdrawn: the peer is still to be told
    std::vector<Request> requests_;        ///< the peer's mounts

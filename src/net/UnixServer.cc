@@ -57,16 +57,16 @@ std::string const& UnixServer::path() const noexcept {
 
 void UnixServer::exportRoot(Ptr<Entity> const& root) {
    LinkEnd::checkExport(root);
-   for (auto const& exported : exported_)
-      if (exported->moxName() == root->moxName())
-         throw NameInUseException("a root named " + quoted(root->moxName()) + " is exported already");
-   exported_.push_back(root);
+   if (!exported_.try_emplace(root->moxName(), root).second)
+      throw NameInUseException("a root named " + quoted(root->moxName()) + " is exported already");
    for (std::size_t i = 0; i < peers_.size(); ++i)
       peers_[i]->end.exportRoot(root);
 }
 
 void UnixServer::exportDel(Ptr<Entity> const& root) {
-   std::erase(exported_, root);
+   if (auto const at = root ? exported_.find(root->moxName()) : exported_.end();
+       at != exported_.end() && at->second == root)
+      exported_.erase(at);
    for (std::size_t i = 0; i < peers_.size(); ++i)
       peers_[i]->end.exportDel(root);
 }
@@ -81,6 +81,7 @@ UnixServer::Mount* UnixServer::find(Name const& root) noexcept {
 void UnixServer::mountIs(Ptr<Entity> const& mirror) {
    if (mirror && find(mirror->moxName()) != nullptr)
       throw NameInUseException("a root named " + quoted(mirror->moxName()) + " is mounted already");
+   mounts_.reserve(mounts_.size() + 1);
    store_.mountIs(mirror);
    mounts_.push_back({mirror->moxName(), &store_});
    askAll(mounts_.back());
@@ -287,7 +288,7 @@ void UnixServer::flush() {
 void UnixServer::prepare(Peer& peer) {
    LinkEnd& end = peer.end;
    end.onReport([this](std::string const& text) { report(text); });
-   for (auto const& root : exported_)
+   for (auto const& [name, root] : exported_)
       end.exportRoot(root);
    for (Mount& mount : mounts_) {
       if (mount.seat->isOpen(mount.name))

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Mox {
@@ -112,7 +113,7 @@ private:
 
    std::string name_;
    std::unique_ptr<Listener> listener_;
-   std::vector<Ptr<Entity>> exported_;
+   std::unordered_map<Name, Ptr<Entity>> exported_; ///< under their names
    std::vector<Mount> mounts_;
    LinkEnd store_; ///< never connected: mirrors wait here while no client is there to be asked for them
    std::vector<std::unique_ptr<Peer>> peers_;
