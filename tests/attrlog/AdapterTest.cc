@@ -42,7 +42,7 @@ struct OneAdapter : testing::Test {
 TEST_F(OneAdapter, FreesTheBookmarkOfTheFlowsOwnAttributeAlone) {
    auto const flow = make<FlowOut>(attr::none);
    flow->moxFlowOutBookmarkEnq(Mark(393, CfpxHostChannel::channel1));
-   for (AttributeId const id : {0, 388, 389, 393}) {
+   for (AttributeId const id : {0U, 388U, 389U, 393U}) {
       EXPECT_TRUE(flow->holdsBookmark(393));
       flow->attrIdIs(id);
       sa->freeResyncState(flow);
