@@ -857,15 +857,17 @@ template <class A, class Put, class... Key>
 void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
    if (this->demuxer_ == nullptr)
       return; // a reactor has unmounted the mirror between two changes of one record: it stays as it is
-   bool const isOwed = isAnswer && this->hasUntold() && this->untoldTaken(Mark(A::id, key...));
    typename Entity::MoxNboAttrLogSa::Applying const scope(*this);
+   typename Entity::MoxNboAttrLogSa::Answer answer(*this);
+   if (isAnswer && this->hasUntold())
+      answer.markIs(Mark(A::id, key...));
    this->applyingBegins(A::id);
    this->demuxer_->applicationStarts();
    put();
    if (!isAnswer && !scope.wasSilent())
       this->untoldToldIs(Mark(
          A::id, key...)); // the reactors know by now what is here, and the answer tells them no more than a difference
-   if (!isOwed || !scope.wasSilent())
+   if (!answer.given() || !scope.wasSilent())
       return;
    if constexpr (A::isKeyed)
       keyNotify<A>(object(), key...);

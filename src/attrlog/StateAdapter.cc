@@ -388,16 +388,32 @@ void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
    }
 }
 
-bool Sa::untoldTaken(NboAttrLog::Mark const& mark) {
-   auto const at = notes_->untold.find(mark);
-   if (at == notes_->untold.end())
+void Sa::Answer::markIs(NboAttrLog::Mark const& mark) noexcept {
+   auto const at = sa_.notes_->untold.find(mark);
+   if (at == sa_.notes_->untold.end())
+      return;
+   note_ = sa_.notes_->untold.extract(at);
+   sa_.notes_->unasked.erase(mark);
+   sa_.relaysWake();
+}
+
+bool Sa::Answer::given() noexcept {
+   if (!note_)
       return false;
    // An answer that is still to come finds nothing to tell.
-   bool const isOwed = !at->second.isTold;
-   notes_->untold.erase(at);
-   notes_->unasked.erase(mark);
-   relaysWake();
+   bool const isOwed = !note_.mapped().isTold;
+   note_ = {};
    return isOwed;
+}
+
+void Sa::Answer::untoldAgain() noexcept {
+   if (!sa_.hasFlag(applying) || sa_.demuxer_ == nullptr)
+      return; // the reactors know, or there is no owner any more
+   try {
+      sa_.neededNotes().untold.insert(std::move(note_)); // what a reactor has written there meanwhile stands instead
+   } catch (std::bad_alloc const&) {
+      sa_.owesAllIs();
+   }
 }
 
 void Sa::untoldCut() noexcept {

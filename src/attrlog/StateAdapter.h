@@ -392,8 +392,28 @@ protected:
    }
    /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->successors.erase(mark) != 0; }
-   /// Whether the reactors are owed word of `mark`, which was written here and not told; forgets it.
-   bool untoldTaken(NboAttrLog::Mark const& mark);
+   /// The owner's answer to what was written here and not told, while it is applied: takes the note of it, and puts it back where
+   /// applying fails before anybody has been told. To be made behind an `Applying`.
+   class Answer {
+   public:
+      explicit Answer(MoxNboAttrLogSa& sa) noexcept : sa_(sa) {}
+      ~Answer() {
+         if (note_) [[unlikely]]
+            untoldAgain();
+      }
+      Answer(Answer const&) = delete;
+      Answer& operator=(Answer const&) = delete;
+      /// What is applied may answer `mark`.
+      void markIs(NboAttrLog::Mark const& mark) noexcept;
+      /// It has been applied. \return whether the reactors are owed word of it
+      bool given() noexcept;
+
+   private:
+      void untoldAgain() noexcept;
+
+      MoxNboAttrLogSa& sa_;
+      NboAttrLog::MarkMap<NboAttrLog::Untold>::node_type note_;
+   };
    /// What `mark` is here has been told; what its owner will answer is still to come.
    void untoldToldIs(NboAttrLog::Mark const& mark) noexcept {
       if (notes_)

@@ -155,6 +155,34 @@ TEST(Memory, ThatFailsOnceAnywhereInAnExchangeLeavesBothSidesEqual) {
    }
 }
 
+TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
+   bool hasFailed = true;
+   for (std::size_t skipped = 0; hasFailed; ++skipped) {
+      Watched w(0, true);
+      Name const port("port"); // made here: whoever watches needs no memory
+      bool isKnown = true;
+      Watch const watch =
+         onAny(w.theirs, [&](Cl10010ConfigDir& theirs, AttributeId) { isKnown = theirs.phyConfig(port) != nullptr; });
+      EXPECT_THROW(w.theirs->phyConfigDel("port"), Exception);
+      carry(w.link.right(), w.link.left());
+      auto const bytes = w.link.left().bytesToSend();
+      std::vector<std::uint8_t> const answer(bytes.begin(), bytes.end());
+      w.link.left().bytesSent(answer.size());
+      {
+         NoMemory const once(true, skipped);
+         w.link.right().bytesArrived(answer);
+         hasFailed = NoMemory::hasFailed();
+      }
+      w.ours->phyConfigDel("port"); // before its owner has been asked once more
+      if (!w.link.right().isConnected()) {
+         w.link.cut();
+         w.link.reconnect();
+      }
+      w.link.settle();
+      EXPECT_FALSE(isKnown) << skipped << " allocations before";
+   }
+}
+
 TEST(Memory, ThatIsGoneWhileBytesAreAskedForIsThereTheNextTime) {
    LocalLink link;
    auto const ours = make<Cl10010ConfigDir>("config");
