@@ -863,11 +863,16 @@ void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
       answer.markIs(Mark(A::id, key...));
    this->applyingBegins(A::id);
    this->demuxer_->applicationStarts();
-   put();
+   try {
+      put();
+   } catch (std::bad_alloc const&) {
+      answer.failed();
+      throw;
+   }
    if (!isAnswer && !scope.wasSilent())
       this->untoldToldIs(Mark(
          A::id, key...)); // the reactors know by now what is here, and the answer tells them no more than a difference
-   if (!answer.given() || !scope.wasSilent())
+   if (!answer.isOwed() || !scope.wasSilent())
       return;
    if constexpr (A::isKeyed)
       keyNotify<A>(object(), key...);

@@ -397,18 +397,9 @@ void Sa::Answer::markIs(NboAttrLog::Mark const& mark) noexcept {
    sa_.relaysWake();
 }
 
-bool Sa::Answer::given() noexcept {
-   if (!note_)
-      return false;
-   // An answer that is still to come finds nothing to tell.
-   bool const isOwed = !note_.mapped().isTold;
-   note_ = {};
-   return isOwed;
-}
-
-void Sa::Answer::untoldAgain() noexcept {
-   if (!sa_.hasFlag(applying) || sa_.demuxer_ == nullptr)
-      return; // the reactors know, or there is no owner any more
+void Sa::Answer::failed() noexcept {
+   if (!note_ || !sa_.hasFlag(applying) || sa_.demuxer_ == nullptr)
+      return;
    try {
       sa_.neededNotes().untold.insert(std::move(note_)); // what a reactor has written there meanwhile stands instead
    } catch (std::bad_alloc const&) {

@@ -392,25 +392,18 @@ protected:
    }
    /// Whether `mark` names a member that nobody was told of, in the place of an announced one; forgets it.
    bool successorTaken(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->successors.erase(mark) != 0; }
-   /// The owner's answer to what was written here and not told, while it is applied: takes the note of it, and puts it back where
-   /// applying fails before anybody has been told. To be made behind an `Applying`.
+   /// The note of what was written here and not told, while what may be its owner's answer is applied.
    class Answer {
    public:
       explicit Answer(MoxNboAttrLogSa& sa) noexcept : sa_(sa) {}
-      ~Answer() {
-         if (note_) [[unlikely]]
-            untoldAgain();
-      }
-      Answer(Answer const&) = delete;
-      Answer& operator=(Answer const&) = delete;
-      /// What is applied may answer `mark`.
+      /// Takes the note of `mark`, if there is one. To be called behind the making of an `Applying`.
       void markIs(NboAttrLog::Mark const& mark) noexcept;
-      /// It has been applied. \return whether the reactors are owed word of it
-      bool given() noexcept;
+      /// Whether the reactors are owed word.
+      bool isOwed() const noexcept { return note_ && !note_.mapped().isTold; }
+      /// There was no memory to apply it: where nobody has been told, the note goes back. The owner will be asked again.
+      void failed() noexcept;
 
    private:
-      void untoldAgain() noexcept;
-
       MoxNboAttrLogSa& sa_;
       NboAttrLog::MarkMap<NboAttrLog::Untold>::node_type note_;
    };
