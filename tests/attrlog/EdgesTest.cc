@@ -3,6 +3,7 @@
 
 #include "Peer.h"
 #include "entities/Cl10010ConfigDir.h"
+#include "entities/Cl10010Status.h"
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>
@@ -52,6 +53,29 @@ TEST_F(Edges, WhatOneConnectionWasOwedIsNotToldOnTheNext) {
    Peer again(end);
    ASSERT_TRUE(again.tell());
    EXPECT_EQ(again.heard(), Lines{}) << "this peer has asked for nothing";
+}
+
+TEST_F(Edges, ARefreshOfAKeyThatCannotBeIsCountedAndTheConnectionGoesOn) {
+   Peer peer(end);
+   mounts(peer);
+   ASSERT_TRUE(peer.tell());
+   peer.heard();
+   peer.out->control(Refresh{EntityId::assigned(1, 0, 1), 258, "a"}); // no name has a single byte
+   EXPECT_TRUE(peer.tell()) << end.failure();
+   EXPECT_EQ(end.counters().badValues, 1u);
+   EXPECT_EQ(peer.reports.size(), 1u);
+}
+
+/// A peer that lacks the type makes the entity as the base that it knows.
+TEST_F(Edges, AnAnnouncementNamesTheBasesToo) {
+   end.exportRoot(make<Cl10010Status>("status", nullptr, nullptr));
+   Peer peer(end);
+   peer.out->control(Mount{1, MountMode::readOnly, "status"});
+   ASSERT_TRUE(peer.tell());
+   auto const said = hex(peer.said());
+   for (std::string_view const type : {"Hardware::ClariPhy::Cl10010Status", "Hardware::Phy::PhyStatus"})
+      EXPECT_NE(said.find(hex({reinterpret_cast<std::uint8_t const*>(type.data()), type.size()})), std::string::npos)
+         << type;
 }
 
 TEST_F(Edges, WhatIsExportedOrMirroredCannotBeMountedNorWhatHoldsIt) {

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <utility>
 
 namespace Mox::NboAttrLog {
 namespace {
@@ -32,7 +33,9 @@ TEST_F(HandmadeOwner, LiveIsToldBehindTheLastOfWhatItTells) {
    peer->member(root, 258, "port", member);
    marks(root, 258, stop);
    ASSERT_TRUE(peer->tell());
-   states.clear();
+   EXPECT_EQ(std::exchange(states, {}),
+             (Lines{"config stale", "refs stale", "status stale", "config syncing", "refs syncing", "status syncing"}))
+      << "each once, though all is syncing before it is granted";
    auto const expectNothing = [&](char const* why) {
       EXPECT_TRUE(peer->tell()) << end.failure();
       EXPECT_EQ(states, Lines{}) << why;
@@ -56,6 +59,37 @@ TEST_F(HandmadeOwner, LiveIsToldBehindTheLastOfWhatItTells) {
    marks(member, 389, AttrTransactionType::abort);
    EXPECT_TRUE(peer->tell());
    EXPECT_EQ(dir->phyConfig("port")->calibration().size(), 1u) << "nothing is swept";
+}
+
+TEST_F(HandmadeOwner, MayAnswerForItsRootsInTurn) {
+   connect();
+   constexpr EntityId orphan = Peer::id(nextSlot);
+   peer->announce("Fru::Gpo", "gpo", orphan);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   auto const gpo = end.demuxer().mirrorOf(orphan);
+   peer.emplace(end);
+   tell(root, member);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   EXPECT_EQ(end.state("config"), State::live);
+   peer->grant(2, refsRoot);
+   peer->announce("Fru::Gpo", "gpo", orphan);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   EXPECT_EQ(end.demuxer().mirrorOf(orphan), gpo) << "bound in place: the second root may refer to it";
+}
+
+TEST_F(HandmadeOwner, IsAskedForTheWholeCollectionWhereItTakesNoKeyOfThatLength) {
+   peer.emplace(end, Hello{.incarnation = 7, .maximumFrame = frame::maximumHello, .highestSlot = 9, .name = "short"});
+   tell(root, member);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   peer->heard();
+   Name const mine(std::string(frame::maximumHello, 'x'));
+   EXPECT_THROW(dir->phyConfigIs(mine), ReadOnlyException);
+   EXPECT_EQ(peer->heard(), Lines{"refresh"});
+   marks(root, 258, AttrTransactionType::begin);
+   peer->member(root, 258, "port", member);
+   marks(root, 258, AttrTransactionType::end);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   EXPECT_EQ(dir->phyConfig(mine), nullptr);
 }
 
 /// Two statuses of one name that belong nowhere, told apart by what they were made from.

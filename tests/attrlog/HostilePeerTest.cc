@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 
@@ -35,6 +36,7 @@ TEST_F(Told, WhatItCannotHoldIsCountedAndNamedAndTheConnectionGoesOn) {
                   noType = &C::unknownTypes, stale = &C::staleRecords;
    constexpr auto nothing = static_cast<U64 C::*>(nullptr);
    auto const before = dumpLines(*dir);
+   EXPECT_TRUE(std::is_sorted(before.begin(), before.end())) << "by path, also across the levels of a type";
    for (auto const& [what, say, counter, text] : std::vector<Case>{
            {"above the range", record(member, 394, 2.0F), bad, ", /config/port.rollOff (394): RollOff::value < "},
            {"an enumerator of later", record(member, 294, 99u), noEnum, ", /config/port.diagsMode (294): "},
@@ -150,8 +152,8 @@ TEST_F(Told, MembersThatCannotBeMadeKeepTheirIdentifiers) {
 TEST_F(Told, AnEntityOfALaterTypeIsMirroredAsTheBaseThatIsKnown) {
    EntityId const spi = Peer::id(nextSlot);
    peer->record(orphanAnnouncement, attr::orphan, Section{1}, TypeId{"Later::Accelerator"},
-                TypeId{"Hardware::Spi::Accelerator"}, Section{2}, std::string_view("of later"), Section{3},
-                std::string_view("spi"), 7u, Section{4}, spi);
+                TypeId{"Hardware::Spi::Accelerator"}, TypeId{"Fru::Gpo"}, Section{2}, std::string_view("of later"),
+                Section{3}, std::string_view("spi"), 7u, Section{4}, spi);
    peer->record(spi, 258, 400u);
    peer->record(spi, 386, 1u); // of the level that this side lacks
    peer->record(spi, 259, true);
@@ -162,6 +164,15 @@ TEST_F(Told, AnEntityOfALaterTypeIsMirroredAsTheBaseThatIsKnown) {
    EXPECT_EQ(port->spiAccel()->clockRate(), 400u);
    EXPECT_TRUE(port->spiAccel()->ready());
    EXPECT_EQ(end.counters().unknownAttributes, 1u);
+   // So is a root.
+   peer.emplace(end);
+   peer->grant(1, root);
+   peer->record(orphanAnnouncement, attr::orphan, Section{1}, TypeId{"Later::ConfigDir"},
+                TypeId{"Hardware::ClariPhy::Cl10010ConfigDir"}, Section{3}, std::string_view("config"), Section{4},
+                root);
+   peer->record(root, attr::syncMode, 1u);
+   ASSERT_TRUE(peer->tell()) << end.failure();
+   EXPECT_EQ(end.state("config"), LinkEnd::State::live) << end.reason("config");
 }
 
 TEST(Damage, EndsInARecordASkipOrAClosedConnection) {

@@ -105,6 +105,17 @@ TEST(Requests, AreMadeAsFarAsThePeersWindowGoes) {
    EXPECT_FALSE(end.quiet()) << "not all are answered";
 }
 
+TEST_F(Told, AnEndIsNotQuietWithHalfAFrame) {
+   ASSERT_TRUE(end.quiet());
+   peer->record(member, 388, 6u);
+   Bytes const bytes = bytesOf(*peer->out);
+   end.bytesArrived(std::span(bytes).first(bytes.size() - 1));
+   EXPECT_FALSE(end.quiet());
+   end.bytesArrived(std::span(bytes).last(1));
+   peer->heard();
+   EXPECT_TRUE(end.quiet());
+}
+
 TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {
    for (bool const connects : {false, true}) {
       SCOPED_TRACE(connects);
@@ -121,6 +132,7 @@ TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {
       EXPECT_EQ(peer->tell(), connects);
       EXPECT_EQ(port->refClock(), 6u);
       EXPECT_EQ(states.at(0), "config stale");
+      EXPECT_EQ(end.reason("config"), connects ? "" : "enough");
       EXPECT_EQ(end.failure(), "");
       EXPECT_EQ(beginningOf(end), connects ? greeting : Lines{});
    }

@@ -115,6 +115,19 @@ TEST_F(Promise, LiveWaitsForTheMemberThatWaitsForAnother) {
    expectSame();
 }
 
+TEST_F(Promise, AnEndIsNotQuietWhileThePeerHoldsWhatHasGone) {
+   auto gpo = make<Fru::Gpo>("gpo");
+   port->resetUcIs(gpo);
+   settle();
+   port->resetUcIs(nullptr);
+   settle();
+   ASSERT_TRUE(left.quiet());
+   gpo = nullptr;
+   EXPECT_FALSE(left.quiet());
+   settle();
+   expectSame();
+}
+
 TEST_F(Promise, WhatIsTooLongForThePeerIsCountedAndToldOnceAndTheRestGoesOn) {
    Name const longName(std::string(600, 'x'));
    struct Case {
@@ -192,8 +205,11 @@ TEST_F(Promise, WherePeersTakeNoMoreIdentifiersTheRootIsRefusedAndKeepsWhatItHas
 }
 
 TEST_F(Promise, WhoIsToldOfWhatIsTooLongMayEndTheRootThatIsBeingTold) {
-   for (char c = 'a'; c < 'u'; ++c)
+   for (char c = '!'; c <= '~'; ++c)
       ours->phyConfigIs(Name(std::string(600, c)));
+   connect(512);
+   EXPECT_LT(reports.size(), 70u) << "many, and no more are kept while a drain runs";
+   EXPECT_TRUE(reports.back().ends_with(" more of what could not be told")) << reports.back();
    for (bool const cuts : {true, false}) {
       SCOPED_TRACE(cuts);
       int told = 0;
