@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <sys/socket.h>
@@ -31,7 +32,10 @@ using Kind = PeerEvent::Kind;
 
 struct Served : testing::Test {
    Served() {
-      server_.onPeer([this](PeerEvent const& event) { events_.push_back(event); });
+      server_.onPeer([this](PeerEvent const& event) {
+         events_.push_back(event);
+         EXPECT_THROW(server_.pollOnce(0ms), InternalException) << "from inside a poll";
+      });
       server_.onState([this](Name const&, State state) { states_.push_back(textOf(state)); });
    }
    /// Polls all in turn until `done()`.
@@ -53,6 +57,7 @@ struct Served : testing::Test {
       }
       EXPECT_EQ(times, 4);
       EXPECT_EQ(server_.auditErrors(), 0u);
+      EXPECT_EQ(std::adjacent_find(states_.begin(), states_.end()), states_.end()) << "a state that stays is not told";
    }
 
    PrivateFolder folder_;
@@ -90,6 +95,7 @@ TEST_F(Served, ManyClientsMirrorTheSameAndOneThatSpeaksAnotherTongueEndsAlone) {
    auto const inSecond = second.mount<Cl10010ConfigDir>("config");
    first.connect(path_);
    second.connect(path_);
+   EXPECT_THROW(second.connect(path_), InternalException) << "it is connected";
    settle(first, second);
    ASSERT_NE(inSecond->phyConfig("before"), nullptr);
 
