@@ -61,6 +61,7 @@ TEST(RollOff, TakesTheClosedIntervalAndNothingElse) {
    using Phy::Coherent::RollOff;
    for (double const good : {0.0, -0.0, 1e-300, 0.2, 1.0})
       EXPECT_EQ(RollOff(good).value, static_cast<float>(good));
+   EXPECT_TRUE(RollOff(0.2) == 0.2) << "the float next to it";
    // Some would be 1 and 0 as floats.
    for (double const bad : {1.0 + 1e-12, -1e-300, std::nan(""), -std::nan(""), HUGE_VAL})
       EXPECT_EQ(thrownBy<RangeException>([&] { RollOff{bad}; }),
