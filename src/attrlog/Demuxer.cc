@@ -719,21 +719,19 @@ void Demuxer::refreshesAsk() {
             return;
          Mark const& mark = *unasked.begin();
          std::vector<std::uint8_t> key;
-         try {
-            if (mark.hasKey)
-               sa.writeKey(mark, key);
-         } catch (EnumException const&) {
-            key.clear(); // nobody can be asked for such a key: the whole attribute comes, and its sweep takes the entry along
-         }
          auto const ask = [&] {
             out_->control(Refresh{sa.entityId(),
                                   static_cast<std::int32_t>(mark.attribute),
                                   {reinterpret_cast<char const*>(key.data()), key.size()}});
          };
          try {
+            if (mark.hasKey)
+               sa.writeKey(mark, key);
             ask();
-         } catch (RecordTooLong const&) {
-            key.clear(); // as above
+         } catch (Exception const&) {
+            // A key that is no enumerator, or too long for the frame or for the peer: nobody can be asked for it. The whole
+            // attribute comes, and its sweep takes the entry along.
+            key.clear();
             ask();
          }
          unasked.erase(unasked.begin());

@@ -71,6 +71,7 @@ void In::keep() {
       arrived_ = {};
    }
    reading_ = false;
+   noFrame();
 }
 
 std::size_t In::keptBytes() const noexcept {
@@ -79,9 +80,7 @@ std::size_t In::keptBytes() const noexcept {
 }
 
 void In::reset() noexcept {
-   at_ = limit_ = nullptr;
-   body_ = {};
-   header_ = noHeader.data();
+   noFrame();
    base_ = 0;
    word_ = plainLengths_ = 0;
    helloSeen_ = broken_ = reading_ = carriedInHand_ = false;
@@ -111,6 +110,7 @@ bool In::nextOfAny() {
             return true;
       } else if (waiting_.empty()) {
          reading_ = false;
+         noFrame();
          if (queue_.capacity() > keptCapacity)
             queue_ = {};
          return false;

@@ -269,6 +269,13 @@ private:
    void markBroken() noexcept;
    [[noreturn]] void throwBroken(std::string const& text);
 
+   /// No frame is in hand: the bytes of the last are the caller's again.
+   void noFrame() noexcept {
+      at_ = limit_ = nullptr;
+      body_ = {};
+      header_ = noHeader.data();
+   }
+
    std::uint8_t const* at_ = nullptr;    ///< next byte of the body
    std::uint8_t const* limit_ = nullptr; ///< end of the readable bytes: the open section's, or the body's
    std::span<std::uint8_t const> body_;

@@ -90,7 +90,10 @@ public:
    bool hasDirtyAttributes() const override;
    bool collectionsHaveSynced() const override;
    bool hasWork() const override;
-   void woken() override { still_ = {}; }
+   void woken() override {
+      still_ = {};
+      Base::woken();
+   }
    void openCollections(std::vector<AttributeId>& ids) const override;
    std::size_t dirtyKeys() const override;
    bool isMarked(Mark const& m) const override;
@@ -214,6 +217,7 @@ private:
    template <class A> void markKey(A, typename A::Key const& key);
    template <class A, class... Key> void writeNow(A, Key const&... key);
    template <class A> bool writeKeyNow(A, typename A::Key const& key);
+   template <class A> void unparked(A a, typename A::Key const& key);
    template <class A> bool serialize(A, typename A::Key const& key);
    template <class A> void writeEntry(A, typename A::Key const& key, typename A::Entry& entry);
    template <class A> void writeRemoval(A, typename A::Key const& key);

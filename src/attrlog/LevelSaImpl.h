@@ -203,9 +203,7 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    [[maybe_unused]] bool const isSuccessor = this->successorTaken(Mark(A::id, key));
    if (present == nullptr && before != nullptr && !before->isKnown) {
       flow.dirtyKeyDel(a, key);
-      // Nor does it wait for anything any more, and its collection not for it.
-      this->parkedDel(Mark(A::id, key));
-      flow.isStillIs(a, false);
+      unparked(a, key);
       return;
    }
    DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
@@ -371,8 +369,18 @@ template <class X> template <class A> bool LevelSa<X>::writeKeyNow(A a, typename
    } catch (EnumException const& e) {
       this->demuxer_->unsent(*this, A::id, e);
    }
-   this->parkedDel(Mark(A::id, key));
+   unparked(a, key);
    return true;
+}
+
+/// The key waits for nothing any more, nor does the end of its collection wait for the key.
+template <class X> template <class A> void LevelSa<X>::unparked(A a, typename A::Key const& key) {
+   if (this->parkedCount() == 0 || !this->parkedDel(Mark(A::id, key))) [[likely]]
+      return;
+   if (Flow* const flow = flowOut()) {
+      flow->isStillIs(a, false);
+      this->demuxer_->createFlowOut(*this);
+   }
 }
 
 template <class X>
@@ -987,6 +995,10 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
       return;
    }
+   // Whoever applies an announcement lets go of what it replaces; whoever applies a value does not.
+   if (in.header().kind != kind::childLog)
+      throw AttrLogRecordException("a member announced by a record of kind " + std::to_string(in.header().kind) +
+                                   ", expected " + std::to_string(kind::childLog));
    demuxer.checkAnnounced(id);
    if (Demuxer::depthOf(object()) >= frame::maximumDepth)
       throw ProtocolException(in.where() + ": a member below " + std::to_string(frame::maximumDepth) +
@@ -1042,6 +1054,8 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
 }
 
 template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTransactionType type, unsigned count) {
+   if (this->demuxer_ == nullptr)
+      return 0;
    visitAttribute<X>(aid, [&](auto a) {
       if constexpr (a.isKeyed) {
          switch (type) {

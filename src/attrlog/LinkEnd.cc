@@ -264,6 +264,17 @@ std::string const& LinkEnd::reason(Name const& root) const {
    return mountOf(root).reason;
 }
 
+/// Calls what the application gave. What it throws is no fault of the stream: it is reported behind the text that `what` makes.
+template <class Call, class Text> void LinkEnd::told(Call call, Text what) const {
+   try {
+      call();
+   } catch (std::exception const& e) {
+      demuxer_.report([&] { return what() + ": " + e.what(); });
+   } catch (...) {
+      demuxer_.report([&] { return what() + ": an exception that is no std::exception"; });
+   }
+}
+
 void LinkEnd::stateIs(Mount& mount, State state, std::string_view reason) {
    keep(mount.reason, reason);
    if (mount.state == state)
@@ -271,18 +282,8 @@ void LinkEnd::stateIs(Mount& mount, State state, std::string_view reason) {
    mount.state = state;
    if (stateCall_) {
       Name const name = mount.name; // the call may unmount
-      try {
-         stateCall_(name, state);
-      } catch (std::exception const& e) {
-         demuxer_.report([&] {
-            return "root " + std::string(quoted(name)) + ", told that it is " + textOf(state) + ": " + e.what();
-         });
-      } catch (...) {
-         demuxer_.report([&] {
-            return "root " + std::string(quoted(name)) + ", told that it is " + textOf(state) +
-                   ": an exception that is no std::exception";
-         });
-      }
+      told([&] { stateCall_(name, state); },
+           [&] { return "root " + std::string(quoted(name)) + ", told that it is " + textOf(state); });
    }
 }
 
@@ -799,7 +800,9 @@ void LinkEnd::on(Mounted const& mounted) {
    case MountState::open: {
       if (openingCall_ && !at->isOpen) {
          Name const name = at->name;
-         bool const isHere = openingCall_(name);
+         bool isHere = false;
+         told([&] { isHere = openingCall_(name); },
+              [&] { return "root " + std::string(quoted(name)) + ", told that the peer opens it"; });
          if (at = findHandle(mounted.handle); at == nullptr)
             break;
          if (!isHere || !at->mirror) {

@@ -92,7 +92,7 @@ public:
    /// asked for already; `unmount` withdraws it.
    void ask(Name const& root);
    /// \param call told that the peer opens `root`: moves the mirror to this end, if it shall be this peer's, and returns whether it
-   /// is here now. Where it is not, this end withdraws its request.
+   /// is here now. Where it is not, or the call throws, which is reported, this end withdraws its request.
    void onOpening(std::function<bool(Name const& root)> call) { openingCall_ = std::move(call); }
    /// Hands the mirror, which waits for its owner here, over to `to`; what it holds stays, and is bound there in place. This end
    /// asks for the root on.
@@ -190,6 +190,7 @@ private:
    Mount const& mountOf(Name const& name) const;
    std::size_t mirrorCount() const noexcept;
    void withdraw(Mount const& mount);
+   template <class Call, class Text> void told(Call call, Text what) const;
    void stateIs(Mount& mount, State state, std::string_view reason = {});
    void mirrorEnds(std::uint32_t handle, State state, std::string reason);
    void mirrorsMade();

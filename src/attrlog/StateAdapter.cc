@@ -342,6 +342,8 @@ void Sa::tooLong(AttributeId id, std::exception const& e) const {
 }
 
 void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count) {
+   if (demuxer_ == nullptr)
+      return;
    demuxer_->beforeRecord();
    demuxer_->out()->transactionMarker(entityId_, id, type, count);
 }

@@ -267,11 +267,8 @@ public:
    std::size_t parkedCount() const noexcept { return notes_ ? notes_->parked.size() : 0; }
    /// Whether a key of the attribute waits.
    bool isParked(AttributeId id) const noexcept;
-   /// The mark has been written, or waits no more.
-   void parkedDel(NboAttrLog::Mark const& mark) noexcept {
-      if (notes_) [[unlikely]]
-         notes_->parked.erase(mark);
-   }
+   /// The mark has been written, or waits no more. \return whether it waited
+   bool parkedDel(NboAttrLog::Mark const& mark) noexcept { return notes_ && notes_->parked.erase(mark) != 0; }
    /// No key of the attribute waits any more; of any with `attr::none`.
    void parkedDelAll(AttributeId id) noexcept;
 

@@ -58,6 +58,9 @@ TEST_F(ByHand, AnAdapterThatWasTakenOffHasNoStream) {
    mirrored();
    auto const sa = port->moxNboAttrLogSaDel(stream(link.left()));
    EXPECT_EQ(sa->handleAttrDeserialization(388, {}, 0, nullptr), 0);
+   for (auto const type : {AttrTransactionType::begin, AttrTransactionType::end})
+      EXPECT_EQ(sa->handleAttrTransaction(389, type, 0), 0);
+   sa->sendTransactionMarker(389, AttrTransactionType::end, 0);
    EXPECT_EQ(sa->handleAttrDeserialization(135, {}, 0, nullptr), 0);
    EXPECT_THROW(sa->doSerializeOrphan(), InternalException);
 }

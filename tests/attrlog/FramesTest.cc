@@ -153,6 +153,7 @@ TEST(FrameReading, WhatIsHandedInMeanwhileComesBehindTheRestAlsoBehindAnExceptio
    EXPECT_THROW(in->consume(std::span(stream).first(stream.size() - 32), take), RangeException);
    in->consume({}, take);
    EXPECT_EQ(frames, (Lines{"hello", "#5 388: 00000001", "#5 388: 00000002", "#5 388: 00000003"}));
+   EXPECT_EQ(in->remaining(), 0u) << "the bytes are the caller's again";
 }
 
 TEST(Writing, WhatFailsLeavesNoTrace) {

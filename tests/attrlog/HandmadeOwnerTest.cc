@@ -77,19 +77,22 @@ TEST_F(HandmadeOwner, MayAnswerForItsRootsInTurn) {
    EXPECT_EQ(end.demuxer().mirrorOf(orphan), gpo) << "bound in place: the second root may refer to it";
 }
 
-TEST_F(HandmadeOwner, IsAskedForTheWholeCollectionWhereItTakesNoKeyOfThatLength) {
-   peer.emplace(end, Hello{.incarnation = 7, .maximumFrame = frame::maximumHello, .highestSlot = 9, .name = "short"});
-   tell(root, member);
-   ASSERT_TRUE(peer->tell()) << end.failure();
-   peer->heard();
-   Name const mine(std::string(frame::maximumHello, 'x'));
-   EXPECT_THROW(dir->phyConfigIs(mine), ReadOnlyException);
-   EXPECT_EQ(peer->heard(), Lines{"refresh"});
-   marks(root, 258, AttrTransactionType::begin);
-   peer->member(root, 258, "port", member);
-   marks(root, 258, AttrTransactionType::end);
-   ASSERT_TRUE(peer->tell()) << end.failure();
-   EXPECT_EQ(dir->phyConfig(mine), nullptr);
+TEST_F(HandmadeOwner, IsAskedForTheWholeCollectionWhereNoKeyOfThatLengthCanTravel) {
+   for (auto const& [longest, size] : {std::pair{frame::maximumHello, frame::maximumHello},
+                                       std::pair{frame::defaultMaximum, std::uint32_t{0x10000}}}) {
+      peer.emplace(end, Hello{.incarnation = 7, .maximumFrame = longest, .highestSlot = 9, .name = "short"});
+      tell(root, member);
+      ASSERT_TRUE(peer->tell()) << end.failure();
+      peer->heard();
+      Name const mine(std::string(size, 'x'));
+      EXPECT_THROW(dir->phyConfigIs(mine), ReadOnlyException);
+      EXPECT_EQ(peer->heard(), Lines{"refresh"});
+      marks(root, 258, AttrTransactionType::begin);
+      peer->member(root, 258, "port", member);
+      marks(root, 258, AttrTransactionType::end);
+      ASSERT_TRUE(peer->tell()) << end.failure();
+      EXPECT_EQ(dir->phyConfig(mine), nullptr);
+   }
 }
 
 /// Two statuses of one name that belong nowhere, told apart by what they were made from.

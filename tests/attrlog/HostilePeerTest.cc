@@ -53,6 +53,8 @@ TEST_F(Told, WhatItCannotHoldIsCountedAndNamedAndTheConnectionGoesOn) {
            {"a marker of no type", marker(static_cast<AttrTransactionType>(9)), bad, "marker type 9"},
            {"an end without a begin", marker(AttrTransactionType::end), nothing, nullptr},
            {"an identifier that nobody announced", record(Peer::id(40), 388, 1u), stale, nullptr},
+           {"a member in a record for values",
+            [&] { peer->record(root, 258, std::string_view("another"), Peer::id(5)); }, bad, "kind 0, expected 151"},
            {"a member too short for its identifier", [&] { peer->member(root, 395, "fan"); }, bad, ""},
            {"a write to what this side owns", record(EntityId::assigned(3, 0, 1), 388, 1u), &C::refusedWrites,
             ": write-update from readonly proxy refused"},

@@ -116,6 +116,17 @@ TEST_F(Told, AnEndIsNotQuietWithHalfAFrame) {
    EXPECT_TRUE(end.quiet());
 }
 
+TEST_F(Told, WhatIsThrownByWhoIsAskedWhoseARootIsCountsAsNo) {
+   end.unmount("config");
+   end.onOpening([](Name const&) -> bool { throw std::runtime_error("no idea"); });
+   auto const again = end.mount<ConfigDir>("config");
+   peer->heard();
+   peer->grant(4, Peer::id(nextSlot));
+   EXPECT_TRUE(peer->tell()) << end.failure();
+   EXPECT_NE(peer->reports.back().find("no idea"), std::string::npos);
+   EXPECT_FALSE(end.isAnswered("config"));
+}
+
 TEST_F(Told, AReactorThatCutsOrConnectsAnewIsTheLastThatHearsOfThatStream) {
    for (bool const connects : {false, true}) {
       SCOPED_TRACE(connects);

@@ -128,6 +128,33 @@ TEST_F(Promise, AnEndIsNotQuietWhileThePeerHoldsWhatHasGone) {
    expectSame();
 }
 
+TEST_F(Promise, NoCollectionWaitsForAnEntryThatWaitsNoMore) {
+   auto const unexported = left.mount<Cl10010Config>("waits");
+   for (bool const isMadeAgain : {false, true}) {
+      statuses->phyStatusIs("old", nullptr, nullptr);
+      refs->phyConfigIs(make<Cl10010Config>("old"));
+      settle();
+      expectSame();
+      cut();
+      statuses->phyStatusDelAll();
+      refs->phyConfigDelAll();
+      statuses->phyStatusIs("waits", unexported, nullptr);
+      refs->phyConfigIs(unexported);
+      reconnect();
+      settle();
+      EXPECT_EQ(right.state("statuses"), State::syncing);
+      statuses->phyStatusDel("waits");
+      refs->phyConfigDel("waits");
+      if (isMadeAgain) {
+         statuses->phyStatusIs("waits", nullptr, nullptr);
+         refs->phyConfigIs(make<Cl10010Config>("waits"));
+      }
+      settle();
+      EXPECT_EQ(right.state("statuses"), State::live) << isMadeAgain;
+      expectSame();
+   }
+}
+
 TEST_F(Promise, WhatIsTooLongForThePeerIsCountedAndToldOnceAndTheRestGoesOn) {
    Name const longName(std::string(600, 'x'));
    struct Case {
