@@ -113,6 +113,23 @@ TEST_F(Promise, LiveWaitsForTheMemberThatWaitsForAnother) {
       settle();
    }
    expectSame();
+   // It may go on while the others are still told: the end comes behind it all the same.
+   for (unsigned i = 0; i < 20; ++i)
+      statuses->phyStatusIs(numbered("more", i), nullptr, nullptr);
+   settle();
+   cut();
+   right.exportDel(yours);
+   Log log;
+   auto const members = logged(statusesThere, Cl10010StatusDir::Attr::phyStatus, log);
+   reconnect();
+   for (int i = 0; i < 100 && left.footprint().stream.parked == 0; ++i) {
+      carry(left, right);
+      carry(right, left);
+   }
+   right.exportRoot(yours);
+   settle();
+   EXPECT_EQ(log, Log{});
+   expectSame();
 }
 
 TEST_F(Promise, AnEndIsNotQuietWhileThePeerHoldsWhatHasGone) {

@@ -5,6 +5,7 @@
 #include "containers/LinkedQueue.h"
 #include "containers/MapEntries.h"
 #include "containers/RbTreeMap.h"
+#include "containers/SnapshotStack.h"
 #include "support/Allocations.h"
 #include "support/Thrown.h"
 #include "values/Coherent.h"
@@ -15,6 +16,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -179,6 +181,18 @@ TEST(Array, RefusesAKeyPastItsRangeInTheKeysWordsAndIsUnchanged) {
         })
       EXPECT_EQ(thrownBy<Mox::RangeException>(call), "HostLane::value < 0 or > 9 not allowed");
    EXPECT_EQ(lanes.size(), 0u);
+}
+
+TEST(SnapshotStack, AnEmptyBlockIsNotTakenForTheOneBelow) {
+   // In a thread of its own, whose first block has 64 slots.
+   std::thread([] {
+      void** const low = Mox::SnapshotStack::push(40);
+      Mox::SnapshotStack::pop(Mox::SnapshotStack::push(40));
+      Mox::SnapshotStack::pop(low);
+      void** const wide = Mox::SnapshotStack::push(100);
+      EXPECT_NE(wide, low) << "100 slots where there are 64";
+      Mox::SnapshotStack::pop(wide);
+   }).join();
 }
 
 TEST(LinkedQueue, CopiesReferToTheSameObjectsInOrder) {
