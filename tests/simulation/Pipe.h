@@ -15,10 +15,8 @@ namespace Simulation {
 /// One direction of a connection: takes what the sender has, as far as its room goes, and hands it over in pieces of any size.
 class Pipe {
 public:
-   bool isStalled(unsigned now) const noexcept { return now < stalledUntil_; }
-   void stall(unsigned until) noexcept { stalledUntil_ = until; }
-   /// For that many pieces the pieces are of one to three bytes.
-   void splitStorm(unsigned pieces) noexcept { storm_ = pieces; }
+   bool isStalled(std::size_t now) const noexcept { return now < stalledUntil_; }
+   void stall(std::size_t until) noexcept { stalledUntil_ = until; }
 
    /// \return whether a byte moved
    bool carry(Mox::LinkEnd& from, Mox::LinkEnd& to, Words& words, bool isWhole) {
@@ -31,12 +29,7 @@ public:
          moved = true;
       }
       if (!bytes_.empty()) {
-         std::size_t n = isWhole ? bytes_.size() : 1 + words.below(bytes_.size());
-         if (storm_ != 0) {
-            n = std::min(bytes_.size(), 1 + words.below(3));
-            --storm_;
-         }
-         deliver(to, n);
+         deliver(to, isWhole ? bytes_.size() : 1 + words.below(bytes_.size()));
          moved = true;
       }
       return moved;
@@ -53,7 +46,7 @@ public:
       if (!bytes_.empty())
          deliver(to, words.below(bytes_.size() + 1));
       bytes_.clear();
-      stalledUntil_ = storm_ = 0;
+      stalledUntil_ = 0;
    }
    bool empty() const noexcept { return bytes_.empty(); }
 
@@ -67,8 +60,7 @@ private:
 
    std::vector<std::uint8_t> bytes_;
    static constexpr std::size_t room_ = 2000;
-   unsigned stalledUntil_ = 0;
-   unsigned storm_ = 0;
+   std::size_t stalledUntil_ = 0;
 };
 
 } // namespace Simulation

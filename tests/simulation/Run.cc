@@ -44,29 +44,13 @@ Run::Kind const Run::kinds[] = {
     true, "export closed"},
    {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
    {3, "remount", [](Run&, World& w, Words& words) { w.unmountSome(words); }, true, "remount"},
-   {16, "stall",
-    [](Run& r, World& w, Words& words) {
-       Pipe& pipe = r.pipeFrom(w, words);
-       pipe.stall(r.now_ + 10 + static_cast<unsigned>(words.below(80)));
-    },
-    false, "stall"},
-   {5, "split storm", [](Run& r, World& w, Words& words) { r.pipeFrom(w, words).splitStorm(100); }, false,
-    "split storm"},
-   {10, "ping",
-    [](Run&, World& w, Words& words) {
-       Port& port = w.onePort(words);
-       port.stream().out()->control(NboAttrLog::Ping{words.next()});
-    }},
+   {16, "stall", [](Run& r, World&, Words& words) { r.onePipe(words).stall(r.now_ + 10 + words.below(80)); }, false,
+    "stall"},
    {6, "bytes without memory", [](Run& r, World&, Words& words) { r.bytesWithoutMemory(words); }, true},
    {10, "cut", [](Run& r, World&, Words& words) { r.cut(r.linkOf(words), words); }, true},
    {20, "connect", [](Run& r, World&, Words& words) { r.connect(r.linkOf(words)); }},
    {3, "restart", [](Run& r, World& w, Words& words) { r.restart(w, words); }, true},
    {4, "settle and compare", [](Run& r, World&, Words&) { r.settleAndCompare("on the way"); }},
-   {15, "check",
-    [](Run& r, World&, Words&) {
-       for (World& world : r.worlds_)
-          world.checkMemory();
-    }},
 };
 
 std::vector<Step> Run::stepsOf(U64 seed) {
@@ -182,15 +166,6 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
 }
 
 // Links -----------------------------------------------------------------------------------------------------------------
-
-Pipe& Run::pipeFrom(World const& world, Words& words) noexcept {
-   for (;;) {
-      Link& link = linkOf(words);
-      for (std::size_t side = 0; side < 2; ++side)
-         if (&link.ports[side]->world == &world)
-            return link.pipes[side];
-   }
-}
 
 bool Run::carry(Link& link, std::size_t from, Words& words, bool isWhole) {
    if (!link.isUp || link.pipes[from].isStalled(now_))
@@ -370,12 +345,10 @@ void Run::settle(char const* when) {
       if (!told)
          return;
    }
-   std::string text = std::string("does not become quiet ") + when + ":";
+   std::string text = std::string("does not become quiet ") + when;
    forEachPort([&](Port& port) {
-      text += std::string("\n   ") + port.world.side() + " to " + port.owners[0] +
-              (port.end->isConnected() ? "" : " is not connected,") + (port.end->quiet() ? " is quiet," : "") +
-              sizesOf(port.stream().footprint()) + (port.stream().owes() ? ", owes" : "") + "\n" +
-              port.world.lastReport();
+      text += std::string("\n   ") + port.world.side() + " to " + port.owners[0] + sizesOf(port.stream().footprint()) +
+              "\n" + port.world.lastReport();
    });
    throw Divergence(text);
 }

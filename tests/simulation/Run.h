@@ -49,13 +49,11 @@ inline Situation const situations[] = {
    {"cut"},
    {"reconnect"},
    {"stall"},
-   {"split storm"},
    {"allocation failure"},
    {"paused adapter"},
    {"export closed"},
    {"remount"},
    {"collection restarted", &Situation::Counters::collectionRestarts},
-   {"collection aborted"},
    {"ends that wait for each other", &Situation::Counters::brokenWaits},
    {"two mirrors of one root"},
    {"chain"},
@@ -115,7 +113,7 @@ private:
    void cut(Link& link, Words& words);
    void restart(World& world, Words& words);
    Link& linkOf(Words& words) noexcept { return links_[words.below(links_.size())]; }
-   Pipe& pipeFrom(World const& world, Words& words) noexcept;
+   Pipe& onePipe(Words& words) noexcept { return linkOf(words).pipes[words.below(2)]; }
    bool carry(Link& link, std::size_t from, Words& words, bool isWhole);
    void carry(Words& words) {
       Link& link = linkOf(words);

@@ -459,17 +459,6 @@ std::string identityOf(Entity const* entity) {
    return entity == nullptr ? "null" : std::to_string(reinterpret_cast<std::uintptr_t>(entity));
 }
 
-std::size_t mostDirtyKeys(Entity& entity) {
-   std::size_t most = 0;
-   asItself(entity, [&]<class X>(X& e) {
-      AllOf<X>::List::forEach([&](auto a) {
-         if constexpr (a.hasEntries)
-            most += 2 * a.cell(e).size() + 64;
-      });
-   });
-   return most;
-}
-
 Reactor react(Entity& entity, int role, U64 word, unsigned budget, World& world) {
    return attach(entity, Caller{role, word, budget, world});
 }

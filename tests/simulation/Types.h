@@ -47,8 +47,6 @@ void contest(Entity& truth, Entity& copy, Words& words, World& owner, World& mir
 void crowd(Entity& entity, Words& words, World& world);
 /// Sets a scalar while the next allocation fails. \return whether it did
 bool changeWithoutMemory(Entity& entity, Words& words);
-/// 2 × members + 64, over all collections: how many keys may be dirty.
-std::size_t mostDirtyKeys(Entity& entity);
 
 /// What was told about one mirror entity, by the weak reactor that records it.
 struct History {

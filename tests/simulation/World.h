@@ -251,20 +251,15 @@ public:
    }
    /// Somebody here keeps an entity of the other world, as a target of references for one.
    void adopt(Words& words) {
-      Ptr<Entity> const from = mirror(words);
-      if (!from)
-         return;
-      Snapshot const all = snapshotOf(*from, identityOf);
-      if (all.entities.empty())
-         return;
-      auto at = all.entities.begin();
-      std::advance(at, static_cast<std::ptrdiff_t>(words.below(all.entities.size())));
-      held_.push_back(Ptr<Entity>(at->second));
+      if (Ptr<Entity> const entity = mirror(words))
+         held_.push_back(entity);
    }
 
    // Choices.
-   Ptr<Entity> own(Words& words) const { return oneOf(roots_, true, words); }
-   Ptr<Entity> mirror(Words& words) const { return oneOf(allMirrors(), false, words); }
+   Ptr<Entity> own(Words& words) const {
+      return oneOf(words.chance(90) ? roots_ : words.chance(60) ? siblings_ : held_, words);
+   }
+   Ptr<Entity> mirror(Words& words) const { return oneOf(allMirrors(), words); }
    void addReactor(Words& words) {
       Port const& port = onePort(words);
       Ptr<Entity> const entity = words.chance(50)   ? own(words)
@@ -436,53 +431,29 @@ private:
                all.push_back(mirror);
       return all;
    }
-   Ptr<Entity> oneOf(Entities const& roots, bool withSiblings, Words& words) const {
-      Entities all;
-      std::vector<std::size_t> firsts; // of the roots that have members
-      for (Ptr<Entity> const& root : roots)
-         if (root) {
-            std::size_t const first = all.size();
-            addMembers(*root, all);
-            if (all.size() != first)
-               firsts.push_back(first);
-         }
-      // A few members get most of the changes: each would be met too seldom otherwise.
-      if (!all.empty() && words.chance(70)) {
-         std::size_t const first = firsts[words.below(firsts.size())];
-         return all[first + words.below(std::min<std::size_t>(all.size() - first, 5))];
-      }
-      std::copy_if(roots.begin(), roots.end(), std::back_inserter(all), [](auto const& root) { return !!root; });
-      if (withSiblings) {
-         all.insert(all.end(), siblings_.begin(), siblings_.end());
-         all.insert(all.end(), held_.begin(), held_.end());
-      }
-      return all.empty() ? nullptr : all[words.below(all.size())];
+   /// A root or what it holds. A few members of directories, which come first, get most of the changes: each would be met too
+   /// seldom otherwise.
+   static Ptr<Entity> oneOf(Entities const& roots, Words& words) {
+      Entities all = roots;
+      if (words.chance(70))
+         all.resize(std::min<std::size_t>(all.size(), 4));
+      if (all.empty())
+         return nullptr;
+      Ptr<Entity> const root = all[words.below(all.size())];
+      all.clear();
+      addMembers(*root, all);
+      if (all.empty() || words.chance(10))
+         return root;
+      return all[words.below(words.chance(80) ? std::min<std::size_t>(all.size(), 5) : all.size())];
    }
    void audit(Port& port) {
       auto& stream = port.stream();
       auto const f = stream.footprint();
-      auto const allows = [this](std::string const& what, std::size_t n, std::size_t most) {
-         if (n > most)
-            diverges("audit: " + what + " has " + std::to_string(n) + ", at most " + std::to_string(most) +
-                     " are allowed");
-      };
       // One group: markers, the announcements that a record needs, the record. Control: hello, mounts, a retirement for each slot.
-      allows("the buffer", stream.out()->highWater(), port.mark + 2048 + 1024 + 32 * f.slots);
-      allows("the list of retirements", f.retirements, f.slots);
-      stream.forEachAdapter([&](Sa& sa) {
-         if (sa.entity() == nullptr)
-            return;
-         std::size_t const keys = sa.flow() ? sa.flow()->dirtyKeys() : 0;
-         if (keys > 64)
-            allows("a list of dirty keys", keys, mostDirtyKeys(*sa.entity()));
-         if (sa.parkedCount() > 200)
-            allows("a list of parked marks", sa.parkedCount(), 200 + mostDirtyKeys(*sa.entity()));
-         if (std::vector<Mox::AttributeId> open; sa.owesAll() && sa.flow()) {
-            sa.flow()->openCollections(open);
-            if (!open.empty())
-               surroundings_.count("collection aborted");
-         }
-      });
+      if (std::size_t const most = stream.out()->highWater(); most > port.mark + 2048 + 1024 + 32 * f.slots)
+         diverges("the buffer has held " + std::to_string(most) + " bytes");
+      if (f.retirements > f.slots)
+         diverges(std::to_string(f.retirements) + " are to be retired");
       // A collection is sent again only where more of its names are gone than that would take.
       U64 const restarts = std::exchange(port.restarts, stream.counters().collectionRestarts);
       std::size_t const keys = std::exchange(port.dirtyKeys, f.dirtyKeys) + writes_;
