@@ -37,15 +37,19 @@ Run::Kind const Run::kinds[] = {
    {8, "pause adapter", [](Run&, World& w, Words& words) { w.pause(words); }, true},
    {8, "resume adapter", [](Run&, World& w, Words& words) { w.resume(words); }, true},
    {3, "close export",
-    [](Run&, World& w, Words& words) {
+    [](Run& r, World& w, Words& words) {
        Port& port = w.onePort(words);
        port.closeExport(words.below(port.open.size()));
+       r.count("export closed");
     },
-    true, "export closed"},
+    true},
    {5, "open exports", [](Run&, World& w, Words&) { w.openExports(); }},
-   {3, "remount", [](Run&, World& w, Words& words) { w.unmountSome(words); }, true, "remount"},
-   {16, "stall", [](Run& r, World&, Words& words) { r.onePipe(words).stall(r.now_ + 10 + words.below(80)); }, false,
-    "stall"},
+   {3, "remount", [](Run&, World& w, Words& words) { w.unmountSome(words); }, true},
+   {16, "stall",
+    [](Run& r, World&, Words& words) {
+       r.onePipe(words).stall(r.now_ + 10 + words.below(80));
+       r.count("stall");
+    }},
    {6, "bytes without memory", [](Run& r, World&, Words& words) { r.bytesWithoutMemory(words); }, true},
    {10, "cut", [](Run& r, World&, Words& words) { r.cut(r.linkOf(words), words); }, true},
    {20, "connect", [](Run& r, World&, Words& words) { r.connect(r.linkOf(words)); }},
@@ -119,12 +123,9 @@ void Run::play(std::vector<Step> const& steps) {
       ++now_;
       Words words(step.word);
       World& world = worlds_[words.below(worlds_.size())];
-      Kind const& kind = kinds[step.kind];
       count("steps");
       isCalm_ = step.isCalm;
-      kind.happens(*this, world, words);
-      if (kind.fault != nullptr)
-         count(kind.fault);
+      kinds[step.kind].happens(*this, world, words);
       throwIfWrong();
       for (World& each : worlds_) // what is wrong for a moment only is found too
          each.audit();
@@ -159,7 +160,6 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
       carry(words);
    } else if (role < 98 && !isEnding_ && !isCalm_) {
       world.unmountSome(words);
-      count("remount");
    } else if (role >= 98 && !isCalm_) {
       cut(linkOf(words), words);
    }
@@ -362,10 +362,8 @@ void Run::settleAndCompare(char const* when) {
    } while (!std::all_of(worlds_.begin(), worlds_.end(), [](World const& world) { return world.isWhole(); }));
    for (World& world : worlds_)
       world.checkMemory();
-   bool isLimited = false;
-   for (Link const& link : links_)
-      for (Port const* const port : link.ports)
-         isLimited |= link.longestFrame != 0 || port->end->counters().unsentEnums != 0;
+   bool const isLimited =
+      std::any_of(links_.begin(), links_.end(), [](Link const& link) { return link.longestFrame != 0; });
    // Behind few identifiers a root may be given up: what refers to it then, on whatever link, can't be told.
    isGivenUp_ = false;
    forEachPort([&](Port& port) {
@@ -454,7 +452,7 @@ void Run::compare(Link const& link, std::size_t side) {
 
 /// Whether the mirror may lack what `text` stands for, in the owner: it can't be sent.
 bool Run::isBehind(std::string const& text, Entity* target, unsigned depth) const {
-   if (text == std::to_string(noEnumerator) || (isLimited_ && text.size() >= tooLong))
+   if (isLimited_ && text.size() >= tooLong)
       return true;
    if (!isLimited_ || target == nullptr || depth == 0)
       return false;
@@ -501,8 +499,7 @@ void Run::compareEntities(Entity& truth, Entity& copy, std::string const& path) 
             auto const target = ours.entities.find(cell);
             // What is referred to may be the mirror's own.
             if (a != b && !isBehind(a, target == ours.entities.end() ? nullptr : target->second, 3) &&
-                !isBehind(b, nullptr, 0) && !isBehind(cell.key, nullptr, 0) && !isUnanswered(truth, cell.attribute) &&
-                cell.key != "[" + std::to_string(noEnumerator) + "]")
+                !isBehind(b, nullptr, 0) && !isBehind(cell.key, nullptr, 0) && !isUnanswered(truth, cell.attribute))
                expect("." + truth.attributeString(cell.attribute).str() + cell.key, a, b);
          }
    for (auto const& [cell, target] : ours.entities)

@@ -84,8 +84,7 @@ private:
       unsigned weight;
       char const* text;
       void (*happens)(Run&, World&, Words&);
-      bool heals = false;          ///< entities are told whole afterwards: none in a calm stretch
-      char const* fault = nullptr; ///< that it is
+      bool heals = false; ///< entities are told whole afterwards: none in a calm stretch
    };
    static Kind const kinds[];
 

@@ -18,8 +18,6 @@
 
 namespace Simulation {
 
-/// A number that no enumeration has.
-constexpr int noEnumerator = 119;
 /// Texts from that length on lie above the frame of a peer with a limit.
 constexpr std::size_t tooLong = 150;
 
@@ -29,8 +27,6 @@ template <class V> V makeValue(Words& words) {
       return words.chance(50);
    } else if constexpr (Mox::Enumeration<V>) {
       auto const& rows = Mox::enumTable<V>.rows;
-      if (words.chance(3))
-         return static_cast<V>(noEnumerator);
       return static_cast<V>(rows[words.below(rows.size())].number);
    } else if constexpr (std::floating_point<V>) {
       V const values[] = {0,

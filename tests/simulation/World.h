@@ -207,6 +207,7 @@ public:
       });
    }
    void unmountSome(Words& words) {
+      surroundings_.count("remount");
       Port& port = onePort(words);
       unmount(port, words.below(port.mirrors.size()));
       if (words.chance(60))
@@ -251,15 +252,18 @@ public:
    }
    /// Somebody here keeps an entity of the other world, as a target of references for one.
    void adopt(Words& words) {
-      if (Ptr<Entity> const entity = mirror(words))
-         held_.push_back(entity);
+      Ptr<Entity> const from = mirror(words);
+      if (!from)
+         return;
+      auto const all = snapshotOf(*from, identityOf).entities;
+      for (auto const& each : all)
+         if (words.below(all.size()) == 0)
+            held_.push_back(Ptr<Entity>(each.second));
    }
 
    // Choices.
-   Ptr<Entity> own(Words& words) const {
-      return oneOf(words.chance(90) ? roots_ : words.chance(60) ? siblings_ : held_, words);
-   }
-   Ptr<Entity> mirror(Words& words) const { return oneOf(allMirrors(), words); }
+   Ptr<Entity> own(Words& words) const { return oneOf(roots_, true, words); }
+   Ptr<Entity> mirror(Words& words) const { return oneOf(allMirrors(), false, words); }
    void addReactor(Words& words) {
       Port const& port = onePort(words);
       Ptr<Entity> const entity = words.chance(50)   ? own(words)
@@ -431,20 +435,27 @@ private:
                all.push_back(mirror);
       return all;
    }
-   /// A root or what it holds. A few members of directories, which come first, get most of the changes: each would be met too
-   /// seldom otherwise.
-   static Ptr<Entity> oneOf(Entities const& roots, Words& words) {
-      Entities all = roots;
-      if (words.chance(70))
-         all.resize(std::min<std::size_t>(all.size(), 4));
-      if (all.empty())
-         return nullptr;
-      Ptr<Entity> const root = all[words.below(all.size())];
-      all.clear();
-      addMembers(*root, all);
-      if (all.empty() || words.chance(10))
-         return root;
-      return all[words.below(words.chance(80) ? std::min<std::size_t>(all.size(), 5) : all.size())];
+   Ptr<Entity> oneOf(Entities const& roots, bool withSiblings, Words& words) const {
+      Entities all;
+      std::vector<std::size_t> firsts; // of the roots that have members
+      for (Ptr<Entity> const& root : roots)
+         if (root) {
+            std::size_t const first = all.size();
+            addMembers(*root, all);
+            if (all.size() != first)
+               firsts.push_back(first);
+         }
+      // A few members get most of the changes: each would be met too seldom otherwise.
+      if (!all.empty() && words.chance(70)) {
+         std::size_t const first = firsts[words.below(firsts.size())];
+         return all[first + words.below(std::min<std::size_t>(all.size() - first, 5))];
+      }
+      std::copy_if(roots.begin(), roots.end(), std::back_inserter(all), [](auto const& root) { return !!root; });
+      if (withSiblings) {
+         all.insert(all.end(), siblings_.begin(), siblings_.end());
+         all.insert(all.end(), held_.begin(), held_.end());
+      }
+      return all.empty() ? nullptr : all[words.below(all.size())];
    }
    void audit(Port& port) {
       auto& stream = port.stream();
