@@ -10,7 +10,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -20,15 +19,12 @@
 /// what in which order, and what a throwing reactor leaves behind.
 namespace Plain {
 
-/// One operation: data, so that a sequence can be shortened and run again. What `what` and `word` mean depends on the attribute.
+/// One operation. What `what` and `word` mean depends on the attribute.
 struct Op {
    unsigned attribute; ///< position among the attributes of the type, its bases' first
    unsigned what;
    std::uint64_t word;
 };
-inline std::ostream& operator<<(std::ostream& out, Op const& op) {
-   return out << op.attribute << ' ' << op.what << ' ' << op.word;
-}
 
 /// What a reactor does when it is told something.
 struct Reaction {
