@@ -46,15 +46,11 @@ TEST(Callers, FindACallThatHadNoMemoryUndoneOrDone) {
          World w;
          each.before(w);
          bool isDone = false;
-         {
-            NoMemory const once(true, skipped);
-            try {
-               each.call(w);
-               isDone = true;
-            } catch (std::bad_alloc const&) {
-            }
-            isOver = !NoMemory::hasFailed() || skipped == 200;
-         }
+         bool const hasFailed = failingOnce(skipped, [&] {
+            each.call(w);
+            isDone = true;
+         });
+         isOver = !hasFailed || skipped == 200;
          EXPECT_EQ(w.left.auditErrors() + w.right.auditErrors(), 0u);
          if (!isDone)
             each.call(w);

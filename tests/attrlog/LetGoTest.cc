@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <optional>
 #include <vector>
 
 namespace Mox {
@@ -25,13 +25,15 @@ Ptr<Cl10010Status> portOf(Cl10010StatusPtrDir const& refs) {
 
 /// The state of a port, which this process mirrors, and a root of its own that refers to it.
 struct LetGo : testing::Test {
-   LocalLink link;
+   std::optional<LocalLink> both{std::in_place};
+   LocalLink& link = *both;
    Ptr<Cl10010StatusDir> const ours = make<Cl10010StatusDir>("status");
+   Ptr<Cl10010Status> const port = ours->phyStatusIs("port", nullptr, nullptr);
    Ptr<Cl10010StatusDir> theirs;
    Ptr<Cl10010StatusPtrDir> const refs = make<Cl10010StatusPtrDir>("refs");
 
    LetGo() {
-      ours->phyStatusIs("port", nullptr, nullptr)->ldpcHistogramsIs("first");
+      port->ldpcHistogramsIs("first");
       link.left().exportRoot(ours);
       theirs = link.right().mount<Cl10010StatusDir>("status");
       link.settle();
@@ -70,14 +72,8 @@ TEST_F(LetGo, WhatAChainLeftOutIsToldOnceNobodyElseOwnsIt) {
 }
 
 /// Under a sanitizer: nothing of the end has gone while reactors are told.
-TEST(Ending, AnEndIsWholeWhileItTellsWhatItsMirrorsOwe) {
-   auto link = std::make_unique<LocalLink>();
-   auto const ours = make<Cl10010StatusDir>("status");
-   auto const port = ours->phyStatusIs("port", nullptr, nullptr);
-   link->left().exportRoot(ours);
-   auto const theirs = link->right().mount<Cl10010StatusDir>("status");
-   link->settle();
-   LinkEnd& end = link->right();
+TEST_F(LetGo, AnEndIsWholeWhileItTellsWhatItsMirrorsOwe) {
+   LinkEnd& end = link.right();
    std::vector<LinkEnd::State> states;
    end.onState([&](Name const&, LinkEnd::State state) { states.push_back(state); });
    auto const mirror = theirs->phyStatus("port");
@@ -89,20 +85,12 @@ TEST(Ending, AnEndIsWholeWhileItTellsWhatItsMirrorsOwe) {
       end.unmount("status");
       end.mount<Cl10010StatusDir>("another");
    });
-   link.reset();
+   both.reset();
    EXPECT_EQ(told, 1u);
    EXPECT_EQ(states, std::vector<LinkEnd::State>{});
 }
 
-TEST(Waiting, WakesForWhatIsAwaitedAlone) {
-   LocalLink link;
-   auto const ours = make<Cl10010StatusDir>("status");
-   auto const port = ours->phyStatusIs("port", nullptr, nullptr);
-   link.left().exportRoot(ours);
-   auto const theirs = link.right().mount<Cl10010StatusDir>("status");
-   link.settle();
-   auto const refs = make<Cl10010StatusPtrDir>("refs");
-   refs->phyStatusIs(theirs->phyStatus("port"));
+TEST_F(LetGo, WakesForWhatIsAwaitedAlone) {
    link.cut();
    link.left().exportDel(ours);
    auto const busy = make<Cl10010StatusDir>("busy");

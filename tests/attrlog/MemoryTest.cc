@@ -68,17 +68,11 @@ TEST(Memory, ThatFailsInAPassKeepsNobodyFromWhatHasChanged) {
                std::thread([&] {
                   Watched w(count, atMirror);
                   auto const before = dumpLines(*w.theirs);
-                  bool hasFailed = false;
-                  {
-                     NoMemory const once(true, skipped);
-                     try {
-                        change.make(w);
-                        if (atMirror)
-                           w.link.settle();
-                     } catch (std::bad_alloc const&) {
-                     }
-                     hasFailed = NoMemory::hasFailed();
-                  }
+                  bool const hasFailed = failingOnce(skipped, [&] {
+                     change.make(w);
+                     if (atMirror)
+                        w.link.settle();
+                  });
                   isOver = !hasFailed || skipped == 200;
                   w.link.settle();
                   if (!w.link.left().isConnected())
@@ -168,11 +162,7 @@ TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
       auto const bytes = w.link.left().bytesToSend();
       std::vector<std::uint8_t> const answer(bytes.begin(), bytes.end());
       w.link.left().bytesSent(answer.size());
-      {
-         NoMemory const once(true, skipped);
-         w.link.right().bytesArrived(answer);
-         hasFailed = NoMemory::hasFailed();
-      }
+      hasFailed = failingOnce(skipped, [&] { w.link.right().bytesArrived(answer); });
       w.ours->phyConfigDel("port"); // before its owner has been asked once more
       if (!w.link.right().isConnected()) {
          w.link.cut();
@@ -181,28 +171,6 @@ TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
       w.link.settle();
       EXPECT_FALSE(isKnown) << skipped << " allocations before";
    }
-}
-
-TEST(Memory, ThatIsGoneWhileBytesAreAskedForIsThereTheNextTime) {
-   LocalLink link;
-   auto const ours = make<Cl10010ConfigDir>("config");
-   ours->phyConfigIs("a");
-   link.left().exportRoot(ours);
-   auto const theirs = link.right().mount<Cl10010ConfigDir>("config");
-   for (int turn = 0; turn < 12; ++turn) {
-      LinkEnd& from = turn % 2 != 0 ? link.left() : link.right();
-      {
-         NoMemory const none;
-         try {
-            from.bytesToSend();
-         } catch (std::bad_alloc const&) {
-         }
-      }
-      carry(from, turn % 2 != 0 ? link.right() : link.left());
-   }
-   link.settle();
-   EXPECT_EQ(diff(*ours, *theirs).size(), 0u);
-   EXPECT_EQ(link.right().state("config"), LinkEnd::State::live);
 }
 
 } // namespace

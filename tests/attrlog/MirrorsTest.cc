@@ -2,7 +2,6 @@
 // Two ends that disagree for a while, and what the mirror is in the end.
 
 #include "Directories.h"
-#include "siblings/EthPhyIntfStatus.h"
 #include "support/Thrown.h"
 
 #include <memory>
@@ -110,21 +109,6 @@ TEST(Movable, ARefusedWriteOfAMirrorThatMovesIsStillTold) {
    settleEnds(owner, peer);
    EXPECT_EQ(mirror->refClock(), 5u);
    EXPECT_EQ(told, 1);
-}
-
-/// A root of another type than its owner's, or made with other parameters, can't be put right: the reader must be told.
-TEST_F(Mirrors, ARootUnlikeTheOwnersIsAMismatch) {
-   left.exportRoot(make<Cl10010StatusDir>("other"));
-   right.mount<Cl10010ConfigDir>("other");
-   left.exportRoot(make<Cl10010Status>("status", port, make<Interface::EthPhyIntfStatus>("eth")));
-   right.mountIs(make<Cl10010Status>("status", nullptr, nullptr));
-   settle();
-   EXPECT_EQ(right.state("status"), State::mismatch);
-   EXPECT_EQ(right.state("other"), State::mismatch);
-   EXPECT_EQ(right.reason("other"),
-             "expected an entity of type Hardware::ClariPhy::Cl10010ConfigDir, the owner's is of "
-             "type Hardware::ClariPhy::Cl10010StatusDir");
-   EXPECT_NE(right.reason("status"), "");
 }
 
 /// Two values that are equal are no change, so a mirror keeps the one that it has: they must not be told apart.

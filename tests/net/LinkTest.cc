@@ -11,6 +11,7 @@
 #include "entities/Cl10010ConfigPtrDir.h"
 #include "siblings/LedConfig.h"
 #include "siblings/PllStatus.h"
+#include "support/Allocations.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
@@ -30,14 +31,8 @@ using namespace Hardware::ClariPhy;
 using State = LinkEnd::State;
 using Kind = PeerEvent::Kind;
 
-struct Served : testing::Test {
-   Served() {
-      server_.onPeer([this](PeerEvent const& event) {
-         events_.push_back(event);
-         EXPECT_THROW(server_.pollOnce(0ms), InternalException) << "from inside a poll";
-      });
-      server_.onState([this](Name const&, State state) { states_.push_back(textOf(state)); });
-   }
+/// A server in a folder of its own.
+struct Server {
    /// Polls all in turn until `done()`.
    template <class Done, class... Loops> bool until(Done done, Loops&... loops) {
       auto const end = std::chrono::steady_clock::now() + 60s; // for one that hangs
@@ -46,6 +41,21 @@ struct Served : testing::Test {
          (loops.pollOnce(1ms), ...);
       }
       return done();
+   }
+
+   PrivateFolder folder_;
+   std::string path_ = folder_.path() + "/link";
+   UnixServer server_{path_, "server"};
+};
+
+/// And who has come and gone there.
+struct Served : testing::Test, Server {
+   Served() {
+      server_.onPeer([this](PeerEvent const& event) {
+         events_.push_back(event);
+         EXPECT_THROW(server_.pollOnce(0ms), InternalException) << "from inside a poll";
+      });
+      server_.onState([this](Name const&, State state) { states_.push_back(textOf(state)); });
    }
    template <class... Loops> void settle(Loops&... loops) {
       // More than once: what one has just said, another has not heard yet.
@@ -60,9 +70,6 @@ struct Served : testing::Test {
       EXPECT_EQ(std::adjacent_find(states_.begin(), states_.end()), states_.end()) << "a state that stays is not told";
    }
 
-   PrivateFolder folder_;
-   std::string path_ = folder_.path() + "/link";
-   UnixServer server_{path_, "server"};
    std::vector<PeerEvent> events_;
    Log states_;
 };
@@ -251,6 +258,33 @@ TEST_F(Served, AMirrorStaysTheSameFromOwnerToOwnerAndSoDoesWhatRefersToIt) {
       settle(first.client, second.client);
    }
    EXPECT_EQ(told, Log{});
+}
+
+/// A connection that can't be begun, for lack of memory, is none: on neither side does anything of it stay.
+TEST(Beginning, ThatFindsNoMemoryLeavesRoomForTheNext) {
+   for (bool const atServer : {true, false})
+      for (std::size_t skipped = 0; skipped != 60; ++skipped) {
+         SCOPED_TRACE((atServer ? "server, " : "client, ") + std::to_string(skipped) + " allocations before");
+         Server s;
+         auto const root = s.server_.mount<Cl10010ConfigDir>("answers");
+         UnixClient client("client");
+         if (atServer) {
+            client.connect(s.path_);
+            failingOnce(skipped, [&] { s.server_.pollOnce(10ms); });
+         } else {
+            failingOnce(skipped, [&] { client.connect(s.path_); });
+            if (!client.isConnected())
+               client.connect(s.path_);
+         }
+         Owner owner;
+         owner.client.connect(s.path_);
+         auto const isWhole = [&] {
+            return s.server_.state("answers") == State::live && s.server_.quiet() && owner.client.quiet() &&
+                   s.server_.peerCount() == 1u + client.isConnected();
+         };
+         EXPECT_TRUE(s.until(isWhole, client, owner.client));
+         EXPECT_EQ(s.server_.auditErrors(), 0u);
+      }
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
-
 // Stands at the head of every file of the copy in which a fault is planted: which fault this process has, by the variable
 // MOX_PLANTED. A fault asks for its name; the programs that a test starts inherit the variable.
 
@@ -12,22 +10,11 @@ extern "C" char* getenv(char const* name) noexcept; // its header has macros tha
 
 namespace Planted {
 
-constexpr std::uint64_t number(char const* name) {
-   std::uint64_t n = 0xcbf29ce484222325u;
-   for (; *name != '\0'; ++name)
-      n = (n ^ static_cast<unsigned char>(*name)) * 0x100000001b3u;
-   return n;
-}
-consteval std::uint64_t numberOf(char const* name) {
-   return number(name);
-}
-
-inline std::uint64_t const chosen = [] {
-   char const* const name = getenv("MOX_PLANTED");
-   return name == nullptr ? 0 : number(name);
-}();
+inline char const* const chosen = getenv("MOX_PLANTED"); ///< null for none
 
 } // namespace Planted
 
 /// No function of its own, and false where the compiler computes, so that it can stand anywhere.
-#define MOX_PLANTED(name) (!__builtin_is_constant_evaluated() && ::Planted::chosen == ::Planted::numberOf(name))
+#define MOX_PLANTED(name)                                                                                              \
+   (!__builtin_is_constant_evaluated() && ::Planted::chosen != nullptr &&                                              \
+    __builtin_strcmp(::Planted::chosen, name) == 0)

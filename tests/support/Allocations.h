@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 /// Calls of `operator new` in this program so far, arrays included.
 std::size_t allocations() noexcept;
@@ -18,6 +19,16 @@ public:
    /// The next one has failed.
    static bool hasFailed() noexcept;
 };
+
+/// Calls `call` while one allocation fails, behind `skipped` others. \return whether it came to that
+template <class Call> bool failingOnce(std::size_t skipped, Call const& call) {
+   NoMemory const once(true, skipped);
+   try {
+      call();
+   } catch (std::bad_alloc const&) {
+   }
+   return NoMemory::hasFailed();
+}
 
 /// While it lives, allocations succeed as if no `NoMemory` were about, and don't count for it.
 class EnoughMemory {
