@@ -463,6 +463,16 @@ bool Run::isBehind(std::string const& text, Entity* target, unsigned depth) cons
    });
 }
 
+/// A member of a mirror that its owner can't send, and that somebody here has made: it is none of the owner's, and not passed on.
+bool Run::isStranger(Entity const& truth, Entity const* member) const {
+   auto const* const mirror = Sa::mirrorAdapterOf(truth);
+   return mirror != nullptr && member != nullptr && member->moxRawParent() == &truth && !mirror->isOwners(*member) &&
+          std::any_of(links_.begin(), links_.end(), [this](Link const& link) {
+             return link.longestFrame != 0 &&
+                    std::find(link.ports.begin(), link.ports.end(), owner_->passesOn) != link.ports.end();
+          });
+}
+
 void Run::compareEntities(Entity& truth, Entity& copy, std::string const& path) {
    if (!compared_.emplace(&truth, &copy).second)
       return;
@@ -496,10 +506,11 @@ void Run::compareEntities(Entity& truth, Entity& copy, std::string const& path) 
       if (ours.cells != theirs.cells)
          for (auto const& [cell, text] : *cells) {
             auto const a = textIn(ours.cells, cell), b = textIn(theirs.cells, cell);
-            auto const target = ours.entities.find(cell);
+            auto const at = ours.entities.find(cell);
+            Entity* const target = at == ours.entities.end() ? nullptr : at->second;
             // What is referred to may be the mirror's own.
-            if (a != b && !isBehind(a, target == ours.entities.end() ? nullptr : target->second, 3) &&
-                !isBehind(b, nullptr, 0) && !isBehind(cell.key, nullptr, 0) && !isUnanswered(truth, cell.attribute))
+            if (a != b && !isBehind(a, target, 3) && !isStranger(truth, target) && !isBehind(b, nullptr, 0) &&
+                !isBehind(cell.key, nullptr, 0) && !isUnanswered(truth, cell.attribute))
                expect("." + truth.attributeString(cell.attribute).str() + cell.key, a, b);
          }
    for (auto const& [cell, target] : ours.entities)

@@ -126,6 +126,7 @@ private:
    void compare(Link const& link, std::size_t side);
    void compareEntities(Entity& truth, Entity& copy, std::string const& path);
    bool isBehind(std::string const& text, Entity* target, unsigned depth) const;
+   bool isStranger(Entity const& truth, Entity const* member) const;
    template <class Call> void forEachPort(Call call) {
       for (World& world : worlds_)
          for (Port& port : world.ports())
