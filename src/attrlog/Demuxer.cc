@@ -262,21 +262,8 @@ void Demuxer::announceRoot(Sa& sa) {
 }
 
 void Demuxer::writeAnnouncement(Sa& sa) {
-   // Each restart has announced one more of the constructor's references.
-   std::size_t const mostRestarts = 1 + logOperationsOf(*sa.entity())->parameters;
-   for (std::size_t restarts = 0;; ++restarts) {
-      try {
-         sa.doSerializeOrphan();
-         return;
-      } catch (RecordTooLong const&) {
-         throw;
-      } catch (AttrLogRecordException const&) {
-         if (restarts == mostRestarts)
-            throw;
-         ++counters_.restartedAnnouncements;
-         announceWanted();
-      }
-   }
+   if (!isWritten(*sa.entity(), [&] { sa.doSerializeOrphan(); }))
+      throw AttrLogRecordException("what it was made with could not be announced before it");
 }
 
 void Demuxer::report(std::string const& text) const noexcept {

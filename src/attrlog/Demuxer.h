@@ -85,6 +85,27 @@ public:
    EntityId entityIdFor(Entity const* target);
    /// The target that the last `AttrLogRecordException` of `entityIdFor` wanted announced.
    void announceWanted();
+   /// Writes the announcement of `entity`. A constructor parameter's target must be announced first, and no record can be written
+   /// inside another: each time that `write` meets one, that is announced, and `write` begins anew.
+   /// \return false where that came to no end
+   template <std::invocable Write> bool isWritten(Entity const& entity, Write write) {
+      std::size_t const mostRestarts = 1 + logOperationsOf(entity)->parameters;
+      for (std::size_t restarts = 0;; ++restarts) {
+         try {
+            write();
+            return true;
+         } catch (RecordTooLong const&) {
+            throw;
+         } catch (AttrLogRecordException const&) {
+            if (restarts == mostRestarts) {
+               ++counters_.unfinishedAnnouncements;
+               return false;
+            }
+            ++counters_.restartedAnnouncements;
+            announceWanted();
+         }
+      }
+   }
    /// The announcement of `sa` has been committed: from here on it writes.
    void announced(Sa& sa, bool owesEverything);
    /// Takes the adapters of `top` and of everything below it out of the stream; their identifiers are retired, and references to

@@ -16,7 +16,7 @@
 
 // What each level of an entity type adds to the attribute log: its dirty bits and keys (`LevelFlow`), its share of draining
 // and applying (`LevelSa`), and the reactor that carries its notifications to the adapter (`SaReactor`). The bodies stand in
-// attrlog/LevelSaImpl.h and are compiled once per type, in the type's own source.
+// LevelOut.h, LevelFlow.h, LevelIn.h and LevelType.h, and are compiled once per type, in the type's own source.
 
 namespace Mox::NboAttrLog {
 

@@ -13,7 +13,7 @@
 namespace Mox {
 
 /// What a schema line calls `kind`. Each has its storage, its mutators (notify/Mutators.h) and its way over the log
-/// (attrlog/LevelSaImpl.h); nothing else asks.
+/// (attrlog/LevelOut.h, LevelIn.h); nothing else asks.
 enum class Kind {
    scalar,
    optional,
