@@ -145,7 +145,7 @@ template <class X> struct LevelSa<X>::Turn {
             isComplete = self->serializeCollection(a, *flow);
          else
             isComplete = self->serializeArray(a, *flow);
-      } else if (A::kind != Kind::reference && isPlain) {
+      } else if (wireClass<A> == WireClass::value && isPlain) {
          flow->dirtyBitIs(a, false);
          self->writeNow(a);
       } else {
@@ -373,10 +373,10 @@ template <class X> void LevelSa<X>::markReferencesTo(std::unordered_set<Entity c
    auto const isTarget = [&](Entity const* e) { return targets.contains(e); };
    X::MoxAttributes::forEach([&](auto a) {
       using A = decltype(a);
-      if constexpr (A::kind == Kind::reference) {
+      if constexpr (wireClass<A> == WireClass::reference) {
          if (auto const& target = A::cell(object()); target && isTarget(target.get()))
             mark(a);
-      } else if constexpr (A::kind == Kind::hashReferences) {
+      } else if constexpr (wireClass<A> == WireClass::target) {
          for (auto const [name, target] : std::as_const(A::cell(object())))
             if (isTarget(target.get()))
                markKey(a, name);

@@ -59,7 +59,7 @@ template <class X> struct LevelSa<X>::Reading {
    unsigned how;
 
    template <class A> void operator()(A a) {
-      if constexpr (!A::isKeyed && A::kind != Kind::reference)
+      if constexpr (wireClass<A> == WireClass::value)
          if (how == 0) [[likely]] {
             auto const value = Wire<typename A::Value>::read(in);
             self.applyingBegins(A::id);
@@ -131,21 +131,22 @@ void LevelSa<X>::applyAs(A, bool isAnswer, Put put, Key const&... key) {
 }
 
 template <class X> template <class A> void LevelSa<X>::read(A a, bool isRemoval, In& in, bool isLocal) {
-   if constexpr (!A::isKeyed)
+   constexpr WireClass is = wireClass<A>;
+   if constexpr (is == WireClass::value || is == WireClass::reference)
       readValue(a, in, isLocal);
-   else if constexpr (A::ownsMembers)
-      isRemoval ? readEntry(a, true, in, isLocal) : readMember(a, in, isLocal);
-   else if constexpr (A::kind == Kind::hashReferences)
-      isRemoval ? readEntry(a, true, in, isLocal) : readTarget(a, in, isLocal);
-   else if constexpr (!A::hasEntries)
+   else if constexpr (is == WireClass::element)
       readElement(a, in, isLocal);
-   else
+   else if (isRemoval || is == WireClass::entry)
       readEntry(a, isRemoval, in, isLocal);
+   else if constexpr (is == WireClass::member)
+      readMember(a, in, isLocal);
+   else if constexpr (is == WireClass::target)
+      readTarget(a, in, isLocal);
 }
 
 template <class X> template <class A> void LevelSa<X>::readValue(A a, In& in, bool isLocal) {
    auto const value = [&] {
-      if constexpr (A::kind == Kind::reference)
+      if constexpr (wireClass<A> == WireClass::reference)
          return detail::readReference<typename A::Target>(in, *this->demuxer_);
       else
          return Wire<typename A::Value>::read(in);
@@ -187,7 +188,7 @@ template <class X> template <class A> void LevelSa<X>::readTarget(A a, In& in, b
 
 template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
-   if constexpr (!A::ownsMembers && A::kind != Kind::hashReferences) {
+   if constexpr (wireClass<A> == WireClass::entry) {
       if (!isRemoval) {
          auto const value = Wire<typename A::Value>::read(in);
          if (isLocal) {

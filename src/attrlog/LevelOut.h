@@ -20,7 +20,7 @@ template <class A> MsgHeader headerOf(EntityId id, bool isRemoval = false) {
    MsgHeader header;
    header.entity = id;
    header.attribute = isRemoval ? -static_cast<std::int32_t>(A::id) : static_cast<std::int32_t>(A::id);
-   if constexpr (!A::isKeyed && A::kind != Kind::reference)
+   if constexpr (wireClass<A> == WireClass::value)
       header.fixedSize = Wire<typename A::Value>::fixedSize;
    header.variable = header.fixedSize == 0 ? 1 : 0;
    if constexpr (A::ownsMembers)
@@ -166,7 +166,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
    Demuxer& demuxer = *this->demuxer_;
    auto const& value = detail::valueIn(A::cell(object()), key...);
    EntityId target;
-   if constexpr (A::kind == Kind::reference) {
+   if constexpr (wireClass<A> == WireClass::reference) {
       Expect const scope(NoEntityIdException::kind);
       try {
          target = demuxer.entityIdFor(value.get());
@@ -188,7 +188,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::writeNow(A 
    demuxer.beforeRecord();
    Out& out = *demuxer.out();
    try {
-      if constexpr (A::kind == Kind::reference) {
+      if constexpr (wireClass<A> == WireClass::reference) {
          Record record(out, detail::headerOf<A>(this->entityId_));
          (Wire<Key>::write(out, key), ...);
          out.put(target);
@@ -260,7 +260,7 @@ void LevelSa<X>::writeEntry(A a, typename A::Key const& key, typename A::Entry& 
       Expect const scope(NoEntityIdException::kind);
       if (!childAdapterIs(a, {this->stateFlags() & ~StreamAdapter::notInherited}, Ptr<typename A::Entry>(&entry)))
          throw NoEntityIdException(std::string(std::string_view(entry.fullName())) + " could not be announced");
-   } else if constexpr (A::kind == Kind::hashReferences) {
+   } else if constexpr (wireClass<A> == WireClass::target) {
       Expect const scope(NoEntityIdException::kind);
       EntityId const target = this->demuxer_->entityIdFor(entry.value().get());
       if (!target.isAssigned()) {

@@ -5,6 +5,7 @@
 #include "containers/HashMap.h"
 #include "containers/MapEntries.h"
 #include "containers/RbTreeMap.h"
+#include "core/Exceptions.h"
 #include "notify/EntityReactor.h"
 #include "notify/Kinds.h"
 
@@ -19,6 +20,43 @@
 // LevelOut.h, LevelFlow.h, LevelIn.h and LevelType.h, and are compiled once per type, in the type's own source.
 
 namespace Mox::NboAttrLog {
+
+/// What the records of a kind carry.
+enum class WireClass {
+   value,     ///< one value
+   reference, ///< the identifier of a target
+   element,   ///< a key that is always there, and its value
+   entry,     ///< a key and its value; the key alone where it goes
+   target,    ///< the identifier of a target, whose name is the key
+   member,    ///< the announcement of an entity
+};
+
+/// No default: for a kind that is forgotten here this is no constant, and its attributes do not compile, rather than that they
+/// travel as plain values.
+constexpr WireClass wireClassOf(Kind kind) {
+   switch (kind) {
+   case Kind::scalar:
+   case Kind::optional:
+   case Kind::counter:
+      return WireClass::value;
+   case Kind::reference:
+      return WireClass::reference;
+   case Kind::array:
+      return WireClass::element;
+   case Kind::map:
+   case Kind::hashMap:
+      return WireClass::entry;
+   case Kind::hashReferences:
+      return WireClass::target;
+   case Kind::collection:
+   case Kind::hashCollection:
+      return WireClass::member;
+   case Kind::parameter: // has no records: it travels with the announcement of its entity
+      break;
+   }
+   throwInternalException("a kind without records");
+}
+template <class A> constexpr WireClass wireClass = wireClassOf(A::kind);
 
 template <class A>
 constexpr bool isHashed =
