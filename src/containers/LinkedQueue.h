@@ -19,12 +19,13 @@ public:
 
    LinkedQueue() = default;
    LinkedQueue(LinkedQueue const& other) : nodes_(other.nodes_) {}
-   /// Empties this queue first, then takes a reference to each of the other's objects. Onto itself: nothing happens.
+   /// Empties this queue, then holds each of the other's objects, which may belong to an object that goes with that. Onto itself:
+   /// nothing happens.
    LinkedQueue& operator=(LinkedQueue const& other) {
       if (this != &other) {
+         auto taken = other.nodes_;
          clear();
-         for (Ptr<T> const& p : other)
-            push(p);
+         nodes_.splice(nodes_.end(), taken);
       }
       return *this;
    }

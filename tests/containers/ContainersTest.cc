@@ -207,6 +207,17 @@ TEST(LinkedQueue, CopiesReferToTheSameObjectsInOrder) {
    EXPECT_TRUE(other.pop() == b && other.pop() == a && !other.pop());
    queue.clear();
    EXPECT_EQ(a->references(), 1u);
+
+   struct Nest : Mox::PtrInterface {
+      Mox::LinkedQueue<Nest> inner;
+      ~Nest() override { inner.clear(); }
+   };
+   Mox::LinkedQueue<Nest> nests;
+   nests.push(Mox::make<Nest>());
+   auto const& inner = (*nests.begin())->inner;
+   (*nests.begin())->inner.push(Mox::make<Nest>());
+   nests = inner;
+   EXPECT_EQ(nests.size(), 1u) << "of what an element held that goes";
 }
 
 TEST(BitSet, SetsFindsAndRefuses) {
