@@ -9,19 +9,42 @@
 
 namespace Mox {
 
+namespace {
+
+/// A name may hold the sign that ends a path: its first blank becomes an escape, as those of the name do.
+void encodeSigns(std::string& path) {
+   for (std::size_t at = 0; (at = path.find(" = ", at)) != std::string::npos;)
+      path.replace(at, 1, "%20");
+}
+
+} // namespace
+
+std::string dumpKey(std::string_view text) {
+   std::string key;
+   for (char const c : percentEncoded(text))
+      if (c == '[' || c == ']')
+         key += c == '[' ? "%5B" : "%5D";
+      else
+         key += c;
+   return key;
+}
+
 std::vector<DumpLine> dumpLines(Entity const& entity) {
    std::vector<DumpLine> lines;
    for (Ptr<MoxType const> type = entity.fwkType(); type; type = type->base())
       if (auto const dumpLevel = type->operations().dumpLines)
          dumpLevel(entity, lines);
+   for (DumpLine& line : lines)
+      encodeSigns(line.path);
    std::sort(lines.begin(), lines.end());
    return lines;
 }
 
 void dump(Entity const& entity, std::ostream& out) {
-   auto const isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+   auto const isForeign = [](unsigned char c) { return c < ' ' || c >= 0x7f; };
    for (DumpLine const& line : dumpLines(entity)) {
-      bool const isPlain = std::none_of(line.value.begin(), line.value.end(), isControl);
+      bool const isPlain =
+         !line.value.starts_with('"') && std::none_of(line.value.begin(), line.value.end(), isForeign);
       out << line.path << " = " << (isPlain ? line.value : quoted(line.value)) << '\n';
    }
 }

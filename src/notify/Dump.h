@@ -5,13 +5,16 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Mox {
 
 /// One line of an entity's canonical text: where a value stands, and the value.
 struct DumpLine {
-   std::string path; ///< "/config/port-7.rollOff", of a keyed attribute "/config/port-7.calibration[channel3]"
+   /// "/config/port-7.rollOff", of a keyed attribute "/config/port-7.calibration[channel3]": printable ASCII without " = ", another
+   /// one for each attribute and key.
+   std::string path;
    std::string value;
    friend bool operator==(DumpLine const&, DumpLine const&) = default;
    friend auto operator<=>(DumpLine const&, DumpLine const&) = default;
@@ -22,7 +25,11 @@ struct DumpLine {
 /// without an attribute log as "null".
 std::vector<DumpLine> dumpLines(Entity const& entity);
 
-/// Writes `dumpLines`, one "path = value" a line; a value that holds control characters as `quoted` shows it.
+/// The text of a key as it stands between the brackets of a path: `percentEncoded`, and brackets as well.
+std::string dumpKey(std::string_view text);
+
+/// Writes `dumpLines`, one "path = value" a line; a value that begins with a quotation mark, or is not all printable ASCII, as
+/// `quoted` shows it.
 void dump(Entity const& entity, std::ostream& out);
 
 /// Where two entities differ: path and both values, "(absent)" where one has no such line.

@@ -102,7 +102,9 @@ template <class X> void dumpLevel(Entity const& entity, std::vector<DumpLine>& l
    std::string const prefix = std::string(std::string_view(entity.fullName())) + ".";
    auto const dumpScalar = [&](auto a) { lines.push_back({prefix + std::string(a.name), textOf(a.cell(object))}); };
    X::MoxAttributes::forEach([&](auto a) {
-      auto const pathOf = [&](auto const& key) { return prefix + std::string(a.name) + "[" + textOf(key) + "]"; };
+      auto const pathOf = [&](auto const& key) {
+         return prefix + std::string(a.name) + "[" + dumpKey(textOf(key)) + "]";
+      };
       if constexpr (!a.isKeyed) {
          dumpScalar(a);
       } else if constexpr (!a.hasEntries) {

@@ -8,6 +8,7 @@
 #include "entities/Cl10010ConfigReactor.h"
 #include "entities/Cl10010StatusDir.h"
 #include "entities/Cl10010StatusReactor.h"
+#include "notify/Dump.h"
 #include "siblings/EthPhyIntfStatus.h"
 #include "siblings/Gpo.h"
 #include "support/Thrown.h"
@@ -15,7 +16,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,6 +67,27 @@ TEST(Directory, AMemberStaysWithTheParametersThatItWasMadeWith) {
    EXPECT_THROW(dir->phyStatusIs("po\"rt", one, make<Interface::EthPhyIntfStatus>("ethernet")),
                 Mox::NameInUseException);
    EXPECT_EQ(dir->phyStatus("po\"rt"), member);
+}
+
+TEST(Dump, IsALineOfPrintableTextForEachValueAndNoOtherEntitysText) {
+   auto const dir = make<Cl10010ConfigDir>("config = 1");
+   std::set<std::string> texts;
+   for (Mox::Name const name : {"a\nb = \x1b[31m", "a\\nb = \x1b[31m", "a] = 1", "a%5D%20= 1", "\xff", ""})
+      for (Mox::String8 const value : {"a\nb", R"("a\nb")", "\x9b", ""}) {
+         dir->phyConfigDelAll();
+         dir->phyConfigIs(name)->modelIs(value);
+         std::ostringstream text;
+         dump(*dir, text);
+         EXPECT_TRUE(texts.insert(text.str()).second) << text.str();
+         std::istringstream lines(text.str());
+         std::string line;
+         for (Mox::DumpLine const& expected : dumpLines(*dir)) {
+            ASSERT_TRUE(std::getline(lines, line));
+            EXPECT_EQ(line.substr(0, line.find(" = ")), expected.path);
+            EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c < 0x7f; })) << line;
+         }
+         EXPECT_FALSE(std::getline(lines, line));
+      }
 }
 
 /// Does something as it goes.

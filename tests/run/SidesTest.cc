@@ -67,7 +67,7 @@ TEST(Sides, WhatDiffersIsToldByItsPathAndANamesakeToo) {
    held.driven->phyConfigIs(Mox::make<Cl10010Config>("S1/1"));
    EXPECT_EQ(differences(held.text("left"), held.text("right"), 9),
              (std::vector<std::string>{
-                "/driven.phyConfig[S1/1] itself: here no entity of left, in the driver no entity of right"}));
+                "/driven.phyConfig[S1%2F1] itself: here no entity of left, in the driver no entity of right"}));
 }
 
 TEST(Sides, WhatIsKnownOfALostDriverIsSaidAndNotTheLessOfIt) {

@@ -33,7 +33,7 @@ std::string Held::text(std::string_view who) const {
       for (Mox::DumpLine& line : Mox::dumpLines(*root))
          lines.push_back(std::move(line));
    auto const foreign = [&](std::string_view references, auto const& target) {
-      lines.push_back({std::string(references) + '[' + std::string(std::string_view(target->moxName())) + "] itself",
+      lines.push_back({std::string(references) + '[' + Mox::dumpKey(target->moxName()) + "] itself",
                        "no entity of " + std::string(who)});
    };
    forEachTarget(*driven, [&](auto const& target) {
