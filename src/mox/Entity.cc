@@ -72,6 +72,15 @@ Ptr<Entity> Entity::parent() {
 void Entity::parentIs(Ptr<Entity> const& parent) {
    if (parent == parent_)
       return;
+   if (parent) {
+      // Nothing stands below an entity that never was a parent, as a new member is none.
+      if (parent == this || hasBeenParent_)
+         for (Entity const* above = parent.get(); above != nullptr; above = above->parent_)
+            if (above == this)
+               throwInternalException("an entity would stand above itself: " +
+                                      std::string(std::string_view(fullName())));
+      parent->hasBeenParent_ = true;
+   }
    Ptr<Entity> const before(parent_ != nullptr && !parent_->moxIsDying() ? parent_ : nullptr);
    parent_ = parent.get();
    moxChangeCountInc();

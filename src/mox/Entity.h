@@ -60,6 +60,7 @@ public:
    virtual Name name() const;
    virtual Ptr<Entity const> parent() const;
    virtual Ptr<Entity> parent();
+   /// \throws InternalException where `parent` is this entity or stands below it; nothing has changed then
    virtual void parentIs(Ptr<Entity> const& parent);
    /// Name of the parent's attribute that holds this entity; empty without a parent.
    virtual String8 parentAttr() const;
@@ -128,6 +129,7 @@ private:
    AttributeId parentAttrId_ = 0;
    mutable std::uint32_t changeCount_ = 0;
    mutable std::uint32_t touchCount_ = 0;
+   bool hasBeenParent_ = false; // where it takes no room
    mutable ListRaw<PtrInterface::NotifieeConst> reactors_;
    /// Weak reactors that are attached but not on the list: they too lose their notifier when the entity goes.
    mutable PtrInterface::NotifieeConst* idleWeak_ = nullptr;

@@ -3,6 +3,7 @@
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "siblings/GpoReactor.h"
 #include "siblings/IntCtrl.h"
+#include "support/Thrown.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
@@ -252,6 +253,20 @@ TEST(NotificationExceptions, TheDefaultSwallowsCountsAndLeavesAWord) {
    EXPECT_EQ(heard.size(), 1u);
    EXPECT_EQ(Mox::swallowedExceptions() - inProcess, 3u);
    EXPECT_EQ(Gpo::NotifieeConst::reactorClass.swallowedExceptions() - inClass, 3u);
+}
+
+TEST(Parents, FormNoCircle) {
+   auto const dir = make<Cl10010ConfigDir>("config");
+   auto const member = dir->phyConfigIs("port");
+   auto const changes = dir->changeCount();
+   for (Ptr<Mox::Entity> const& below : {Ptr<Mox::Entity>(dir), Ptr<Mox::Entity>(member)})
+      EXPECT_EQ(thrownBy<Mox::InternalException>([&] { dir->parentIs(below); }),
+                "an entity would stand above itself: /config");
+   EXPECT_EQ(dir->changeCount(), changes);
+   EXPECT_EQ(dir->parent(), nullptr);
+   auto const above = make<Cl10010ConfigDir>("above");
+   dir->parentIs(above);
+   EXPECT_EQ(member->parent()->parent(), above);
 }
 
 TEST(Audits, FindAPlantedCorruption) {
