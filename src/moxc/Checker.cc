@@ -4,6 +4,7 @@
 #include "moxc/Names.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -19,25 +20,24 @@ std::vector<ValueType> builtins() {
       char const* cppType;
       char const* header;
       unsigned alignment;
-      unsigned width;
       bool isKey;
       bool isNumber;
       char const* zero;
       char const* doc;
    };
    static constexpr Row rows[] = {
-      {"Bool", "bool", "", 1, 0, false, false, "false", "true or false"},
-      {"U8", "std::uint8_t", "<cstdint>", 1, 0, true, true, "0", "unsigned 8-bit number"},
-      {"U16", "std::uint16_t", "<cstdint>", 2, 2, true, true, "0", "unsigned 16-bit number"},
-      {"U32", "std::uint32_t", "<cstdint>", 4, 4, true, true, "0", "unsigned 32-bit number"},
-      {"U64", "Mox::U64", "core/Identifiers.h", 8, 8, true, true, "0", "unsigned 64-bit number"},
-      {"S32", "std::int32_t", "<cstdint>", 4, 4, true, true, "0", "signed 32-bit number"},
-      {"S64", "Mox::S64", "core/Identifiers.h", 8, 8, true, true, "0", "signed 64-bit number"},
-      {"F32", "float", "", 4, 0, false, false, "0.0", "32-bit floating-point number"},
-      {"F64", "double", "", 8, 0, false, false, "0.0", "64-bit floating-point number"},
-      {"Seconds", "double", "", 8, 0, false, false, "0.0", "a time, or a span of time, in seconds"},
-      {"String8", "Mox::String8", "core/String8.h", 8, 0, false, false, "\"\"", "text of 8-bit characters"},
-      {"Name", "Mox::Name", "core/String8.h", 8, 0, true, false, "\"\"", "name of an entity or of a key"},
+      {"Bool", "bool", "", 1, false, false, "false", "true or false"},
+      {"U8", "std::uint8_t", "<cstdint>", 1, true, true, "0", "unsigned 8-bit number"},
+      {"U16", "std::uint16_t", "<cstdint>", 2, true, true, "0", "unsigned 16-bit number"},
+      {"U32", "std::uint32_t", "<cstdint>", 4, true, true, "0", "unsigned 32-bit number"},
+      {"U64", "Mox::U64", "core/Identifiers.h", 8, true, true, "0", "unsigned 64-bit number"},
+      {"S32", "std::int32_t", "<cstdint>", 4, true, true, "0", "signed 32-bit number"},
+      {"S64", "Mox::S64", "core/Identifiers.h", 8, true, true, "0", "signed 64-bit number"},
+      {"F32", "float", "", 4, false, false, "0.0", "32-bit floating-point number"},
+      {"F64", "double", "", 8, false, false, "0.0", "64-bit floating-point number"},
+      {"Seconds", "double", "", 8, false, false, "0.0", "a time, or a span of time, in seconds"},
+      {"String8", "Mox::String8", "core/String8.h", 8, false, false, "\"\"", "text of 8-bit characters"},
+      {"Name", "Mox::Name", "core/String8.h", 8, true, false, "\"\"", "name of an entity or of a key"},
    };
    std::vector<ValueType> types;
    for (Row const& row : rows) {
@@ -49,7 +49,6 @@ std::vector<ValueType> builtins() {
       type.pass = row.alignment == 8 ? Pass::byReference : Pass::byValue;
       type.alignment = row.alignment;
       type.isLarge = type.header == "core/String8.h";
-      type.width = row.width;
       type.isKey = row.isKey;
       type.isNumber = row.isNumber;
       type.zero = row.zero;
@@ -167,10 +166,6 @@ private:
       if (pass == passes.end())
          error(decl.pass.at,
                "unknown \"pass\" " + inQuotes(decl.pass.value) + "; expected one of " + listed(keysOf(passes)));
-      long long const width = decl.width.value;
-      if (width != 0 && width != 2 && width != 4 && width != 8)
-         error(decl.width.at, "\"width\" must be 2, 4 or 8 bytes, or absent for values without a fixed width, but is " +
-                                 std::to_string(width));
       ValueType type;
       type.name = decl.name.value;
       type.cppType = decl.type;
@@ -179,7 +174,6 @@ private:
       long long const alignment = decl.alignment.value;
       if (alignment != 1 && alignment != 2 && alignment != 4 && alignment != 8)
          error(decl.alignment.at, "\"align\" must be 1, 2, 4 or 8 bytes, but is " + std::to_string(alignment));
-      type.width = static_cast<unsigned>(width);
       type.alignment = static_cast<unsigned>(alignment);
       type.isLarge = type.pass == Pass::byReference;
       type.isKey = decl.key;
@@ -402,6 +396,8 @@ private:
          error(decl.defaultValue->at, isParameter
                                          ? "the parameter " + inQuotes(attribute.name) + " takes no \"default\""
                                          : phrase(attribute) + " takes no \"default\"");
+      else if (decl.defaultValue && attribute.value != nullptr)
+         checkDefault(*attribute.value, *decl.defaultValue);
       if (isParameter && decl.id && kind.holds() == Holds::value)
          error(decl.id->at, "a parameter with an identifier must be a \"reference\"; without one, " +
                                inQuotes(attribute.name) + " may hold a value");
@@ -410,6 +406,21 @@ private:
       if (kind.word() == "counter" && attribute.value != nullptr && !attribute.value->isNumber)
          error(decl.value->at,
                "a counter counts in whole numbers, but " + inQuotes(attribute.value->name) + " is none");
+   }
+
+   /// A default that is a number, of a type whose numbers are known here. Of others the compiler asks (`Mox::isFirst`).
+   void checkDefault(ValueType const& type, Text const& text) {
+      if (!isNumberLiteral(text.value) || (!type.isNumber && type.count == 0))
+         return;
+      bool const isSigned = type.isNumber && type.name.front() == 'S';
+      unsigned const bits = type.alignment * 8 - (isSigned ? 1 : 0);
+      std::uint64_t const highest = type.count != 0 ? type.count - 1 : ~std::uint64_t{0} >> (64 - bits);
+      auto const number = integerOf(text.value);
+      if (!number ||
+          (number->isNegative ? number->magnitude > (isSigned ? highest + 1 : 0) : number->magnitude > highest))
+         error(text.at, "the default " + text.value + " is no " + inQuotes(type.name) +
+                           "; expected a whole number from " + (isSigned ? "-" + std::to_string(highest + 1) : "0") +
+                           " to " + std::to_string(highest));
    }
 
    void resolveValue(Attribute& attribute, Text const& name) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "moxc/CppText.h"
 #include "moxc/Emitters.h"
+#include "moxc/Names.h"
 
 #include <algorithm>
 #include <functional>
@@ -107,6 +108,10 @@ std::string descriptors(EntityType const& type) {
 )",
                    {{"x", a->name}});
       text += a->kind->descriptorCalls(*a);
+      // Of the built-in types the schema has been asked.
+      if (isNumberLiteral(a->defaultValue) && !a->value->isBuiltin)
+         text += wrapped(9, "static_assert(Mox::isFirst<" + a->value->cppType + ">([] { return " + a->defaultValue +
+                               "; }), \"the default " + a->defaultValue + " is no " + a->value->name + "\");");
       text += "      } " + a->name + "{};\n";
    }
    return text + "   };\n";

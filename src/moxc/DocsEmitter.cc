@@ -120,16 +120,16 @@ creates, and references are set with `xIs(entity)`.
 
 ## Value types
 
-Values of a fixed width are marked with it in the record header; the others carry their own length or need none.
+What is an integer of 16, 32 or 64 bits in C++ is marked with its width in the record header; the others carry their own length
+or need none.
 
-| Type | C++ | Fixed width | Default | Meaning |
-|---|---|---|---|---|
+| Type | C++ | Default | Meaning |
+|---|---|---|---|
 )";
    for (auto const& value : model.values)
       if (value->pass != Pass::counted)
-         text += "| " + code(value->name) + " | " + code(value->cppType) + " | " +
-                 (value->width == 0 ? std::string() : std::to_string(value->width)) + " | " + code(value->zero) +
-                 " | " + cell(value->doc) + " |\n";
+         text += "| " + code(value->name) + " | " + code(value->cppType) + " | " + code(value->zero) + " | " +
+                 cell(value->doc) + " |\n";
    text += R"(
 ## Mox::Entity
 

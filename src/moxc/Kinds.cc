@@ -114,10 +114,12 @@ public:
    std::string result(Attribute const& a) const override { return handed(*a.value); }
    std::string argument(Attribute const& a) const override { return a.value->argument(); }
    std::string descriptorBase(Attribute const& a) const override {
-      return fill("Mox::$Kind$Attribute<$X$, $id$, $T$>", {{"Kind", capitalised(word())},
-                                                           {"X", a.owner->shortName},
-                                                           {"id", std::to_string(a.id.value_or(0))},
-                                                           {"T", a.value->cppType}});
+      bool const isToldOfDefault = !a.defaultValue.empty() && !a.value->isBuiltin;
+      return fill("Mox::$Kind$Attribute<$X$, $id$, $T$>",
+                  {{"Kind", capitalised(word())},
+                   {"X", a.owner->shortName},
+                   {"id", std::to_string(a.id.value_or(0))},
+                   {"T", a.value->cppType + (isToldOfDefault ? ", true" : "")}});
    }
 };
 

@@ -28,7 +28,6 @@ struct ValueType {
    Pass pass = Pass::byValue;
    unsigned alignment = 8; ///< of the C++ type, in bytes; members are laid out by it
    bool isLarge = false;   ///< accessors hand out a reference
-   unsigned width = 0;     ///< bytes of a value of fixed width on the wire; 0: the width varies with the value or type
    bool isBuiltin = false; ///< every schema may use it without declaring it
    bool isKey = false;
    unsigned count = 0;    ///< of a bounded key: there are the keys 0 to `count` - 1; 0 otherwise

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace moxc {
@@ -122,6 +125,36 @@ bool isIdentifier(std::string_view name) {
       return false;
    return std::all_of(name.begin(), name.end(),
                       [](char c) { return isLetter(c) || (c >= '0' && c <= '9') || c == '_'; });
+}
+
+bool isNumberLiteral(std::string_view text) {
+   if (text.starts_with('-'))
+      text.remove_prefix(1);
+   auto const isDigit = [](char c) { return c >= '0' && c <= '9'; };
+   auto const isPart = [&](char c) {
+      return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' || c == '\'';
+   };
+   return !text.empty() && isDigit(text.front()) && std::all_of(text.begin(), text.end(), isPart);
+}
+
+std::optional<Integer> integerOf(std::string_view literal) {
+   Integer integer{literal.starts_with('-'), 0};
+   if (integer.isNegative)
+      literal.remove_prefix(1);
+   std::string digits;
+   for (char const c : literal)
+      if (c != '\'')
+         digits += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+   while (digits.ends_with('u') || digits.ends_with('l'))
+      digits.pop_back();
+   int base = 10;
+   if (digits.size() > 1 && digits.front() == '0') {
+      base = digits[1] == 'x' ? 16 : digits[1] == 'b' ? 2 : 8;
+      digits.erase(0, base == 8 ? 1 : 2);
+   }
+   char const* const end = digits.data() + digits.size();
+   auto const read = std::from_chars(digits.data(), end, integer.magnitude, base);
+   return read.ec == std::errc() && read.ptr == end ? std::optional(integer) : std::nullopt;
 }
 
 std::vector<std::string_view> qualifiedParts(std::string_view name) {

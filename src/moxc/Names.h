@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,14 @@ bool isCppKeyword(std::string_view name);
 /// Whether a header of the standard library, or the GNU dialect, defines a macro of that name.
 bool isMacro(std::string_view name);
 bool isIdentifier(std::string_view name);
+/// Whether `text` is a number of C++ and nothing else, a sign before it allowed.
+bool isNumberLiteral(std::string_view text);
+struct Integer {
+   bool isNegative;
+   std::uint64_t magnitude;
+};
+/// The number that such a text is; nothing for a fraction, and for what no integer of 64 bits holds.
+std::optional<Integer> integerOf(std::string_view literal);
 /// Splits at `::`; empty when a part is no identifier.
 std::vector<std::string_view> qualifiedParts(std::string_view name);
 

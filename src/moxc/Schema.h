@@ -56,8 +56,7 @@ struct ValueDecl {
    Text name;
    std::string type; ///< C++ spelling; the name where the schema says nothing
    std::string header;
-   Text pass;                ///< "value", "reference" or "counted"
-   Located<long long> width; ///< bytes of a value of fixed width on the wire, 0 otherwise
+   Text pass; ///< "value", "reference" or "counted"
    Located<long long> alignment;
    bool key = false;
    std::optional<Located<long long>> count;

@@ -256,8 +256,6 @@ private:
       decl.type = fields.text("type", decl.name.value);
       decl.header = fields.required("header").value;
       decl.pass = fields.optional<std::string>("pass").value_or(Text{"value", decl.at});
-      if (auto const width = fields.optional<std::int64_t>("width"))
-         decl.width = {width->value, width->at};
       decl.alignment = {4, decl.at};
       if (auto const alignment = fields.optional<std::int64_t>("align"))
          decl.alignment = {alignment->value, alignment->at};

@@ -4,6 +4,7 @@
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
 #include "core/String8.h"
+#include "values/Enumeration.h"
 
 #include <array>
 #include <cstddef>
@@ -48,11 +49,45 @@ template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct Attrib
    static constexpr unsigned bit = id_ - firstAttributeId(id_ / 128);
 };
 
-template <class Owner, AttributeId id, class Value>
-using ScalarAttribute = AttributeBase<Kind::scalar, Owner, id, Value>;
+namespace detail {
+
+/// Whether an attribute can begin with `Value{}`: a number that is no enumerator never leaves for a mirror.
+template <class Value> constexpr bool hasSoundDefault() noexcept {
+   if constexpr (Enumeration<Value>)
+      return isEnumerator(Value{});
+   else
+      return true;
+}
+
+template <class Value, class Number>
+concept ConstantFrom = requires { typename std::bool_constant<(static_cast<void>(Value{Number{}()}), true)>; };
+template <class Number> struct ZeroOf {
+   constexpr auto operator()() const noexcept { return decltype(Number{}()){}; }
+};
+
+} // namespace detail
+
+/// Whether `number`, a function that returns a constant, gives one that `Value` takes. A type that is made of no constant at all
+/// is not judged: it tells at run time.
+template <class Value, class Number> constexpr bool isFirst(Number) noexcept {
+   if constexpr (Enumeration<Value>)
+      return isEnumerator(Value{Number{}()});
+   else
+      return detail::ConstantFrom<Value, Number> || !detail::ConstantFrom<Value, detail::ZeroOf<Number>>;
+}
+
+/// A value; `hasDefault` where the schema says which it begins with.
+template <class Owner, AttributeId id, class Value, bool hasDefault = false>
+struct ScalarAttribute : AttributeBase<Kind::scalar, Owner, id, Value> {
+   static_assert(hasDefault || detail::hasSoundDefault<Value>(),
+                 "the attribute begins with 0, which is no enumerator: give it a default, or the enumeration a 0");
+};
 /// A scalar that can be deleted: back to its default.
 template <class Owner, AttributeId id, class Value>
-using OptionalAttribute = AttributeBase<Kind::optional, Owner, id, Value>;
+struct OptionalAttribute : AttributeBase<Kind::optional, Owner, id, Value> {
+   static_assert(detail::hasSoundDefault<Value>(),
+                 "the attribute is deleted to 0, which is no enumerator: give the enumeration a 0");
+};
 template <class Owner, AttributeId id, class Value>
 using CounterAttribute = AttributeBase<Kind::counter, Owner, id, Value>;
 /// Counted reference to an entity that the owner does not own; `Target` may be const.
@@ -90,6 +125,8 @@ struct ArrayAttribute : AttributeBase<Kind::array, Owner, id, typename Container
    using Key = typename Container_::KeyType;
    using Container = Container_;
    static constexpr bool isKeyed = true;
+   static_assert(detail::hasSoundDefault<typename Container_::ValueType>(),
+                 "an element is deleted to 0, which is no enumerator: give the enumeration a 0");
 };
 
 /// How an accessor hands out a value. An object is const: `port->rollOff() = 1` would change a copy that nobody keeps.

@@ -10,6 +10,26 @@ using Hardware::ClariPhy::Cl10010Config;
 using Hardware::ClariPhy::Cl10010ConfigDir;
 using Hardware::ClariPhy::Cl10010Status;
 
+namespace Rack {
+
+enum class Gear : std::int32_t { first = 1, second = 2 };
+constexpr auto moxEnum(Gear) {
+   return Mox::enumeration<Gear>("Rack::Gear", {{Gear::first, "first"}, {Gear::second, "second"}});
+}
+struct Length {
+   Length() = default;
+   Length(int) {}
+};
+
+} // namespace Rack
+
+[[maybe_unused]] constexpr Mox::ScalarAttribute<Cl10010Config, 300, Rack::Gear, true> gear;
+static_assert(Mox::isFirst<Rack::Gear>([] { return 2; }) && !Mox::isFirst<Rack::Gear>([] { return 3; }));
+static_assert(Mox::isFirst<U4>([] { return 0xf; }) && !Mox::isFirst<U4>([] { return 0x10; }));
+static_assert(Mox::isFirst<Phy::Coherent::RollOff>([] { return 1.0F; }));
+static_assert(!Mox::isFirst<Phy::Coherent::RollOff>([] { return 1.5F; }));
+static_assert(Mox::isFirst<Rack::Length>([] { return 4; }), "what is made at run time only");
+
 void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> const& readOnly) {
    auto const a = Mox::on(port, Cl10010Config::Attr::wakeupTime, [](Cl10010Config& c) { c.refClockIs(1); });
    auto const b =
@@ -45,6 +65,12 @@ void use(Mox::Ptr<Cl10010Config> const& port, Mox::Ptr<Cl10010Config const> cons
    Mox::NboAttrLog::Mark const mark(258, Kiln::ConditionStat{});
 #elif defined(FractionalKey)
    Mox::NboAttrLog::Mark const mark(258, 0.5);
+#elif defined(ScalarWithoutZero)
+   Mox::ScalarAttribute<Cl10010Config, 300, Rack::Gear> const a0;
+#elif defined(OptionalWithoutZero)
+   Mox::OptionalAttribute<Cl10010Config, 300, Rack::Gear> const a0;
+#elif defined(ElementWithoutZero)
+   Mox::ArrayAttribute<Cl10010Config, 300, Mox::DynArray<Rack::Gear, ClariPhyTypes::HostLane, 10>> const a0;
 #elif defined(ArrayBehindTheEntity)
    status.amplitude().store(2, 1.5F);
 #elif defined(MapBehindTheEntity)
