@@ -44,6 +44,13 @@ void keep(std::string& reason, std::string_view text) noexcept {
    }
 }
 
+std::string_view checkedName(std::string_view name) {
+   if (name.size() > LinkEnd::longestEndName)
+      throwRangeException("the name of a link end: expected at most " + std::to_string(LinkEnd::longestEndName) +
+                          " bytes, got " + std::to_string(name.size()));
+   return name;
+}
+
 std::string textOfType(Entity const& entity) {
    return std::string(std::string_view(entity.fwkType()->name()));
 }
@@ -79,7 +86,9 @@ U64 LinkEnd::processIncarnation() {
 }
 
 LinkEnd::LinkEnd(std::string_view name, U64 incarnation)
-   : name_(name), incarnation_(incarnation != 0 ? incarnation : processIncarnation()), demuxer_(std::string(name)) {
+   : name_(checkedName(name)),
+     incarnation_(incarnation != 0 ? incarnation : processIncarnation()),
+     demuxer_(std::string(name)) {
    demuxer_.mismatchIs([this](Demuxer::Sa& sa, std::string const& reason) { mismatched(sa, reason); });
    demuxer_.limitReachedIs([this](Entity& root) { rootLimited(root); });
    demuxer_.rootRetiredIs([this](Entity& root) {

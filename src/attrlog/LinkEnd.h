@@ -47,6 +47,7 @@ public:
    };
    using StateCall = std::function<void(Name const& root, State state)>;
 
+   /// \param name of this end in messages, at most `longestEndName` bytes \throws RangeException for a longer one
    /// \param incarnation of this process; 0 takes the process's own, which is random
    explicit LinkEnd(std::string_view name, U64 incarnation = 0);
    ~LinkEnd();
@@ -158,6 +159,8 @@ public:
    static U64 processIncarnation();
    /// Most roots that a peer may have mounted.
    static constexpr std::size_t mostRequests = 1024;
+   /// Longest name of an end, which its hello says.
+   static constexpr std::size_t longestEndName = 255;
    /// Longest name of a root that a peer may wait for.
    static constexpr std::size_t longestName = 1024;
 

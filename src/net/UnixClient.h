@@ -26,7 +26,7 @@ class Carrier;
 /// Exports, mounts and mirrors outlive a lost connection; `connect` may be called again.
 class UnixClient final : public SocketLoop {
 public:
-   /// \param name of this end in messages
+   /// \param name of this end in messages, at most 255 bytes \throws RangeException for a longer one
    explicit UnixClient(std::string_view name = "client");
    ~UnixClient() override;
 

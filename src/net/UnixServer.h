@@ -34,8 +34,8 @@ public:
    using StateFunction = std::function<void(Name const& root, LinkEnd::State state)>;
 
    /// \param path at most 107 bytes
-   /// \param name of this end in messages
-   /// \throws SocketException where the socket can't be had; nothing in the file system has changed then
+   /// \param name of this end in messages, at most 255 bytes
+   /// \throws RangeException for a longer name, SocketException where the socket can't be had; nothing in the file system has changed then
    explicit UnixServer(std::string path, std::string_view name = "server");
    ~UnixServer() override;
 
