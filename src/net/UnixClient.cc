@@ -15,6 +15,7 @@ UnixClient::UnixClient(std::string_view name) : end_(name) {}
 UnixClient::~UnixClient() {
    if (carrier_)
       carrier_->abandon();
+   end_.demuxer().end(); // while everything is still here: reactors that are told may call this client
 }
 
 void UnixClient::connect(std::string const& path) {

@@ -49,7 +49,15 @@ UnixServer::UnixServer(std::string path, std::string_view name)
    awaitClient();
 }
 
-UnixServer::~UnixServer() = default;
+UnixServer::~UnixServer() {
+   // While everything is still here: reactors are told what is owed to them, and may call this server.
+   for (auto const& peer : peers_)
+      if (peer->carrier)
+         peer->carrier->abandon();
+   for (std::size_t i = 0; i < peers_.size(); ++i)
+      peers_[i]->end.demuxer().end();
+   store_.demuxer().end();
+}
 
 std::string const& UnixServer::path() const noexcept {
    return listener_->bound.path();

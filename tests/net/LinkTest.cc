@@ -9,6 +9,7 @@
 #include "attrlog/Out.h"
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigPtrDir.h"
+#include "entities/Cl10010ConfigReactor.h"
 #include "siblings/LedConfig.h"
 #include "siblings/PllStatus.h"
 #include "support/Allocations.h"
@@ -285,6 +286,47 @@ TEST(Beginning, ThatFindsNoMemoryLeavesRoomForTheNext) {
          EXPECT_TRUE(s.until(isWhole, client, owner.client));
          EXPECT_EQ(s.server_.auditErrors(), 0u);
       }
+/// Under a sanitizer: nothing of the server has gone while reactors are told.
+TEST_F(Served, AServerIsWholeWhileItTellsWhatItsMirrorsOwe) {
+   std::string const path = folder_.path() + "/going";
+   auto server = std::make_unique<UnixServer>(path);
+   UnixClient clients[2];
+   std::vector<Ptr<Cl10010Config>> mirrors;
+   for (std::string const name : {"first", "second"}) {
+      UnixClient& client = clients[mirrors.size()];
+      auto const ours = make<Cl10010ConfigDir>(Name(name));
+      ours->phyConfigIs("port");
+      client.exportRoot(ours);
+      auto const theirs = server->mount<Cl10010ConfigDir>(Name(name));
+      client.connect(path);
+      ASSERT_TRUE(until([&] { return server->state(Name(name)) == State::live; }, *server, client));
+      mirrors.push_back(theirs->phyConfig("port"));
+   }
+   UnixServer& going = *server;
+   unsigned told = 0;
+   std::vector<Watch> watches;
+   for (auto const& mirror : mirrors) {
+      EXPECT_THROW(mirror->refClockIs(77), ReadOnlyException);
+      watches.push_back(on(mirror, Cl10010Config::Attr::refClock, [&](Cl10010Config&) {
+         EXPECT_EQ(going.state("first"), State::live);
+         EXPECT_EQ(going.footprint().mounts, 4u + told);
+         going.exportRoot(make<Cl10010ConfigDir>(Name("more-" + std::to_string(told))));
+         going.mount<Cl10010ConfigDir>(Name("more-" + std::to_string(told)));
+         ++told;
+      }));
+   }
+   server.reset();
+   EXPECT_EQ(told, 2u);
+}
+
+TEST_F(Served, AnEndsNameFitsIntoItsHello) {
+   std::string const longest(255, 'n'), tooLong(256, 'n');
+   EXPECT_THROW(UnixClient{tooLong}, RangeException);
+   EXPECT_THROW(UnixServer(folder_.path() + "/named", tooLong), RangeException);
+   EXPECT_FALSE(std::filesystem::exists(folder_.path() + "/named"));
+   UnixClient client(longest);
+   client.connect(path_);
+   settle(client);
 }
 
 } // namespace
