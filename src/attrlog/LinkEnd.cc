@@ -210,15 +210,27 @@ void LinkEnd::mountIs(Ptr<Entity> const& mirror) {
          refuse(std::string(std::string_view(root->fullName())) + " is exported there");
    if (Demuxer::Sa const* const told = demuxer_.adapterOf(*mirror); told != nullptr && !told->isOrphan())
       refuse("it has left an exported root, which still tells of it there");
-   mounts_.reserve(mounts_.size() + 1);
+   reserveMount();
    demuxer_.mirrorRootIs(*mirror);
    mounts_.push_back({++lastHandle_, mirror->moxName(), mirror, isConnected_ ? State::syncing : State::connecting, {}});
    remountEnded_ = false;
 }
 
+/// Room for one more, and for giving up each.
+void LinkEnd::reserveMount() {
+   auto const reserve = [](auto& list, std::size_t needed) {
+      if (list.capacity() < needed)
+         list.reserve(std::max(needed, 2 * list.capacity()));
+   };
+   reserve(mounts_, mounts_.size() + 1);
+   reserve(unmounts_, unmounts_.size() + mounts_.size() + 1);
+}
+
 void LinkEnd::ask(Name const& root) {
-   if (findMount(root) == nullptr)
-      mounts_.push_back({++lastHandle_, root, nullptr, isConnected_ ? State::syncing : State::connecting, {}});
+   if (findMount(root) != nullptr)
+      return;
+   reserveMount();
+   mounts_.push_back({++lastHandle_, root, nullptr, isConnected_ ? State::syncing : State::connecting, {}});
 }
 
 /// The peer is told that this side does not ask for it any more, if it has heard that it does.
@@ -232,7 +244,6 @@ void LinkEnd::unmount(Name const& name) {
    if (at == nullptr)
       return;
    // First what may fail: half of it would leave a mirror that nobody has.
-   unmounts_.reserve(unmounts_.size() + 1);
    std::vector<Mirror> gone;
    if (at->mirror)
       gone = demuxer_.mirrorsTaken(mirrorCount() == 1 ? nullptr : at->mirror.get());

@@ -90,7 +90,7 @@ public:
 
    // One mirror over several ends: who serves many peers asks each of them for the same root.
    /// Asks the peer for `root`, whose mirror is at another end; `state` tells of the answer. Does nothing where that is mounted or
-   /// asked for already; `unmount` withdraws it.
+   /// asked for already; `unmount` withdraws it, and needs no memory.
    void ask(Name const& root);
    /// \param call told that the peer opens `root`: moves the mirror to this end, if it shall be this peer's, and returns whether it
    /// is here now. Where it is not, or the call throws, which is reported, this end withdraws its request.
@@ -191,6 +191,7 @@ private:
    Mount* findMount(Name const& name) noexcept;
    Mount* findHandle(std::uint32_t handle) noexcept;
    Mount const& mountOf(Name const& name) const;
+   void reserveMount();
    std::size_t mirrorCount() const noexcept;
    void withdraw(Mount const& mount);
    template <class Call, class Text> void told(Call call, Text what) const;
@@ -232,8 +233,9 @@ private:
    NboAttrLog::Demuxer demuxer_;
    std::unordered_map<Name, Ptr<Entity>> exports_; ///< under their names
    std::vector<Mount> mounts_;
-   std::vector<std::uint32_t> unmounts_;  ///< written and withdrawn: the peer is still to be told
-   std::vector<Request> requests_;        ///< the peer's mounts
+   std::vector<std::uint32_t>
+      unmounts_;                   ///< written and withdrawn: the peer is still to be told; has room for all mounts
+   std::vector<Request> requests_; ///< the peer's mounts
    std::vector<std::uint32_t> overLimit_; ///< mounts of the peer above `mostRequests`: still to be refused
    Callback<void(Name const& root, State state)> stateCall_;
    Callback<bool(Name const&)> openingCall_;

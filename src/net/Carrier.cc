@@ -6,25 +6,25 @@
 
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
-#include <asio/post.hpp>
 
+#include <new>
 #include <span>
 #include <utility>
 
 namespace Mox {
 
-Carrier::Carrier(Socket socket, LinkEnd& end) : socket_(std::move(socket)), hello_(socket_.get_executor()), end_(&end) {
+Carrier::Carrier(Socket socket, LinkEnd& end)
+   : socket_(std::move(socket)), hello_(socket_.get_executor()), ending_(socket_.get_executor()), end_(&end) {
    socket_.non_blocking(true);
 }
 
 void Carrier::start(std::chrono::milliseconds patience) {
    try {
       end_->connected();
+      awaitEnd();
       awaitHello(patience);
-      awaitBytes();
       flush();
    } catch (...) {
-      lost_ = nullptr; // it never joined
       LinkEnd* const end = end_;
       abandon();
       if (end != nullptr)
@@ -48,48 +48,74 @@ void Carrier::awaitHello(std::chrono::milliseconds patience) {
    });
 }
 
+void Carrier::awaitEnd() {
+   ending_.expires_at(asio::steady_timer::time_point::max());
+   ending_.async_wait([self = shared_from_this()](asio::error_code const&) {
+      if (std::exchange(self->owesLost_, false) && self->lost_)
+         self->lost_(std::move(self->reason_));
+   });
+}
+
 void Carrier::awaitBytes() {
-   socket_.async_read_some(
-      asio::buffer(arrived_), [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
-         if (!self->isOpen())
-            return;
-         if (error) {
-            // A peer that dies with bytes unread resets the connection; that is no other news.
-            bool const hasGone = error == asio::error::eof || error == asio::error::connection_reset;
-            self->close(hasGone ? std::string(peerClosed) : "reading failed: " + error.message());
-            return;
-         }
-         self->lastReading_ = size;
-         self->end_->bytesArrived(std::span(self->arrived_.data(), size));
-         if (self->awaitsHello_ && self->isOpen()) {
-            self->awaitsHello_ = !self->end_->isGreeted();
-            if (!self->awaitsHello_)
-               self->hello_.cancel();
-         }
-         self->closeAtFailure();
-         self->closeIfLate();
-         // The answer first: whoever waits for it shall not wait for this side to look whether more has come.
-         if (self->isOpen())
-            self->flush();
-         if (self->isOpen())
-            self->awaitBytes();
-      });
+   if (awaitsBytes_)
+      return;
+   socket_.async_read_some(asio::buffer(bytes_),
+                           [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
+                              if (!self->isOpen())
+                                 return;
+                              // A peer that dies with bytes unread resets the connection; that is no other news.
+                              if (error == asio::error::eof || error == asio::error::connection_reset)
+                                 self->close(peerClosed);
+                              else if (error)
+                                 self->closeFor([&] { return "reading failed: " + error.message(); });
+                              else
+                                 self->arrived(size);
+                           });
+   awaitsBytes_ = true;
+}
+
+void Carrier::arrived(std::size_t size) {
+   lastReading_ = size;
+   end_->bytesArrived(std::span(bytes_.data(), size));
+   awaitsBytes_ = false; // and not before: who is told of them may come to `flush`
+   if (awaitsHello_ && isOpen()) {
+      awaitsHello_ = !end_->isGreeted();
+      if (!awaitsHello_)
+         hello_.cancel();
+   }
+   closeAtFailure();
+   closeIfLate();
+   // The answer first: whoever waits for it shall not wait for this side to look whether more has come.
+   write();
+   if (isOpen())
+      awaitBytes();
 }
 
 void Carrier::flush() {
+   if (isOpen())
+      awaitBytes();
+   write();
+}
+
+void Carrier::write() {
    // Asking for bytes drains flows, and what that runs may come back here through a poll of its own.
    if (!isOpen() || awaitsRoom_ || flushing_)
       return;
    flushing_ = true;
    asio::error_code error;
-   while (isOpen() && !error) {
-      std::span<std::uint8_t const> const bytes = end_->bytesToSend();
-      if (bytes.empty())
-         break;
-      // Written at once rather than by an asynchronous operation: the span lasts only until the next change.
-      std::size_t const written = socket_.write_some(asio::buffer(bytes.data(), bytes.size()), error);
-      if (!error)
-         end_->bytesSent(written);
+   try {
+      while (isOpen() && !error) {
+         std::span<std::uint8_t const> const bytes = end_->bytesToSend();
+         if (bytes.empty())
+            break;
+         // Written at once rather than by an asynchronous operation: the span lasts only until the next change.
+         std::size_t const written = socket_.write_some(asio::buffer(bytes.data(), bytes.size()), error);
+         if (!error)
+            end_->bytesSent(written);
+      }
+   } catch (...) {
+      flushing_ = false;
+      throw;
    }
    flushing_ = false;
    if (error == asio::error::would_block || error == asio::error::try_again)
@@ -102,43 +128,58 @@ void Carrier::flush() {
 }
 
 void Carrier::awaitRoom() {
-   awaitsRoom_ = true;
    socket_.async_wait(Socket::wait_write, [self = shared_from_this()](asio::error_code const& error) {
       if (error || !self->isOpen())
          return;
       self->awaitsRoom_ = false;
       self->flush();
    });
+   awaitsRoom_ = true;
 }
 
 void Carrier::closeAtFailure() {
    if (isOpen() && !end_->failure().empty())
-      close(std::string(end_->failure()));
+      close(end_->failure());
 }
 
 void Carrier::closeIfLate() {
    if (isOpen() && awaitsHello_ && isLate_)
-      close("expected a hello within " + std::to_string(patience_.count()) + " ms, got none");
+      closeFor([this] { return "expected a hello within " + std::to_string(patience_.count()) + " ms, got none"; });
+}
+
+/// Closes for a reason that has to be put together; where there is no memory for it, it says that.
+template <class Text> void Carrier::closeFor(Text text) {
+   try {
+      std::string const reason = text();
+      return close(reason);
+   } catch (std::bad_alloc const&) {
+   }
+   close("no memory");
 }
 
 void Carrier::close(std::string_view reason) {
    if (!isOpen())
       return;
-   hello_.cancel();
    LinkEnd& end = *std::exchange(end_, nullptr);
+   try {
+      reason_ = reason;
+   } catch (std::bad_alloc const&) {
+      reason_ = "no memory"; // short enough to need none
+   }
+   hello_.cancel();
    asio::error_code ignored;
    socket_.close(ignored);
    // The owner drops link end and carrier when it is told: not before the calls that led here have returned.
-   asio::post(socket_.get_executor(), [self = shared_from_this(), text = std::string(reason)] {
-      if (self->lost_)
-         self->lost_(text);
-   });
+   owesLost_ = true;
+   ending_.cancel();
    end.peerGone(reason);
 }
 
 void Carrier::abandon() {
    end_ = nullptr;
+   owesLost_ = false;
    hello_.cancel();
+   ending_.cancel();
    asio::error_code ignored;
    socket_.close(ignored);
 }

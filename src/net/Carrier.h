@@ -24,7 +24,7 @@ class Carrier : public std::enable_shared_from_this<Carrier> {
 public:
    using Socket = asio::local::stream_protocol::socket;
    /// Called from the event loop, once, after the link end was told that its peer has gone.
-   using Lost = std::function<void(std::string const& reason)>;
+   using Lost = std::function<void(std::string reason)>;
 
    Carrier(Socket socket, LinkEnd& end);
 
@@ -32,9 +32,9 @@ public:
 
    /// \param patience how long the peer may take to say its hello; a connection without is ended then
    void start(std::chrono::milliseconds patience);
-   /// Writes what the link end has to send, as much as the socket takes.
+   /// Writes what the link end has to send, as much as the socket takes. What found no memory before is done again.
    void flush();
-   /// Ends the connection and tells the link end, if that has not happened yet.
+   /// Ends the connection and tells the link end, if that has not happened yet. Needs no memory.
    void close(std::string_view reason);
    /// Ends the connection and tells nobody: the link end is going.
    void abandon();
@@ -46,22 +46,30 @@ private:
    void awaitHello(std::chrono::milliseconds patience);
    void awaitBytes();
    void awaitRoom();
+   void awaitEnd();
+   void arrived(std::size_t size);
+   void write();
    void closeAtFailure();
    void closeIfLate();
+   template <class Text> void closeFor(Text text);
 
    static constexpr std::size_t readSize = 65536;
 
    Socket socket_;
-   asio::steady_timer hello_; ///< pending until the hello has come
+   asio::steady_timer hello_;  ///< pending until the hello has come
+   asio::steady_timer ending_; ///< pending until the connection has ended: so that its end is told without memory
    std::chrono::milliseconds patience_{};
    LinkEnd* end_; ///< null once closed
    Lost lost_;
+   std::string reason_; ///< of the end, while somebody is to be told
+   bool owesLost_ = false;
+   bool awaitsBytes_ = false;
    bool awaitsHello_ = false;
    bool isLate_ = false; ///< with its hello: the bytes that have come are the last to be looked at
    bool awaitsRoom_ = false;
    bool flushing_ = false;
    std::size_t lastReading_ = 0;
-   std::array<std::uint8_t, readSize> arrived_;
+   std::array<std::uint8_t, readSize> bytes_;
 };
 
 } // namespace Mox

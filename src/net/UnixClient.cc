@@ -32,9 +32,9 @@ void UnixClient::connect(std::string const& path) {
    PeerCredentials const peer = PeerCredentials::of(descriptor);
    PeerEvent event{PeerEvent::Kind::joined, ++connections_, peer.process, peer.user, {}};
    auto carrier = std::make_shared<Carrier>(std::move(socket), end_);
-   carrier->onLost([this, event](std::string const& reason) mutable {
+   carrier->onLost([this, event](std::string reason) mutable {
       event.kind = PeerEvent::Kind::lost;
-      event.reason = reason;
+      event.reason = std::move(reason);
       tell(event);
    });
    carrier_ = std::move(carrier);

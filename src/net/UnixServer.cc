@@ -13,6 +13,7 @@
 #include <asio/steady_timer.hpp>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include <fcntl.h>
@@ -25,6 +26,11 @@ struct UnixServer::Peer {
       if (carrier)
          carrier->abandon();
    }
+   void ends(PeerEvent::Kind kind, std::string reason) noexcept {
+      event.kind = kind;
+      event.reason = std::move(reason);
+      hasGone = true;
+   }
    Peer(Peer const&) = delete;
    Peer& operator=(Peer const&) = delete;
 
@@ -32,6 +38,8 @@ struct UnixServer::Peer {
 
    LinkEnd end;
    std::shared_ptr<Carrier> carrier;
+   PeerEvent event;      ///< the last that is told of it
+   bool hasGone = false; ///< and its leave is still to be taken
 };
 
 struct UnixServer::Listener {
@@ -67,16 +75,25 @@ void UnixServer::exportRoot(Ptr<Entity> const& root) {
    LinkEnd::checkExport(root);
    if (!exported_.try_emplace(root->moxName(), root).second)
       throw NameInUseException("a root named " + quoted(root->moxName()) + " is exported already");
-   for (std::size_t i = 0; i < peers_.size(); ++i)
-      peers_[i]->end.exportRoot(root);
+   std::size_t told = 0;
+   try {
+      for (; told < peers_.size(); ++told)
+         peers_[told]->end.exportRoot(root);
+   } catch (...) {
+      while (told-- != 0)
+         peers_[told]->end.exportDel(root);
+      exported_.erase(root->moxName());
+      throw;
+   }
 }
 
 void UnixServer::exportDel(Ptr<Entity> const& root) {
+   // Here last: where a client's end found no memory, the root is still exported, and the next call goes on.
+   for (std::size_t i = 0; i < peers_.size(); ++i)
+      peers_[i]->end.exportDel(root);
    if (auto const at = root ? exported_.find(root->moxName()) : exported_.end();
        at != exported_.end() && at->second == root)
       exported_.erase(at);
-   for (std::size_t i = 0; i < peers_.size(); ++i)
-      peers_[i]->end.exportDel(root);
 }
 
 // Mounts ----------------------------------------------------------------------------------------------------------------
@@ -92,15 +109,32 @@ void UnixServer::mountIs(Ptr<Entity> const& mirror) {
    mounts_.reserve(mounts_.size() + 1);
    store_.mountIs(mirror);
    mounts_.push_back({mirror->moxName(), &store_});
-   askAll(mounts_.back());
-   mounts_.back().told = standing(mirror->moxName()).state; // who mounts asks
+   Mount& mount = mounts_.back();
+   try {
+      askAll(mount);
+      mount.told = standing(mount.name).state; // who mounts asks
+   } catch (std::bad_alloc const&) {
+      isUnsettled_ = true;
+   }
 }
 
 void UnixServer::unmount(Name const& name) {
-   std::erase_if(mounts_, [&](Mount const& m) { return m.name == name; });
-   store_.unmount(name);
-   for (std::size_t i = 0; i < peers_.size(); ++i)
-      peers_[i]->end.unmount(name);
+   Mount* const at = find(name);
+   if (at == nullptr)
+      return;
+   Mount mount = std::move(*at);
+   mounts_.erase(mounts_.begin() + (at - mounts_.data()));
+   try {
+      mount.seat->unmount(mount.name);
+   } catch (...) {
+      mounts_.push_back(std::move(mount)); // undone; there is room
+      throw;
+   }
+   // The others were only asked, which is withdrawn without memory; who was told may have mounted it anew.
+   for (std::size_t i = 0; i < peers_.size() && find(mount.name) == nullptr; ++i)
+      peers_[i]->end.unmount(mount.name);
+   if (find(mount.name) == nullptr)
+      store_.unmount(mount.name);
 }
 
 void UnixServer::onState(StateFunction told) {
@@ -174,6 +208,15 @@ bool UnixServer::opens(LinkEnd& end, Name const& root) {
    return true;
 }
 
+/// `judge`, now or, where that finds no memory, in the next poll.
+void UnixServer::judged(Name const& root) {
+   try {
+      judge(root);
+   } catch (std::bad_alloc const&) {
+      isUnsettled_ = true;
+   }
+}
+
 /// A client has answered for `root`, or has gone: asks the others where it is the owner no more, and tells what has changed.
 void UnixServer::judge(Name const& root) {
    using State = LinkEnd::State;
@@ -217,22 +260,42 @@ void UnixServer::tell(Name const& root, LinkEnd::State state) {
    }
 }
 
-/// Takes leave of a client whose connection has ended: what it owned is asked of the others.
-void UnixServer::lost(Peer& peer, std::string const& reason) {
-   gone_ += peer.end.counters();
-   std::vector<Name> names;
-   for (Mount& mount : mounts_) {
-      names.push_back(mount.name);
-      if (mount.seat == &peer.end) {
-         mount.loss = reason;
-         store(mount);
-      }
+/// Takes leave of a client whose connection has ended: what it owned is asked of the others. Where it finds no memory, the next poll
+/// does it again.
+void UnixServer::lost(Peer& peer) {
+   try {
+      for (Mount& mount : mounts_)
+         if (mount.seat == &peer.end) {
+            mount.loss = peer.event.reason;
+            store(mount);
+         }
+   } catch (std::bad_alloc const&) {
+      return;
    }
+   PeerEvent const event = std::move(peer.event);
+   gone_ += peer.end.counters();
    std::erase_if(peers_, [&](auto const& p) { return p.get() == &peer; });
-   for (Mount& mount : mounts_)
-      askAll(mount);
-   for (Name const& name : names)
-      judge(name); // who is told may mount and unmount
+   isUnsettled_ = true;
+   settle();
+   tell(event);
+}
+
+/// Asks all clients that are still to be asked, and tells of each root that stands in another way than was told.
+void UnixServer::settle() {
+   if (!std::exchange(isUnsettled_, false))
+      return;
+   try {
+      std::vector<Name> names; // who is told may mount and unmount
+      names.reserve(mounts_.size());
+      for (Mount& mount : mounts_) {
+         askAll(mount);
+         names.push_back(mount.name);
+      }
+      for (Name const& name : names)
+         judged(name);
+   } catch (std::bad_alloc const&) {
+      isUnsettled_ = true;
+   }
 }
 
 // Clients ---------------------------------------------------------------------------------------------------------------
@@ -286,6 +349,13 @@ bool UnixServer::mayHaveMore() const noexcept {
 void UnixServer::flush() {
    if (!listener_->isAwaited)
       awaitClient();
+   for (std::size_t i = 0; i < peers_.size();) {
+      Peer const& peer = *peers_[i];
+      if (peer.hasGone)
+         lost(*peers_[i]);
+      i += i < peers_.size() && peers_[i].get() == &peer;
+   }
+   settle();
    // By index: what a drain runs may mount, which can add a peer.
    for (std::size_t i = 0; i < peers_.size(); ++i)
       if (peers_[i]->isOpen())
@@ -310,7 +380,7 @@ void UnixServer::prepare(Peer& peer) {
          end.ask(mount.name);
       }
    }
-   end.onState([this](Name const& root, LinkEnd::State) { judge(root); });
+   end.onState([this](Name const& root, LinkEnd::State) { judged(root); });
    end.onOpening([this, &end](Name const& root) { return opens(end, root); });
 }
 
@@ -364,21 +434,25 @@ void UnixServer::admit() {
 
    peers_.push_back(std::make_unique<Peer>(name_));
    Peer& peer = *peers_.back();
+   peer.event = event;
    try {
       prepare(peer);
       auto carrier = std::make_shared<Carrier>(std::move(socket), peer.end);
-      carrier->onLost([this, event, &peer](std::string const& reason) mutable {
-         lost(peer, reason);
-         event.kind = PeerEvent::Kind::lost;
-         event.reason = reason;
-         tell(event);
+      carrier->onLost([this, &peer](std::string reason) {
+         peer.ends(PeerEvent::Kind::lost, std::move(reason));
+         lost(peer);
       });
       peer.carrier = carrier;
       carrier->start(patience());
    } catch (std::exception const& e) {
-      event.kind = PeerEvent::Kind::refused;
-      event.reason = std::string("the connection could not be begun: ") + e.what();
-      lost(peer, event.reason);
+      std::string reason = "no memory";
+      try {
+         reason = std::string("the connection could not be begun: ") + e.what();
+      } catch (std::bad_alloc const&) {
+      }
+      peer.ends(PeerEvent::Kind::refused, std::move(reason));
+      lost(peer);
+      return;
    }
    tell(event);
 }

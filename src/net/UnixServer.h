@@ -100,11 +100,13 @@ private:
    void prepare(Peer& peer);
    void awaitClient();
    void admit();
-   void lost(Peer& peer, std::string const& reason);
+   void lost(Peer& peer);
+   void settle();
    Mount* find(Name const& root) noexcept;
    Standing standing(Name const& root) const;
    void store(Mount& mount);
    void judge(Name const& root);
+   void judged(Name const& root);
    using SocketLoop::tell;
    void tell(Name const& root, LinkEnd::State state);
    void report(std::string const& text) const noexcept;
@@ -121,6 +123,7 @@ private:
    Callback<void(Name const& root, LinkEnd::State state)> stateTold_;
    Callback<void(std::string const&)> reportTold_;
    unsigned accepted_ = 0;
+   bool isUnsettled_ = false; ///< a client is still to be asked, or somebody to be told how a root stands
 };
 
 } // namespace Mox
