@@ -119,8 +119,8 @@ TEST_F(Promise, LiveWaitsForTheMemberThatWaitsForAnother) {
    settle();
    cut();
    right.exportDel(yours);
-   Log log;
-   auto const members = logged(statusesThere, Cl10010StatusDir::Attr::phyStatus, log);
+   Log told;
+   auto const members = logged(statusesThere, Cl10010StatusDir::Attr::phyStatus, told);
    reconnect();
    for (int i = 0; i < 100 && left.footprint().stream.parked == 0; ++i) {
       carry(left, right);
@@ -128,7 +128,7 @@ TEST_F(Promise, LiveWaitsForTheMemberThatWaitsForAnother) {
    }
    right.exportRoot(yours);
    settle();
-   EXPECT_EQ(log, Log{});
+   EXPECT_EQ(told, Log{});
    expectSame();
 }
 
