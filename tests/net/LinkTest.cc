@@ -286,6 +286,8 @@ TEST(Beginning, ThatFindsNoMemoryLeavesRoomForTheNext) {
          EXPECT_TRUE(s.until(isWhole, client, owner.client));
          EXPECT_EQ(s.server_.auditErrors(), 0u);
       }
+}
+
 /// Under a sanitizer: nothing of the server has gone while reactors are told.
 TEST_F(Served, AServerIsWholeWhileItTellsWhatItsMirrorsOwe) {
    std::string const path = folder_.path() + "/going";
