@@ -796,6 +796,12 @@ void Demuxer::checkAnnounced(EntityId id) const {
            std::to_string(slot.generation));
 }
 
+/// Whether what the peer announces under `id` was unmounted here while its announcement was under way.
+bool Demuxer::hasGoneHere(EntityId id) const noexcept {
+   return id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
+          peer_[id.slot()].generation == id.generation();
+}
+
 void Demuxer::reserve(EntityId id) {
    checkAnnounced(id);
    PeerSlot& slot = neededSlot(id);
@@ -1229,6 +1235,10 @@ void Demuxer::reserveAnnounced(In const& in) {
 /// What `id` was announced for does not stand here as its owner thinks: he is asked to announce it under another identifier, and to tell
 /// again what refers to it. Without memory even to note that, the connection ends: the next one tells everything.
 void Demuxer::askedAnewIs(EntityId id) {
+   if (hasGoneHere(id)) {
+      staleCounted();
+      return;
+   }
    reserve(id);
    if (!std::exchange(peer_[id.slot()].isAskedAnew, true))
       ++askedAnew_;
@@ -1392,9 +1402,8 @@ void Demuxer::readOrphan(In& in) {
       In::Position const parameters = in.position();
       in.nextSection(4);
       id = in.nextEntityId();
-      if (id.isAssigned() && id.slot() < peer_.size() && !peer_[id.slot()].isUsed &&
-          peer_[id.slot()].generation == id.generation()) {
-         staleCounted(); // a root that was unmounted here while its announcement was under way
+      if (hasGoneHere(id)) {
+         staleCounted();
          return;
       }
       checkAnnounced(id);

@@ -340,6 +340,7 @@ private:
    // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
    inline PeerSlot* peerSlot(EntityId wireId) noexcept;
    PeerSlot& neededSlot(EntityId id);
+   bool hasGoneHere(EntityId id) const noexcept;
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // One allocation fails: whoever watches is told what has changed all the same, and the mirror has it.
 
+#include "Told.h"
 #include "attrlog/LocalLink.h"
 #include "entities/Cl10010ConfigDirReactor.h"
 #include "entities/Cl10010ConfigReactor.h"
@@ -170,6 +171,25 @@ TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
       }
       w.link.settle();
       EXPECT_FALSE(isKnown) << skipped << " allocations before";
+   }
+}
+
+TEST(Memory, ThatFailsInTheAnnouncementOfARootUnmountedMeanwhileEndsNoConnection) {
+   struct Unmounted : NboAttrLog::Told {
+      void TestBody() override {}
+   };
+   bool hasFailed = true;
+   for (std::size_t skipped = 0; hasFailed; ++skipped) {
+      Unmounted t;
+      t.end.unmount("config");
+      t.peer->announce("Hardware::ClariPhy::Cl10010ConfigDir", "config", Unmounted::root);
+      std::vector<std::uint8_t> const bytes = NboAttrLog::bytesOf(*t.peer->out);
+      {
+         NoMemory const once(true, skipped);
+         t.end.bytesArrived(bytes);
+         hasFailed = NoMemory::hasFailed();
+      }
+      EXPECT_TRUE(t.end.isConnected()) << skipped << " allocations before: " << t.end.failure();
    }
 }
 
