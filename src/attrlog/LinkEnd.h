@@ -233,9 +233,9 @@ private:
    NboAttrLog::Demuxer demuxer_;
    std::unordered_map<Name, Ptr<Entity>> exports_; ///< under their names
    std::vector<Mount> mounts_;
-   std::vector<std::uint32_t>
-      unmounts_;                   ///< written and withdrawn: the peer is still to be told; has room for all mounts
-   std::vector<Request> requests_; ///< the peer's mounts
+   /// Written and withdrawn: the peer is still to be told. Has room for all mounts, so that withdrawing needs no memory.
+   std::vector<std::uint32_t> unmounts_;
+   std::vector<Request> requests_;        ///< the peer's mounts
    std::vector<std::uint32_t> overLimit_; ///< mounts of the peer above `mostRequests`: still to be refused
    Callback<void(Name const& root, State state)> stateCall_;
    Callback<bool(Name const&)> openingCall_;
