@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "attrlog/AdapterLists.h"
+#include "attrlog/Backlog.h"
 #include "attrlog/In.h"
 #include "attrlog/Out.h"
 #include "attrlog/OwnSlots.h"
+#include "attrlog/PeerMirrors.h"
+#include "attrlog/Reports.h"
 #include "attrlog/StateAdapter.h"
-#include "attrlog/WaitingMirrors.h"
-#include "core/Callback.h"
-#include "mox/Swallowed.h"
 
 #include <concepts>
 #include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -98,10 +96,10 @@ public:
             throw;
          } catch (AttrLogRecordException const&) {
             if (restarts == mostRestarts) {
-               ++counters_.unfinishedAnnouncements;
+               ++counters().unfinishedAnnouncements;
                return false;
             }
-            ++counters_.restartedAnnouncements;
+            ++counters().restartedAnnouncements;
             announceWanted();
          }
       }
@@ -119,18 +117,20 @@ public:
 
    // The backlog.
    /// The flow of `sa`; makes one that starts at `startAttribute` where there is none, and queues it.
-   FlowOut& createFlowOut(Sa& sa, AttributeId startAttribute = attr::owesNothing);
+   FlowOut& createFlowOut(Sa& sa, AttributeId startAttribute = attr::owesNothing) {
+      return backlog_.neededFlow(sa, startAttribute);
+   }
    /// Whether a change must queue behind others.
-   bool hasBacklog() const noexcept { return head_ != nullptr; }
+   bool hasBacklog() const noexcept { return !backlog_.empty(); }
    /// Whether a change becomes a record at once.
-   bool takesNow() const noexcept { return isOpen_ && head_ == nullptr && out_->hasSufficientBuffer(); }
+   bool takesNow() const noexcept { return isOpen_ && backlog_.empty() && out_->hasSufficientBuffer(); }
    /// Writes what is owed as far as the buffer has room.
    void drain();
    /// Whether anything at all is owed, by a flow, by a mark or by a bit.
-   bool owes() const noexcept;
-   void owesAllNoticed(Sa& sa) noexcept { owing_.enqueue(sa); }
+   bool owes() const noexcept { return backlog_.isOwing() || mirrors_.isAsking() || own_.owesRetirements(); }
+   void owesAllNoticed(Sa& sa) noexcept { backlog_.addOwing(sa); }
    /// The owner of `sa`'s entity is to be asked for something. \throws std::bad_alloc
-   void untoldNoticed(Sa& sa) { asking_.add(sa); }
+   void untoldNoticed(Sa& sa) { mirrors_.askFor(sa); }
    /// Marks again what refers to entities whose identifier has changed. `drain` does so too; a carrier that is not asked for bytes
    /// does it behind each batch that has arrived, so that what is noted does not grow.
    void identifiersSettled();
@@ -152,30 +152,28 @@ public:
 
    // What the peer announces.
    /// An identifier as the peer writes it and as this side keeps it: each calls itself side 1.
-   static constexpr EntityId ofPeer(EntityId id) noexcept { return {id.low ^ 2u, id.high}; }
+   static constexpr EntityId ofPeer(EntityId id) noexcept { return PeerMirrors::ofPeer(id); }
    /// Applies the record in hand. The entity that it is for, and its adapter, are held until a record for another one comes, or
    /// `recordsEnd`: most changes come in runs. \throws ProtocolException only
    void record(In& in);
    /// No record follows: lets go of what the last one was for. A frame that is no record comes behind it.
    void recordsEnd() noexcept {
-      if (inHand_.sa)
-         letGo();
+      if (mirrors_.hasInHand())
+         putDown();
    }
    /// Binds the peer's identifier to an entity of this process. What the identifier stood for is let go last: that runs reactors,
    /// which may do anything here. \throws ProtocolException where a root would lose its identifier by that
    void bind(EntityId id, Entity& entity) {
       bindInRecord(id, entity);
-      releasePending();
+      releaseReplaced();
    }
    /// The same while a record is applied, behind which the rest is let go.
    void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
-   void checkAnnounced(EntityId id) const;
+   void checkAnnounced(EntityId id) const { mirrors_.check(id, *in_); }
    /// Keeps the slot of what the peer announced and this side can't make, until it is retired.
    /// \throws ProtocolException as `checkAnnounced`
-   void reserve(EntityId id);
-   /// How many parents `entity` has, as far as `frame::maximumDepth + 1`.
-   static unsigned depthOf(Entity const& entity) noexcept;
+   void reserve(EntityId id) { mirrors_.reserve(id, *in_); }
    /// Has the peer asked to announce what `id` stands for under another identifier, and to tell again what refers to it.
    /// \throws ProtocolException as `checkAnnounced`
    void askedAnewIs(EntityId id);
@@ -188,8 +186,8 @@ public:
    bool isOfAnother(Entity const& member, EntityId id) const noexcept;
    void refresh(EntityId wireId, std::int32_t attribute, std::string_view key);
    /// Every entity that the peer has announced has been told whole.
-   bool isSynced() const noexcept { return syncing_ == 0; }
-   void syncing(Sa& sa, bool isSyncing);
+   bool isSynced() const noexcept { return mirrors_.isSynced(); }
+   void syncing(Sa& sa, bool isSyncing) { mirrors_.syncingIs(sa, isSyncing); }
    /// The peer has answered every mount and told every entity whole: what it has not announced again is gone.
    void remountEnded();
    /// The peer's collection holds `member` no more. A mirror of an earlier connection waits for nothing then: who refers to it
@@ -237,47 +235,13 @@ public:
    // Called by adapters.
    void detached(Sa& sa) noexcept;
    void applicationStarts() noexcept { applicationStarted_ = true; }
-   void parkedIs(Sa& sa) {
-      parked_.add(sa);
-      ++counters_.parked;
-   }
+   void parkedIs(Sa& sa) { backlog_.addParked(sa); }
    /// What parked marks wait for may be there: the next drain looks at them again.
-   void parkedMayGoOn() noexcept { newIdentifiers_ = true; }
+   void parkedMayGoOn() noexcept { backlog_.lookAgainAtParked(); }
 
-   /// What happened on this stream since it was made.
-   struct Counters {
-      U64 staleRecords = 0;    ///< for an identifier that has been retired
-      U64 staleReferences = 0; ///< to an identifier that has been retired
-      U64 unknownEnums = 0;    ///< records dropped for an enumerator that this side lacks
-      U64 badValues = 0;       ///< records dropped for another value that this side can't hold
-      U64 unknownAttributes = 0;
-      U64 unknownTypes = 0; ///< orphans of a type that this side lacks
-      U64 unknownKinds = 0;
-      U64 refusedWrites = 0;         ///< of the peer, to what this side owns
-      U64 tooLong = 0;               ///< records never sent, because the peer takes none of that length
-      U64 withoutIdentifier = 0;     ///< records never sent, because the peer takes no further identifier
-      U64 unsentEnums = 0;           ///< values and keys never sent, because they are no enumerators of their type
-      U64 withoutLog = 0;            ///< references sent as null, because the target's type has no log
-      U64 applicationExceptions = 0; ///< that left a mutator while a record was applied
-      U64 restartedAnnouncements = 0;
-      U64 unfinishedAnnouncements = 0; ///< given up after 1 + references restarts
-      U64 parked = 0;
-      U64 woken = 0;
-      U64 sweptEntries = 0;
-      U64 owedAll = 0;
-      U64 collectionRestarts = 0;
-      U64 pausedCollections = 0;
-      U64 grownWhilePaused = 0;
-      U64 reusedSlots = 0;
-      U64 refreshesAsked = 0;
-      U64 refreshesAnswered = 0;
-      U64 renamedMembers = 0; ///< a name announced under another identifier within the connection
-      U64 belowCursor = 0;    ///< marks set behind a flow's position, which a further round sends
-      U64 abortedResends = 0; ///< resends of a collection that began anew before their end
-      U64 brokenWaits = 0;    ///< mirrors let go because both ends waited for each other
-   };
-   Counters& counters() noexcept { return counters_; }
-   Counters const& counters() const noexcept { return counters_; }
+   using Counters = StreamCounters;
+   Counters& counters() noexcept { return reports_.counters; }
+   Counters const& counters() const noexcept { return reports_.counters; }
 
    /// Sizes of what this end holds: the terms of the memory formula.
    struct Footprint {
@@ -302,20 +266,12 @@ public:
    std::string audit() const;
    unsigned auditErrors() const { return audit().empty() ? 0 : 1; }
 
-   /// Told what went wrong with one record, with stream, offset, entity and attribute: the connection goes on.
-   using Report = std::function<void(std::string const&)>;
-   void reportIs(Report report) { report_ = std::move(report); }
-   /// What the function throws goes where reactors' exceptions go (mox/Swallowed.h): no record and no stream is at fault. During a
-   /// drain it is kept until the end of that, the first 64 in words.
-   void report(std::string const& text) const noexcept;
-   /// The same for a text that is made here: without memory for it nothing is told, and nothing fails.
-   template <std::invocable Make> void report(Make make) const noexcept {
-      try {
-         report(make());
-      } catch (...) {
-         Mox::detail::exceptionSwallowed(nullptr, attr::none);
-      }
-   }
+   /// Told what went wrong with one record, with stream, offset, entity and attribute: the connection goes on. What it throws goes
+   /// where reactors' exceptions go. During a drain it is kept until the end of that, the first 64 in words.
+   using Report = Reports::Call;
+   void reportIs(Report report) { reports_.callIs(std::move(report)); }
+   /// Tells `text`, or what a function returns, to it. Never throws.
+   template <class Text> void report(Text&& text) const noexcept { reports_.tell(std::forward<Text>(text)); }
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when a root is announced that its mirror can't be, with the reason: it is of another type, or was made with other
@@ -323,115 +279,71 @@ public:
    void mismatchIs(std::function<void(Sa&, std::string const& reason)> mismatch) { mismatch_ = std::move(mismatch); }
    /// Records of this connection whose fate is decided.
    U64 applied() const noexcept { return applied_; }
-   void peerHighestSlotIs(std::uint32_t slot) noexcept { peerHighestSlot_ = slot; }
-   static constexpr std::uint32_t highestSlot = 0x00ffffff;
+   void peerHighestSlotIs(std::uint32_t slot) noexcept { own_.highestIs(slot); }
+   static constexpr std::uint32_t highestSlot = OwnSlots::highestSlot;
 
    /// Calls `visit` for every adapter on this stream, this side's first.
    void forEachAdapter(std::function<void(Sa&)> const& visit);
 
 private:
-   struct PeerSlot : Mirror {
-      std::uint32_t generation = 0;
-      bool isUsed = false;
-      bool isOwedRetirement = false; ///< let go here, which the peer has still to learn and answer
-      bool isAskedAnew = false;      ///< its owner is still to be asked for another identifier
-   };
-
-   // The inline ones are defined in Demuxer.cc, where they are on the road of every record.
-   inline PeerSlot* peerSlot(EntityId wireId) noexcept;
-   PeerSlot& neededSlot(EntityId id);
-   bool hasGoneHere(EntityId id) const noexcept;
    void announce(Entity& entity);
    void announceOrphan(Entity& entity);
    void writeAnnouncement(Sa& sa);
    bool isBelowWaitingRoot(Entity const* entity) const noexcept;
    bool isUnderAnnounced(Entity const& entity) const noexcept;
-   std::string mismatchOf(Entity const& mirror, std::vector<std::string_view> const& chain, In& in);
-   void readOrphan(In& in);
-   void reserveAnnounced(In const& in);
-   void reserveFailed(EntityId id) noexcept;
-   bool taken(In& in) noexcept;
-   void letGo() noexcept;
+   void addReidentified(Sa const& sa, Entity const& entity);
+   void writeRetirements();
+   void allOweAll() noexcept;
+   void tellLimits();
+   void drainNow();
+
+   void putDown() noexcept;
+   bool takeUp(In& in) noexcept;
    void otherRecord(In& in);
    [[gnu::always_inline]] inline void applyRecord(Sa& sa, In& in);
    void applyAnnouncement(Sa& sa, In& in);
    void applyMarker(Sa& sa, In& in);
    void applicationFailed(Sa& sa, In& in);
-   void retirementsWrite();
-   void owedAllPaid();
-   void reidentified(Sa const& sa, Entity const& entity);
-   void allOweAll() noexcept;
-   void syncModeSend(Sa& sa, SyncMode mode);
-   void wake();
-   void refreshesAsk();
-   void limitsTell();
-   void drainNow();
-   void reportsTell() noexcept;
-   bool step(FlowOut& flow);
-   void enqueue(FlowOut& flow) noexcept;
-   void dequeue(FlowOut& flow) noexcept;
-   Mirror takenFrom(PeerSlot& slot) noexcept;
+   std::string mismatchOf(Entity const& mirror, std::vector<std::string_view> const& chain, In& in);
+   void readOrphan(In& in);
+   void reserveAnnounced(In const& in);
+   void reserveFailed(EntityId id) noexcept;
+   void countStale() noexcept {
+      ++counters().staleRecords;
+      mirrors_.countLate();
+   }
+   std::string where(In const& in, Sa const* sa, AttributeId id) const;
+
    void release(Mirror const& gone) noexcept;
    template <class Predicate> void releaseWaiting(Predicate is) noexcept;
-   void releasePending();
+   void releaseReplaced();
    void releaseBelow(Entity& top);
-   void peerSlotsTrim() noexcept;
-   void staleCounted() noexcept {
-      ++counters_.staleRecords;
-      ++stale_;
-   }
-   std::string auditFlows() const;
-   std::string auditMirrors() const;
-   std::string auditLists() const;
-   std::string where(In const& in, Sa const* sa, AttributeId id) const;
+   std::string auditAdapters() const;
 
    Ptr<Out> out_;
    Ptr<In> in_;
    std::string peerName_;
    bool isOpen_ = false;
    bool isDraining_ = false;
-   bool anyAwaited_ = false; ///< something was referred to, on this connection, before its owner has announced it again
-   bool newIdentifiers_ = false;
-   bool applicationStarted_ = false;
-   bool isInHandCurrent_ = false; ///< `inHandId_` still stands for `inHand_`
-   bool isLimitReported_ = false; ///< on this connection
+   bool applicationStarted_ = false; ///< a mutator runs for the record in hand, or has run
+   bool isLimitReported_ = false;    ///< on this connection
 
+   Reports reports_;
    OwnSlots own_;
-   std::vector<PeerSlot> peer_; ///< by slot; may end before the highest slot that the peer has used
-   std::size_t peerEnd_ = 0;    ///< behind the highest slot that the peer has announced on this connection
-   std::size_t mirrored_ = 0;   ///< slots in use
-   std::size_t askedAnew_ = 0;  ///< slots with `isAskedAnew`
-   std::uint32_t peerHighestSlot_ = highestSlot;
-   Mirror inHand_; ///< what the last record was for
-   EntityId inHandId_;
-   WaitingMirrors waiting_;
-   std::vector<Mirror> letGo_; ///< lost their identifier to another while a record was applied; let go behind it
-   std::size_t syncing_ = 0;
-
-   FlowOut* head_ = nullptr;
-   FlowOut* tail_ = nullptr;
-   AdapterQueue owing_;                             ///< owe everything and have been heard of since
-   NotedAdapters<&Notes::parkedAt> parked_;         ///< have marks that wait for an identifier
-   NotedAdapters<&Notes::askingAt> asking_;         ///< have something to ask the owner for
-   std::unordered_set<Entity const*> reidentified_; ///< never looked at, only compared: they may be gone
-   std::vector<Ptr<Sa>> limited_;                   ///< roots that can't be told any more
-   Ptr<Entity> wanted_;
+   PeerMirrors mirrors_;
+   Backlog backlog_;
+   std::vector<Ptr<Sa>> limited_; ///< roots that can't be told any more, until the end of the drain that met them
+   Ptr<Entity> wanted_;           ///< what the last announcement that was taken back needs announced before it
 
    DeserializingEidAnchor* anchor_ = nullptr;
-   U64 applied_ = 0;
+   U64 applied_ = 0; ///< records of this connection whose fate is decided
    U64 acknowledged_ = 0;
-   U64 acknowledgedAt_ = 0;
-   U64 stale_ = 0;             ///< stale records of this connection
-   std::vector<U64> refusals_; ///< numbers of writes, ascending, since the last acknowledgement
-   Counters counters_;
-   Callback<void(std::string const&)> report_;
-   static constexpr std::size_t mostReports = 64;
-   mutable std::vector<std::string> reports_; ///< of the drain that runs
-   mutable std::size_t unreported_ = 0;       ///< that came behind those
+   U64 acknowledgedAt_ = 0;    ///< the stream's byte behind the last acknowledgement
+   std::vector<U64> refusals_; ///< numbers of refused writes, ascending, since the last acknowledgement
    std::function<void(Sa&, std::string const&)> mismatch_;
    std::function<void(Entity&)> limitReached_;
    std::function<void(Entity&)> rootRetired_;
-   std::vector<MoxType const*> reportedTypes_;
+   std::vector<MoxType const*> reportedTypes_; ///< without a log, and reported for it
 };
 
 } // namespace NboAttrLog

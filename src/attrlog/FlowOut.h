@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "attrlog/IntrusiveQueue.h"
 #include "attrlog/Mark.h"
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace Mox::NboAttrLog {
-
-class Demuxer;
 
 /// Where a backlog stands and what one entity owes one stream. The levels of the entity's type add their dirty bits and keys
 /// (`LevelFlow`). Exists only while something is owed.
@@ -67,18 +66,17 @@ public:
    void isResendIs(bool resend) noexcept { isResend_ = resend; }
    bool hasOpened() const noexcept { return hasOpened_; }
    void hasOpenedIs(bool opened) noexcept { hasOpened_ = opened; }
-   bool isQueued() const noexcept { return isQueued_; }
+   bool isQueued() const noexcept { return queueLinks_.isQueued; }
+   QueueLinks<FlowOut>& queueLinks() noexcept { return queueLinks_; }
+   QueueLinks<FlowOut> const& queueLinks() const noexcept { return queueLinks_; }
    Entity::MoxNboAttrLogSa* owner() const noexcept { return owner_; }
    void ownerIs(Entity::MoxNboAttrLogSa* owner) noexcept { owner_ = owner; }
    /// Buckets of the paused collection when it was paused, for the counters; 0 where it has none.
    std::size_t pausedBuckets = 0;
 
 private:
-   friend class Demuxer;
-
    Entity::MoxNboAttrLogSa* owner_ = nullptr;
-   FlowOut* before_ = nullptr; ///< the scheduler's queue
-   FlowOut* behind_ = nullptr;
+   QueueLinks<FlowOut> queueLinks_;
    Mark bookmark_;
    Mark suspendedAt_;
    std::vector<AttributeId> pendingAborts_;
@@ -87,7 +85,6 @@ private:
    std::uint8_t dataBits_ = 0;
    bool isResend_;
    bool hasOpened_ = false;
-   bool isQueued_ = false;
 };
 
 } // namespace Mox::NboAttrLog

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attrlog/Demuxer.h"
+#include "attrlog/EntityTree.h"
 #include "attrlog/LevelSa.h"
 #include "attrlog/Wire.h"
 #include "core/Exceptions.h"
@@ -243,7 +244,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       throw AttrLogRecordException("a member announced by a record of kind " + std::to_string(in.header().kind) +
                                    ", expected " + std::to_string(kind::childLog));
    demuxer.checkAnnounced(id);
-   if (Demuxer::depthOf(object()) >= frame::maximumDepth)
+   if (depthOf(object()) >= frame::maximumDepth)
       throw ProtocolException(in.where() + ": a member below " + std::to_string(frame::maximumDepth) +
                               " others; deeper ones are not taken");
    auto& cell = A::cell(object());

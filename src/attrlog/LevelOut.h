@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attrlog/Demuxer.h"
+#include "attrlog/EntityTree.h"
 #include "attrlog/LevelSa.h"
 #include "attrlog/Wire.h"
 #include "core/Exceptions.h"
@@ -294,7 +295,7 @@ template <class X>
 template <class A>
 Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr<typename A::Entry> const& child) {
    Demuxer& demuxer = *this->demuxer_;
-   if (Demuxer::depthOf(*child) > frame::maximumDepth)
+   if (depthOf(*child) > frame::maximumDepth)
       throw RecordTooLong("\"" + std::string(std::string_view(child->moxName())) + "\" lies below more than " +
                           std::to_string(frame::maximumDepth) + " others");
    Ptr<Entity::MoxNboAttrLogSa> sa(demuxer.adapterOf(*child));

@@ -9,14 +9,14 @@
 
 namespace Mox::NboAttrLog {
 
-void OwnSlots::assign(Sa& sa, std::uint32_t highest) {
+void OwnSlots::assign(Sa& sa) {
    // Numbers behind the end of the table are left over from a longer one. The lowest stands first: behind it are no others then.
    if (!free_.empty() && free_.front() >= slots_.size())
       free_.clear();
    if (free_.empty()) {
       std::size_t const slot = std::max<std::size_t>(slots_.size(), 1);
-      if (slot > highest)
-         throw NoIdentifierLeft("no identifier is left: the peer takes slots up to " + std::to_string(highest));
+      if (slot > highest_)
+         throw NoIdentifierLeft("no identifier is left: the peer takes slots up to " + std::to_string(highest_));
       // Room first, so that giving an identifier back never fails.
       if (slots_.capacity() <= slot)
          slots_.reserve(std::max(slot + 1, 2 * slots_.capacity()));
@@ -102,6 +102,7 @@ void OwnSlots::clear() noexcept {
    retirements_ = {};
    used_ = 0;
    generationFloor_ = 0;
+   highest_ = highestSlot;
 }
 
 std::string OwnSlots::audit() const {

@@ -26,10 +26,14 @@ public:
 class OwnSlots {
 public:
    using Sa = Entity::MoxNboAttrLogSa;
+   /// The highest slot that an identifier can name.
+   static constexpr std::uint32_t highestSlot = 0x00ffffff;
 
-   /// Gives `sa` an identifier and holds it. \param highest slot that the peer takes
-   /// \throws NoIdentifierLeft, std::bad_alloc; nothing has changed then
-   void assign(Sa& sa, std::uint32_t highest);
+   /// The highest slot that the peer takes on this connection.
+   void highestIs(std::uint32_t slot) noexcept { highest_ = slot; }
+   std::uint32_t highest() const noexcept { return highest_; }
+   /// Gives `sa` an identifier and holds it. \throws NoIdentifierLeft, std::bad_alloc; nothing has changed then
+   void assign(Sa& sa);
    /// The adapter under `id`, or null.
    Sa* find(EntityId id) const noexcept;
    /// `id` stands for nothing any more. \param isKnown whether the peer has been told of it and is owed its retirement
@@ -68,6 +72,7 @@ private:
    std::vector<std::uint32_t> free_; ///< a heap, the lowest first; may hold numbers behind the table's end
    std::vector<std::uint32_t> retirements_;
    std::size_t used_ = 0;
+   std::uint32_t highest_ = highestSlot;
    std::uint32_t generationFloor_ = 0; ///< the highest that slots had which have been dropped from the table
 };
 

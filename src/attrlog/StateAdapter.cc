@@ -348,6 +348,18 @@ void Sa::sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigne
    demuxer_->out()->transactionMarker(entityId_, id, type, count);
 }
 
+void Sa::sendSyncMode(SyncMode mode) {
+   demuxer_->beforeRecord();
+   NboAttrLog::MsgHeader header;
+   header.entity = entityId_;
+   header.attribute = static_cast<std::int32_t>(attr::syncMode);
+   header.fixedSize = 4;
+   NboAttrLog::Out& out = *demuxer_->out();
+   NboAttrLog::Record record(out, header);
+   out.put(static_cast<unsigned int>(mode));
+   record.close();
+}
+
 void Sa::parkedIs(NboAttrLog::FlowOut& flow, NboAttrLog::Mark mark) {
    using NboAttrLog::FlowOut;
    flow.moxDataBitsIs(static_cast<std::uint8_t>(flow.moxDataBits() & ~FlowOut::suspended));

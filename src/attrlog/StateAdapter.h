@@ -2,6 +2,7 @@
 #pragma once
 
 #include "attrlog/FlowOut.h"
+#include "attrlog/IntrusiveQueue.h"
 #include "attrlog/MsgHeader.h"
 #include "core/Identifiers.h"
 #include "core/Ptr.h"
@@ -20,11 +21,9 @@ class MoxType;
 class StreamAdapter;
 
 namespace NboAttrLog {
-class AdapterQueue;
 class Demuxer;
 class In;
 class Out;
-class WaitingMirrors;
 
 /// What a received record says beside its value; passed on unchanged to the framework's level.
 struct DeserializationOptions {
@@ -234,6 +233,8 @@ public:
    /// Framework hook between an adapter's making and its announcement: prepares, tells nothing.
    void moxOnInit() {}
    void sendTransactionMarker(AttributeId id, AttrTransactionType type, unsigned count);
+   /// Writes the record that says how far the telling of this entity has come.
+   void sendSyncMode(SyncMode mode);
 
    /// Made by `moxNboAttrLogSaIs` before anything has announced the entity: the announcement, whichever comes, takes it over.
    bool isMadeInAdvance() const noexcept { return !isMirror() && !isRoot_ && !isOrphan_ && !isAnnounced(); }
@@ -319,6 +320,14 @@ public:
    /// Something here can't be told before the peer announces this mirror again.
    bool isAwaited() const noexcept { return isAwaited_; }
    void isAwaitedIs(bool awaited) noexcept { isAwaited_ = awaited; }
+
+   // Where this adapter stands in the stream's lists. Only those change it.
+   /// In the queue of the adapters that owe everything.
+   NboAttrLog::QueueLinks<MoxNboAttrLogSa>& queueLinks() noexcept { return queueLinks_; }
+   NboAttrLog::QueueLinks<MoxNboAttrLogSa> const& queueLinks() const noexcept { return queueLinks_; }
+   /// Among the mirrors that wait to be announced again; `Notes::unlisted` for one that does not wait.
+   std::uint32_t waitingAt() const noexcept { return waitingAt_; }
+   void waitingAtIs(std::uint32_t place) noexcept { waitingAt_ = place; }
 
    /// The reactor's raw way back to its adapter; cleared when the adapter goes.
    class ReactorLink {
@@ -448,13 +457,8 @@ protected:
    std::vector<AttributeId> flowsIn_;
 
 private:
-   friend class NboAttrLog::AdapterQueue;
-   friend class NboAttrLog::WaitingMirrors;
-
-   MoxNboAttrLogSa* queuedBefore_ = nullptr; ///< in the demultiplexer's queue of those that owe everything
-   MoxNboAttrLogSa* queuedBehind_ = nullptr;
-   bool isQueued_ = false;
-   std::uint32_t waitingAt_ = NboAttrLog::Notes::unlisted; ///< in the demultiplexer's list of waiting mirrors
+   NboAttrLog::QueueLinks<MoxNboAttrLogSa> queueLinks_;
+   std::uint32_t waitingAt_ = NboAttrLog::Notes::unlisted;
 };
 
 } // namespace Mox

@@ -16,15 +16,16 @@ void WaitingMirrors::add(Mirror mirror) {
       } catch (std::bad_alloc const&) {
          isIndexWhole_ = false;
       }
-   sa.waitingAt_ = static_cast<std::uint32_t>(mirrors_.size() - 1);
+   sa.waitingAtIs(static_cast<std::uint32_t>(mirrors_.size() - 1));
 }
 
 Mirror WaitingMirrors::taken(Sa& sa) noexcept {
-   std::uint32_t const place = std::exchange(sa.waitingAt_, Notes::unlisted);
+   std::uint32_t const place = sa.waitingAt();
+   sa.waitingAtIs(Notes::unlisted);
    Mirror mirror = std::move(mirrors_[place]);
    if (place + 1 != mirrors_.size()) {
       mirrors_[place] = std::move(mirrors_.back());
-      mirrors_[place].sa->waitingAt_ = place;
+      mirrors_[place].sa->waitingAtIs(place);
    }
    mirrors_.pop_back();
    if (sa.isOrphan()) {
@@ -61,7 +62,7 @@ std::string WaitingMirrors::audit() const {
       if (!mirror.sa || !mirror.entity || mirror.sa->entity() != mirror.entity.get())
          return "a waiting mirror has no entity, or another than its adapter";
       std::string const which = "waiting mirror " + mirror.entity->fullName().str();
-      if (mirror.sa->waitingAt_ != i)
+      if (mirror.sa->waitingAt() != i)
          return which + " does not know its place";
       if (mirror.sa->entityId().isAssigned())
          return which + " has an identifier";

@@ -26,7 +26,7 @@ public:
 
    bool empty() const noexcept { return mirrors_.empty(); }
    std::size_t size() const noexcept { return mirrors_.size(); }
-   static bool isWaiting(Sa const& sa) noexcept { return sa.waitingAt_ != Notes::unlisted; }
+   static bool isWaiting(Sa const& sa) noexcept { return sa.waitingAt() != Notes::unlisted; }
 
    /// Room for `n` mirrors in all: adding up to so many can't fail. \throws std::bad_alloc; nothing has changed then
    void roomIs(std::size_t n) {
