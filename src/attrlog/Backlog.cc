@@ -56,7 +56,7 @@ void Backlog::payOwesAll() {
          out_.control(Refresh{sa->entityId(), 0, {}});
          ++reports_.counters.refreshesAsked;
          sa->owesAllDel();
-      } else if (sa->isMirror() || !sa->hasFlag(StreamAdapter::serializing)) {
+      } else if (sa->isMirror() || !sa->isAnnounced()) {
          sa->owesAllDel(); // its next announcement tells everything
       } else {
          tellWhole(*sa);
@@ -146,13 +146,13 @@ Backlog::Turn Backlog::takeTurn(FlowOut& flow, Sa& sa) {
 
 /// Writes what `flow` owes as far as the buffer has room. \return whether it is to stay out of the queue
 bool Backlog::isTurnOver(FlowOut& flow, Sa& sa) {
-   if (flow.isResend() && !flow.hasOpened()) {
+   if (flow.telling() == FlowOut::Telling::all) {
       for (AttributeId const id : flow.pendingAborts())
          sa.sendTransactionMarker(id, AttrTransactionType::abort, 0);
       reports_.counters.abortedResends += flow.pendingAborts().size();
       flow.pendingAborts().clear();
       sa.sendSyncMode(SyncMode::resend);
-      flow.hasOpenedIs(true);
+      flow.tellingIs(FlowOut::Telling::allBegun);
    }
    AttributeId const next = sa.handleAttrFlowOut(flow.cursor());
    if (sa.flow() != &flow)
@@ -164,9 +164,9 @@ bool Backlog::isTurnOver(FlowOut& flow, Sa& sa) {
    }
    if (next != attr::none)
       return false;
-   if (flow.isResend() && flow.collectionsHaveSynced()) {
+   if (flow.telling() == FlowOut::Telling::allBegun && flow.collectionsHaveSynced()) {
       sa.sendSyncMode(SyncMode::live);
-      flow.isResendIs(false);
+      flow.tellingIs(FlowOut::Telling::changes);
    }
    if (!flow.hasDirtyAttributes()) {
       dequeue(flow); // a mark that was made and has been written meanwhile may have put it back
@@ -215,7 +215,7 @@ std::string Backlog::auditAdapter(Sa const& sa, bool hasIdentifier) {
       return "the flow of " + whose() + " belongs to another adapter";
    if (flow.isQueued() || sa.isPaused() || sa.owesAll())
       return {}; // resumed or paid, it gets another flow
-   bool const isUnopened = flow.isResend() && !flow.hasOpened();
+   bool const isUnopened = flow.telling() == FlowOut::Telling::all;
    if (flow.hasWork() || isUnopened)
       return "the flow of " + whose() + " has work and is not in the queue";
    if (notes != nullptr)

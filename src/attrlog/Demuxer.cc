@@ -56,6 +56,7 @@ void Demuxer::forEachAdapter(std::function<void(Sa&)> const& visit) {
 
 void Demuxer::opened() noexcept {
    isOpen_ = true;
+   internalFailure_.clear();
 }
 
 void Demuxer::cut() noexcept {
@@ -76,7 +77,7 @@ void Demuxer::cut() noexcept {
    // entity. Waiting for it would keep what refers to it from the peer, which may wait for that in turn.
    releaseWaiting([this](Sa const& waiting) {
       Sa const* const sa = adapterOf(*topOf(waiting.entity()));
-      return sa == nullptr || !(sa->isRoot() || sa->isOrphan());
+      return sa == nullptr || sa->standing() == Standing::member;
    });
    if (!isOpen_)
       backlog_.forgetReidentified();
@@ -108,8 +109,7 @@ void Demuxer::detached(Sa& sa) noexcept {
    backlog_.leave(sa);
    Mirror const gone = mirrors_.leave(sa); // its entity goes last
    if (EntityId const id = sa.entityId(); id.side() == 1 && own_.find(id) == &sa)
-      own_.release(id, isOpen_ && sa.hasFlag(StreamAdapter::serializing));
-   sa.entityIdIs({});
+      own_.release(id, isOpen_ && sa.isAnnounced());
 }
 
 // What the peer announces -----------------------------------------------------------------------------------------------
@@ -138,7 +138,7 @@ void Demuxer::mirrorRootIs(Entity& root) {
       throwInternalException(std::string(std::string_view(root.fwkType()->name())) + " has no attribute log");
    Ptr<Sa> const sa = operations->adapter(
       root, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
-   sa->isRootIs(true);
+   sa->standingIs(Standing::root);
    try {
       mirrors_.waiting().add({sa, Ptr<Entity>(&root)});
    } catch (std::bad_alloc const&) {
@@ -157,7 +157,7 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
        (sa && sa->isRoot() && (slot != nullptr || sa->entityId().isAssigned())))
       throw ProtocolException(in_->where() + ": announced " + textOf(id) +
                               ": the identifier of a root, or of what is one already");
-   if (sa && sa->entityId().isAssigned()) {
+   if (sa && (sa->entityId().isAssigned() || sa->phase() == Phase::released)) {
       // Announced twice, or from here meanwhile: the older identifier loses its entity, and who refers to it here says so again.
       addReidentified(*sa, entity);
       sa->detach();
@@ -168,7 +168,8 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
       sa = logOperationsOf(entity)->adapter(
          entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, *this);
    mirrors_.bind(id, *sa, entity);
-   sa->isOrphanIs(isOrphan);
+   if (!sa->isRoot())
+      sa->standingIs(isOrphan ? Standing::orphan : Standing::member);
    if (sa->isAwaited())
       backlog_.lookAgainAtParked();
    // Somebody here had made a member of that name, and nobody was told now that it is the owner's.
@@ -181,8 +182,8 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
 /// Lets go of a mirror that has been taken out. Runs reactors, which may do anything here.
 void Demuxer::release(Mirror const& gone) noexcept {
    if (gone.sa) {
-      // What a reactor writes in answer is a change of an entity of this process, told as any other, and no refused one.
-      gone.sa->flagIs(StreamAdapter::letGo, true);
+      if (!gone.sa->isDetached())
+         gone.sa->release();
       try {
          while (gone.sa->hasUntold() && gone.sa->entity() != nullptr)
             gone.sa->tellUntold(Mark(gone.sa->notes()->untold.begin()->first));
@@ -362,11 +363,9 @@ void Demuxer::moveMirrors(Entity& root, bool withOrphans, Demuxer& to) {
          moved.push_back(logOperationsOf(entity)->adapter(
             entity, {StreamAdapter::readOnlyCopy | StreamAdapter::weak | StreamAdapter::serializing}, to));
          Sa& sa = *moved.back();
-         sa.isRootIs(mirror.sa->isRoot());
-         sa.isOrphanIs(mirror.sa->isOrphan());
-         sa.wasBoundIs(mirror.sa->wasBound());
-         sa.untoldReserve(*mirror.sa);
+         sa.takeOverFrom(*mirror.sa);
          to.mirrors_.waiting().add({moved.back(), mirror.entity});
+         sa.untoldReserve(*mirror.sa);
       }
    } catch (...) {
       for (Ptr<Sa> const& sa : moved)
@@ -413,7 +412,7 @@ Demuxer::Footprint Demuxer::footprint() const {
 // Audits ----------------------------------------------------------------------------------------------------------------
 
 std::string Demuxer::audit() const {
-   for (std::string found : {own_.audit(), mirrors_.audit(), backlog_.audit(*this), auditAdapters()})
+   for (std::string found : {internalFailure_, own_.audit(), mirrors_.audit(), backlog_.audit(*this), auditAdapters()})
       if (!found.empty())
          return "stream \"" + name() + "\": " + found;
    return {};

@@ -272,6 +272,19 @@ public:
    void reportIs(Report report) { reports_.callIs(std::move(report)); }
    /// Tells `text`, or what a function returns, to it. Never throws.
    template <class Text> void report(Text&& text) const noexcept { reports_.tell(std::forward<Text>(text)); }
+   /// A fault of this library has been found where nothing can be thrown: reports it, and what it says is kept until the next
+   /// connection, so that this one ends. \param make returns the text
+   template <std::invocable Make> void failInternally(Make make) noexcept {
+      try {
+         if (internalFailure_.empty())
+            internalFailure_ = "internal: " + make();
+         report(internalFailure_);
+      } catch (...) {
+         Mox::detail::exceptionSwallowed(nullptr, attr::none);
+      }
+   }
+   /// What is wrong with this end itself; empty while nothing is.
+   std::string const& internalFailure() const noexcept { return internalFailure_; }
    /// Counts and reports that attribute `id` of an entity here holds what is no enumerator, and so is not sent.
    void unsent(Sa const& sa, AttributeId id, EnumException const& e);
    /// Told when a root is announced that its mirror can't be, with the reason: it is of another type, or was made with other
@@ -323,6 +336,7 @@ private:
    Ptr<Out> out_;
    Ptr<In> in_;
    std::string peerName_;
+   std::string internalFailure_;
    bool isOpen_ = false;
    bool isDraining_ = false;
    bool applicationStarted_ = false; ///< a mutator runs for the record in hand, or has run

@@ -314,7 +314,7 @@ void Demuxer::refresh(EntityId wireId, std::int32_t attribute, std::string_view 
       Ptr<Entity> const entity(sa->entity());
       Entity* const parent = entity->moxRawParent();
       Ptr<Sa> const parentSa(parent == nullptr ? nullptr : adapterOf(*parent));
-      if (parentSa && !parentSa->isMirror() && parentSa->isAnnounced() && !sa->isOrphan() && !sa->isRoot())
+      if (parentSa && !parentSa->isMirror() && parentSa->isAnnounced() && sa->standing() == Standing::member)
          parentSa->refreshAsked(Mark(entity->parentAttrId(), entity->moxName()));
       else if (!sa->isRoot())
          reidentify(*entity);

@@ -17,7 +17,7 @@ Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
    if (Sa* const present = adapterOf(root)) {
       if (present->isMadeInAdvance()) {
          present->flagIs(StreamAdapter::readOnlyProxy, true);
-         present->isRootIs(true);
+         present->standingIs(Standing::root);
          return Ptr<Sa>(present);
       }
       if (!present->isOrphan())
@@ -25,7 +25,7 @@ Ptr<Demuxer::Sa> Demuxer::rootIs(Entity& root) {
       reidentify(root);
    }
    Ptr<Sa> sa = logOperationsOf(root)->adapter(root, {StreamAdapter::readOnlyProxy}, *this);
-   sa->isRootIs(true);
+   sa->standingIs(Standing::root);
    assign(*sa);
    return sa;
 }
@@ -99,7 +99,7 @@ void Demuxer::announceOrphan(Entity& entity) {
       sa->moxOnInit();
    }
    if (!sa->isRoot())
-      sa->isOrphanIs(true);
+      sa->standingIs(Standing::orphan);
    try {
       if (!sa->entityId().isAssigned())
          assign(*sa);
@@ -175,7 +175,7 @@ void Demuxer::announceWanted() {
 }
 
 void Demuxer::announced(Sa& sa, bool owesEverything) {
-   sa.flagIs(StreamAdapter::serializing, true);
+   sa.commitAnnouncement();
    if (!owesEverything)
       return;
    try {
@@ -193,7 +193,7 @@ std::vector<Ptr<Entity>> Demuxer::unannounced(Entity& top) {
    if (Sa const* const sa = adapterOf(top); sa != nullptr && sa->isRoot())
       for (std::size_t i = 0; i < own_.size(); ++i)
          if (Sa const* const loose = own_.at(i);
-             loose != nullptr && !loose->isRoot() && !loose->isOrphan() && !isUnderAnnounced(*loose->entity()))
+             loose != nullptr && loose->standing() == Standing::member && !isUnderAnnounced(*loose->entity()))
             collectTree(*loose->entity(), tree);
    auto const own = [this](Entity const& entity) {
       Sa* const sa = adapterOf(entity);
@@ -243,10 +243,11 @@ void Demuxer::identifiersSettled() {
          std::unordered_set<Entity const*> const targets = backlog_.takeReidentified();
          for (std::size_t i = 0; i < own_.size(); ++i) {
             Ptr<Sa> const sa{own_.at(i)};
-            if (!sa || !sa->hasFlag(StreamAdapter::serializing))
+            if (!sa || !sa->isAnnounced())
                continue;
             // What no collection announces again: an orphan, and a former member that somebody still refers to.
-            bool const isLoose = sa->isOrphan() || (!sa->isRoot() && !isUnderAnnounced(*sa->entity()));
+            bool const isLoose =
+               sa->isOrphan() || (sa->standing() == Standing::member && !isUnderAnnounced(*sa->entity()));
             if (isLoose && logOperationsOf(*sa->entity())->hasParameter(*sa->entity(), targets))
                reidentify(*sa->entity());
             else

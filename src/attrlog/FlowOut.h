@@ -22,7 +22,8 @@ public:
    /// Keyed collections need no full resend.
    static constexpr std::uint8_t noCollectionResend = 0x04;
 
-   explicit FlowOut(AttributeId startAttribute) noexcept : isResend_(startAttribute == attr::none) {}
+   explicit FlowOut(AttributeId startAttribute) noexcept
+      : telling_(startAttribute == attr::none ? Telling::all : Telling::changes) {}
 
    AttributeId attrId() const noexcept { return attrId_; }
    void attrIdIs(AttributeId id) noexcept { attrId_ = id; }
@@ -61,11 +62,13 @@ public:
    // The scheduler's own.
    AttributeId cursor() const noexcept { return cursor_; }
    void cursorIs(AttributeId id) noexcept { cursor_ = id; }
-   /// This flow owes the whole entity, and says so to the peer before its first and behind its last record.
-   bool isResend() const noexcept { return isResend_; }
-   void isResendIs(bool resend) noexcept { isResend_ = resend; }
-   bool hasOpened() const noexcept { return hasOpened_; }
-   void hasOpenedIs(bool opened) noexcept { hasOpened_ = opened; }
+   enum class Telling : std::uint8_t {
+      changes,  ///< what has changed
+      all,      ///< the whole entity; the peer is still to be told that it begins
+      allBegun, ///< the whole entity; behind its last record the peer is told that it was the last
+   };
+   Telling telling() const noexcept { return telling_; }
+   void tellingIs(Telling telling) noexcept { telling_ = telling; }
    bool isQueued() const noexcept { return queueLinks_.isQueued; }
    QueueLinks<FlowOut>& queueLinks() noexcept { return queueLinks_; }
    QueueLinks<FlowOut> const& queueLinks() const noexcept { return queueLinks_; }
@@ -83,8 +86,7 @@ private:
    AttributeId attrId_ = attr::none;
    AttributeId cursor_ = attr::none;
    std::uint8_t dataBits_ = 0;
-   bool isResend_;
-   bool hasOpened_ = false;
+   Telling telling_;
 };
 
 } // namespace Mox::NboAttrLog

@@ -22,8 +22,7 @@ template <class Container> std::size_t buckets(Container const& cell) {
 } // namespace detail
 
 template <class X> LevelFlow<X>::LevelFlow(AttributeId startAttribute) : Base(startAttribute) {
-   X::MoxAttributes::forEach(
-      [&](auto a) { dirtyBitIs(a, a.hasEntries ? startAttribute > a.id : startAttribute <= a.id); });
+   X::MoxAttributes::forEach([&](auto a) { dirtyBitIs(a, startAttribute <= a.id); });
 }
 
 template <class X> bool LevelFlow<X>::hasDirtyAttributes() const {
@@ -35,7 +34,7 @@ template <class X> bool LevelFlow<X>::hasDirtyAttributes() const {
 
 template <class X> bool LevelFlow<X>::collectionsHaveSynced() const {
    for (unsigned w = 0; w < words; ++w)
-      if (((bits_[w] ^ collections()[w]) & collections()[w]) != 0)
+      if ((owed_[w] & collections()[w]) != 0)
          return false;
    return Base::collectionsHaveSynced();
 }
@@ -58,8 +57,7 @@ template <class X> void LevelFlow<X>::openCollections(std::vector<AttributeId>& 
 
 template <class X> template <class A> void LevelFlow<X>::restarted(A a) {
    dirtyKeysDelAll(a);
-   hasSyncedIs(a, false);
-   isWalkedIs(a, false);
+   progressIs(a, Progress::owed);
    if (this->holdsBookmark(A::id))
       this->bookmarkDel();
    this->owner()->parkedDelAll(A::id);
@@ -107,7 +105,7 @@ template <class X> template <class A> DirtyKey<A>& LevelFlow<X>::dirtyKeyIs(A, t
    }
    auto const entry = make<DirtyKey<A>>(key, dirty);
    k->map.insert(entry);
-   bitIs(haveKeys_, A::bit, true);
+   bitIs(beside_, A::bit, true);
    return *entry;
 }
 
@@ -117,13 +115,13 @@ template <class X> template <class A> void LevelFlow<X>::dirtyKeyDel(A a, typena
          k->gone -= deleted->isGone;
          k->woken -= deleted->isWoken;
       }
-      bitIs(haveKeys_, A::bit, !k->map.empty());
+      bitIs(beside_, A::bit, !k->map.empty());
    }
 }
 
 template <class X> template <class A> void LevelFlow<X>::dirtyKeysDelAll(A) {
    std::get<std::unique_ptr<DirtyKeys<A>>>(keys_).reset();
-   bitIs(haveKeys_, A::bit, false);
+   bitIs(beside_, A::bit, false);
 }
 
 /// One attribute's turn in a drain. Most of a backlog are values that nothing stands in the way of: what their handler would do
@@ -199,7 +197,7 @@ template <class X> AttributeId LevelSa<X>::handleAttrFlowOut(AttributeId start) 
 }
 
 template <class X> template <class A> bool LevelSa<X>::serializeCollection(A a, Flow& flow) {
-   if ((flow.moxDataBits() & FlowOut::noCollectionResend) == 0 && !flow.hasSynced(a) && !flow.isWalked(a)) {
+   if ((flow.moxDataBits() & FlowOut::noCollectionResend) == 0 && flow.progress(a) == Progress::owed) {
       if (!resendCollection(a, flow))
          return false;
       endCollection(a, flow);
@@ -217,14 +215,13 @@ template <class X> template <class A> void LevelSa<X>::endCollection(A a, Flow& 
    if (this->hasFlag(StreamAdapter::relays))
       this->withholdAll(A::id);
    if (this->isParked(A::id)) {
-      flow.isStillIs(a, true);
+      flow.progressIs(a, Progress::resting);
       return;
    }
    if (auto const* const keys = flow.keys(a); keys != nullptr && keys->woken != 0)
       return;
    this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
-   flow.isWalkedIs(a, false);
-   flow.hasSyncedIs(a, true);
+   flow.progressIs(a, Progress::told);
 }
 
 template <class X> template <class A> bool LevelSa<X>::serializeArray(A a, Flow& flow) {
@@ -283,13 +280,13 @@ template <class X> template <class A> bool LevelSa<X>::resendCollection(A a, Flo
          return false;
       }
    }
-   flow.isWalkedIs(a, true);
+   flow.progressIs(a, Progress::walked);
    return true;
 }
 
 template <class X> template <class A> bool LevelSa<X>::sendDirtyKeys(A a, Flow& flow) {
-   if (!flow.hasSynced(a) && !flow.isWalked(a)) {
-      flow.hasSyncedIs(a, true);
+   if (flow.progress(a) == Progress::owed) {
+      flow.progressIs(a, Progress::told);
       this->sendTransactionMarker(A::id, AttrTransactionType::end, 0);
    }
    while (auto* const keys = flow.keys(a)) {

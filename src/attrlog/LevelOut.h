@@ -61,7 +61,7 @@ template <class X> template <class A, class... Key> void LevelSa<X>::mark(A a, K
    flow.dirtyBitIs(a, true);
    if constexpr (A::isKeyed)
       if (flow.holdsBookmark(A::id) && (... || (key.number() < flow.bookmark().number)))
-         flow.isOwedAgainIs(a);
+         flow.oweAgain(a);
    if (flow.cursor() > A::id)
       ++this->demuxer_->counters().belowCursor;
 }
@@ -249,7 +249,7 @@ template <class X> template <class A> void LevelSa<X>::unparked(A a, typename A:
    if (this->parkedCount() == 0 || !this->parkedDel(Mark(A::id, key))) [[likely]]
       return;
    if (Flow* const flow = flowOut()) {
-      flow->isStillIs(a, false);
+      flow->stopResting(a);
       this->demuxer_->createFlowOut(*this);
    }
 }

@@ -113,8 +113,16 @@ struct BaseLog<X> {
 
 } // namespace detail
 
-/// The dirty state of the attributes that the level of `X` adds: a bit per attribute, and the changed keys of each collection.
-/// A scalar's bit says dirty, and so does an array's, which is sent whole; a collection's says that it has been sent whole.
+/// How far a collection with entries has come in a flow that owes it whole.
+enum class Progress : std::uint8_t {
+   told,    ///< it has been told whole, up to its end marker; only keys that have changed since may be owed
+   owed,    ///< it is to be told from its begin, or from the flow's bookmark on
+   walked,  ///< every entry has been written or parked; the end marker is still to come
+   resting, ///< walked, and its end marker waits for a parked entry
+};
+
+/// What the level of `X` owes of one entity: a bit per attribute, and the changed keys of each collection. An array is owed as a
+/// whole, by its bit; a collection's bit says that it is owed whole, and two more how far that has come (`Progress`).
 template <class X> class LevelFlow : public detail::BaseLog<X>::Flow {
 public:
    using Base = typename detail::BaseLog<X>::Flow;
@@ -129,33 +137,40 @@ public:
    bool collectionsHaveSynced() const override;
    bool hasWork() const override;
    void woken() override {
-      still_ = {};
+      resting_ = {};
       Base::woken();
    }
    void openCollections(std::vector<AttributeId>& ids) const override;
    std::size_t dirtyKeys() const override;
    bool isMarked(Mark const& m) const override;
 
-   template <class A> bool dirtyBit(A) const noexcept { return (bits_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
-   template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(bits_, A::bit, on); }
+   template <class A> bool dirtyBit(A) const noexcept { return isSet(owed_, A::bit); }
+   template <class A> void dirtyBitIs(A, bool on) noexcept { bitIs(owed_, A::bit, on); }
    /// An element of an array has changed behind the position of a resend: the array is sent once more.
-   template <class A> void isOwedAgainIs(A) noexcept { bitIs(haveKeys_, A::bit, true); }
+   template <class A> void oweAgain(A) noexcept { bitIs(beside_, A::bit, true); }
    /// The array has been sent: clean, unless it is owed again.
    template <class A> void elementsSent(A a) noexcept {
-      dirtyBitIs(a, (haveKeys_[A::bit / 32] >> A::bit % 32 & 1u) != 0);
-      bitIs(haveKeys_, A::bit, false);
+      dirtyBitIs(a, isSet(beside_, A::bit));
+      bitIs(beside_, A::bit, false);
    }
-   template <class A> bool hasSynced(A a) const noexcept { return dirtyBit(a); }
-   template <class A> void hasSyncedIs(A a, bool on) noexcept { dirtyBitIs(a, on); }
 
-   /// Every member of the collection has been written or parked; its end marker waits for those.
-   template <class A> bool isWalked(A) const noexcept { return (walked_[A::bit / 32] >> A::bit % 32 & 1u) != 0; }
-   template <class A> void isWalkedIs(A, bool on) noexcept {
-      bitIs(walked_, A::bit, on);
-      bitIs(still_, A::bit, false);
+   template <class A> bool hasSynced(A a) const noexcept { return progress(a) == Progress::told; }
+   template <class A> void hasSyncedIs(A a, bool on) noexcept { progressIs(a, on ? Progress::told : Progress::owed); }
+   template <class A> Progress progress(A a) const noexcept {
+      if (!dirtyBit(a))
+         return Progress::told;
+      if (!isSet(walked_, A::bit))
+         return Progress::owed;
+      return isSet(resting_, A::bit) ? Progress::resting : Progress::walked;
    }
-   /// A walked collection has nothing to write before a parked key of it wakes.
-   template <class A> void isStillIs(A, bool on) noexcept { bitIs(still_, A::bit, on); }
+   template <class A> void progressIs(A a, Progress progress) noexcept {
+      dirtyBitIs(a, progress != Progress::told);
+      bitIs(walked_, A::bit, progress == Progress::walked || progress == Progress::resting);
+      bitIs(resting_, A::bit, progress == Progress::resting);
+   }
+   template <class A> bool isWalked(A) const noexcept { return isSet(walked_, A::bit); }
+   /// A parked entry of the collection has been written or will never be: its end marker need not wait for that one.
+   template <class A> void stopResting(A) noexcept { bitIs(resting_, A::bit, false); }
    /// The collection is owed whole, from its begin on.
    template <class A> void restarted(A a);
 
@@ -172,12 +187,13 @@ public:
    AttributeId nextPending(AttributeId id) const noexcept;
 
 private:
+   static bool isSet(Words const& in, unsigned bit) noexcept { return (in[bit / 32] >> bit % 32 & 1u) != 0; }
    static void bitIs(Words& to, unsigned bit, bool on) noexcept {
       std::uint32_t const mask = 1u << bit % 32;
       to[bit / 32] = on ? to[bit / 32] | mask : to[bit / 32] & ~mask;
    }
-   std::uint32_t pending(unsigned word) const noexcept { return (bits_[word] ^ collections()[word]) | haveKeys_[word]; }
-   std::uint32_t workable(unsigned word) const noexcept { return pending(word) & (~still_[word] | haveKeys_[word]); }
+   std::uint32_t pending(unsigned word) const noexcept { return owed_[word] | beside_[word]; }
+   std::uint32_t workable(unsigned word) const noexcept { return (owed_[word] & ~resting_[word]) | beside_[word]; }
    static constexpr Words collections() noexcept {
       Words w{};
       X::MoxAttributes::forEach([&](auto a) {
@@ -187,10 +203,10 @@ private:
       return w;
    }
 
-   Words bits_{};
-   Words haveKeys_{}; ///< collections with dirty keys, and arrays that are owed again
-   Words walked_{};
-   Words still_{};
+   Words owed_{};
+   Words beside_{};  ///< owed beside that: collections with dirty keys, and arrays that are owed once more
+   Words walked_{};  ///< of collections that are owed
+   Words resting_{}; ///< of those that are walked
    typename detail::DirtyKeysOf<typename X::MoxAttributes>::Type keys_;
 };
 

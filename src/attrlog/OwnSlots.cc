@@ -31,7 +31,12 @@ void OwnSlots::assign(Sa& sa) {
    slots_[slot].sa = Ptr<Sa>(&sa);
    ++slots_[slot].generation;
    ++used_;
-   sa.entityIdIs(idOf(slot));
+   try {
+      sa.identify(idOf(slot));
+   } catch (...) {
+      release(idOf(slot), false);
+      throw;
+   }
 }
 
 OwnSlots::Sa* OwnSlots::find(EntityId id) const noexcept {
@@ -123,6 +128,8 @@ std::string OwnSlots::audit() const {
          ++used;
          if (sa->entityId() != idOf(static_cast<std::uint32_t>(i)))
             return which + " holds an adapter with another identifier";
+         if (sa->phase() != Phase::identified && sa->phase() != Phase::announced)
+            return which + " holds an adapter that is " + textOf(sa->phase());
       }
       if (uses[i] != 1)
          return which + " is in use, free, or owes a retirement " + std::to_string(uses[i]) + " times over";

@@ -86,8 +86,7 @@ void PeerMirrors::bind(EntityId id, Sa& sa, Entity& entity) noexcept {
    Ptr<Sa> const held(&sa);
    if (WaitingMirrors::isWaiting(sa))
       waiting_.taken(sa);
-   sa.entityIdIs(ofPeer(id));
-   sa.wasBoundIs(true);
+   sa.bindTo(ofPeer(id));
    slot.sa = held;
    slot.entity = Ptr<Entity>(&entity);
    slot.generation = id.generation();
@@ -107,10 +106,9 @@ Mirror PeerMirrors::taken(Slot& slot) noexcept {
    --used_;
    isInHandCurrent_ = false; // it may be this
    if (gone.sa) {
-      gone.sa->flowsInDelAll();
       syncingIs(*gone.sa, false);
       asking_.remove(*gone.sa);
-      gone.sa->entityIdIs({});
+      gone.sa->takeOut();
    }
    return gone;
 }
@@ -180,13 +178,7 @@ void PeerMirrors::disconnect() noexcept {
       if (!slot.sa)
          continue;
       Sa& sa = *slot.sa;
-      sa.flowsInDelAll();
-      sa.entityIdIs({});
-      sa.isSyncingIs(false);
-      sa.isAwaitedIs(false);
-      sa.isReferredIs(false);
       asking_.remove(sa);
-      sa.untoldCut();
       waiting_.add(std::move(slot)); // there has been room since it was bound
    }
    end_ = used_ = askedAnew_ = syncing_ = 0;
@@ -281,6 +273,8 @@ std::string PeerMirrors::audit() const {
          continue;
       if (slot.sa->entityId() != ofPeer(EntityId::assigned(static_cast<std::uint32_t>(i), 1, slot.generation)))
          return which + " holds an adapter with another identifier";
+      if (slot.sa->phase() != Phase::bound)
+         return which + " holds an adapter that is " + textOf(slot.sa->phase());
       if (!slot.sa->isMirror() || slot.sa->entity() != slot.entity.get())
          return which + " holds an adapter that is not its entity's";
       syncing += slot.sa->isSyncing();

@@ -148,10 +148,10 @@ private:
    std::vector<Slot> slots_; ///< by number; may end before the highest that the peer has used
    std::size_t end_ = 0;     ///< behind the highest slot that the peer has announced on this connection
    std::size_t used_ = 0;
-   std::size_t askedAnew_ = 0; ///< slots with `isAskedAnew`
-   std::size_t syncing_ = 0;   ///< adapters that are syncing
-   U64 late_ = 0;              ///< late records of this connection
-   bool isAnyAwaited_ = false; ///< on this connection a reference to a waiting mirror could not be told
+   std::size_t askedAnew_ = 0;    ///< slots with `isAskedAnew`
+   std::size_t syncing_ = 0;      ///< adapters that are syncing
+   U64 late_ = 0;                 ///< late records of this connection
+   bool isAnyAwaited_ = false;    ///< on this connection a reference to a waiting mirror could not be told
    bool isInHandCurrent_ = false; ///< `inHandId_` still stands for `inHand_`
    EntityId inHandId_;
    Mirror inHand_;

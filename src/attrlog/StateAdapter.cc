@@ -31,10 +31,7 @@ Ptr<NboAttrLog::Out> StreamAdapter::nboAttrLogOut() const {
 using Sa = Entity::MoxNboAttrLogSa;
 
 Sa::MoxNboAttrLogSa(Mox_BitSet flags, Ptr<Entity> const& entity, NboAttrLog::Demuxer* demuxer)
-   : StreamAdapter(flags, demuxer), entity_(entity.get()), holdsEntity_(!hasFlag(weak)) {
-   if (holdsEntity_)
-      entity_->referenceInc();
-}
+   : StreamAdapter(flags, demuxer), entity_(entity.get()), kept_(hasFlag(weak) ? nullptr : entity) {}
 
 Sa::~MoxNboAttrLogSa() {
    detach();
@@ -160,10 +157,61 @@ void Sa::detach() noexcept {
    if (demuxer_ != nullptr) {
       demuxer_->detached(*this);
       demuxer_ = nullptr;
+      entityId_ = {};
    }
    notes_ = nullptr;
-   if (Entity* const entity = std::exchange(entity_, nullptr); entity != nullptr && std::exchange(holdsEntity_, false))
-      entity->referenceDec();
+   entity_ = nullptr;
+   if (!isDetached())
+      enterUnasked(NboAttrLog::Phase::detached);
+   // Last: it may be the entity's end.
+   Ptr<Entity> const kept = std::exchange(kept_, nullptr);
+}
+
+void Sa::identify(EntityId id) {
+   life_.enter(NboAttrLog::Phase::identified, isMirror());
+   entityId_ = id;
+   if (hasFlag(serializing))
+      commitAnnouncement();
+}
+
+void Sa::commitAnnouncement() {
+   life_.enter(NboAttrLog::Phase::announced, isMirror());
+   flagIs(serializing, true);
+}
+
+void Sa::wait() noexcept {
+   enterUnasked(NboAttrLog::Phase::waiting);
+   entityId_ = {};
+   flowsInDelAll();
+   isSyncing_ = isAwaited_ = isReferred_ = false;
+   untoldCut();
+}
+
+void Sa::bindTo(EntityId id) noexcept {
+   enterUnasked(NboAttrLog::Phase::bound);
+   entityId_ = id;
+   wasBound_ = true;
+}
+
+void Sa::takeOut() noexcept {
+   enterUnasked(NboAttrLog::Phase::taken);
+   entityId_ = {};
+   flowsInDelAll();
+}
+
+void Sa::release() noexcept {
+   enterUnasked(NboAttrLog::Phase::released);
+   flagIs(letGo, true);
+}
+
+void Sa::enterUnasked(NboAttrLog::Phase phase) noexcept {
+   NboAttrLog::Phase const before = this->phase();
+   if (life_.enterUnasked(phase, isMirror()) || demuxer_ == nullptr)
+      return;
+   demuxer_->failInternally([&] {
+      return Entity::fullNameOf(entity_).str() + ": its adapter is " + textOf(before) + " and can't become " +
+             textOf(phase);
+   });
 }
 
 void Sa::hasNotificationActiveIs(bool active) {
@@ -281,7 +329,7 @@ void Sa::flowsInDelAll() noexcept {
 void Sa::memberLeft(NboAttrLog::Mark const&) {}
 
 void Sa::onParent() noexcept {
-   if (demuxer_ == nullptr || isMirror() || isOrphan_ || !isAnnounced() || entity_->moxRawParent() != nullptr)
+   if (demuxer_ == nullptr || isMirror() || isOrphan() || !isAnnounced() || entity_->moxRawParent() != nullptr)
       return;
    Ptr<Sa> const parent = demuxer_->announcedUnder(memberOf_);
    if (!parent)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "attrlog/AdapterLife.h"
 #include "attrlog/FlowOut.h"
 #include "attrlog/IntrusiveQueue.h"
 #include "attrlog/MsgHeader.h"
@@ -89,21 +90,26 @@ enum class SyncMode : unsigned { none = 0, live = 1, resend = 2 };
 /// Base of the objects that stand between one entity and one stream.
 class StreamAdapter : public PtrInterface {
 public:
-   // State flags: the bits that the library tests or sets.
+   // State flags: the bits that the library tests. Those that it never sets itself come with the flags that an adapter is made with,
+   // and say so. `flagIs` alone changes a bit of an adapter that has been made.
    static constexpr std::uint32_t readOnlyCopy = 0x4;  ///< bit 2: the entity is a mirror that only its owner writes
    static constexpr std::uint32_t readOnlyProxy = 0x8; ///< bit 3: the peer may not write
    static constexpr std::uint32_t applying = 0x10;     ///< bit 4: this adapter's own application runs innermost
    static constexpr std::uint32_t letGo = 0x20; ///< bit 5: the mirror is about to be an entity of this process alone
-   static constexpr std::uint32_t suppressed = letGo | 0x100; ///< bits 5 and 8: nothing is written or marked
-   static constexpr std::uint32_t weak = 0x40;                ///< bit 6: the entity is not kept alive
-   static constexpr std::uint32_t inert = 0x2000;             ///< bit 13
-   static constexpr std::uint32_t flowOutMode = 0x100000; ///< bit 20: write only into free buffer, else through a flow
+   static constexpr std::uint32_t suppressed =
+      letGo | 0x100;                              ///< bits 5 and 8 (never set here): nothing is written or marked
+   static constexpr std::uint32_t weak = 0x40;    ///< bit 6: the entity is not kept alive
+   static constexpr std::uint32_t inert = 0x2000; ///< bit 13, never set here: the adapter takes no notice of anything
+   static constexpr std::uint32_t flowOutMode =
+      0x100000; ///< bit 20, never set here: write only into free buffer, else through a flow
    /// bit 21: the entity is a mirror on another stream, whose owner's values alone are passed on
    static constexpr std::uint32_t relays = 0x200000;
-   static constexpr std::uint32_t draining = 0x400000;      ///< bit 22: a scheduled flow-out is being handled
-   static constexpr std::uint32_t noReannounce = 0x2000000; ///< bit 25: an announced member is not announced again
-   static constexpr std::uint32_t serializing = 0x4000000;  ///< bit 26: clear until the announcement has been committed
-   static constexpr std::uint32_t alwaysDefer = 0x8000000;  ///< bit 27
+   static constexpr std::uint32_t draining = 0x400000; ///< bit 22: a scheduled flow-out is being handled
+   static constexpr std::uint32_t noReannounce =
+      0x2000000; ///< bit 25, never set here: an announced member is not announced again
+   static constexpr std::uint32_t serializing = 0x4000000; ///< bit 26: clear until the announcement has been committed
+   static constexpr std::uint32_t alwaysDefer =
+      0x8000000; ///< bit 27, never set here: with bit 20 every change goes through a flow
    /// Bits that an adapter keeps when it is handed new flags.
    static constexpr std::uint32_t ownBits = 0x5700000;
    /// Bits that say whose the entity is and what its adapter is in the middle of: no caller changes them.
@@ -114,8 +120,8 @@ public:
    NboAttrLog::Demuxer* streamDemuxer() const noexcept { return demuxer_; }
    /// Null once the adapter is detached.
    Ptr<NboAttrLog::Out> nboAttrLogOut() const;
+   /// Assigned while the adapter is identified, announced or bound.
    EntityId entityId() const noexcept { return entityId_; }
-   void entityIdIs(EntityId id) noexcept { entityId_ = id; }
    std::uint32_t stateFlags() const noexcept { return flags_; }
    bool hasFlag(std::uint32_t f) const noexcept { return (flags_ & f) != 0; }
    void flagIs(std::uint32_t f, bool on) noexcept { flags_ = on ? flags_ | f : flags_ & ~f; }
@@ -126,7 +132,6 @@ public:
 
    /// True for the adapter of a mirror: its identifier, if any, is the peer's.
    bool isMirror() const noexcept { return hasFlag(readOnlyCopy); }
-   bool isAnnounced() const noexcept { return entityId_.isAssigned() && hasFlag(serializing); }
 
 protected:
    StreamAdapter(Mox_BitSet flags, NboAttrLog::Demuxer* demuxer) noexcept
@@ -236,12 +241,36 @@ public:
    /// Writes the record that says how far the telling of this entity has come.
    void sendSyncMode(SyncMode mode);
 
+   // The life of the adapter, and its transitions (AdapterLife.h). Those that can't fail report an impossible one, and the
+   // connection ends.
+   NboAttrLog::Phase phase() const noexcept { return life_.phase(); }
+   NboAttrLog::Standing standing() const noexcept { return life_.standing(); }
+   bool isOrphan() const noexcept { return standing() == NboAttrLog::Standing::orphan; }
+   bool isRoot() const noexcept { return standing() == NboAttrLog::Standing::root; }
+   /// \throws InternalException for a root, which stays one
+   void standingIs(NboAttrLog::Standing standing) { life_.standingIs(standing); }
    /// Made by `moxNboAttrLogSaIs` before anything has announced the entity: the announcement, whichever comes, takes it over.
-   bool isMadeInAdvance() const noexcept { return !isMirror() && !isRoot_ && !isOrphan_ && !isAnnounced(); }
-   bool isOrphan() const noexcept { return isOrphan_; }
-   void isOrphanIs(bool orphan) noexcept { isOrphan_ = orphan; }
-   bool isRoot() const noexcept { return isRoot_; }
-   void isRootIs(bool root) noexcept { isRoot_ = root; }
+   bool isMadeInAdvance() const noexcept {
+      return !isMirror() && standing() == NboAttrLog::Standing::member && !isAnnounced();
+   }
+   /// Whether the peer knows the entity under the adapter's identifier, whoever of both has announced it.
+   bool isAnnounced() const noexcept {
+      return phase() == NboAttrLog::Phase::announced || phase() == NboAttrLog::Phase::bound;
+   }
+   bool isDetached() const noexcept { return phase() == NboAttrLog::Phase::detached; }
+   /// It has a slot of this side's. One that was made with the flag `serializing` has been announced by who made it.
+   /// \throws InternalException; nothing has changed then
+   void identify(EntityId id);
+   /// \throws InternalException; nothing has changed then
+   void commitAnnouncement();
+   void wait() noexcept;
+   void bindTo(EntityId id) noexcept;
+   void takeOut() noexcept;
+   /// From here on, what a reactor writes is a change of an entity of this process, told as any other, and no refused one.
+   void release() noexcept;
+   /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
+   void detach() noexcept;
+
    bool isSyncing() const noexcept { return isSyncing_; }
    void isSyncingIs(bool syncing) noexcept { isSyncing_ = syncing; }
 
@@ -251,7 +280,11 @@ public:
    void owesAllDel() noexcept { owesAll_ = false; }
    /// The peer has announced this mirror, on this connection or an earlier one.
    bool wasBound() const noexcept { return wasBound_; }
-   void wasBoundIs(bool bound) noexcept { wasBound_ = bound; }
+   /// The mirror has been handed over by `other`, an adapter of another stream.
+   void takeOverFrom(MoxNboAttrLogSa const& other) {
+      standingIs(other.standing());
+      wasBound_ = other.wasBound_;
+   }
    /// Something on this stream refers to the entity, or has: a new identifier concerns others.
    bool isReferred() const noexcept { return isReferred_; }
    void isReferredIs(bool referred) noexcept { isReferred_ = referred; }
@@ -301,9 +334,6 @@ public:
    static MoxNboAttrLogSa* mirrorAdapterOf(Entity const& entity) noexcept;
    /// Whether a member of this mirror came from its owner, and not from somebody here.
    bool isOwners(Entity const& member) const noexcept;
-
-   /// Takes the adapter off its entity and out of its stream. Nothing of it is called any more.
-   void detach() noexcept;
 
    /// Whether the peer has a resend of a collection of this entity open.
    bool hasFlowIn() const noexcept { return !flowsIn_.empty(); }
@@ -355,16 +385,16 @@ protected:
    /// From here to the end of an `Applying` a mutator of the entity runs for the peer: what it tells this adapter of `id` is not
    /// echoed.
    void applyingBegins(AttributeId id) noexcept {
-      flags_ |= applying;
+      flagIs(applying, true);
       applyingId_ = id;
    }
    /// Puts back, when it ends, what was being applied when it began: a record may be applied within another's reactors.
    class Applying {
    public:
       explicit Applying(MoxNboAttrLogSa& sa) noexcept
-         : sa_(sa), outerFlag_(sa.flags_ & applying), outerId_(sa.applyingId_) {}
+         : sa_(sa), outerFlag_(sa.hasFlag(applying)), outerId_(sa.applyingId_) {}
       ~Applying() {
-         sa_.flags_ = (sa_.flags_ & ~applying) | outerFlag_;
+         sa_.flagIs(applying, outerFlag_);
          sa_.applyingId_ = outerId_;
       }
       Applying(Applying const&) = delete;
@@ -374,11 +404,12 @@ protected:
 
    private:
       MoxNboAttrLogSa& sa_;
-      std::uint32_t outerFlag_;
+      bool outerFlag_;
       AttributeId outerId_;
    };
 
    void attachReactor();
+   void enterUnasked(NboAttrLog::Phase phase) noexcept;
    /// \throws InternalException for an update that the peer may not send, or while another is being applied
    void checkPeerMayWrite() const {
       if (hasFlag(applying | readOnlyProxy)) [[unlikely]]
@@ -387,7 +418,7 @@ protected:
    [[noreturn]] void throwPeerMayNotWrite() const;
    /// A record of `id` that the peer does not take has been given up: counts and reports it.
    void tooLong(AttributeId id, std::exception const& e) const;
-   void applyingConsumed() noexcept { flags_ &= ~applying; }
+   void applyingConsumed() noexcept { flagIs(applying, false); }
    /// Has the owner asked what `mark` is there; `isTold` where the reactors know what it is here. Never throws; without memory
    /// the whole entity is asked for.
    void askOwner(NboAttrLog::Mark mark, bool isTold = false) noexcept;
@@ -437,20 +468,19 @@ protected:
    /// What the others have withheld has been answered.
    void relaysWake() const noexcept;
 
-   Entity* entity_;
-   bool holdsEntity_ = false;
-   bool isOrphan_ = false;
-   bool isRoot_ = false;
-   bool isSyncing_ = false;
-   bool owesAll_ = false;
-   bool isPaused_ = false;
-   bool isAwaited_ = false;
-   bool isReferred_ = false;
-   bool wasBound_ = false;
+   Entity* entity_;   ///< null once the adapter is detached
+   Ptr<Entity> kept_; ///< the same for an adapter that keeps its entity alive
+   NboAttrLog::AdapterLife life_;
+   bool isSyncing_ = false;  ///< bound, from the announcement or a begin on until the peer has told the entity whole
+   bool owesAll_ = false;    ///< until the drain that has queued it, or asked for it, instead
+   bool isPaused_ = false;   ///< notifications are off
+   bool isAwaited_ = false;  ///< waiting, and a reference to it could not be told; until the next cut
+   bool isReferred_ = false; ///< a reference to it was written on this connection
+   bool wasBound_ = false;   ///< from its first announcement on, for good
    bool hasLeftOut_ = false; ///< a member was left out, which is to be told once the entity is a mirror no more
-   AttributeId applyingId_ = attr::none;
-   EntityId memberOf_;
-   ReactorLink* link_ = nullptr;
+   AttributeId applyingId_ = attr::none; ///< meaningful while the flag `applying` is set
+   EntityId memberOf_;                   ///< the parent's, at the last announcement as a member
+   ReactorLink* link_ = nullptr;         ///< null once the adapter is detached
    Ptr<PtrInterface::NotifieeConst> adapter_;
    Ptr<NboAttrLog::FlowOut> flow_;
    std::unique_ptr<NboAttrLog::Notes> notes_;

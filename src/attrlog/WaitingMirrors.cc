@@ -17,11 +17,13 @@ void WaitingMirrors::add(Mirror mirror) {
          isIndexWhole_ = false;
       }
    sa.waitingAtIs(static_cast<std::uint32_t>(mirrors_.size() - 1));
+   sa.wait();
 }
 
 Mirror WaitingMirrors::taken(Sa& sa) noexcept {
    std::uint32_t const place = sa.waitingAt();
    sa.waitingAtIs(Notes::unlisted);
+   sa.takeOut();
    Mirror mirror = std::move(mirrors_[place]);
    if (place + 1 != mirrors_.size()) {
       mirrors_[place] = std::move(mirrors_.back());
@@ -64,10 +66,8 @@ std::string WaitingMirrors::audit() const {
       std::string const which = "waiting mirror " + mirror.entity->fullName().str();
       if (mirror.sa->waitingAt() != i)
          return which + " does not know its place";
-      if (mirror.sa->entityId().isAssigned())
-         return which + " has an identifier";
-      if (!mirror.sa->isMirror())
-         return which + " is this side's own";
+      if (mirror.sa->phase() != Phase::waiting || mirror.sa->entityId().isAssigned())
+         return which + " is " + textOf(mirror.sa->phase()) + ", or has an identifier";
       orphans += mirror.sa->isOrphan();
    }
    if (isIndexWhole_ && orphans != orphans_.size())
