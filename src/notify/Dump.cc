@@ -11,7 +11,7 @@ namespace Mox {
 
 namespace {
 
-/// A name may hold the sign that ends a path: its first blank becomes an escape, as those of the name do.
+/// A name may contain " = ", with which a dump ends a path: its first blank is escaped, as those of a name are.
 void encodeSigns(std::string& path) {
    for (std::size_t at = 0; (at = path.find(" = ", at)) != std::string::npos;)
       path.replace(at, 1, "%20");
