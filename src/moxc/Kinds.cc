@@ -26,8 +26,8 @@ std::string quotedName(Attribute const& a) {
    return '`' + a.name + '`';
 }
 
-/// How an accessor hands out a copy: nothing can be assigned to it, because that would change what nobody keeps. Of built-in types
-/// the language sees to that, and texts and names do themselves.
+/// The return type of an accessor that returns a copy. It must not be assignable, because the assignment would be lost.
+/// The language forbids that for built-in types, texts and names forbid it themselves, and the rest is made const.
 std::string handedCopy(ValueType const& value) {
    bool const isPlain = value.isBuiltin || value.header == "<cstdint>";
    return !isPlain ? "Mox::Handed<" + value.cppType + '>' : value.cppType;
