@@ -244,7 +244,7 @@ protected:
              inlineFunction(3, "void " + x + "DelAll()", "Mox::" + prefix + "DelAll" + descriptor + ");") +
              inlineFunction(3, "void " + x + "Notify(" + k + " key) const", "Mox::keyNotify" + descriptor + ", key);");
    }
-   /// The container only as const, and positions that can be deleted at: what changes it is a mutator.
+   /// The container is handed out as const, because only mutators change it; an iterator is a position to delete at.
    std::string containerAccess(Attribute const& a) const {
       std::string const type = containerName(a);
       std::string const iterator = type + "::Iterator " + a.name + "Iterator(";
