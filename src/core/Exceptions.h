@@ -56,7 +56,7 @@ public:
    using Exception::Exception;
 };
 
-/// A type asked for that the object is not, or that nobody registered.
+/// A type was asked for that the object does not have, or that nobody registered.
 class TypeException final : public Exception {
 public:
    using Exception::Exception;

@@ -23,8 +23,8 @@ std::uint32_t hashOf(std::string_view text) noexcept;
 
 /// Sets the key of `hashOf`, so that whatever depends on the order of hashes is the same in each run. Without a call
 /// the key is random.
-/// \throws InternalException when a string has already been hashed under another key: cached hashes and maps depend on
-/// it
+/// \throws InternalException when a string has already been hashed under another key, which cached hashes and
+/// maps keep
 void nameHashKeyIs(U64 key);
 
 template <class Character> class StringN;

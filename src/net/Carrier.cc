@@ -63,8 +63,8 @@ void Carrier::awaitBytes() {
                            [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
                               if (!self->isOpen())
                                  return;
-                              // A peer that dies with unread bytes resets the connection. That is told in the same way
-                              // as a close.
+                              // A peer that dies with unread bytes resets the connection, which is told like any other
+                              // close.
                               if (error == asio::error::eof || error == asio::error::connection_reset)
                                  self->close(peerClosed);
                               else if (error)
@@ -151,7 +151,7 @@ void Carrier::closeIfLate() {
       closeFor([this] { return "expected a hello within " + std::to_string(patience_.count()) + " ms, got none"; });
 }
 
-/// Closes for the reason that `text()` returns, or for "no memory" where there is none for that text.
+/// Closes for the reason that `text()` returns; where that finds no memory, the reason is "no memory".
 template <class Text> void Carrier::closeFor(Text text) {
    try {
       std::string const reason = text();

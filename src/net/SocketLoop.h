@@ -80,7 +80,8 @@ protected:
    virtual ~SocketLoop();
 
    virtual void flush() = 0;
-   /// Whether more than what the wait has told may have arrived, or may have to be told. Looking costs a call into the kernel.
+   /// Whether more may have arrived, or may have to be told, than the wait has reported. Looking costs a call into the
+   /// kernel.
    virtual bool mayHaveMore() const noexcept = 0;
    asio::io_context& context() noexcept { return *context_; }
    void tell(PeerEvent const& event) const;

@@ -76,7 +76,7 @@ std::string folderOf(std::string const& path) {
    return folder.empty() ? "." : folder;
 }
 
-/// Makes room for the name, if what has it is a socket that nobody listens on.
+/// Removes the name if it belongs to a socket that nobody listens on.
 void removeStale(std::string const& path, sockaddr_un const& address) {
    struct stat found {};
    if (::lstat(path.c_str(), &found) != 0) {

@@ -11,7 +11,7 @@ namespace Mox {
 
 namespace {
 
-/// A name may contain " = ", with which a dump ends a path: its first blank is escaped, as those of a name are.
+/// A name may contain " = ", which ends the path in a dump. Its first blank is escaped, in the way that names are.
 void encodeSigns(std::string& path) {
    for (std::size_t at = 0; (at = path.find(" = ", at)) != std::string::npos;)
       path.replace(at, 1, "%20");

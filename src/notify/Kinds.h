@@ -51,8 +51,8 @@ template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct Attrib
 
 namespace detail {
 
-/// Whether an attribute can begin with `Value{}`. An enumeration without 0 can't: the log sends no number that is no
-/// enumerator.
+/// Whether an attribute can begin with `Value{}`. It can't for an enumeration without 0, because the log sends only
+/// enumerators.
 template <class Value> constexpr bool hasSoundDefault() noexcept {
    if constexpr (Enumeration<Value>)
       return isEnumerator(Value{});

@@ -151,8 +151,8 @@ Reading Channel::next(Sample const& sample, double interval) {
    return r;
 }
 
-/// Moves the fibre and the laser on by some hours. Each value is pulled back to the middle as far as its noise pushes
-/// it away, so that the spread stays the same over any time.
+/// Moves the fibre and the laser on by `hours`. Each value is pulled back to the middle as far as its noise pushes it
+/// away, so that the spread stays the same over any time.
 void Channel::drift(double hours, bool disturbed) {
    double const turn = std::min(0.5, 0.05 * hours) * (disturbed ? 5 : 1);
    for (double& d : delay_)

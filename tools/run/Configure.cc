@@ -186,7 +186,7 @@ public:
    std::size_t stepsPlayed() const noexcept { return played_; }
 
 private:
-   /// Polls until the driver says a line that begins with `word`; returns what stands behind it.
+   /// Polls until the driver says a line that begins with `word`; returns what follows that word.
    std::string awaitWord(std::string_view word) {
       std::optional<std::string> line;
       await([&] {
