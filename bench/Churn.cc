@@ -20,7 +20,7 @@ namespace {
 
 using bench::Leaf, bench::World, bench::nameOf;
 
-/// Small pieces and large ones.
+/// Bytes that are allocated, in small pieces and in large ones.
 std::size_t allocated() {
    auto const info = mallinfo2();
    return info.uordblks + info.hblkhd;
@@ -95,7 +95,7 @@ void membersComeAndGo(char const* name) {
    }
 }
 
-/// The peer reads nothing of what follows.
+/// A root is exported and withdrawn again, while the peer reads nothing.
 void exportsUnread(char const* name) {
    World w(1);
    auto const other = Mox::make<Leaf>("other");
@@ -113,7 +113,7 @@ void mountsUnread(char const* name) {
    });
 }
 
-/// Writes to a mirror that its owner is asked about: values, and members that come and go.
+/// Refused writes that the owner is asked about: values, and members that come and go. The owner reads nothing.
 void refusalsUnread(char const* name) {
    World w(1);
    auto const target = w.theirs->leaf(nameOf(0));

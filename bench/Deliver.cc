@@ -22,7 +22,8 @@ struct Plain {
    std::vector<std::unique_ptr<bench::Observer>> observers;
 };
 
-// In turn, as a program does it: on a single object each change waits for the counts of the last to come back from memory.
+// Several objects are changed in turn, as a program does it: on a single one each change would stall until the counts
+// of the last one come back from memory.
 template <std::size_t objects>
 void ask(bench::Paired& paired, std::string const& name, std::size_t reactors, double target) {
    std::array<Ours, objects> ours;

@@ -204,7 +204,8 @@ Figures once() {
    return f;
 }
 
-/// In a process of its own: what an earlier one has left in the heap is no measure of memory.
+/// Measures in a process of its own, because memory that an earlier measurement left in the heap would spoil the
+/// figures.
 Figures apart() {
    std::array<int, 2> pair;
    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()) != 0)

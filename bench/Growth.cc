@@ -153,7 +153,7 @@ double madeBesideWaiting(std::size_t n) {
       }
    });
    check(seen->leaf().size() == members, "members are not mirrored");
-   return t * static_cast<double>(n) / members; // of each member that comes, whatever waits
+   return t * static_cast<double>(n) / members; // per member that comes, however many references wait
 }
 
 struct Question {

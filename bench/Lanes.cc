@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
    for (Status& status : statuses)
       status = Mox::make<Cl10010Status>("one", nullptr, nullptr);
    std::array<Xcvr::CfpxHostLaneId, 4> const lanes{0, 1, 2, 3};
-   // In turn, as Set.cc does it. Both sides run the same loop, the lane included: which one it is, the caller knows.
+   // In turn, as Set.cc does it. Both sides run the same loop, which also picks the lane: a caller knows its lane, so
+   // picking it is no part of a store.
    auto const run = [&](auto&& call) {
       return [&, call](std::size_t n) {
          for (std::size_t i = 0; i < n; ++i) {

@@ -58,8 +58,8 @@ template <class T> T receive(int socket) {
    return value;
 }
 
-/// A process forked from this one: does what it is told, one thing at a time, and answers with a number and with the processor
-/// time that it took. Two sockets of its own beside the one for that, for links and for bare bytes.
+/// A process forked from this one: does what it is told, one thing at a time, and answers with a number and with the
+/// processor time that it took. Beside the socket for orders it has one for links and one for bare bytes.
 class Peer {
 public:
    struct Order {
@@ -140,7 +140,7 @@ public:
             fail("send");
          end_.bytesSent(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
          sent_ += static_cast<std::uint64_t>(std::max<ssize_t>(n, 0));
-         // Two that write and don't read would wait for each other.
+         // Two ends that write and never read would block each other.
          if (++writes_ % 16 == 0)
             take(MSG_DONTWAIT);
       }

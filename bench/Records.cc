@@ -15,7 +15,8 @@ namespace {
 
 using Hardware::ClariPhy::Cl10010ConfigDir;
 
-/// Few enough that no buffer comes near its mark: a record is written at once, and carried off in company.
+/// Few enough that no buffer comes near its limit: each change is written as a record at once and leaves no mark, and
+/// the records are carried off together.
 constexpr std::size_t batch = 1000;
 
 struct Bare {
@@ -117,7 +118,7 @@ int main(int argc, char** argv) {
    paired.ask(
       "RecordIn", 0,
       [&](std::size_t n) {
-         // Only whole batches: their figure is that of one record all the same.
+         // Runs whole batches only; the figure is that of one record all the same.
          for (std::size_t done = 0; done < n; done += batch) {
             link.right().bytesArrived(arriving);
             carryOff(link.right());
@@ -136,7 +137,8 @@ int main(int argc, char** argv) {
                bench::forget();
             }
       });
-   // Of all questions or of none: a program that was asked one side alone may have sent nothing.
+   // The count is checked only where all questions were asked: a program that was asked one side alone may have sent
+   // nothing.
    if (!link.right().failure().empty() || (argc == 1 && link.right().demuxer().applied() < batch)) {
       std::fprintf(stderr, "records were not applied: %s\n", link.right().failure().c_str());
       return 1;

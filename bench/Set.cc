@@ -25,8 +25,8 @@ template <class T> void set(T& cell, T value) {
 
 int main(int argc, char** argv) {
    bench::Paired paired(argc, argv);
-   // Several objects in turn: on a single one the processor waits for the last count to come back from memory, which no
-   // program that changes more than one attribute does. `/one` is that single one all the same.
+   // Several objects in turn: on a single one the processor stalls until the last count comes back from memory, which
+   // no program that changes more than one attribute meets. `/one` is that single one all the same.
    std::array<Mox::Ptr<Hardware::ClariPhy::Cl10010Config>, 16> configs;
    std::array<std::unique_ptr<Plain>, 16> plains;
    for (std::size_t i = 0; i < configs.size(); ++i) {

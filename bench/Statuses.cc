@@ -147,7 +147,7 @@ public:
       phase(taken, destroy, [&] { map = nullptr; });
       return taken;
    }
-   /// Both have found and walked the same.
+   /// A sum over what both sides have found and walked.
    std::size_t sum() const noexcept { return sum_; }
 
 private:

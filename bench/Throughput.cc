@@ -27,7 +27,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t boards = 100;
 constexpr std::size_t numbers = 40;
-/// Boards between two looks at the socket: less than a buffer's mark, so that changes become records and not marks.
+/// Boards between two looks at the socket: few enough that the buffer stays below its limit, so that changes become
+/// records and leave no marks.
 constexpr std::size_t together = 20;
 constexpr std::size_t bufferSize = 64 * 1024;
 
@@ -209,7 +210,7 @@ int main(int argc, char** argv) {
       called.over();
       pump.until([&] { return end.quiet(); });
    };
-   /// One that never rests outruns the reader, and several of its changes are told as one.
+   /// A sender that never rests outruns the reader, and several of its changes are told as one.
    auto const polledBy = [&](bool rests) {
       return [&, rests](std::uint64_t rounds) {
          auto const settle = [&] {
@@ -232,8 +233,8 @@ int main(int argc, char** argv) {
       peer.tell('b', 0);
       sendBare(peer.sockets().bare, rounds);
    };
-   /// Per change that was told there; `made` per change that was made here. A change to what still waits to be sent is told
-   /// in its place.
+   /// `passed` and `busier` are per change that was told there, `made` per change that was made here. A change to a
+   /// value that has not been sent yet replaces it, and both are told as one.
    struct Ns {
       double passed;
       double busier; ///< processor time of the side that takes more of it

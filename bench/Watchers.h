@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-// Who is called, compiled apart from who calls: no compiler sees through these calls.
+// Reactors and observers, compiled apart from their callers, so that the compiler can't see through the calls.
 
 namespace bench {
 

@@ -21,8 +21,8 @@ concept ArrayKey = requires(K const& key) {
    K(key.number());
 };
 
-/// The elements of a fixed array from a position on. It stays where it is until it is advanced, whatever becomes of the
-/// elements. Making one populates the array.
+/// The elements of a fixed array from a position on. The position changes only when the iterator is advanced, whatever
+/// happens to the elements. Making an iterator populates the array.
 template <class Array> class ArrayIterator {
 public:
    using difference_type = std::ptrdiff_t;
@@ -38,7 +38,7 @@ public:
    /// Number of the current element.
    std::size_t position() const noexcept { return position_; }
    explicit operator bool() const noexcept { return array_ != nullptr && position_ < array_->size(); }
-   /// \throws RangeException of the key's type behind the last element
+   /// \throws RangeException with the key type's text when the position is behind the last element
    typename Array::KeyType key() const { return typename Array::KeyType(position_); }
    typename Array::ValueType const& value() const { return (*array_)[key()]; }
    void advance() noexcept { ++position_; }
@@ -98,7 +98,7 @@ public:
    unsigned size() const noexcept { return size_; }
    /// Changes with every store.
    std::uint32_t version() const noexcept { return version_; }
-   /// No value changes by it, so that a const iterator may.
+   /// Const, because it changes no value: a const iterator may call it.
    void populate() const noexcept { size_ = capacity; }
 
    Iterator begin() noexcept { return Iterator(*this); }

@@ -34,7 +34,8 @@ public:
       return *table;
    }
 
-   /// The reversed base hash: the top bits choose the bucket, so the low bits of a number do.
+   /// The base hash with its bits reversed. The top bits of the result choose the bucket, and so the low bits of a
+   /// number do.
    std::uint32_t hash(Entry const& entry) const noexcept {
       if constexpr (requires { entry.fwkKeyHash(); })
          return bitReversed(entry.fwkKeyHash());
@@ -60,8 +61,9 @@ private:
 /// `moxNextIs(Ptr<Entry> const&)`, and `value() const` unless the entry is its own value. An entry that keeps its key's hash
 /// (`baseHash`) offers it as `fwkKeyHash() const`.
 ///
-/// The order of iteration is that of (reversed hash, key), whatever the number of buckets: chains are sorted by the whole
-/// hash, so a bucket that splits is cut once, and an iterator's position means the same before and after.
+/// The order of iteration is that of (reversed hash, key), whatever the number of buckets. Chains are sorted by the
+/// whole hash, so a bucket is split by cutting its chain once, and an iterator's position means the same before and
+/// after.
 ///
 /// *References*: the map holds one per entry, the bucket to the first of its chain and each entry to the next. An entry that
 /// leaves keeps its key and value and loses its link.
@@ -127,8 +129,9 @@ public:
 
    /// Adds `entry`, or puts it in the place of the entry with an equal key.
    /// \return the entry that left, or null
-   /// \throws InternalException when `entry` is null or has a link. The last of a chain has none, so nobody notices
-   /// when it is put into a second map, although both would change its link: an entry belongs to one map.
+   /// \throws InternalException when `entry` is null or has a chain link. An entry belongs to one map, because a second
+   /// one would change its link; but the last entry of a chain has no link, and putting it into a second map goes
+   /// unnoticed.
    Ptr<Entry> add(Ptr<Entry> const& entry) {
       if (!entry)
          throwInternalException("a null entry is put into a hash map");
@@ -168,7 +171,8 @@ public:
       return place.at != nullptr ? unlink(place) : nullptr;
    }
 
-   /// Lets go of every entry, in the order of iteration, and of the buckets. What an entry's end runs finds the map empty.
+   /// Releases every entry, in the order of iteration, and the buckets. Code that runs when an entry goes finds the map
+   /// empty.
    void clear() noexcept {
       if (!heads_)
          return;
@@ -259,7 +263,8 @@ private:
          }
       return nullptr;
    }
-   /// Entries that follow each other lie anywhere: a walk asks for those to come while it is busy with this one.
+   /// Neighbours in the order of iteration lie anywhere in memory: a walk prefetches the entries to come while it works
+   /// on this one.
    static void prefetch(Entry const* entry) noexcept {
       if (entry == nullptr)
          return;
@@ -284,7 +289,7 @@ private:
       return removed;
    }
 
-   /// \return whether the buckets are others now
+   /// \return whether the number of buckets has changed
    bool grow() {
       if (!heads_) {
          heads_ = std::make_unique<Ptr<Entry>[]>(std::size_t{1} << bits_);
@@ -313,7 +318,7 @@ private:
       ++bits_;
       return true;
    }
-   /// Saves memory where it can: without any for the smaller array it leaves things as they are.
+   /// Halves the buckets to save memory. Where there is no memory for the smaller array, the map stays as it is.
    void shrink() noexcept {
       std::size_t const count = buckets() / 2;
       std::unique_ptr<Ptr<Entry>[]> heads(new (std::nothrow) Ptr<Entry>[count]);

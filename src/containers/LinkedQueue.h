@@ -19,8 +19,8 @@ public:
 
    LinkedQueue() = default;
    LinkedQueue(LinkedQueue const& other) : nodes_(other.nodes_) {}
-   /// Empties this queue, then holds each of the other's objects, which may belong to an object that goes with that. Onto itself:
-   /// nothing happens.
+   /// Empties this queue and then refers to each object of `other`. Those are copied first, because `other` may belong
+   /// to an object that goes when this queue is emptied. Assigning a queue to itself does nothing.
    LinkedQueue& operator=(LinkedQueue const& other) {
       if (this != &other) {
          auto taken = other.nodes_;
@@ -57,7 +57,7 @@ public:
       }
       return false;
    }
-   /// What an object's end runs finds the queue empty.
+   /// Code that runs when an object goes finds the queue empty.
    void clear() noexcept { std::exchange(nodes_, {}).clear(); }
 
 private:

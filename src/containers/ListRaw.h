@@ -11,8 +11,9 @@ namespace Mox {
 
 /// Singly linked list of objects that carry the link themselves: `T* moxNextInList() const` and `moxNextInListIs(T*)`.
 ///
-/// It owns nothing and counts no reference: whoever puts an element on it takes it off before the element goes. An element is
-/// on one list at most; putting one on twice is an InternalException, which only the last one of another list escapes.
+/// It owns nothing and counts no reference: whoever puts an element on it takes it off before the element goes. An
+/// element is on one list at most. Putting it on a second one is an InternalException, except for the last element of
+/// another list, which goes unnoticed.
 /// *Cost*: no allocation; both ends in constant time, `unlink` searches from the head.
 /// *Iterators*: plain pointers along the links. To call out while walking, take a `SnapshotIterator`.
 template <class T> class ListRaw {

@@ -66,11 +66,11 @@ public:
 
 private:
    friend struct MapEntryAccess;
-   /// Lets go of the target before, which may run reactors.
+   /// Releases the target that was there, which may run reactors.
    void valueIs(Ptr<Target> const& target) { target_ = target; }
 
    Ptr<Target> target_;
-   Ptr<Self> next_; // behind the target: it is let go of first
+   Ptr<Self> next_; // declared after the target, and therefore released before it
 };
 
 } // namespace Mox

@@ -16,8 +16,9 @@ namespace Mox {
 /// A position in a map that survives every change of the map: the current entry's key is the bookmark, and the iterator
 /// keeps the entry alive.
 ///
-/// Any entry may be deleted or inserted between two steps, the current one included. The next step goes to the first entry
-/// behind the current key: what is inserted ahead is visited, what is inserted behind is not, and nothing is visited twice.
+/// Any entry may be deleted or inserted between two steps, the current one included. The next step goes to the first
+/// entry after the current key: an entry inserted further on is visited, one inserted before the position is not, and
+/// none is visited twice.
 /// *Cost*: one reference; a step searches only when the map has changed since the last one.
 template <class Map, class Entry> class MapIterator {
 public:

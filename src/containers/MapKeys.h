@@ -11,8 +11,8 @@
 namespace Mox {
 
 /// The hash of a map's key before the map reverses its bits: the number itself for integers, enumerations and bounded
-/// values, the string hash for names and texts. A key type of another kind offers its own in its namespace;
-/// the attribute log takes keys that convert to an integer and back, or to a name, and no others.
+/// values, the string hash for names and texts. A key type of another kind declares its own `baseHash` in its
+/// namespace; the attribute log takes keys that convert to an integer and back, or to a name, and no others.
 template <class K>
    requires std::is_enum_v<K> || std::convertible_to<K const&, std::uint64_t>
 constexpr std::uint32_t baseHash(K const& key) noexcept {
@@ -29,8 +29,8 @@ inline std::uint32_t baseHash(std::string_view key) noexcept {
    return hashOf(key);
 }
 
-/// What a map with keys of type `Key` can be asked for: a key, what converts to one, and for names any text, from which no
-/// name is made.
+/// What a map with keys of type `Key` can be searched for: a key, whatever converts to one, and for names any text,
+/// which is not made into a name.
 template <class K, class Key>
 concept LookupKey = std::same_as<K, Key> || (CountedText<Key> && std::convertible_to<K const&, std::string_view>) ||
                     std::convertible_to<K const&, Key>;

@@ -24,8 +24,8 @@ public:
    void unlink(RbTreeNode* node) noexcept;
    /// Puts `with` where `node` is.
    void replace(RbTreeNode* node, RbTreeNode* with) noexcept;
-   /// Takes the first node off a tree that is being dismantled: in order, constant on average, without balancing. `rest` is
-   /// the root before and after.
+   /// Takes the first node in order off a tree that is being dismantled, in constant time on average and without
+   /// balancing. `rest` is the root of the tree, and becomes the root of what is left.
    static RbTreeNode* dismantleFirst(RbTreeNode*& rest) noexcept;
    /// Empties the tree. \return its old root, for `dismantleFirst`
    RbTreeNode* release() noexcept;

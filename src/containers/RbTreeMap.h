@@ -28,7 +28,7 @@ public:
 private:
    template <class, class, class> friend class RbTreeMap;
 
-   /// Null while in no map. Saves the way back from the links to the entry, whose layout nobody else knows.
+   /// Null while in no map. The entry is stored because only its own class knows where in it the links lie.
    Entry* entry_ = nullptr;
 };
 
@@ -120,7 +120,7 @@ public:
       return entry != nullptr ? unlink(*entry) : nullptr;
    }
 
-   /// Lets go of every entry, in ascending order. What an entry's end runs finds the map empty.
+   /// Releases every entry, in ascending order. Code that runs when an entry goes finds the map empty.
    void clear() noexcept {
       if (size_ == 0)
          return;

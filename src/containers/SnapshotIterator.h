@@ -12,7 +12,7 @@ namespace Mox {
 ///     for (SnapshotIterator<ListRaw<Watcher>> it(watchers); it; it.advance())
 ///        it->onChange();   // may change the list, drop watchers, or walk the list again
 ///
-/// An element whose last other reference goes before its turn is passed over. The elements are `PtrInterface`s.
+/// An element whose last other reference goes before its turn is skipped. The elements are `PtrInterface`s.
 /// *Lifetime*: an automatic variable, because longer snapshots of one thread share a stack.
 /// *Cost*: two changes of a count per element. Up to sixteen elements live in the iterator; beyond that, a pass allocates
 /// only when it is the deepest yet of its thread.
@@ -50,7 +50,7 @@ public:
    std::size_t position() const noexcept { return static_cast<std::size_t>(at_ - slots_); }
    std::size_t size() const noexcept { return static_cast<std::size_t>(end_ - slots_); }
 
-   /// Lets go of the current element and moves on to the next that somebody else still references.
+   /// Releases the current element and moves on to the next one that somebody else still references.
    [[gnu::always_inline]] void advance() noexcept {
       do
          element(at_++)->referenceDec();
@@ -67,12 +67,14 @@ private:
    void** slots_;
    void** at_;
    void** end_;
-   void* inline_[inlineCount]; // left as it is: a pass over two elements must not pay for sixteen
+   void* inline_[inlineCount]; // not initialised: a pass over two elements must not pay for sixteen
 };
 
-/// Walks a list where there is no memory for a snapshot: as many elements at a time as an iterator holds by itself, and on behind the
-/// last of those that is still on the list. What leaves the list before its piece is reached is passed over, and what joins it may
-/// be met; nothing is met twice that stays where it is. *Lifetime*: an automatic variable.
+/// Walks a list where there is no memory for a snapshot. It takes a piece of the list at a time, as many elements as a
+/// `SnapshotIterator` holds by itself, and then goes on after the last element of the piece that is still on the list;
+/// where none of them is, the walk ends. An element that leaves the list before its piece is taken is skipped, and one
+/// that joins may be visited. An element that stays where it is, is not visited twice. *Lifetime*: an automatic
+/// variable.
 template <class List> class PiecewiseIterator {
 public:
    using Element = typename List::Element;
@@ -97,7 +99,7 @@ public:
    }
 
 private:
-   /// Behind the last of the piece that is still there; null where none is.
+   /// The element after the last one of the piece that is still on the list; null where none of them is.
    Element* next() const noexcept {
       for (std::size_t i = end_; i-- != 0;)
          if (list_.contains(*piece_[i]))
@@ -117,14 +119,14 @@ private:
    }
 
    List const& list_;
-   std::size_t left_; ///< that were on the list at the beginning and have not been taken
+   std::size_t left_; ///< how many elements of those on the list at the beginning have not been taken
    std::size_t at_ = 0;
    std::size_t end_ = 0;
    Element* piece_[pieceCount];
 };
 
-/// Calls `visit(element)` for each element of a list as it is now, whatever `visit` does to the list; without memory for a long
-/// list, as `PiecewiseIterator` goes.
+/// Calls `visit(element)` for each element of a list as it is now, whatever `visit` does to the list. Where there is no
+/// memory for the snapshot of a long list, it goes by a `PiecewiseIterator`.
 template <class List, class Visit> [[gnu::always_inline]] inline void visitSnapshot(List const& list, Visit visit) {
    if (list.size() > SnapshotIterator<List>::inlineCount && !SnapshotStack::reserve(list.size())) [[unlikely]] {
       for (PiecewiseIterator<List> it(list); it; it.advance())

@@ -24,8 +24,8 @@ struct Block {
    Block* behind = nullptr;
 };
 
-// Plain words, so that a pass that runs after this thread's destructors still finds a usable, empty stack.
-constinit thread_local Block* current = nullptr; // never an empty one above another
+// A plain pointer, so that a pass that runs after this thread's destructors still finds a usable, empty stack.
+constinit thread_local Block* current = nullptr; // never an empty block above another one
 
 struct Janitor {
    Janitor() noexcept {} // not trivial: touching it is what registers the destructor
@@ -49,7 +49,7 @@ Block* blockBehind(std::size_t count) {
    std::size_t const below = current != nullptr ? static_cast<std::size_t>(current->end - current->slots) : 0;
    auto* const block = new Block(current, std::max({std::size_t{64}, below * 2, count}));
    if (old != nullptr) {
-      // Too small: the new one stands in for it.
+      // The block that was there is too small: the new one replaces it.
       block->behind = old->behind;
       if (old->behind != nullptr)
          old->behind->before = block;

@@ -51,7 +51,8 @@ template <std::unsigned_integral Bits> constexpr Bits bigEndian(Bits bits) noexc
 template <class T>
 concept Storable = std::integral<T> || std::is_enum_v<T> || std::same_as<T, float> || std::same_as<T, double>;
 
-/// Writes the bit pattern of `value` to `to[0 .. sizeof(T) - 1]`, most significant byte first. No alignment is asked for.
+/// Writes the bit pattern of `value` to `to[0 .. sizeof(T) - 1]`, most significant byte first. `to` need not be
+/// aligned.
 template <Storable T> constexpr void storeBigEndian(std::uint8_t* to, T value) noexcept {
    using Bits = typename detail::BitsOfSize<sizeof(T)>::Type;
    auto const bytes = std::bit_cast<std::array<std::uint8_t, sizeof(T)>>(detail::bigEndian(std::bit_cast<Bits>(value)));

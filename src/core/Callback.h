@@ -9,7 +9,8 @@ namespace Mox {
 
 template <class Signature> class Callback;
 
-/// A function of somebody else's, or none, that may be replaced from within itself: what runs stays until it returns.
+/// A function that the user of a class has set, or none. The function may replace itself while it runs: the running one
+/// is kept until it returns.
 template <class Result, class... Arguments> class Callback<Result(Arguments...)> {
 public:
    using Function = std::function<Result(Arguments...)>;

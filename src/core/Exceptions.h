@@ -11,8 +11,8 @@ namespace Mox {
 
 /// Base of everything the library throws. `what()` is ready to print.
 ///
-/// Each class carries the framework's identifier of its kind, which a `Mox::Expect` scope names when the throw is part of
-/// the plan.
+/// Each class carries the framework's identifier of its kind, which a `Mox::Expect` scope names where the exception is
+/// expected.
 class Exception : public std::exception {
 public:
    explicit Exception(std::string text, unsigned id = 0) : text_(std::move(text)), id_(id) {}
@@ -44,7 +44,7 @@ public:
    explicit NameInUseException(std::string text) : Exception(std::move(text), kind) {}
 };
 
-/// A broken promise between the library's own pieces: never the fault of data.
+/// A fault of the program, in the library or in how it is called; data never causes it.
 class InternalException : public Exception {
 public:
    using Exception::Exception;
@@ -56,7 +56,7 @@ public:
    using Exception::Exception;
 };
 
-/// A type asked for that the object is not, or that nobody registered.
+/// A type was asked for that the object does not have, or that nobody registered.
 class TypeException final : public Exception {
 public:
    using Exception::Exception;
@@ -91,8 +91,8 @@ public:
 [[noreturn]] void throwNameInUseException(std::string_view text);
 [[noreturn]] void throwInternalException(std::string_view text);
 
-/// Says that an exception of kind `id` is part of the plan until the scope ends, so that nobody reports it as a surprise.
-/// Identifier 0 expects nothing: a scope of it is none, which is why the delivery pass opens none for each reactor.
+/// Says that exceptions of kind `id` are expected until the scope ends, so that nobody reports them as failures.
+/// Identifier 0 expects nothing, and the delivery pass therefore opens no scope around each reactor.
 class Expect {
 public:
    explicit Expect(unsigned id) noexcept : id_(id) {

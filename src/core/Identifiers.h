@@ -52,7 +52,7 @@ struct EntityId {
    friend constexpr bool operator==(EntityId const&, EntityId const&) noexcept = default;
 };
 
-/// In the header of an orphan's announcement, where no entity has been told yet.
+/// Stands in the header of an orphan's announcement, in the place of an entity's identifier.
 inline constexpr EntityId orphanAnnouncement{1, 0};
 
 } // namespace Mox

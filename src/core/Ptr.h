@@ -33,10 +33,11 @@ private:
 
 /// Base of everything that is counted: entities, reactors, collection entries, streams.
 ///
-/// An object is born with a count of one, its creator's: `Mox::make` hands that one over, and an object on the stack or
-/// inside another keeps it, so that no `Ptr` ever deletes it. When the last count goes, the object takes one again, does
-/// what its kind owes before it may go (`lastReference`), and is then deleted; a `Ptr` taken meanwhile must be dropped
-/// meanwhile: there is no resurrection, and the destructor ends the process if one is left.
+/// An object begins with a count of one, which belongs to its creator. `Mox::make` hands that count over as a `Ptr`; an
+/// object on the stack or inside another one keeps it, so that no `Ptr` ever deletes the object. When the last count
+/// goes, the object counts one again, does what its kind has to do before it goes (`lastReference`), and is then
+/// deleted. A `Ptr` taken in between must be dropped in between: it can't keep the object alive, and the destructor
+/// ends the process if one is left.
 ///
 /// *Threads*: counts and flags share a word, changed by atomic operations while `enableThreadSafePointers` is on.
 class PtrInterface {
@@ -61,7 +62,8 @@ public:
    /// Number of references, flags left out.
    std::uint32_t references() const noexcept { return word_.load(std::memory_order_relaxed) & countMask; }
 
-   // Inlined everywhere: a shared library would call them through its table of symbols, twice per reactor of a pass.
+   // Always inlined: a shared library would otherwise call them through its table of symbols, twice for each reactor of
+   // a pass.
    [[gnu::always_inline]] void referenceInc() const noexcept {
       if (VFPtrInterface::threadSafePointers()) [[unlikely]]
          sharedReferenceInc();
@@ -75,7 +77,7 @@ public:
          plainReferenceDec();
    }
 
-   /// The same without a look at the switch, for a pass that has looked once and does so for each reactor.
+   /// As `referenceInc`, without reading the switch: for a pass that has read it once and counts for each reactor.
    [[gnu::always_inline]] void plainReferenceInc() const noexcept {
       word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
    }
@@ -86,8 +88,9 @@ public:
          lastReference();
    }
 
-   /// Whether this is the object that stands between an entity and a stream of an attribute log. The object's own word says so,
-   /// whatever its virtual functions answer: who sees true may cast it down.
+   /// Whether this is a state adapter, the object that stands between an entity and a stream of an attribute log. A
+   /// flag of the object says so and no virtual function, which anybody may override: where this is true, a cast to the
+   /// adapter's type is safe.
    bool moxIsStateAdapter() const noexcept { return kind() == stateAdapterKind; }
 
    /// Set on an entry or member while an open resend has not confirmed it; the end of the resend deletes what still has it.
@@ -99,7 +102,7 @@ public:
 
 protected:
    static constexpr std::uint32_t countMask = 0x03ffffff;
-   // What the object is, two bits: neither for whatever else is counted.
+   // Two bits for what the object is. A counted object of any other kind has neither.
    static constexpr std::uint32_t entityKind = 0x04000000;
    static constexpr std::uint32_t reactorKind = 0x08000000;
    static constexpr std::uint32_t stateAdapterKind = 0x0c000000;
@@ -128,8 +131,8 @@ protected:
 private:
    void sharedReferenceInc() const noexcept;
    void sharedReferenceDec() const noexcept;
-   /// Defined on the framework's floor (mox/Lifetime.cc), because what an object owes before it goes depends on whether it
-   /// is a reactor or an entity.
+   /// Defined a layer above (mox/Lifetime.cc), because what an object has to do before it goes depends on whether it is
+   /// a reactor or an entity.
    void lastReference() const noexcept;
 
    mutable std::atomic<std::uint32_t> word_;
@@ -159,9 +162,8 @@ public:
          object_->referenceDec();
    }
 
-   // To a named one only: what a function hands out is not where a reference is kept.
-   Ptr&
-   operator=(Ptr const& other) & noexcept { // NOLINT(bugprone-unhandled-self-assignment): holds it before it lets go
+   // Only a named `Ptr` can be assigned to: an assignment to what a function returns would be lost.
+   Ptr& operator=(Ptr const& other) & noexcept { // NOLINT(bugprone-unhandled-self-assignment): takes before it releases
       Ptr(other).swap(*this);
       return *this;
    }

@@ -21,8 +21,10 @@ namespace Mox {
 /// that a peer that chooses names can't choose the buckets they fall into.
 std::uint32_t hashOf(std::string_view text) noexcept;
 
-/// Fixes the key of `hashOf`, which is random otherwise, so that orders that hang on it repeat.
-/// \throws InternalException when a string has already been hashed under another key: cached hashes and maps hold it
+/// Sets the key of `hashOf`, so that whatever depends on the order of hashes is the same in each run. Without a call
+/// the key is random.
+/// \throws InternalException when a string has already been hashed under another key, which cached hashes and
+/// maps keep
 void nameHashKeyIs(U64 key);
 
 template <class Character> class StringN;
@@ -43,7 +45,7 @@ public:
          hold();
    }
    StringN(StringN&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
-   /// To a named one only: what a function hands out is a copy.
+   /// Only a named string can be assigned to: an assignment to what a function returns would be lost.
    StringN& operator=(StringN other) & noexcept {
       std::swap(rep_, other.rep_);
       return *this;

@@ -73,7 +73,7 @@ void Entity::parentIs(Ptr<Entity> const& parent) {
    if (parent == parent_)
       return;
    if (parent) {
-      // Nothing stands below an entity that never was a parent, as a new member is none.
+      // Only an entity that has been a parent can stand above `parent`: a new member saves the walk.
       if (parent == this || hasBeenParent_)
          for (Entity const* above = parent.get(); above != nullptr; above = above->parent_)
             if (above == this)
@@ -110,7 +110,7 @@ bool hasOneCollection(Entity const& entity) {
 } // namespace
 
 String8 Entity::uriPath() const {
-   // Upward first: the depth is small, and no step needs its parent's text twice.
+   // From the entity upward. The depth is small, and no step needs the text of its parent.
    std::string path;
    for (Entity const* e = this; e != nullptr; e = e->parent_) {
       std::string step = "/";
@@ -181,7 +181,7 @@ unsigned Entity::moxAuditErrors(unsigned depth) const {
 
 void Entity::reactorIs(PtrInterface::NotifieeConst const& reactor) const {
    auto& r = const_cast<PtrInterface::NotifieeConst&>(reactor);
-   // Asked for its object and not for its word: a reactor of somebody else's may answer anything to `isStreamAdapter`.
+   // `moxReactor` decides, and not `isStreamAdapter`, to which a reactor from outside the library may answer anything.
    Ptr<PtrInterface> const object = r.moxReactor();
    r.isAtHead_ = object && object->moxIsStateAdapter();
    if (r.isAtHead_)

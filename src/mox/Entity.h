@@ -106,12 +106,13 @@ public:
    std::uint32_t fwkKeyHash() const noexcept { return nameHash_ != 0 ? nameHash_ : nameHash_ = name_.hash(); }
    bool moxIsDying() const noexcept { return flag(dyingFlag); }
 
-   /// Parts of the name tree that hold no notification of their own.
+   /// The full name of `entity`, or "null".
    static String8 fullNameOf(Entity const* entity);
 
 protected:
-   /// What an entity owes before it goes: tells the reactors, deletes its members with notifications, lets go of its
-   /// reactors. Every most derived destructor calls it, so that an object on the stack does the same; it runs once.
+   /// What an entity does before it goes: it tells the reactors, deletes its members with notifications, and detaches
+   /// its reactors. Every most derived destructor calls this, so that an object on the stack does the same; only the
+   /// first call has an effect.
    void moxEnd() noexcept;
 
 private:
@@ -123,13 +124,13 @@ private:
    void idleWeakIs(PtrInterface::NotifieeConst const& reactor) const;
    void idleWeakDel(PtrInterface::NotifieeConst const& reactor) const;
 
-   mutable std::uint32_t nameHash_ = 0; // 0 until it is asked for. Behind the count, where it takes no room
+   mutable std::uint32_t nameHash_ = 0; // 0 until it is asked for; stored here, where it fills padding
    Name name_;
    Entity* parent_ = nullptr;
    AttributeId parentAttrId_ = 0;
    mutable std::uint32_t changeCount_ = 0;
    mutable std::uint32_t touchCount_ = 0;
-   bool hasBeenParent_ = false; // where it takes no room
+   bool hasBeenParent_ = false; // stored here, where it fills padding
    mutable ListRaw<PtrInterface::NotifieeConst> reactors_;
    /// Weak reactors that are attached but not on the list: they too lose their notifier when the entity goes.
    mutable PtrInterface::NotifieeConst* idleWeak_ = nullptr;

@@ -27,16 +27,16 @@ Ptr<MoxType const> PtrInterface::fwkType() const {
 }
 
 PtrInterface::~PtrInterface() {
-   // Nobody can go on from here: a destructor lets nothing out, so this ends the process, and the handler of `std::terminate`
-   // finds in the exception what was wrong.
+   // The process can't go on: no exception leaves a destructor, so this one ends the process, and the handler of
+   // `std::terminate` finds in it what was wrong.
    if (references() != 1)
       throwInternalException("a counted object is destroyed while somebody references it");
 }
 
 namespace {
 
-/// One step of an object's end, of `entity` if it is one. What it throws stops nothing: only a reactor whose own
-/// onNotificationException throws does.
+/// Runs one step of an object's end; `entity` is that object if it is an entity. An exception stops nothing; it can
+/// only come from a reactor whose own `onNotificationException` throws.
 template <class Step> void whileGoing(Entity const* entity, Step step) noexcept {
    try {
       step();
@@ -70,13 +70,14 @@ void Entity::moxEnd() noexcept {
    for (Ptr<MoxType const> type = fwkType(); type; type = type->base())
       if (auto const membersDelAll = type->operations().membersDelAll)
          whileGoing(this, [&] { membersDelAll(*this); });
-   // One at a time from the head: letting go of a reactor may run code that takes others off.
+   // One at a time from the head: releasing a reactor may run code that takes others off.
    while (auto* const reactor = reactors_.first()) {
       reactors_.unlink(*reactor);
-      // Still flagged as registered, so that it joins the list of the next notifier it is given.
+      // The reactor stays flagged as registered, so that it joins the list of the next notifier it is given.
       reactor->notifier_ = nullptr;
-      // Of an object that no count keeps alive: one on the stack, or one that is watched while it goes. It is dying, and not
-      // deleted again, which the analyzer can't see.
+      // A reactor that is not weak is still here only if no count keeps the object alive: the object is on the stack,
+      // or the reactor was attached while the object goes. The object is dying and is not deleted again, which the
+      // analyzer can't see.
       if (!reactor->weak_)
          referenceDec(); // NOLINT(clang-analyzer-cplusplus.NewDelete)
    }

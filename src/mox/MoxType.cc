@@ -39,7 +39,7 @@ bool MoxType::derivesFrom(MoxType const& other) const noexcept {
 }
 
 Ptr<MoxType const> MoxType::find(std::string_view qualifiedName) {
-   // An initialiser may load another library, which registers one more.
+   // An initialiser may load another library, which then registers an initialiser of its own.
    while (!tree().pending.empty()) {
       auto const initialise = tree().pending.back();
       tree().pending.pop_back();

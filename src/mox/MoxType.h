@@ -19,8 +19,8 @@ struct TypeOperations;
 
 /// What the framework does to an entity whose type it does not know. One table per type, filled by the templates.
 struct EntityOperations {
-   /// Deletes the members of every collection that this level of the type owns, with notifications: all of them, whatever
-   /// reactors throw or put back. The first exception leaves when they are gone.
+   /// Deletes the members of every collection that this level of the type owns, with notifications: all of them,
+   /// whatever reactors throw or put back. Throws the first exception of a reactor when all are gone.
    void (*membersDelAll)(Entity&) = nullptr;
    /// Calls `visit(context, attribute, member)` for every member that this level owns, in iteration order.
    void (*visitMembers)(Entity&, void* context, void (*visit)(void*, AttributeId, Entity&)) = nullptr;
@@ -34,7 +34,8 @@ struct EntityOperations {
    unsigned collections = 0;
    /// The attribute log of the type; null where it has none.
    NboAttrLog::TypeOperations const* log = nullptr;
-   /// A base that other types are derived from: no peer makes an entity of it, so references to one travel as null.
+   /// The type is only a base of others. No peer makes an entity of exactly this type, so a reference to one arrives as
+   /// null.
    bool isAbstract = false;
 };
 

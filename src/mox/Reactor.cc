@@ -80,17 +80,18 @@ void PtrInterface::NotifieeConst::isWeakReferenceIs(bool weak) {
    }
    weak_ = weak;
    if (notifier != nullptr && weak)
-      notifier->referenceDec(); // may be the last one: nothing of this reactor is touched behind it
+      notifier->referenceDec(); // may be the last one: nothing of this reactor is touched after it
 }
 
 void PtrInterface::NotifieeConst::notifierEntityIs(Entity const* notifier) {
    Entity const* const before = notifier_;
    if (notifier == before)
       return;
-   bool const wasWeak = weak_; // what the old notifier's end runs may change it
+   bool const wasWeak = weak_; // code that runs when the old notifier goes may change it
    if (notifier != nullptr && !wasWeak)
       notifier->referenceInc();
-   // A reactor has one link for its notifier's list and for the chain of the idle ones: it leaves the old before it joins the new.
+   // The same link serves a notifier's list and its chain of idle weak reactors: the reactor leaves the old notifier
+   // before it joins the new one.
    if (before != nullptr)
       leave(*before);
    notifier_ = notifier;

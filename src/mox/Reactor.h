@@ -26,8 +26,8 @@ struct Mox_BitSet {
 
 /// Identity of a reactor interface: one object per interface, and the chain of its bases.
 ///
-/// A reactor that is only the base's interface and one that derives from another type of the same base have the same
-/// depth; only the identity at a level tells them apart.
+/// Interfaces of two types that derive from one base have the same depth: only the identity at a level tells them
+/// apart.
 class ReactorClass {
 public:
    /// `PtrInterface` has level 0, `Mox::Entity` 1; moxc refuses types above 7.
@@ -39,7 +39,7 @@ public:
    }
    /// Whether this is `other` or derives from it: one comparison.
    constexpr bool derivesFrom(ReactorClass const& other) const noexcept { return chain_[other.level_] == &other; }
-   /// The same, of a class that the compiler knows: it looks up no level.
+   /// As `derivesFrom`, for an interface that is known at compile time, whose level need not be read.
    template <class Interface> bool isOf() const noexcept {
       constexpr unsigned level = Interface::reactorClass.level_;
       return chain_[level] == &Interface::reactorClass;
@@ -87,7 +87,7 @@ public:
    virtual void onCollectionNotification(String8);
    virtual void onNotificationException();
    /// One of this reactor's notifications threw; the exception is current. The default swallows it, counts it (per
-   /// process and per reactor class) and leaves a word of it (mox/Swallowed.h). What an override throws leaves the mutator.
+   /// process and per reactor class) and keeps its text (mox/Swallowed.h). What an override throws leaves the mutator.
    virtual void onNotificationException(AttributeId);
    virtual void handleNotificationException(AttributeId);
    virtual void handleNotificationException();
@@ -106,8 +106,8 @@ public:
    ReactorClass const& moxClass() const noexcept { return *class_; }
    template <class Interface> bool isOfClass() const noexcept { return class_->isOf<Interface>(); }
 
-   /// Whether this was an attribute log's reactor when it joined its notifier's list (`moxReactor` answered a state adapter): those
-   /// stand at the head.
+   /// Whether this was an attribute log's reactor when it joined its notifier's list, that is, whether `moxReactor`
+   /// returned a state adapter. Such reactors stand at the head of the list.
    bool moxIsAtHead() const noexcept { return isAtHead_; }
    /// The object that reacts, if it is an attribute log's state adapter; else null.
    PtrInterface* moxRawStateAdapter() const {
@@ -127,7 +127,7 @@ protected:
 
    void reactorClassIs(ReactorClass const& c) noexcept { class_ = &c; }
    Entity const* rawNotifier() const noexcept { return notifier_; }
-   /// The registered flag turned off and the list left, whatever overrides `isRegisteredNotifieeIs`.
+   /// Turns the registered flag off and leaves the list, also where a class overrides `isRegisteredNotifieeIs`.
    void leaveList() const;
    void notifierEntityIs(Entity const* notifier);
 

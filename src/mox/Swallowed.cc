@@ -75,7 +75,7 @@ void detail::exceptionSwallowed(Entity const* notifier, AttributeId id) noexcept
       }
       if (word().hook)
          word().hook(text);
-   } catch (...) { // NOLINT(bugprone-empty-catch): the hook's own, or no memory for the words: the count tells
+   } catch (...) { // NOLINT(bugprone-empty-catch): the hook threw, or no memory for the text: the count remains
    }
 }
 

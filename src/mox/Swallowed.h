@@ -11,12 +11,14 @@ namespace Mox {
 
 class Entity;
 
-// What became of exceptions that nobody caught. A reactor's exception stops neither the mutator nor the other reactors: the default
-// `onNotificationException` swallows it. Nor does what leaves a reactor's own `onNotificationException` while an entity goes: there
-// is nobody to hand it to. The library prints nothing; a program says here what it wants done.
+// What became of exceptions that nobody caught. A reactor's exception stops neither the mutator nor the other reactors:
+// the default `onNotificationException` swallows it. An exception that leaves a reactor's own `onNotificationException`
+// while an entity goes is swallowed too, because there is nobody to hand it to. The library prints nothing; a program
+// says here what it wants done.
 
-/// Called with a line that is ready to print, "/config/port-7.rollOff: no such pin", while the exception is current. Nothing is
-/// called by default; null ends it. What a hook throws goes nowhere. Exceptions that an `Expect` scope names are only counted.
+/// Called with a line that is ready to print, "/config/port-7.rollOff: no such pin", while the exception is current. By
+/// default nothing is called; null takes the hook off. What a hook throws is dropped. Exceptions that an `Expect` scope
+/// names are only counted.
 ///
 ///     Mox::exceptionHookIs([](std::string const& text) { std::cerr << text << '\n'; });
 ///
@@ -26,12 +28,12 @@ void exceptionHookIs(ExceptionHook hook);
 
 /// How many were swallowed in this process. Each reactor class has a count of its own (`ReactorClass::swallowedExceptions`).
 std::uint64_t swallowedExceptions() noexcept;
-/// The line of the last one, empty before the first; expected ones leave none.
+/// The line of the last one, empty before the first. Of expected ones no line is kept.
 std::string lastSwallowedException();
 
 namespace detail {
 
-/// Counts the exception that is current and leaves a word of it: it was thrown for attribute `id` of `notifier`, which may be null.
+/// Counts the current exception and keeps its text. It was thrown for attribute `id` of `notifier`, which may be null.
 void exceptionSwallowed(Entity const* notifier, AttributeId id) noexcept;
 
 } // namespace detail

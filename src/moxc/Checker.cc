@@ -58,7 +58,7 @@ std::vector<ValueType> builtins() {
    return types;
 }
 
-/// Elements of an array.
+/// The most elements that an array may have.
 constexpr long long mostElements = 1024;
 
 class Checker {
@@ -132,7 +132,7 @@ private:
       return false;
    }
 
-   /// The name of an entity type becomes a class, in namespaces that generated code looks names up from.
+   /// The name becomes a class, and generated code looks other names up from within its namespaces.
    bool isEntityName(Text const& name) {
       if (!isTypeName(name))
          return false;
@@ -408,7 +408,8 @@ private:
                "a counter counts in whole numbers, but " + inQuotes(attribute.value->name) + " is none");
    }
 
-   /// A default that is a number, of a type whose numbers are known here. Of others the compiler asks (`Mox::isFirst`).
+   /// Checks a default that is a number, where the range of the type is known here. For other types the C++ compiler
+   /// checks it (`Mox::isFirst`).
    void checkDefault(ValueType const& type, Text const& text) {
       if (!isNumberLiteral(text.value) || (!type.isNumber && type.count == 0))
          return;
@@ -484,7 +485,8 @@ private:
       }
    }
 
-   /// The compiler looks for a header beside the one that includes it first, and would find what is made of a schema.
+   /// The C++ compiler looks for a quoted header beside the including file first, and would find a generated header of
+   /// that name.
    void checkHeaders(Attribute const& attribute, AttributeDecl const& decl) {
       auto const folder = std::filesystem::path(attribute.owner->stem).parent_path();
       for (auto const& [type, text] : {std::pair(attribute.value, &decl.value), std::pair(attribute.key, &decl.key)})
@@ -617,7 +619,7 @@ private:
       auto names = attribute.kind->operations(attribute.name);
       for (std::string& name : attribute.kind->classes(attribute.name))
          names.push_back(std::move(name));
-      // In a class of its own, where an attribute that is called as a notification does no harm.
+      // Notifications are in a class of their own, so that an attribute may have the name of a notification.
       names.push_back("Notifiee::on" + capitalised(attribute.name));
       if (attribute.kind->isKeyed())
          names.push_back(names.back() + "moxImmediate");

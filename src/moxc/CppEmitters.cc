@@ -108,7 +108,7 @@ std::string descriptors(EntityType const& type) {
 )",
                    {{"x", a->name}});
       text += a->kind->descriptorCalls(*a);
-      // Of the built-in types the schema has been asked.
+      // For built-in types the checker has compared the number with the range.
       if (isNumberLiteral(a->defaultValue) && !a->value->isBuiltin)
          text += wrapped(9, "static_assert(Mox::isFirst<" + a->value->cppType + ">([] { return " + a->defaultValue +
                                "; }), \"the default " + a->defaultValue + " is no " + a->value->name + "\");");
@@ -160,12 +160,12 @@ std::string emitClass(EntityType const& type) {
    static constexpr unsigned moxLevel = $level$;
 )",
                 {{"Base", type.baseName()}, {"level", std::to_string(type.level)}});
-   // What is as in the base is inherited.
+   // Written where it differs from the base's, which is inherited.
    if (type.isAbstract != (type.base != nullptr && type.base->isAbstract))
       text += fill("   static constexpr bool moxIsAbstract = $abstract$;\n",
                    {{"abstract", type.isAbstract ? "true" : "false"}});
    text += '\n';
-   // A message of its own, in the place of the many that an incomplete class brings forth.
+   // A message of its own, because the compiler gives many for an incomplete class.
    text += "   template <bool isThere> static constexpr void moxReactorHeader() {\n" +
            wrapped(6, "static_assert(isThere, \"include " + type.stem + "Reactor.h to watch a " + type.name + "\");") +
            "   }\n\n";
@@ -278,7 +278,7 @@ $backlog$public:
 $flow$};
 )",
            {{"X", type.shortName},
-            {"Type", type.name}, // the bases of an adapter have members of many names
+            {"Type", type.name}, // qualified: a base of the adapter may have a member of the short name
             {"backlog", derivedClass(0, sa + "::FlowOut", "public Mox::NboAttrLog::LevelFlow<" + type.name + '>')},
             {"handlers", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::adapterHandlers)},
             {"flow", (own.empty() ? "" : "\n") + forEach(own, &AttributeKind::flowOperations)}});
@@ -367,8 +367,8 @@ std::string emitRegistration(Model const& model, std::string const& unit) {
       }
    return "// Made by moxc: the types of " + unit + ", made known when the library is loaded.\n" + includes(headers) +
           fill(R"(
-// Has a name that a linker can be told, which takes the unit from a static library although nothing calls into it; hidden,
-// because two libraries of one process may have a unit of the same name.
+// A linker that is told this name takes the unit from a static library although nothing calls into it. Hidden, because two
+// libraries of one process may have a unit of the same name.
 extern "C" [[gnu::visibility("hidden")]] void moxInit$Unit$() {
 $calls$}
 

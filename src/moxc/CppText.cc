@@ -46,7 +46,7 @@ std::string wrapped(std::size_t indent, std::string_view text) {
          }
       }
       if (best == std::string::npos || bestOpen.back() > deepest) {
-         // Behind the bracket of the parameters, then.
+         // No comma fits: break behind the bracket of the parameters.
          best = line.find('(') + 1;
          bestOpen = {indent + 3};
          if (best == 0 || best <= bestOpen.back())

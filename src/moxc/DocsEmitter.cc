@@ -120,7 +120,7 @@ creates, and references are set with `xIs(entity)`.
 
 ## Value types
 
-What is an integer of 16, 32 or 64 bits in C++ is marked with its width in the record header; the others carry their own length
+The record header states the width of a value that is an integer of 16, 32 or 64 bits in C++; other values carry their own length
 or need none.
 
 | Type | C++ | Default | Meaning |

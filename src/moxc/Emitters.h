@@ -8,9 +8,9 @@
 
 namespace moxc {
 
-/// Writers of the generated files: one function per file, all reading the model alone. A type makes four files beside its
-/// stem: the class (.h), its reactor interfaces (Reactor.h), its attribute-log adapter (Log.h, where it has a log) and the
-/// definitions (.cc).
+/// Writers of the generated files: one function per file, all reading the model alone. A type has up to four files,
+/// which share its stem: the class (.h), its reactor interfaces (Reactor.h), its attribute-log adapter (Log.h, where it
+/// has a log) and the definitions (.cc).
 
 std::string emitClass(EntityType const& type);
 std::string emitReactor(EntityType const& type);

@@ -26,8 +26,8 @@ std::string quotedName(Attribute const& a) {
    return '`' + a.name + '`';
 }
 
-/// How an accessor hands out a copy: nothing can be assigned to it, because that would change what nobody keeps. Of built-in types
-/// the language sees to that, and texts and names do themselves.
+/// The return type of an accessor that returns a copy. It must not be assignable, because the assignment would be lost.
+/// The language forbids that for built-in types, texts and names forbid it themselves, and the rest is made const.
 std::string handedCopy(ValueType const& value) {
    bool const isPlain = value.isBuiltin || value.header == "<cstdint>";
    return !isPlain ? "Mox::Handed<" + value.cppType + '>' : value.cppType;
@@ -244,7 +244,7 @@ protected:
              inlineFunction(3, "void " + x + "DelAll()", "Mox::" + prefix + "DelAll" + descriptor + ");") +
              inlineFunction(3, "void " + x + "Notify(" + k + " key) const", "Mox::keyNotify" + descriptor + ", key);");
    }
-   /// The container only as const, and positions that can be deleted at: what changes it is a mutator.
+   /// The container is handed out as const, because only mutators change it; an iterator is a position to delete at.
    std::string containerAccess(Attribute const& a) const {
       std::string const type = containerName(a);
       std::string const iterator = type + "::Iterator " + a.name + "Iterator(";

@@ -95,7 +95,7 @@ struct Model {
    std::vector<std::unique_ptr<EntityType>> entities;
 };
 
-/// The level of the longest chain of bases: a reactor's class has room for that many.
+/// The highest level that a type may have: `Mox::ReactorClass` has room for levels 0 to 7.
 constexpr unsigned highestLevel = 7;
 
 /// Identifiers that a type at `level` may give to its own attributes.

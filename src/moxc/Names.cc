@@ -30,12 +30,12 @@ constexpr std::array keywords = std::to_array<std::string_view>(
     "using",       "virtual",  "void",       "volatile",  "wchar_t",   "while",        "xor",
     "xor_eq"});
 
-// Macros of the standard headers and of the GNU dialect: a preprocessor knows no scopes.
+// Macros of the standard headers and of the GNU dialect. They replace a name in every scope.
 constexpr std::array macros = std::to_array<std::string_view>(
    {"alloca", "assert", "errno", "linux", "offsetof", "setjmp", "stderr", "stdin", "stdout", "unix"});
 
-// Members of Mox::Entity and its base, private ones among them: what calls them by name must reach them. tests/moxc/NamesTest.cc
-// asks the headers whether one is missing here.
+// Members of Mox::Entity and its base. Private ones are among them, because an attribute of that name would hide them
+// from code that calls them by name. tests/moxc/NamesTest.cc asks the headers whether one is missing here.
 constexpr std::array entityOperations = std::to_array<std::string_view>({"activeFlag",
                                                                          "attributeString",
                                                                          "auditErrors",

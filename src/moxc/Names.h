@@ -19,7 +19,7 @@ struct Integer {
    bool isNegative;
    std::uint64_t magnitude;
 };
-/// The number that such a text is; nothing for a fraction, and for what no integer of 64 bits holds.
+/// The number that a literal stands for. Nothing for a fraction, and for a number that fits into no integer of 64 bits.
 std::optional<Integer> integerOf(std::string_view literal);
 /// Splits at `::`; empty when a part is no identifier.
 std::vector<std::string_view> qualifiedParts(std::string_view name);

@@ -15,7 +15,8 @@ public:
    void fileIs(std::filesystem::path path, std::string text);
 
    /// Writes every file to a temporary beside its place, then renames all. A file that already holds the same bytes is
-   /// left alone, so that builds stay incremental. After a failure, whenever it comes, the temporaries are gone and the old files stand.
+   /// left alone, so that builds stay incremental. After a failure at any point the temporaries are gone and the old
+   /// files are unchanged.
    ///
    /// \throws std::runtime_error  names the file and what the system said
    void write() const;

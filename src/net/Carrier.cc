@@ -63,7 +63,8 @@ void Carrier::awaitBytes() {
                            [self = shared_from_this()](asio::error_code const& error, std::size_t size) {
                               if (!self->isOpen())
                                  return;
-                              // A peer that dies with bytes unread resets the connection; that is no other news.
+                              // A peer that dies with unread bytes resets the connection, which is told like any other
+                              // close.
                               if (error == asio::error::eof || error == asio::error::connection_reset)
                                  self->close(peerClosed);
                               else if (error)
@@ -77,7 +78,8 @@ void Carrier::awaitBytes() {
 void Carrier::arrived(std::size_t size) {
    lastReading_ = size;
    end_->bytesArrived(std::span(bytes_.data(), size));
-   awaitsBytes_ = false; // and not before: who is told of them may come to `flush`
+   // Only now: a function that was told of the bytes may have called `flush`, which must not begin a second reading.
+   awaitsBytes_ = false;
    if (awaitsHello_ && isOpen()) {
       awaitsHello_ = !end_->isGreeted();
       if (!awaitsHello_)
@@ -85,7 +87,8 @@ void Carrier::arrived(std::size_t size) {
    }
    closeAtFailure();
    closeIfLate();
-   // The answer first: whoever waits for it shall not wait for this side to look whether more has come.
+   // The answer is written before the next reading begins, so that the peer does not wait while this side looks for
+   // more.
    write();
    if (isOpen())
       awaitBytes();
@@ -98,7 +101,7 @@ void Carrier::flush() {
 }
 
 void Carrier::write() {
-   // Asking for bytes drains flows, and what that runs may come back here through a poll of its own.
+   // `bytesToSend` drains flows. That runs reactors, and one of them may come back here by a poll of its own.
    if (!isOpen() || awaitsRoom_ || flushing_)
       return;
    flushing_ = true;
@@ -121,7 +124,8 @@ void Carrier::write() {
    if (error == asio::error::would_block || error == asio::error::try_again)
       awaitRoom();
    else if (error)
-      // Bytes of the peer, its reason for leaving among them, may still wait to be read: the reader finds the end.
+      // Nothing more is written, but the connection stays: bytes of the peer may still be unread, its reason for
+      // leaving among them. Reading then finds the end.
       awaitsRoom_ = true;
    else
       closeAtFailure();
@@ -147,7 +151,7 @@ void Carrier::closeIfLate() {
       closeFor([this] { return "expected a hello within " + std::to_string(patience_.count()) + " ms, got none"; });
 }
 
-/// Closes for a reason that has to be put together; where there is no memory for it, it says that.
+/// Closes for the reason that `text()` returns; where that finds no memory, the reason is "no memory".
 template <class Text> void Carrier::closeFor(Text text) {
    try {
       std::string const reason = text();
@@ -169,7 +173,8 @@ void Carrier::close(std::string_view reason) {
    hello_.cancel();
    asio::error_code ignored;
    socket_.close(ignored);
-   // The owner drops link end and carrier when it is told: not before the calls that led here have returned.
+   // The owner destroys link end and carrier when it is told of the end. So it is told when the calls that led here
+   // have returned.
    owesLost_ = true;
    ending_.cancel();
    end.peerGone(reason);

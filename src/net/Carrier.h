@@ -30,16 +30,18 @@ public:
 
    void onLost(Lost lost) { lost_ = std::move(lost); }
 
-   /// \param patience how long the peer may take to say its hello; a connection without is ended then
+   /// \param patience how long the peer may take to say its hello; after that the connection is ended
    void start(std::chrono::milliseconds patience);
-   /// Writes what the link end has to send, as much as the socket takes. What found no memory before is done again.
+   /// Writes what the link end has to send, as much as the socket takes. Tries again what has failed for lack of
+   /// memory.
    void flush();
    /// Ends the connection and tells the link end, if that has not happened yet. Needs no memory.
    void close(std::string_view reason);
    /// Ends the connection and tells nobody: the link end is going.
    void abandon();
    bool isOpen() const noexcept { return end_ != nullptr; }
-   /// The last reading took as much as it could, or somebody is still to be told of the end.
+   /// Whether the last reading filled the buffer, so that more may have come, or the owner is still to be told of the
+   /// end.
    bool mayHaveMore() const noexcept { return !isOpen() || lastReading_ == readSize; }
 
 private:
@@ -57,7 +59,7 @@ private:
 
    Socket socket_;
    asio::steady_timer hello_;  ///< pending until the hello has come
-   asio::steady_timer ending_; ///< pending until the connection has ended: so that its end is told without memory
+   asio::steady_timer ending_; ///< pending until the connection ends: cancelling it tells the owner without memory
    std::chrono::milliseconds patience_{};
    LinkEnd* end_; ///< null once closed
    Lost lost_;
@@ -65,7 +67,7 @@ private:
    bool owesLost_ = false;
    bool awaitsBytes_ = false;
    bool awaitsHello_ = false;
-   bool isLate_ = false; ///< with its hello: the bytes that have come are the last to be looked at
+   bool isLate_ = false; ///< no hello came in time: the bytes that have come by now are still read
    bool awaitsRoom_ = false;
    bool flushing_ = false;
    std::size_t lastReading_ = 0;

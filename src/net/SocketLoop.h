@@ -17,7 +17,7 @@ class io_context;
 
 namespace Mox {
 
-/// The reason of a `lost` event where the other process has hung up and said no more.
+/// The reason of a `lost` event where the other process closed the connection without giving a reason.
 inline constexpr std::string_view peerClosed = "the peer closed the connection";
 
 /// Something that happened to a connection.
@@ -55,7 +55,7 @@ struct Traffic {
 class SocketLoop {
 public:
    using Milliseconds = std::chrono::milliseconds;
-   /// A century: what asks for more gets it. The clock ends before the largest number of milliseconds.
+   /// A century; longer times are cut to it. The clock ends before the largest number of milliseconds.
    static constexpr Milliseconds longest = std::chrono::hours(24 * 36525);
 
    SocketLoop(SocketLoop const&) = delete;
@@ -71,8 +71,8 @@ public:
    /// \param told called for every connection that comes, goes, or is kept out
    void onPeer(std::function<void(PeerEvent const&)> told) { told_ = std::move(told); }
 
-   /// How long a peer may take to say its first word: a connection without is ended then, as `lost`. Ten seconds at first; for
-   /// connections to come.
+   /// How long a peer may take to send its hello. A connection without one is ended after that, as `lost`. Ten seconds
+   /// by default; a change holds for later connections.
    void patienceIs(Milliseconds patience) { patience_ = std::min(patience, longest); }
 
 protected:
@@ -80,7 +80,8 @@ protected:
    virtual ~SocketLoop();
 
    virtual void flush() = 0;
-   /// Whether more than what the wait has told may have arrived, or may have to be told. Looking costs a call into the kernel.
+   /// Whether more may have arrived, or may have to be told, than the wait has reported. Looking costs a call into the
+   /// kernel.
    virtual bool mayHaveMore() const noexcept = 0;
    asio::io_context& context() noexcept { return *context_; }
    void tell(PeerEvent const& event) const;

@@ -42,7 +42,7 @@ public:
    void unmount(Name const& name) { end_.unmount(name); }
    void onState(std::function<void(Name const& root, LinkEnd::State state)> told) { end_.onState(std::move(told)); }
    LinkEnd::State state(Name const& root) const { return end_.state(root); }
-   /// Why the root is refused, of another type, not exported, stale; empty where it stands well.
+   /// Why the root is not in order: refused, of another type, not exported, or stale. Empty where it is in order.
    std::string const& reason(Name const& root) const { return end_.reason(root); }
    /// Told of each record that could not be applied or sent, ready to print.
    void onReport(std::function<void(std::string const&)> told) { end_.onReport(std::move(told)); }
@@ -53,7 +53,7 @@ public:
    LinkEnd::Counters counters() const noexcept { return end_.counters(); }
    /// Sizes of what this client holds for its link.
    LinkEnd::Footprint footprint() const { return end_.footprint(); }
-   /// The number of promises about the link's own lists that do not hold; 0 while all is well.
+   /// The number of invariants of the link's own lists that do not hold; 0 while all is well.
    std::size_t auditErrors() const { return end_.auditErrors(); }
 
 private:

@@ -76,7 +76,7 @@ std::string folderOf(std::string const& path) {
    return folder.empty() ? "." : folder;
 }
 
-/// Makes room for the name, if what has it is a socket that nobody listens on.
+/// Removes the name if it belongs to a socket that nobody listens on.
 void removeStale(std::string const& path, sockaddr_un const& address) {
    struct stat found {};
    if (::lstat(path.c_str(), &found) != 0) {
@@ -89,7 +89,7 @@ void removeStale(std::string const& path, sockaddr_un const& address) {
    if (!S_ISSOCK(found.st_mode))
       fail(path, "expected a free name or an old socket, got a file");
    Descriptor const probe = newSocket(path);
-   // A live server whose queue is full must not hold up the question.
+   // Connecting to a live server whose queue is full would block.
    ::fcntl(probe.get(), F_SETFL, O_NONBLOCK);
    int const error = connectTo(probe.get(), address);
    if (error == 0 || error == EAGAIN || error == EINPROGRESS)
@@ -116,7 +116,8 @@ PrivateFolder::PrivateFolder() {
    std::string const pattern = (std::filesystem::temp_directory_path(error) / folderPrefix).string() + "XXXXXX";
    if (error)
       throw SocketException("expected a folder for temporary files, in TMPDIR or /tmp, got: " + error.message());
-   // Who clears up may take the lock first, and the folder with it: then another one is made.
+   // Another process that clears up abandoned folders may get the lock first and remove this folder. Then a new one is
+   // made.
    for (struct stat made{}; made.st_nlink == 0;) {
       path_ = pattern;
       if (::mkdtemp(path_.data()) == nullptr)
@@ -152,7 +153,7 @@ std::size_t PrivateFolder::clearAbandoned() noexcept {
          ++count;
       }
    } catch (std::exception const&) {
-      // Somebody else's folder is no reason to fail: what is left is found the next time.
+      // A folder that can't be read or removed is no reason to fail: the next call finds it again.
    }
    return count;
 }

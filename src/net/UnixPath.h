@@ -6,8 +6,8 @@
 
 namespace Mox {
 
-/// A folder of this process's own with mode 0700, removed with what is in it when the object goes. A lock on a file in it tells
-/// that its process lives.
+/// A folder of this process's own with mode 0700, removed with its contents when the object goes. A locked file in it
+/// shows that its process lives.
 class PrivateFolder {
 public:
    /// Below the folder for temporary files. \throws SocketException

@@ -38,8 +38,8 @@ struct UnixServer::Peer {
 
    LinkEnd end;
    std::shared_ptr<Carrier> carrier;
-   PeerEvent event;      ///< the last that is told of it
-   bool hasGone = false; ///< and its leave is still to be taken
+   PeerEvent event;      ///< the latest that is told of this client
+   bool hasGone = false; ///< the connection has ended, and the server still has to call `lost`
 };
 
 struct UnixServer::Listener {
@@ -49,7 +49,7 @@ struct UnixServer::Listener {
    BoundSocket bound;
    asio::local::stream_protocol::acceptor acceptor;
    asio::steady_timer pause;
-   bool isAwaited = false; ///< a client, or the end of the pause; where that found no memory the next poll tries again
+   bool isAwaited = false; ///< an accept or the pause is pending; if neither found memory, the next poll tries again
 };
 
 UnixServer::UnixServer(std::string path, std::string_view name)
@@ -88,7 +88,8 @@ void UnixServer::exportRoot(Ptr<Entity> const& root) {
 }
 
 void UnixServer::exportDel(Ptr<Entity> const& root) {
-   // Here last: where a client's end found no memory, the root is still exported, and the next call goes on.
+   // The server's own table comes last: where a client's end finds no memory, the root is still exported here, and the
+   // next call goes on.
    for (std::size_t i = 0; i < peers_.size(); ++i)
       peers_[i]->end.exportDel(root);
    if (auto const at = root ? exported_.find(root->moxName()) : exported_.end();
@@ -112,7 +113,7 @@ void UnixServer::mountIs(Ptr<Entity> const& mirror) {
    Mount& mount = mounts_.back();
    try {
       askAll(mount);
-      mount.told = standing(mount.name).state; // who mounts asks
+      mount.told = standing(mount.name).state; // the caller of a mount asks for the state itself
    } catch (std::bad_alloc const&) {
       isUnsettled_ = true;
    }
@@ -127,10 +128,11 @@ void UnixServer::unmount(Name const& name) {
    try {
       mount.seat->unmount(mount.name);
    } catch (...) {
-      mounts_.push_back(std::move(mount)); // undone; there is room
+      mounts_.push_back(std::move(mount)); // undone; the room for it is still there
       throw;
    }
-   // The others were only asked, which is withdrawn without memory; who was told may have mounted it anew.
+   // The other clients were only asked, and taking that back needs no memory. A function that was told of the end may
+   // have mounted the root anew: then the new mount keeps its requests.
    for (std::size_t i = 0; i < peers_.size() && find(mount.name) == nullptr; ++i)
       peers_[i]->end.unmount(mount.name);
    if (find(mount.name) == nullptr)
@@ -156,7 +158,8 @@ UnixServer::Standing UnixServer::standing(Name const& root) const {
       State const state = peer->end.state(root);
       if (state == State::syncing)
          return {state, {}};
-      // A refusal says more than the end of an export, and that more than what was never there.
+      // The reason that says most is kept: a refusal before an export that has ended, and that before a root that was
+      // never exported.
       auto const rank = [](State s) { return s == State::refused ? 2 : s == State::stale ? 1 : 0; };
       if (!isAnswered || rank(state) > rank(worst.state))
          worst = {state, peer->end.reason(root)};
@@ -183,7 +186,7 @@ void UnixServer::askAll(Mount& mount) {
       }
 }
 
-/// Nobody is asked first for the root that `mount` mirrors.
+/// Moves the mirror of `mount` to `store_`, because no client is to be preferred as its next owner.
 void UnixServer::store(Mount& mount) {
    if (mount.seat == &store_)
       return;
@@ -208,7 +211,7 @@ bool UnixServer::opens(LinkEnd& end, Name const& root) {
    return true;
 }
 
-/// `judge`, now or, where that finds no memory, in the next poll.
+/// Calls `judge`; where that finds no memory, the next poll does it again.
 void UnixServer::judged(Name const& root) {
    try {
       judge(root);
@@ -217,12 +220,13 @@ void UnixServer::judged(Name const& root) {
    }
 }
 
-/// A client has answered for `root`, or has gone: asks the others where it is the owner no more, and tells what has changed.
+/// A client has answered for `root`, or has gone. Asks the other clients where that one owns the root no longer, and
+/// tells what has changed.
 void UnixServer::judge(Name const& root) {
    using State = LinkEnd::State;
    if (find(root) == nullptr)
       return;
-   tell(root, standing(root).state); // also that the owner is one no more, before others are asked
+   tell(root, standing(root).state); // before others are asked, so that the loss of the owner is told as well
    Mount* const mount = find(root);
    if (mount == nullptr)
       return;
@@ -260,8 +264,8 @@ void UnixServer::tell(Name const& root, LinkEnd::State state) {
    }
 }
 
-/// Takes leave of a client whose connection has ended: what it owned is asked of the others. Where it finds no memory, the next poll
-/// does it again.
+/// Removes a client whose connection has ended; the others are asked for the roots that it owned. Where there is no
+/// memory for that, the next poll tries again.
 void UnixServer::lost(Peer& peer) {
    try {
       for (Mount& mount : mounts_)
@@ -280,12 +284,12 @@ void UnixServer::lost(Peer& peer) {
    tell(event);
 }
 
-/// Asks all clients that are still to be asked, and tells of each root that stands in another way than was told.
+/// Asks all clients that are still to be asked, and tells of each root whose state is not the one that was told last.
 void UnixServer::settle() {
    if (!std::exchange(isUnsettled_, false))
       return;
    try {
-      std::vector<Name> names; // who is told may mount and unmount
+      std::vector<Name> names; // copied: functions that are told may mount and unmount
       names.reserve(mounts_.size());
       for (Mount& mount : mounts_) {
          askAll(mount);
@@ -362,7 +366,8 @@ void UnixServer::flush() {
          peers_[i]->carrier->flush();
 }
 
-/// A client to be: it is asked for every root that nobody owns, and first of all for what waits in store.
+/// Prepares the end of a client that is about to join: it is asked for every root that nobody owns, and gets the
+/// mirrors that are in `store_`.
 void UnixServer::prepare(Peer& peer) {
    LinkEnd& end = peer.end;
    end.onReport([this](std::string const& text) { report(text); });
@@ -373,7 +378,8 @@ void UnixServer::prepare(Peer& peer) {
          continue;
       mount.wasAsked = true;
       if (mount.seat == &store_) {
-         // What refers to the mirror waits with it, rather than being told of as an entity of this process.
+         // What refers to the mirror is then held back until this client has answered. Otherwise the mirror would be
+         // announced as an entity of this process.
          store_.mountMove(mount.name, end);
          mount.seat = &end;
       } else {
@@ -398,7 +404,7 @@ void UnixServer::admit() {
    Carrier::Socket socket(context());
    listener_->acceptor.accept(socket, error);
    if (error) {
-      // Out of descriptors, or the client has left already: a moment later it may go.
+      // No descriptor is free, or the client has left already. A moment later accepting may succeed.
       listener_->pause.expires_after(Milliseconds(50));
       listener_->pause.async_wait([this](asio::error_code const& stopped) {
          listener_->isAwaited = false;

@@ -26,9 +26,9 @@ namespace Mox {
 /// The socket is only for its owner, and a client of another user than this one or root is kept out, and told why. It is
 /// removed from the file system when the server goes.
 ///
-/// A mount belongs to a client that opens it: every client is asked for a root that no other one has opened, and the first to
-/// export it owns the mirror. When the owner goes, the mirror stays as it is and the others are asked at once; the next owner,
-/// the same one come back for one, goes on with the very same entities.
+/// A mount belongs to a client that opens it: every client is asked for a root that no other one has opened, and the
+/// first to export it owns the mirror. When the owner goes, the mirror stays as it is and the others are asked at once.
+/// The next owner, which may be the same client come back, goes on with the very same entities.
 class UnixServer final : public SocketLoop {
 public:
    using StateFunction = std::function<void(Name const& root, LinkEnd::State state)>;
@@ -57,10 +57,11 @@ public:
    void mountIs(Ptr<Entity> const& mirror);
    void unmount(Name const& name);
    void onState(StateFunction told);
-   /// Over all clients: of the owner where there is one; else `syncing` while a client has not answered, and `notExported` once none
-   /// of them exports it. \throws RangeException for a root that is not mounted
+   /// The state over all clients: the owner's where there is one; else `syncing` while a client has not answered, and
+   /// `notExported` once none of them exports it. \throws RangeException for a root that is not mounted
    LinkEnd::State state(Name const& root) const;
-   /// Why the root is refused, of another type, not exported, stale; empty where it stands well. \throws as `state`
+   /// Why the root is not in order: refused, of another type, not exported, or stale. Empty where it is in order.
+   /// \throws as `state`
    std::string reason(Name const& root) const;
 
    /// Told of each record that could not be applied or sent, ready to print.
@@ -76,7 +77,7 @@ public:
    LinkEnd::Counters counters() const noexcept;
    /// Sizes of what this server holds for its clients, added up.
    LinkEnd::Footprint footprint() const;
-   /// The number of promises about the links' own lists that do not hold; 0 while all is well.
+   /// The number of invariants of the links' own lists that do not hold; 0 while all is well.
    std::size_t auditErrors() const;
 
 private:
@@ -117,7 +118,7 @@ private:
    std::unique_ptr<Listener> listener_;
    std::unordered_map<Name, Ptr<Entity>> exported_; ///< under their names
    std::vector<Mount> mounts_;
-   LinkEnd store_; ///< never connected: mirrors wait here while no client is there to be asked for them
+   LinkEnd store_; ///< never connected; holds the mirrors for which no client is there to be asked
    std::vector<std::unique_ptr<Peer>> peers_;
    LinkEnd::Counters gone_; ///< of clients that have left
    Callback<void(Name const& root, LinkEnd::State state)> stateTold_;

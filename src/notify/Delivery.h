@@ -20,7 +20,7 @@ template <class A, class... Key> inline void notify(PtrInterface::NotifieeConst&
    }
 }
 
-/// A reactor, if there is one, kept for the time of a pass in a process whose counts are plain.
+/// Keeps a reactor, if there is one, alive during a pass, in a process whose counts are plain.
 struct Held {
    explicit Held(PtrInterface::NotifieeConst* r) noexcept : reactor(r) {
       if (reactor != nullptr)
@@ -47,15 +47,16 @@ template <class A, class... Key>
 /// *Re-entrancy*: a reactor may register, take off or drop any reactor, and change the entity, which runs a nested and
 /// complete pass first. A reactor registered meanwhile is not called; one taken off meanwhile still is, unless its last
 /// reference has gone.
-/// *Exceptions*: what a notification throws goes to the same reactor's `onNotificationException`, while it is current; only what
-/// that throws leaves, and the reactors behind miss this notification.
-/// *Cost*: no allocation in steady state, and none that can fail it; one comparison per reactor for its interface.
+/// *Exceptions*: what a notification throws goes to the same reactor's `onNotificationException`, while it is current.
+/// Only what that throws leaves the pass, and the reactors after it miss this notification.
+/// *Cost*: no allocation in steady state, and none whose failure stops the pass; one comparison per reactor for its
+/// interface.
 template <class A, class... Key>
 [[gnu::always_inline]] inline void deliver(typename A::Owner const& entity, Key const&... key) {
    auto const& reactors = entity.moxReactors();
-   // The commonest lists, an adapter, a watch, or one of each: there is nothing to remember but the reactors themselves. Who
-   // changes attributes in turn runs one copy of this per attribute, and waits for what the processor's cache can't hold: the
-   // longer lists, and counts that threads share, stand apart.
+   // The commonest lists are an adapter, a watch, or one of each: they need no snapshot. There is a copy of this code
+   // for each attribute, and a program that changes many attributes in turn has to fetch each copy into the processor's
+   // cache. So longer lists, and counts that threads share, are left to a function of their own.
    if (reactors.size() - 1 >= 2 || VFPtrInterface::threadSafePointers()) [[unlikely]] {
       detail::deliverMany<A>(reactors, key...);
       return;

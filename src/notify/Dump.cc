@@ -11,7 +11,7 @@ namespace Mox {
 
 namespace {
 
-/// A name may hold the sign that ends a path: its first blank becomes an escape, as those of the name do.
+/// A name may contain " = ", which ends the path in a dump. Its first blank is escaped, in the way that names are.
 void encodeSigns(std::string& path) {
    for (std::size_t at = 0; (at = path.find(" = ", at)) != std::string::npos;)
       path.replace(at, 1, "%20");

@@ -12,8 +12,8 @@ namespace Mox {
 
 /// One line of an entity's canonical text: where a value stands, and the value.
 struct DumpLine {
-   /// "/config/port-7.rollOff", of a keyed attribute "/config/port-7.calibration[channel3]": printable ASCII without " = ", another
-   /// one for each attribute and key.
+   /// "/config/port-7.rollOff", of a keyed attribute "/config/port-7.calibration[channel3]". It is printable ASCII
+   /// without " = ", and each attribute and key has a path of its own.
    std::string path;
    std::string value;
    friend bool operator==(DumpLine const&, DumpLine const&) = default;

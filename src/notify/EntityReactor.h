@@ -8,14 +8,15 @@
 
 namespace Mox {
 
-/// What every generated reactor interface is made on: its identity, and the check of what it is attached to.
+/// Base of every generated reactor interface: its identity, and the check of what it is attached to.
 template <class X> class ReactorOf : public X::MoxBase::NotifieeConst {
 public:
    using MoxNotifier = X;
    static constexpr ReactorClass reactorClass{&X::MoxBase::NotifieeConst::reactorClass};
 
-   /// Takes what is of the chain's first type, the one directly below `Mox::Entity`; anything else counts as null. An interface
-   /// further up may so be attached to an entity that is only a base of its type: it has no `notifier` then.
+   /// Accepts an entity of the first type of the chain, the one directly below `Mox::Entity`; anything else counts as
+   /// null. The interface of a derived type may therefore be attached to an entity of a base type: its `notifier` is
+   /// null then.
    void notifierIs(Ptr<PtrInterface const> const& notifier) override {
       if constexpr (std::same_as<typename X::MoxBase, Entity>)
          this->template notifierOfTypeIs<X>(notifier);

@@ -14,7 +14,7 @@
 namespace Mox {
 
 /// What a schema line calls `kind`. Each has its storage, its mutators (notify/Mutators.h) and its way over the log
-/// (attrlog/LevelOut.h, LevelIn.h); nothing else asks.
+/// (attrlog/LevelOut.h, LevelFlow.h, LevelIn.h); nothing else depends on it.
 enum class Kind {
    scalar,
    optional,
@@ -51,7 +51,8 @@ template <Kind kind_, class Owner_, AttributeId id_, class Value_> struct Attrib
 
 namespace detail {
 
-/// Whether an attribute can begin with `Value{}`: a number that is no enumerator never leaves for a mirror.
+/// Whether an attribute can begin with `Value{}`. It can't for an enumeration without 0, because the log sends only
+/// enumerators.
 template <class Value> constexpr bool hasSoundDefault() noexcept {
    if constexpr (Enumeration<Value>)
       return isEnumerator(Value{});
@@ -67,8 +68,8 @@ template <class Number> struct ZeroOf {
 
 } // namespace detail
 
-/// Whether `number`, a function that returns a constant, gives one that `Value` takes. A type that is made of no constant at all
-/// is not judged: it tells at run time.
+/// Whether `Value` accepts the number that `number()` returns, a constant. A type that can't be made at compile time at
+/// all is not judged here: it checks at run time.
 template <class Value, class Number> constexpr bool isFirst(Number) noexcept {
    if constexpr (Enumeration<Value>)
       return isEnumerator(Value{Number{}()});
@@ -129,7 +130,8 @@ struct ArrayAttribute : AttributeBase<Kind::array, Owner, id, typename Container
                  "an element is deleted to 0, which is no enumerator: give the enumeration a 0");
 };
 
-/// How an accessor hands out a value. An object is const: `port->rollOff() = 1` would change a copy that nobody keeps.
+/// The type that an accessor returns. A class is const, so that `port->rollOff() = 1`, which would change a temporary
+/// copy, does not compile.
 template <class Value> using Handed = std::conditional_t<std::is_class_v<Value>, Value const, Value>;
 
 /// A list of types, of descriptors mostly.

@@ -16,17 +16,18 @@
 
 // What the mutators of an attribute do, once for each kind. A generated mutator is one call of one of these.
 //
-// All: compare first; an equal value changes, counts and tells nothing. A change is stored and counted before the first
+// In all of them: an equal value changes, counts and tells nothing. A change is stored and counted before the first
 // reactor runs, and stays whatever the reactors do. An exception leaves only if a reactor's own
-// `onNotificationException` throws. A name is copied for the time of a pass, unless what carries it is held: who handed it in may
-// be changed by the first reactor. A reactor may drop the last reference to the entity: a mutator that touches it behind one, a
-// pass or the end of what it lets go of, holds it.
+// `onNotificationException` throws.
+// The first reactor may change the name that a caller handed in, so a mutator copies the name for the time of a pass,
+// unless it holds the object that carries it. Reactors may drop the last reference to the entity. They run in a pass,
+// and where a released object goes: a mutator that touches the entity after either of these holds a reference to it.
 
 namespace Mox {
 
-/// One delivery pass of `A`'s notification, with the key of a keyed attribute behind the entity. Each type declares its passes
-/// in its header and defines them in its own source (notify/Delivery.h), which alone needs its reactor interface. So a type
-/// above it does not compile them once more.
+/// One delivery pass of `A`'s notification; a keyed attribute's takes the key after the entity. Each type declares its
+/// passes in its header and defines them in its own source (notify/Delivery.h), the only one that needs the reactor
+/// interface, so that types derived from it do not compile them again.
 template <class A, class... Key> inline void announce(typename A::Owner const& entity, Key const&... key) {
    entity.template moxAnnounce<A>(key...);
 }
@@ -37,7 +38,7 @@ template <class A> inline void scalarIs(typename A::Owner& entity, typename A::V
    if (cell == value)
       return;
    entity.moxChangeCountInc();
-   // What a reference referred to may end, and its reactors run.
+   // A reference's old target may go, and reactors run then: the owner is held.
    using Holder = std::conditional_t<A::kind == Kind::reference, Ptr<typename A::Owner>, typename A::Owner*>;
    [[maybe_unused]] Holder const held(&entity);
    cell = value;
@@ -82,13 +83,14 @@ template <class A> inline void keyNotify(typename A::Owner const& entity, typena
 
 namespace detail {
 
-/// The same for a key that nothing can take away meanwhile.
+/// As `keyNotify`, for a key that nothing can take away during the pass.
 template <class A> inline void heldKeyNotify(typename A::Owner const& entity, typename A::Key const& key) {
    if (entity.moxHasReactors())
       announce<A>(entity, key);
 }
 
-/// Runs `behind` whatever `first` throws; then the exception goes on, the first where both throw.
+/// Runs `first` and then `behind`, also where `first` throws. The exception of `first` goes on; one that `behind`
+/// throws besides is swallowed.
 template <class A, class First, class Behind>
 void inAnyCase(typename A::Owner const& entity, First first, Behind behind) {
    try {
@@ -130,7 +132,7 @@ inline void mapIs(typename A::Owner& entity, typename A::Key const& key, typenam
 
 namespace detail {
 
-/// Nothing where the map no longer holds `present`.
+/// Does nothing where the map no longer holds `present`.
 template <class A> typename A::Value mapEntryDel(typename A::Owner& entity, typename A::Entry& present) {
    auto const entry = A::cell(entity).remove(present);
    if (!entry)
@@ -148,7 +150,7 @@ template <class A> typename A::Value mapDel(typename A::Owner& entity, typename 
    return entry == nullptr ? typename A::Value{} : detail::mapEntryDel<A>(entity, *entry);
 }
 
-/// Deletes the entry under the iterator, which keeps it as its position: advancing goes on behind its key.
+/// Deletes the entry under the iterator, which keeps it as its position: advancing goes on after its key.
 template <class A> typename A::Value mapDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
    return it ? detail::mapEntryDel<A>(entity, *it.entry()) : typename A::Value{};
 }
@@ -185,13 +187,13 @@ Ptr<typename A::Entry> newReferenceEntry(typename A::Owner& entity, typename A::
 /// \throws RangeException for null; nothing has changed then
 template <class A> void referenceIs(typename A::Owner& entity, typename A::Value const& target) {
    detail::checkTarget<A>(target);
-   Name const key = target->moxName(); // a reactor may let go of the target
+   Name const key = target->moxName(); // a reactor may release the target
    Ptr<typename A::Owner> const held(&entity);
    if (auto* const entry = A::cell(entity).find(key)) {
       if (entry->value() == target)
          return;
-      MapEntryAccess::valueIs(
-         *entry, target); // what was there may end, and its reactors run: the entry is not touched behind this
+      // The old target may go, and reactors run then: the entry is not touched after this.
+      MapEntryAccess::valueIs(*entry, target);
    } else {
       newReferenceEntry<A>(entity, target);
    }
@@ -205,7 +207,7 @@ template <class A>
 inline void arrayIs(typename A::Owner& entity, typename A::Key const& key, typename A::Value const& value) {
    auto& array = A::cell(entity);
    if (array[key] == value)
-      return; // also where the array is not populated: it stays so
+      return; // an array that is not populated stays so
    array.store(key, value);
    entity.moxChangeCountInc();
    keyNotify<A>(entity, key);
@@ -224,7 +226,7 @@ template <class A> typename A::Value arrayDel(typename A::Owner& entity, typenam
    return before;
 }
 
-/// The element under the iterator, which stays where it is; at the end nothing, and the default.
+/// Deletes the element under the iterator, which stays where it is. At the end it does nothing and returns the default.
 template <class A> typename A::Value arrayDel(typename A::Owner& entity, typename A::Container::Iterator& it) {
    return it ? arrayDel<A>(entity, it.key()) : typename A::Value{};
 }
@@ -244,7 +246,7 @@ Ptr<typename A::Entry> newMember(typename A::Owner& entity, Name const& name, Pa
    auto member = make<typename A::Entry>(name, parameters...);
    member->parentAttrIdIs(A::id);
    Ptr<typename A::Entry> const replaced = A::cell(entity).insert(member);
-   // First the new one: it has its parent when the other's reactors find it, and loses it if they delete it.
+   // The new one gets its parent first: reactors of the replaced one find it complete, and may delete it again.
    auto const bind = [&] { member->parentIs(Ptr<Entity>(&entity)); };
    if (replaced) {
       Ptr<typename A::Owner> const held(&entity);
@@ -276,7 +278,7 @@ void checkParameters(TypeList<Ps...>, Name const& name, Member const& member, Pa
    (checkParameter<Ps>(name, member, given), ...);
 }
 
-/// Nothing where the collection no longer holds `present`.
+/// Does nothing where the collection no longer holds `present`.
 template <class A> Ptr<typename A::Entry> memberEntryDel(typename A::Owner& entity, typename A::Entry& present) {
    Ptr<typename A::Entry> member = A::cell(entity).remove(present);
    if (!member)

@@ -9,8 +9,8 @@
 
 namespace Mox {
 
-/// Keeps a lambda registered on an entity until it ends. Movable; does not keep the entity alive: when the entity goes, the
-/// watch has nothing to watch any more.
+/// Keeps a lambda registered on an entity until the watch ends. Movable. It does not keep the entity alive: when the
+/// entity goes, the lambda is not called any more.
 class Watch {
 public:
    Watch() = default;

@@ -48,7 +48,8 @@ template <class X> void membersDelAll(Entity& entity) {
                first = std::current_exception();
          }
       }
-      // What reactors have put behind the position meanwhile must not keep a parent that is gone.
+      // Reactors may have added members at places that the iterator has passed: those must not keep a parent that is
+      // gone.
       while (auto* const left = cell.first())
          try {
             cell.remove(*left)->parentIs(nullptr);
@@ -153,8 +154,9 @@ template <class X> Ptr<MoxType const> typeOf(std::string_view qualifiedName, Nbo
    return type;
 }
 
-/// The passes of the attributes that the level of `X` adds. A type's source instantiates it: they are compiled there, whoever
-/// else calls them finds them there, and their addresses keep the compiler from leaving out one that it has inlined.
+/// The passes of the attributes that the level of `X` adds. Only the type's own source instantiates this, so the passes
+/// are compiled there and other sources link to them. Their addresses are taken because the compiler would otherwise
+/// leave out a pass that it has inlined.
 template <class X> struct DeliveryPasses {
    template <class A> static constexpr auto addressOf() noexcept {
       if constexpr (A::isKeyed)

@@ -21,7 +21,7 @@ template <std::size_t size> struct FixedText {
    char text[size]{};
 };
 
-/// An unsigned number from 0 to `limit`; 0 by default. `outOfRange` is the text of the exception that any other raises.
+/// An unsigned number from 0 to `limit`; 0 by default. Any other number raises an exception with the text `outOfRange`.
 ///
 ///     class U4 : public Mox::Bounded<std::uint8_t, 0x0f, "U4::value < 0 or > 0x0f not allowed"> {
 ///        using Bounded::Bounded;

@@ -33,8 +33,9 @@ constexpr EnumTable<count> enumeration(std::string_view type,
    return table;
 }
 
-/// An enumeration that the library knows by its enumerators. It is declared with a function that argument-dependent look-up
-/// finds. A function called after it, which makes one of a number, is for callers: the library and its log call `enumInstance`:
+/// An enumeration that the library knows by its enumerators. It is declared by a function `moxEnum`, which
+/// argument-dependent look-up finds. A function like `FanInstance` is a convenience for callers; the library and its
+/// log call `enumInstance`:
 ///
 ///     enum class Fan : std::int32_t { off = 0, on = 1 };
 ///     constexpr auto moxEnum(Fan) { return Mox::enumeration<Fan>("Rack::Fan", {{Fan::off, "off"}, {Fan::on, "on"}}); }
@@ -73,10 +74,11 @@ template <Enumeration E> constexpr std::uint64_t denseCount() noexcept {
 
 } // namespace detail
 
-/// Whether `e` is an enumerator: a cast makes any number of any type. One comparison where the numbers are 0, 1, 2 and so on.
+/// Whether `e` is an enumerator. It need not be: a cast gives it any number. One comparison where the numbers are 0, 1,
+/// 2 and so on.
 template <Enumeration E> constexpr bool isEnumerator(E e) noexcept {
    if constexpr (constexpr std::uint64_t count = detail::denseCount<E>(); count != 0) {
-      return static_cast<std::uint64_t>(e) < count; // a negative number is a large one
+      return static_cast<std::uint64_t>(e) < count; // without its sign, a negative number is larger than any count
    } else {
       using Number = std::underlying_type_t<E>;
       for (EnumRow const& row : enumTable<E>.rows)
@@ -101,10 +103,10 @@ template <Enumeration E> constexpr std::optional<E> enumOfName(std::string_view 
    return std::nullopt;
 }
 
-/// Of its own, so that the namespaces of enumerations can take it in without the rest.
+/// A namespace of its own, so that namespaces of enumerations can import the operator alone.
 namespace EnumText {
 
-/// Prints the name, or the number of what is no enumerator.
+/// Prints the enumerator's name, or the number of a value that is no enumerator.
 template <Enumeration E> std::ostream& operator<<(std::ostream& out, E e) {
    std::string_view const name = enumName(e);
    return name.empty() ? out << static_cast<std::int32_t>(e) : out << name;

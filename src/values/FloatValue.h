@@ -27,7 +27,8 @@ protected:
    constexpr explicit FloatValue(float v) noexcept : value(v) {}
 };
 
-// On the exact type, so that they win over the comparisons of the number that the value converts to.
+// They take the exact type, so that overload resolution prefers them to a comparison of the float that the value
+// converts to.
 template <std::derived_from<FloatValue> F, Arithmetic N> constexpr bool operator==(F const& a, N b) noexcept {
    return a.value == static_cast<float>(b);
 }

@@ -19,7 +19,7 @@ template <class F> void printFloat(std::ostream& out, F value) {
       return;
    }
    char text[64];
-   // Values that are equal have one text: a zero has no sign.
+   // Equal values have the same text, so a zero is printed without its sign.
    auto const end = std::to_chars(text, text + sizeof text, value == 0 ? F{} : value).ptr;
    out << std::string_view(text, static_cast<std::size_t>(end - text));
 }

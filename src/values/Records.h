@@ -27,7 +27,7 @@ struct ConditionStat {
    bool condition = false;
    std::uint32_t count = 0;
    double time = 0.0; ///< seconds since the epoch; 0 before the first change
-   /// As floating-point numbers the times compare: a record whose time is NaN equals none.
+   /// Times compare as floating-point numbers: a record whose time is NaN equals no record.
    friend constexpr bool operator==(ConditionStat const&, ConditionStat const&) noexcept = default;
 };
 

@@ -60,7 +60,7 @@ void Answers::judgeRate(Port& port, Cl10010Status const& status) {
          float const wider = now < 0.975F ? now + 0.025F : 0.2F;
          std::ostringstream what;
          what << "roll-off " << wider;
-         // A status that is slow to follow may skip a value, and then follows all of them at once.
+         // A status that is slow to follow may skip a value; then it follows several answers at once.
          answer(port, {what.str(), Clock::now(),
                        [config](Cl10010Status const& s) { return s.rollOff() == config->rollOff(); }});
          config->rollOffIs(wider);
@@ -71,7 +71,7 @@ void Answers::judgeRate(Port& port, Cl10010Status const& status) {
 
 void Answers::judgeFrames(Port& port, Cl10010Status const& status) {
    Kiln::ConditionStat const lost = status.otuLossOfAnyFrame();
-   // The first is that of a chip that has just been reset.
+   // The first loss is the state of a chip that has just been reset.
    if (!lost.condition || lost.count == 1)
       return;
    if (auto const config = config_->phyConfig(status.name())) {
@@ -82,7 +82,8 @@ void Answers::judgeFrames(Port& port, Cl10010Status const& status) {
 }
 
 void Answers::judgeSignal(Port& port, Cl10010Status const& status) {
-   // Its first change is the signal's arrival. A mirror that is slow to follow may see the third at once.
+   // The first change is the arrival of the signal. A mirror that is slow to follow may miss the second one and see the
+   // third.
    if (status.signalDetect().count > 1 && !std::exchange(port.lostSignal, true))
       ++signalLosses_;
 }

@@ -17,9 +17,10 @@
 
 namespace Job {
 
-/// The configuring side's eye on the mirrored status. Where a port's error rate rises, it answers with a wider roll-off, once
-/// per rise; where a port loses its frames, it asks for a snapshot of the chip's debug state. Which status it has its eye on, it
-/// says in a directory of references. It also keeps what people ask for first: which port was worst, and which lost its signal.
+/// Watches the mirrored status for the configuring process. Where a port's error rate rises, it answers with a wider
+/// roll-off, once per rise; where a port loses its frames, it asks for a snapshot of the chip's debug state. It puts a
+/// reference to each status that it watches into a directory. It also keeps what people ask for first: which port was
+/// worst, and which ports lost their signal.
 class Answers {
 public:
    struct Answer {
@@ -39,9 +40,9 @@ public:
    Answers(Answers const&) = delete;
    Answers& operator=(Answers const&) = delete;
 
-   /// In the order in which they came to their end.
+   /// In the order in which the status followed them.
    std::vector<Answer> const& given() const noexcept { return given_; }
-   /// Given, and the status has not followed yet.
+   /// Answers that were given and that the status has not followed yet.
    std::size_t open() const noexcept { return open_; }
    Worst const& worst() const noexcept { return worst_; }
    /// Ports that have lost their signal at least once.

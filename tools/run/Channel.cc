@@ -28,10 +28,10 @@ double erfcInverse(double y) {
    return x;
 }
 
-/// Iterations that the decoder takes for a word with as many errors as the index says; it gives up on words with more. The share
-/// of wrong bits follows R. G. Gallager's recursion (Low-Density Parity-Check Codes, 1963, chapter 4), for a code with three
-/// checks to a bit and fifteen bits to a check: that one stops repairing at 166 errors, a steep flank, and close to it takes
-/// its time.
+/// Iterations that the decoder takes for a word with as many errors as the index says; it gives up on words with more.
+/// The share of wrong bits follows R. G. Gallager's recursion (Low-Density Parity-Check Codes, 1963, chapter 4), for a
+/// code with three checks to a bit and fifteen bits to a check. Such a code repairs no word with more than 166 errors,
+/// and takes many iterations close to that number.
 std::vector<std::uint8_t> const& decoderIterations() {
    static std::vector<std::uint8_t> const table = [] {
       std::vector<std::uint8_t> iterations;
@@ -52,14 +52,14 @@ std::vector<std::uint8_t> const& decoderIterations() {
    return table;
 }
 
-/// Decodes so many words, over which the errors scatter binomially.
+/// Decodes the words of `r`, over which the errors scatter binomially.
 void decode(double errorRatio, Reading& r) {
    auto const& iterations = decoderIterations();
    double const odds = errorRatio / (1 - errorRatio);
    double share = std::exp(Channel::wordBits * std::log1p(-errorRatio)); // of the words with so many errors
    double upTo = 0;
    std::uint64_t before = 0;
-   // Rounded is what has come so far: the bins have all the words together, and none comes twice.
+   // The running sum is rounded and not each bin, so that the bins add up to the number of words.
    for (std::size_t errors = 0; errors < iterations.size(); ++errors) {
       upTo = std::min(1.0, upTo + share);
       auto const now = static_cast<std::uint64_t>(std::llround(static_cast<double>(r.words) * upTo));
@@ -90,7 +90,7 @@ double qFactor(double errorRatio) {
 }
 
 Channel::Channel(std::uint64_t seed, std::size_t port)
-   // Other numbers than the simulated line's of the same port.
+   // A stream of random numbers of its own, other than that of the simulated line of the same port.
    : dice_(seed, ~std::uint64_t{port}),
      length_(dice_.uniform(200, 1500)),
      laser_(dice_.uniform(-900, 900)),
@@ -111,7 +111,7 @@ Reading Channel::next(Sample const& sample, double interval) {
    Reading r;
    r.time = static_cast<double>(sample.minute) * 60;
    r.light = sample.average < noSignalFrom;
-   // Somebody handles the fibre while the ratio runs away.
+   // Where the ratio changes fast, somebody is handling the fibre.
    double const change = r.light && lastRatio_ > 0 ? std::abs(std::log10(sample.average / lastRatio_)) : 0;
    double const disturbance = sample.average >= alarmAt / 2 && change > 0.05 ? 30 : 1;
    lastRatio_ = r.light ? sample.average : 0;
@@ -151,8 +151,8 @@ Reading Channel::next(Sample const& sample, double interval) {
    return r;
 }
 
-/// Lets the fibre and the laser go on by a while. Each noise pulls back to the middle as far as it pushes away, so that the
-/// spread stays the same over any time.
+/// Moves the fibre and the laser on by `hours`. Each value is pulled back to the middle as far as its noise pushes it
+/// away, so that the spread stays the same over any time.
 void Channel::drift(double hours, bool disturbed) {
    double const turn = std::min(0.5, 0.05 * hours) * (disturbed ? 5 : 1);
    for (double& d : delay_)
@@ -176,8 +176,8 @@ void Channel::measure(Reading& r, double disturbance) {
    double const hour = r.time / 3600 + temperaturePhase_;
    double const warmth = std::sin(2 * std::numbers::pi * hour / 24); // of the fibre's day
    double const tilt = polarisation_[2];
-   // The half of the light that the polarisation-dependent loss takes more from has the more errors; both halves together
-   // have the ratio.
+   // The polarisation that loses more light to the polarisation-dependent loss has more errors; both together have the
+   // ratio.
    double const share = 0.3 * loss_ * tilt;
    double const horizontal = r.errorRatio * (1 + share);
    double const vertical = r.errorRatio * (1 - share);
@@ -200,8 +200,8 @@ void Channel::measureLane(std::size_t number, double errorRatio, double warmth, 
    lane.aligned = errorRatio < laneStands * (lane.aligned ? alarmAt : clearBelow);
    r.aligned = lane.aligned;
    double const q = qFactor(errorRatio);
-   // Of the square root of the signal's power, as the beat with the local laser is; and so, as long as the noise is the same,
-   // of the Q-factor.
+   // The amplitude follows the square root of the signal's power, as the beat with the local laser does. As long as the
+   // noise is the same, it therefore follows the Q-factor.
    double const amplitude = 12 * q * lane.responsivity * (1 + 0.002 * dice_.noise());
    r.amplitude = static_cast<float>(amplitude);
    r.gain = rounded<std::uint16_t>(64 * 500 / amplitude); // up to 500 mV

@@ -14,14 +14,14 @@ namespace Job {
 /// there is no signal and Q is 0.
 double qFactor(double errorRatio);
 
-/// What the chip behind one port reads out at the end of an interval. Of one interval in which light came in, all belongs
-/// together: errors follow from the ratio and the frames, the Q-factors of the two polarisations from the two halves of the
-/// ratio, the alarms from the worst moment. Without light, measurements and counts are 0 and the ratio is a half.
+/// What the chip behind one port reads out at the end of an interval. In an interval with light all values fit
+/// together: errors follow from the ratio and the frames, the Q-factors of the two polarisations from the two halves of
+/// the ratio, the alarms from the worst moment. Without light, measurements and counts are 0 and the ratio is a half.
 struct Reading {
    /// Lanes of the line: in phase and quadrature of the horizontal polarisation, then of the vertical one.
    static constexpr std::size_t lineLanes = 4;
    static constexpr std::size_t hostLanes = 10;
-   /// Where the decoder gives up.
+   /// The iteration at which the decoder gives up.
    static constexpr std::size_t lastIteration = 31;
 
    /// One lane of the line, from the receiver to the equaliser.
@@ -66,9 +66,9 @@ struct Reading {
 
    // Around the chip.
    std::array<bool, hostLanes> hostLaneSignals{}; ///< the host sends on each lane
-   bool hostSignal = false;                       ///< and on all of them
+   bool hostSignal = false;                       ///< the host sends on all lanes
    bool monitorBusy = false;                      ///< the module's monitoring had nothing new
-   bool monitorFailed = false;                    ///< it did not answer
+   bool monitorFailed = false;                    ///< the module's monitoring did not answer
 };
 
 /// Turns the error ratios of one port into readings: the fibre, the laser and the equaliser behind it.
@@ -77,7 +77,8 @@ public:
    /// Alarms rise when the ratio reaches the first limit, and clear when it falls below the second.
    static constexpr double alarmAt = 4.0e-3;
    static constexpr double clearBelow = 3.0e-3;
-   /// A lane's alignment stands half as many errors again as the frames that are spread over all of them do.
+   /// A lane loses its alignment at one and a half times the error ratio at which frames, which are spread over all
+   /// lanes, are lost.
    static constexpr double laneStands = 1.5;
    /// Bits of a frame, parity included, and of a codeword.
    static constexpr double frameBits = 4080 * 4 * 8;
@@ -94,8 +95,8 @@ private:
    void measure(Reading& reading, double disturbance);
    void measureLane(std::size_t number, double errorRatio, double warmth, Reading::LineLane& lane);
 
-   /// What makes one lane of the line another than the next: made so, and drifting about that. Of each pair that shares a
-   /// polarisation, one has as many errors more as the other has less.
+   /// How one lane of the line differs from the others: properties that it is made with, and a drift about them. Of the
+   /// two lanes of a polarisation, one has as many errors above the half as the other has below it.
    struct Lane {
       double share;                    // of the polarisation's errors, more or less than half
       double responsivity;             // of the diodes
@@ -114,7 +115,7 @@ private:
    std::array<double, 3> polarisation_{0, 0, 1}; // of the light on arrival, of length 1
    double centre_;
    unsigned hostAway_ = 0;        // intervals until the host sends again
-   std::size_t hostAwayLane_ = 0; // where it doesn't; from `hostLanes` on, nowhere
+   std::size_t hostAwayLane_ = 0; // the lane that it does not send on; from `hostLanes` on, it sends on none
    double lastRatio_ = 0;
    bool outOfFrame_ = false;
    bool lossOfFrame_ = false;

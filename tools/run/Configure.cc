@@ -46,8 +46,8 @@ extern "C" void interrupt(int signal) {
    interrupted = signal;
 }
 
-/// A key, a closing terminal or a supervisor may ask the job to end while this object lives. What whoever started the program
-/// has it ignore, as `nohup` does, stays ignored.
+/// While this object lives, Ctrl-C, a closing terminal or a supervisor can ask the job to end. A signal that was
+/// ignored when the program started, as `nohup` has it, stays ignored.
 class Interrupts {
 public:
    Interrupts() {
@@ -69,7 +69,7 @@ private:
 };
 
 void fill(Cl10010ConfigDir& directory, Line const& line) {
-   // What every port shares is made here, has no parent, and travels because a configuration refers to it.
+   // The entities that all ports share have no parent, and travel because a configuration refers to them.
    auto const spi = Mox::make<Hardware::Spi::Accelerator>("spi-0");
    spi->clockRateIs(25'000'000);
    spi->readyIs(true);
@@ -119,7 +119,7 @@ struct Lost : std::runtime_error {
 /// The configuring process from the first connection to the comparison.
 class Session {
 public:
-   /// \param folder of the socket, where it is private: it goes as soon as the driver is in
+   /// \param folder of the socket, where it is private: it is removed as soon as the driver has connected
    Session(Options const& options, Line const& line, std::string const& path, std::optional<Mox::PrivateFolder>& folder)
       : steps_(line.steps()),
         watched_(Mox::make<Cl10010StatusPtrDir>("watched")),
@@ -131,7 +131,7 @@ public:
       server_->onPeer([this, &folder](Mox::PeerEvent const& event) {
          if (event.kind == Mox::PeerEvent::Kind::refused)
             say(event.reason);
-         // Others may come and go: a job that asks whether the socket is alive, for one.
+         // Others may connect and leave, such as a job that asks whether the socket is alive.
          if (event.process != static_cast<unsigned long>(driver_->process()))
             return;
          if (event.kind == Mox::PeerEvent::Kind::lost)
@@ -149,7 +149,7 @@ public:
    Session(Session const&) = delete;
    Session& operator=(Session const&) = delete;
 
-   /// Ends the driver, if it is still there, and gives it the time to do so by itself.
+   /// Ends the driver, if it is still there, after giving it the time to end by itself.
    ~Session() {
       driver_->pipe().sendLine(word::leave);
       server_.reset();
@@ -163,7 +163,7 @@ public:
       driver_->pipe().sendLine(word::stop);
       auto const driver = DriverFigures::of(awaitWord(word::stopped));
       await([this] { return server_->quiet(); });
-      // Before the driver may go: the counts are the connection's.
+      // Read before the driver may go, because the counts go with the connection.
       Mox::Traffic const traffic = server_->traffic();
       driver_->pipe().sendLine(word::dump);
       std::optional<std::string> theirs;
@@ -186,7 +186,7 @@ public:
    std::size_t stepsPlayed() const noexcept { return played_; }
 
 private:
-   /// Polls until the driver says a line that begins with `word`; returns what stands behind it.
+   /// Polls until the driver says a line that begins with `word`; returns what follows that word.
    std::string awaitWord(std::string_view word) {
       std::optional<std::string> line;
       await([&] {
@@ -198,12 +198,12 @@ private:
       return line->substr(std::min(line->size(), word.size() + 1));
    }
 
-   /// The driver may take its time, as long as something moves: bytes on the link, or words.
+   /// Polls until `done()` holds. The driver may take any time as long as bytes of the link or of its pipe arrive.
    template <class Done> void await(Done done) {
       for (auto last = Clock::now();;) {
          auto const before = driver_->pipe().received();
          bool const moved = server_->pollOnce(5ms);
-         // Asked before: what the driver said at its end is still to be read.
+         // Asked before `done()`, which reads what the driver said at its end.
          bool const isGone = lost_ || driver_->end();
          if (done())
             return;
@@ -276,7 +276,7 @@ Outcome configure(Options const& options, std::unique_ptr<Line> line, std::size_
    std::signal(SIGPIPE, SIG_IGN);
    std::optional<Mox::PrivateFolder> folder;
    std::string path = options.socket;
-   Mox::PrivateFolder::clearAbandoned(); // of jobs that had no chance to
+   Mox::PrivateFolder::clearAbandoned(); // left by jobs that were killed
    if (path.empty())
       path = folder.emplace().path() + "/link";
    {

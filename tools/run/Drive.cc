@@ -61,7 +61,7 @@ public:
    void run() {
       awaitConfiguration();
       play();
-      // The last answers of the configuring process are to what it has seen.
+      // The configuring process still answers what it has seen last.
       settle();
       say(word::played);
       awaitWord(word::stop);
@@ -106,7 +106,7 @@ private:
          for (std::size_t p = 0; p < ports_.size(); ++p) {
             if (auto const sample = line_.next(p, step))
                read(p, *sample);
-            // Many ports make a long step, and the peer wants its bytes.
+            // With many ports a step takes long, and the peer must get bytes in between.
             if (p % 64 == 63)
                pollAndTell(0ms, step);
          }
@@ -155,7 +155,7 @@ private:
    }
 
    [[noreturn]] void lose(std::string const& how) {
-      // One that has asked this process to end has hung up as well.
+      // Where the configuring process asked this one to end, it has closed the connection too, and nothing is lost.
       while (auto const line = pipe_.line(0ms))
          if (*line == word::leave)
             throw Dismissed();
@@ -211,8 +211,8 @@ DriverFigures DriverFigures::of(std::string const& text) {
 }
 
 Outcome drive(Options const& options, std::unique_ptr<Line> line) {
-   // A key that interrupts the program, or a terminal that goes, reaches both processes: the other one decides, and this
-   // one is told, or sees it go.
+   // Ctrl-C and a terminal that closes reach both processes. The other one decides what follows; this one is asked to
+   // leave, or sees the other one go.
    std::signal(SIGINT, SIG_IGN);
    std::signal(SIGHUP, SIG_IGN);
    std::signal(SIGPIPE, SIG_IGN);

@@ -18,10 +18,11 @@ struct Held {
    Mox::Ptr<Hardware::ClariPhy::Cl10010ConfigPtrDir>
       driven;                                             ///< of the driver: the configurations that its ports follow
    Mox::Ptr<Hardware::ClariPhy::Cl10010StatusDir> status; ///< of the driver
-   Mox::Ptr<Hardware::ClariPhy::Cl10010StatusPtrDir> watched; ///< of the configuring process: what it has its eye on
+   Mox::Ptr<Hardware::ClariPhy::Cl10010StatusPtrDir> watched; ///< of the configuring process: what it watches
 
-   /// The dumps of all four by path, arrays, histograms and references included. A reference to anything but the very entity
-   /// that `config` or `status` has under its name gets a line more, which names `who`: the processes can't agree on it.
+   /// The dumps of all four by path, arrays, histograms and references included. A reference must be to the very entity
+   /// that `config` or `status` has under its name. Any other gets a further line, which names `who`, so that the texts
+   /// of the two processes differ.
    std::string text(std::string_view who) const;
    /// Number of references.
    std::size_t references() const;

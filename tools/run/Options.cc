@@ -53,14 +53,14 @@ std::size_t distance(std::string_view a, std::string_view b) {
    return row.back();
 }
 
-/// What is told of a word that is no option.
+/// The message for a word that is no option.
 std::string unknown(CLI::App const& app, std::string_view word) {
    std::string_view const name = word.substr(0, word.find('='));
    std::string best;
    std::size_t least = name.size() / 3 + 1;
    if (name.starts_with("-"))
       for (CLI::Option const* option : app.get_options())
-         // The one that the job starts itself with is for nobody else.
+         // The option with which the job starts its own driver is hidden, and not suggested to anybody.
          if (std::size_t const d = distance(name, option->get_name()); d < least && !option->get_group().empty()) {
             least = d;
             best = option->get_name();
@@ -131,7 +131,8 @@ Options parseOptions(int argc, char const* const* argv) {
             c = ' ';
       throw UsageError(text);
    }
-   // A path may begin with two dashes, but then behind an equals sign: here a path was forgotten.
+   // A path that begins with two dashes has to stand after an equals sign. As a word of its own it means that the path
+   // was forgotten.
    for (int i = 1; i + 1 < argc; ++i)
       if (std::string_view const name(argv[i]), value(argv[i + 1]);
           (name == "--socket" || name == "--trace") && value.starts_with("--"))

@@ -11,8 +11,8 @@
 
 namespace Job {
 
-/// Words between the two processes beside the link: how far they are, and at the end what they hold. Lines, and texts
-/// whose length a line tells.
+/// What the two processes say to each other beside the link: how far they are, and at the end what they hold. It
+/// carries lines, and texts whose length is sent in a line before them.
 class Pipe {
 public:
    /// Takes over the descriptors: one to read from, one to write to.
@@ -26,7 +26,8 @@ public:
    bool sendText(std::string_view text);
    /// The next line, if it is there within `timeout`.
    std::optional<std::string> line(std::chrono::milliseconds timeout);
-   /// A text sent by `sendText`; nothing where it isn't whole within `timeout`: what has come of it waits for the next call.
+   /// A text sent by `sendText`; nothing where it isn't whole within `timeout`. What has come of it is kept for the
+   /// next call.
    std::optional<std::string> text(std::chrono::milliseconds timeout);
    /// Bytes that have come so far.
    std::size_t received() const noexcept { return received_; }

@@ -23,7 +23,7 @@ U22 stopped(std::uint64_t count) {
 
 } // namespace
 
-/// Stores a condition record: a change counts and has its time, an equal condition leaves both.
+/// Stores a condition record. A change is counted and its time is stored; an equal condition leaves both as they are.
 template <class A> void DrivenPort::conditionIs(A attribute, bool condition) {
    Kiln::ConditionStat const was = attribute.cell(*status_);
    if (was.condition == condition)
@@ -98,7 +98,7 @@ void DrivenPort::comeUp() {
    firmwareIs(booting);
    s.phyConfigVersionInHwIs(s.phyConfigVersion());
    s.rollOffIs(config_->rollOff());
-   // The chip knows no signal yet: what says that one is missing is raised.
+   // The chip has no signal yet: all alarms that report a missing one are raised.
    Reading const dark{.time = time_};
    readHost(dark);
    readLine(dark);
@@ -271,7 +271,7 @@ void DrivenPort::firmwareIs(Firmware state) {
    observedIs(Attr::firmwareSmState, Attr::firmwareSmStateChanges, Attr::lastFirmwareSmStateChanged, state);
 }
 
-/// Gives the line signal the roll-off that is asked for: the firmware leaves what it does and goes back to it.
+/// Gives the line signal the roll-off that is asked for. The firmware leaves its state for that, and returns to it.
 void DrivenPort::follow() {
    auto const before = static_cast<Firmware>(status_->firmwareSmState());
    firmwareIs(adjusting);

@@ -32,13 +32,13 @@ public:
    DrivenPort& operator=(DrivenPort const&) = delete;
 
    void read(Reading const& reading);
-   /// Follows the configuration no more: nothing changes until the next `read`.
+   /// Stops following the configuration: nothing changes until the next `read`.
    void stop();
    /// Changes of the status so far, those of its histogram included.
    std::uint64_t changes() const noexcept { return changes_; }
 
 private:
-   /// What the firmware says that it does.
+   /// What the firmware reports that it is doing.
    enum Firmware : std::uint16_t { off = 0, booting = 1, acquiring = 2, tracking = 3, adjusting = 4 };
 
    void comeUp();

@@ -177,7 +177,7 @@ std::string Result::json() const {
    for (auto const& a : answers)
       j["answers"].push_back(
          {{"port", a.port}, {"answer", a.what}, {"milliseconds", std::round(a.milliseconds * 1e3) / 1e3}});
-   // A file name is any bytes: what is no text is replaced.
+   // A file name may hold any bytes: those that are no text are replaced.
    return j.dump(3, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 

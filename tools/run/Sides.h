@@ -17,7 +17,7 @@ namespace Job {
 /// What the main job ends with; scripts read the numbers. A job that a signal ends, ends by that signal.
 enum class Outcome { agree = 0, differ = 1, badInput = 2, setupFailed = 3, peerLost = 4 };
 
-/// A signal asked the job to end; everything has been put away.
+/// A signal asked the job to end; everything has been cleaned up.
 struct Interrupted {
    int signal;
 };
@@ -34,8 +34,8 @@ Outcome drive(Options const& options, std::unique_ptr<Line> line);
 /// Where two dumps differ, by path, as text for people: at most `most` places, and the number of the rest.
 std::vector<std::string> differences(std::string_view ours, std::string_view theirs, std::size_t most);
 
-/// What is said about a driver that was lost: why its connection ended, and how its process did, as far as they are known. That a
-/// process which has ended hung up as well is no news.
+/// The text about a driver that was lost: why its connection ended, and how its process ended, as far as they are
+/// known. A process that has ended has closed its connection too, so that is not said besides.
 std::string lossText(std::optional<std::string> const& reason, std::optional<std::string> const& end);
 
 /// The words that the processes exchange.
@@ -48,7 +48,7 @@ inline constexpr std::string_view dump = "dump";       ///< to the driver: send 
 inline constexpr std::string_view leave = "leave";     ///< to the driver: end now
 } // namespace word
 
-/// What the driver says behind `stopped`.
+/// What the driver says after `stopped`.
 struct DriverFigures {
    std::uint64_t changes = 0;
    std::uint64_t recordsSent = 0;
@@ -56,7 +56,7 @@ struct DriverFigures {
    std::uint64_t bytesSent = 0;
 
    std::string text() const;
-   /// Zeros where the text is another one.
+   /// Zeros where the text has another form.
    static DriverFigures of(std::string const& text);
 };
 

@@ -14,12 +14,12 @@
 namespace Job {
 
 Terminal Terminal::of(int descriptor) {
-   // Letters alone: numbers keep their point.
+   // Only the character set: numbers keep their decimal point.
    std::setlocale(LC_CTYPE, "");
    Terminal t;
    char const* const kind = std::getenv("TERM");
    char const* const plain = std::getenv("NO_COLOR");
-   // One that can't go back to the start of its line is as good as a file.
+   // A terminal that can't go back to the start of its line is treated as a file.
    t.isTerminal = ::isatty(descriptor) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
    t.hasColour = t.isTerminal && (plain == nullptr || *plain == '\0');
    t.isUtf8 = std::string_view(::nl_langinfo(CODESET)) == "UTF-8";

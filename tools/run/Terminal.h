@@ -26,8 +26,8 @@ public:
    ProgressLine(ProgressLine const&) = delete;
    ProgressLine& operator=(ProgressLine const&) = delete;
 
-   /// A bar, and a text behind it, of which whole parts between commas go where the terminal is narrow. Writes at most ten
-   /// times in a second, whatever it is told.
+   /// Shows a bar with a text after it. Where the terminal is narrow, parts of the text between commas are left out
+   /// from its end. Writes at most ten times in a second, however often it is called.
    /// \param share done, from 0 to 1
    void show(double share, std::string_view text);
    /// Takes the line away, so that something else can be printed.

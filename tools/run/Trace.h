@@ -20,7 +20,7 @@ public:
 /// Text from outside as it may stand in a message: short, and printable.
 std::string shown(std::string_view text);
 
-/// Ratio of a receiver without a signal: it guesses.
+/// Error ratio of a receiver without a signal: half of the bits that it guesses are wrong.
 inline constexpr double noSignal = 0.5;
 /// From this ratio on there is no signal; no error correction comes near it.
 inline constexpr double noSignalFrom = 0.1;
@@ -29,7 +29,7 @@ inline constexpr double noSignalFrom = 0.1;
 struct Sample {
    std::int64_t minute; ///< minutes since 1970, local time as written
    double average;      ///< pre-FEC bit error ratio over the interval, 0 to 0.5
-   double worst;        ///< highest ratio within the interval; the average where nobody told
+   double worst;        ///< highest ratio within the interval; the average where the trace has none
 };
 
 struct PortTrace {

@@ -20,8 +20,8 @@ namespace {
 
 using namespace Job;
 
-/// A program may be started with a standard stream closed. The next file that it opens would get that number, and the result
-/// would go into a socket: something that fails takes its place.
+/// A program may be started with a standard stream closed. The next file that it opens would get that number, and the
+/// result would go into a socket. So a file whose use fails takes the number.
 void keepStandardStreams() {
    for (int const fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
       if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
@@ -62,7 +62,8 @@ int main(int argc, char** argv) {
    try {
       return static_cast<int>(run(argc, argv));
    } catch (Interrupted const& i) {
-      // As if nobody had caught it: who started this program sees what ended it.
+      // The signal ends this process as if it had not been caught, so that whoever started the program sees which one
+      // it was.
       std::signal(i.signal, SIG_DFL);
       std::raise(i.signal);
       return 128 + i.signal;
