@@ -195,12 +195,13 @@ void Mounts::writeOwed() {
 }
 
 bool Mounts::isSettled() const noexcept {
-   return withdrawn_.empty() && std::all_of(entries_.begin(), entries_.end(), [](Entry const& m) { return m.isAnswered; });
+   return withdrawn_.empty() &&
+          std::all_of(entries_.begin(), entries_.end(), [](Entry const& m) { return m.isAnswered; });
 }
 
 std::size_t Mounts::owedMounts() const noexcept {
-   return static_cast<std::size_t>(
-      std::count_if(entries_.begin(), entries_.end(), [this](Entry const& m) { return demuxer_.isOpen() && !m.isAsked; }));
+   return static_cast<std::size_t>(std::count_if(entries_.begin(), entries_.end(),
+                                                 [this](Entry const& m) { return demuxer_.isOpen() && !m.isAsked; }));
 }
 
 void Mounts::finishSync() {

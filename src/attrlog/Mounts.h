@@ -123,14 +123,14 @@ public:
 
 private:
    struct Entry {
-      std::uint32_t handle = 0;            ///< names the root in frames, from here on for as long as the entry lives
-      Name name;                           ///< never changes
-      Ptr<Entity> mirror;                  ///< null while the mirror is at another end, or while there is none
+      std::uint32_t handle = 0; ///< names the root in frames, from here on for as long as the entry lives
+      Name name;                ///< never changes
+      Ptr<Entity> mirror;       ///< null while the mirror is at another end, or while there is none
       RootState state = RootState::connecting; ///< the last that the application was told
-      std::string reason;                  ///< why `state` is as it is; empty where all is well
-      bool isAsked = false;                ///< from the writing of the mount until the connection ends
-      bool isAnswered = false;             ///< from the first answer until the connection ends
-      bool isOpen = false;                 ///< from the opening until the owner ends the root or the connection ends
+      std::string reason;                      ///< why `state` is as it is; empty where all is well
+      bool isAsked = false;                    ///< from the writing of the mount until the connection ends
+      bool isAnswered = false;                 ///< from the first answer until the connection ends
+      bool isOpen = false; ///< from the opening until the owner ends the root or the connection ends
    };
 
    Entry const* find(Name const& name) const noexcept;
