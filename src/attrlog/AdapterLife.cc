@@ -73,8 +73,8 @@ bool AdapterLife::canEnter(Phase phase, bool isMirror) const noexcept {
 
 void AdapterLife::enter(Phase phase, bool isMirror) {
    if (!canEnter(phase, isMirror))
-      throwInternalException(std::string("an adapter of ") + (isMirror ? "a mirror" : "an exported entity") + " that is " +
-                             textOf(phase_) + " can't become " + textOf(phase));
+      throwInternalException(std::string("an adapter of ") + (isMirror ? "a mirror" : "an exported entity") +
+                             " that is " + textOf(phase_) + " can't become " + textOf(phase));
    phase_ = phase;
 }
 

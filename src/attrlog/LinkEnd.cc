@@ -225,6 +225,8 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
 
 /// Ends the stream, or replaces it by a new one, where that was put off until the frame in hand or the answer was finished.
 void LinkEnd::endIfAsked() {
+   if (failure_.empty() && !demuxer_.internalFailure().empty())
+      keepReason(failure_, demuxer_.internalFailure());
    if (!failure_.empty())
       peerGone(failure_);
    else if (std::exchange(mustEnd_, false))
@@ -240,6 +242,8 @@ std::span<std::uint8_t const> LinkEnd::bytesToSend() {
    settleControl();
    demuxer_.drain();
    settleControl(); // The drain may have met a root for which the peer takes too few identifiers.
+   if (!demuxer_.internalFailure().empty())
+      endIfAsked();
    if (!isConnected_)
       return {};
    settleWaits();

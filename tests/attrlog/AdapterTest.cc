@@ -6,6 +6,7 @@
 #include "entities/Cl10010ConfigLog.h"
 #include "entities/Cl10010StatusLog.h"
 #include "siblings/LedConfig.h"
+#include "support/Thrown.h"
 #include "support/Told.h"
 
 #include <gtest/gtest.h>
@@ -48,6 +49,21 @@ TEST_F(OneAdapter, FreesTheBookmarkOfTheFlowsOwnAttributeAlone) {
       sa->freeResyncState(flow);
    }
    EXPECT_FALSE(flow->holdsBookmark(393));
+}
+
+TEST_F(OneAdapter, GoesNoWayThatItsLifeLacks) {
+   EntityId const id = sa->entityId();
+   EXPECT_EQ(thrownBy<InternalException>([&] { sa->identify(id); }),
+             "an adapter of an exported entity that is announced can't become identified");
+   EXPECT_EQ(sa->phase(), Phase::announced);
+   EXPECT_EQ(sa->entityId(), id);
+   sa->standingIs(Standing::root);
+   EXPECT_EQ(thrownBy<InternalException>([&] { sa->standingIs(Standing::orphan); }),
+             "a root can't become a member or an orphan");
+   sa->detach();
+   EXPECT_EQ(thrownBy<InternalException>([&] { sa->commitAnnouncement(); }),
+             "an adapter of an exported entity that is detached can't become announced");
+   EXPECT_EQ(sa->phase(), Phase::detached);
 }
 
 TEST_F(OneAdapter, IsFoundBesideAReactorThatSaysItIsOneUntilItIsTakenOff) {

@@ -53,6 +53,20 @@ TEST_F(Mirrored, ANewMemberIsReadOnlyForTheFirstReactorThatHearsOfIt) {
    EXPECT_EQ(refusals, 2);
 }
 
+TEST_F(Mirrored, AnAdapterThatGoesAnImpossibleWayEndsItsConnection) {
+   right.onReport([this](std::string const& text) { reports.push_back(text); });
+   right.demuxer().adapterOf(*mirror)->release();
+   EXPECT_EQ(reports.size(), 1u);
+   EXPECT_TRUE(right.bytesToSend().empty());
+   EXPECT_FALSE(right.isConnected());
+   EXPECT_NE(right.failure().find("/config/port: its adapter is bound and can't become released"), std::string::npos)
+      << right.failure();
+   cut();
+   reconnect();
+   settle();
+   EXPECT_TRUE(right.isConnected()) << right.failure();
+}
+
 /// The mirror is mirrored in turn.
 struct Chain : Directories {
    LocalLink next;
