@@ -83,7 +83,7 @@ void Demuxer::cut() noexcept {
       backlog_.forgetReidentified();
 }
 
-/// Lets go of the waiting mirrors for which `is(sa)` holds, one by one, so that it takes no memory. Reactors may do anything meanwhile.
+/// Releases the waiting mirrors for which `is(sa)` holds, one by one, so that it takes no memory. Reactors may do anything meanwhile.
 template <class Predicate> void Demuxer::releaseWaiting(Predicate is) noexcept {
    for (bool again = true; again;) {
       again = false;
@@ -179,7 +179,7 @@ void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
          toldByRelays(*parent, Mark(entity.parentAttrId(), entity.moxName()));
 }
 
-/// Lets go of a mirror that has been taken out. Runs reactors, which may do anything here.
+/// Releases a mirror that has been taken out. Runs reactors, which may do anything here.
 void Demuxer::release(Mirror const& gone) noexcept {
    if (gone.sa) {
       if (!gone.sa->isDetached())
@@ -215,7 +215,7 @@ std::size_t Demuxer::releaseAll(std::vector<Mirror> const& gone) noexcept {
    return count;
 }
 
-/// Lets go of what has lost its identifier while an announcement was applied; nothing else takes one away.
+/// Releases what has lost its identifier while an announcement was applied; nothing else takes one away.
 void Demuxer::releaseReplaced() {
    if (!mirrors_.hasReplaced())
       return;

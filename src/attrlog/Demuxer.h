@@ -109,7 +109,7 @@ public:
    /// Takes the adapters of `top` and of everything below it out of the stream; their identifiers are retired, and references to
    /// what they stood for are told again under whatever identifier it gets next.
    void reidentify(Entity& top) { static_cast<void>(unannounced(top)); }
-   /// As `reidentify`. What was taken out is the caller's to let go of, which may run reactors.
+   /// As `reidentify`. The caller holds what was taken out, and releases it, which may run reactors.
    /// \throws std::bad_alloc; nothing has changed then
    [[nodiscard]] std::vector<Ptr<Entity>> unannounced(Entity& top);
    /// Ends everything that this side has announced.
@@ -156,18 +156,18 @@ public:
    /// Applies the record in hand. The entity that it is for, and its adapter, are held until a record for another one comes, or
    /// `recordsEnd`: most changes come in runs. \throws ProtocolException only
    void record(In& in);
-   /// No record follows: lets go of what the last one was for. A frame that is no record comes behind it.
+   /// No record follows: puts down what the last one was for. A frame that is no record comes behind it.
    void recordsEnd() noexcept {
       if (mirrors_.hasInHand())
          putDown();
    }
-   /// Binds the peer's identifier to an entity of this process. What the identifier stood for is let go last: that runs reactors,
+   /// Binds the peer's identifier to an entity of this process. What the identifier stood for is released last: that runs reactors,
    /// which may do anything here. \throws ProtocolException where a root would lose its identifier by that
    void bind(EntityId id, Entity& entity) {
       bindInRecord(id, entity);
       releaseReplaced();
    }
-   /// The same while a record is applied, behind which the rest is let go.
+   /// The same while a record is applied, behind which the rest is released.
    void bindInRecord(EntityId id, Entity& entity, bool isOrphan = false);
    /// \throws ProtocolException for an identifier that the peer may not announce (slot, generation)
    void checkAnnounced(EntityId id) const { mirrors_.check(id, *in_); }
@@ -202,8 +202,8 @@ public:
    void forgetMirrors(Entity* top) { releaseAll(mirrorsTaken(top)); }
    /// The same in two steps: nobody is told before the second.
    [[nodiscard]] std::vector<Mirror> mirrorsTaken(Entity* top);
-   /// Lets go of mirrors one after the other, which runs reactors; what those of one have announced again stays. \return how many
-   /// were let go
+   /// Releases mirrors one after the other, which runs reactors; what those of one have announced again stays. \return how many
+   /// were released
    std::size_t releaseAll(std::vector<Mirror> const& gone) noexcept;
    /// Hands the mirrors at and below `root` that wait for their owner over to another stream, where they wait in the same way; with
    /// `withOrphans` the orphans that wait here as well.

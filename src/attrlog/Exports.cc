@@ -164,7 +164,7 @@ void Exports::answer(Request& request) {
    }
    if (!request.owesAnswer)
       return;
-   // What is told so far is taken out of the stream here, and let go of behind the answer.
+   // What is told so far is taken out of the stream here, and released behind the answer.
    std::vector<Ptr<Entity>> gone;
    if (request.root) {
       gone = demuxer_.unannounced(*request.root);

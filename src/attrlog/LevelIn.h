@@ -239,7 +239,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
       return;
    }
-   // Whoever applies an announcement lets go of what it replaces; whoever applies a value does not.
+   // Whoever applies an announcement releases what it replaces; whoever applies a value does not.
    if (in.header().kind != kind::childLog)
       throw AttrLogRecordException("a member announced by a record of kind " + std::to_string(in.header().kind) +
                                    ", expected " + std::to_string(kind::childLog));
@@ -386,7 +386,8 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
          again = again || cell.version() != version + 1;
       }
    }
-   // Keys deleted here, and absent at the owner by now: the reactors were never told, and an answer to come will find them told.
+   // A refused write deleted these keys here, and the owner has none of them either: tell the reactors now. The owner's answers will
+   // then find nothing to tell.
    if (this->hasUntold()) {
       std::vector<Mark> marks;
       for (auto const& [mark, untold] : this->notes_->untold)

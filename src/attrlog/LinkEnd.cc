@@ -280,7 +280,7 @@ void LinkEnd::settleControl() {
 
 /// Each end may owe references to what the other can't announce before this one has announced something: two ends that have
 /// applied every record and owe nothing else would stand still for ever. So an end says when it comes to such a standstill, and
-/// where the peer has come to the same one, the mirrors are let go that it waits for.
+/// where the peer has come to the same one, the mirrors that it waits for are released.
 void LinkEnd::settleWaits() {
    if (!demuxer_.isWaiting())
       return;

@@ -267,7 +267,7 @@ void Mounts::open(Entry& mount, EntityId root) {
    remountEnded_ = false; // The mirror may hold what was told behind an earlier opening on this connection.
    Ptr<Entity> const mirror = at->mirror;
    demuxer_.bind(root, *mirror);
-   // What the identifier stood for before has been let go, which may have run reactors that unmounted the root.
+   // What the identifier stood for before has been released, which may have run reactors that unmounted the root.
    if (at = find(handle); at != nullptr)
       changeState(*at, RootState::syncing);
 }
@@ -287,7 +287,7 @@ void Mounts::endMirror(std::uint32_t handle, RootState state, std::string const&
    if ((std::exchange(at->isOpen, false) || state == RootState::refused) && at->mirror) {
       Ptr<Entity> const mirror = at->mirror;
       demuxer_.forgetMirrors(mirror.get());
-      // What was let go may have run reactors that unmounted the root.
+      // What was released may have run reactors that unmounted the root.
       if (at = find(handle); at == nullptr || at->mirror != mirror)
          return;
       demuxer_.mirrorRootIs(*mirror);

@@ -46,7 +46,7 @@ void keepReason(std::string& reason, std::string_view text) noexcept;
 /// An entry has a mirror where the root is mounted at this end. It has none where the root is only asked for, because its mirror
 /// is at another end.
 ///
-/// *Re-entrancy*: the functions of the application that are called from here, and the reactors of mirrors that are let go, may
+/// *Re-entrancy*: the functions of the application that are called from here, and the reactors of mirrors that are released, may
 /// mount, unmount, cut and connect. So an entry is looked up again behind each such call.
 class Mounts {
 public:

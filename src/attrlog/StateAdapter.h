@@ -291,7 +291,7 @@ public:
 
    /// Null where there is nothing to remember.
    NboAttrLog::Notes* notes() const noexcept { return notes_.get(); }
-   /// Lets go of notes that say nothing any more.
+   /// Frees notes that say nothing any more.
    void notesTrim() noexcept {
       if (notes_ && notes_->empty())
          notes_ = nullptr;
