@@ -3,7 +3,6 @@
 
 #include "attrlog/Frames.h"
 #include "attrlog/OwnSlots.h"
-#include "mox/MoxType.h"
 
 #include <algorithm>
 #include <exception>
@@ -123,7 +122,7 @@ Backlog::Turn Backlog::takeTurn(FlowOut& flow, Sa& sa) {
    if (sa.isPaused())
       return Turn::done; // resumed, it owes everything
    try {
-      if (!isTurnOver(flow, sa))
+      if (write(flow, sa))
          enqueue(flow);
       return Turn::done;
    } catch (NoIdentifierLeft const&) {
@@ -144,8 +143,8 @@ Backlog::Turn Backlog::takeTurn(FlowOut& flow, Sa& sa) {
    }
 }
 
-/// Writes what `flow` owes as far as the buffer has room. \return whether it is to stay out of the queue
-bool Backlog::isTurnOver(FlowOut& flow, Sa& sa) {
+/// Writes what `flow` owes as far as the buffer has room. \return whether it is to have another turn
+bool Backlog::write(FlowOut& flow, Sa& sa) {
    if (flow.telling() == FlowOut::Telling::all) {
       for (AttributeId const id : flow.pendingAborts())
          sa.sendTransactionMarker(id, AttrTransactionType::abort, 0);
@@ -156,14 +155,14 @@ bool Backlog::isTurnOver(FlowOut& flow, Sa& sa) {
    }
    AttributeId const next = sa.handleAttrFlowOut(flow.cursor());
    if (sa.flow() != &flow)
-      return true; // the entity or its adapter went while it was told
+      return false; // the entity or its adapter went while it was told
    flow.cursorIs(next);
    if ((flow.moxDataBits() & FlowOut::suspended) != 0) {
       sa.parkedIs(flow, flow.suspendedAt());
-      return false;
+      return true;
    }
    if (next != attr::none)
-      return false;
+      return true;
    if (flow.telling() == FlowOut::Telling::allBegun && flow.collectionsHaveSynced()) {
       sa.sendSyncMode(SyncMode::live);
       flow.tellingIs(FlowOut::Telling::changes);
@@ -172,13 +171,13 @@ bool Backlog::isTurnOver(FlowOut& flow, Sa& sa) {
       dequeue(flow); // a mark that was made and has been written meanwhile may have put it back
       sa.flowIs(nullptr);
       flow.ownerIs(nullptr);
-      return true;
+      return false;
    }
    if (!flow.hasWork()) {
       dequeue(flow); // it rests until what it waits for has an identifier, or something else changes
-      return true;
+      return false;
    }
-   return false;
+   return true;
 }
 
 /// A flow is in the queue exactly if its turn would do something; and every flow there is some adapter's.

@@ -84,7 +84,7 @@ public:
 private:
    void enqueue(FlowOut& flow) noexcept;
    void dequeue(FlowOut& flow) noexcept;
-   bool isTurnOver(FlowOut& flow, Sa& sa);
+   bool write(FlowOut& flow, Sa& sa);
    void tellWhole(Sa& sa);
 
    Out& out_;

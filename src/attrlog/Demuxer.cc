@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "attrlog/Demuxer.h"
-#include "attrlog/EntityTree.h"
 
+#include "attrlog/EntityTree.h"
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/MoxType.h"
@@ -148,7 +148,7 @@ void Demuxer::mirrorRootIs(Entity& root) {
 }
 
 void Demuxer::bindInRecord(EntityId id, Entity& entity, bool isOrphan) {
-   if (mirrors_.isBound(id, entity, *in_))
+   if (!mirrors_.prepareBinding(id, entity, *in_))
       return;
    PeerMirrors::Slot const* const slot = mirrors_.find(id);
    Ptr<Sa> sa(adapterOf(entity));

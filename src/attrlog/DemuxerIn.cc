@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "attrlog/Demuxer.h"
+
 #include "core/Exceptions.h"
 #include "core/Text.h"
 #include "mox/MoxType.h"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "attrlog/Demuxer.h"
+
 #include "attrlog/EntityTree.h"
 #include "core/Exceptions.h"
 #include "mox/MoxType.h"

@@ -69,14 +69,14 @@ void PeerMirrors::askAnew(EntityId id, In const& in) {
       ++askedAnew_;
 }
 
-bool PeerMirrors::isBound(EntityId id, Entity const& entity, In const& in) {
+bool PeerMirrors::prepareBinding(EntityId id, Entity const& entity, In const& in) {
    check(id, in);
    Slot const& slot = neededSlot(id);
    if (slot.isUsed && slot.entity == &entity && slot.sa)
-      return true;
+      return false;
    replaced_.reserve(replaced_.size() + 1);
    waiting_.roomIs(waiting_.size() + used_ + 1);
-   return false;
+   return true;
 }
 
 void PeerMirrors::bind(EntityId id, Sa& sa, Entity& entity) noexcept {

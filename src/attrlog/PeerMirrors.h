@@ -65,9 +65,9 @@ public:
    void askAnew(EntityId id, In const& in);
 
    // Mirrors.
-   /// Makes room for binding `id`, so that `bind` can't fail. \return whether `entity` is bound to it already
+   /// Makes room for binding `id`, so that `bind` can't fail. \return false where `entity` is bound to it already
    /// \throws ProtocolException as `check`, std::bad_alloc
-   bool isBound(EntityId id, Entity const& entity, In const& in);
+   bool prepareBinding(EntityId id, Entity const& entity, In const& in);
    /// From here on `id` stands for `entity`. Takes the adapter out of the waiting ones; what `id` stood for is kept with the replaced.
    void bind(EntityId id, Sa& sa, Entity& entity) noexcept;
    /// Takes a bound or waiting mirror out: no identifier stands for it from here on.
