@@ -81,6 +81,8 @@ bool PeerMirrors::prepareBinding(EntityId id, Entity const& entity, In const& in
 
 void PeerMirrors::bind(EntityId id, Sa& sa, Entity& entity) noexcept {
    Slot& slot = slots_[id.slot()];
+   // What was told under the identifier while nothing here stood for it is lost, and a question that has not been written yet stays one.
+   bool const isAskedAnew = slot.isUsed && (!slot.sa || slot.isAskedAnew);
    if (slot.isUsed)
       replaced_.push_back(taken(slot));
    Ptr<Sa> const held(&sa);
@@ -92,6 +94,8 @@ void PeerMirrors::bind(EntityId id, Sa& sa, Entity& entity) noexcept {
    slot.generation = id.generation();
    slot.isUsed = true;
    slot.isOwedRetirement = false;
+   slot.isAskedAnew = isAskedAnew;
+   askedAnew_ += isAskedAnew;
    ++used_;
    syncingIs(sa, true);
 }

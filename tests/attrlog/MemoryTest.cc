@@ -174,6 +174,26 @@ TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
    }
 }
 
+TEST(Memory, ThatFailsInAnAnnouncementLosesNothingWhereThatComesOnceMoreUnasked) {
+   bool hasFailed = true;
+   for (std::size_t skipped = 0; hasFailed; ++skipped) {
+      Watched w(0, false);
+      w.ours->phyConfigIs("late")->refClockIs(5);
+      auto const bytes = w.link.left().bytesToSend();
+      std::vector<std::uint8_t> const told(bytes.begin(), bytes.end());
+      w.link.left().bytesSent(told.size());
+      hasFailed = failingOnce(skipped, [&] { w.link.right().bytesArrived(told); });
+      w.ours->phyConfigNotify("late");
+      carry(w.link.left(), w.link.right()); // before its owner has been asked for it
+      if (!w.link.right().isConnected()) {
+         w.link.cut();
+         w.link.reconnect();
+      }
+      w.link.settle();
+      EXPECT_EQ(diff(*w.ours, *w.theirs).size(), 0u) << skipped << " allocations before";
+   }
+}
+
 TEST(Memory, ThatFailsInTheAnnouncementOfARootUnmountedMeanwhileEndsNoConnection) {
    struct Unmounted : NboAttrLog::Told {
       void TestBody() override {}
