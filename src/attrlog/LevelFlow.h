@@ -318,14 +318,12 @@ template <class X> void LevelSa<X>::markAgain(Mark const& m) {
          m.hasKey ? mark(a, m.template as<typename A::Key>()) : mark(a, typename A::Key());
       } else if (m.hasKey) {
          auto const key = m.template as<typename A::Key>();
-         markKey(a, key);
          // Whether the peer knew the name, nobody has noted; and it may wait for an answer, also when the name is gone before it
          // is told.
+         markKey(a, key, true);
          if (auto* const keys = flowOut()->keys(a))
-            if (auto* const dirty = keys->map.find(key)) {
-               dirty->isKnown = true;
+            if (auto* const dirty = keys->map.find(key))
                keys->woken += !std::exchange(dirty->isWoken, true);
-            }
       } else {
          neededFlow().restarted(a);
       }

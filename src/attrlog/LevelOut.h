@@ -66,15 +66,17 @@ template <class X> template <class A, class... Key> void LevelSa<X>::mark(A a, K
       ++this->demuxer_->counters().belowCursor;
 }
 
-template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::Key const& key) {
+/// \param isAsked whether the peer may know the key, or wait for an answer about it, whatever has been noted
+template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::Key const& key, bool isAsked) {
    Flow& flow = neededFlow();
    auto& cell = A::cell(object());
    auto* const present = cell.find(key);
    auto* const before = flow.keys(a) == nullptr ? nullptr : flow.keys(a)->map.find(key);
    [[maybe_unused]] bool const isSuccessor = this->successorTaken(Mark(A::id, key));
-   if (present == nullptr && before != nullptr && !before->isKnown) {
+   // Whether the peer knew a parked key, or has asked for it, went with its mark.
+   isAsked = isAsked || (this->parkedCount() != 0 && this->notes_->parked.contains(Mark(A::id, key)));
+   if (present == nullptr && before != nullptr && !before->isKnown && !isAsked) {
       flow.dirtyKeyDel(a, key);
-      unparked(a, key);
       return;
    }
    DirtyKey<A>& dirty = flow.dirtyKeyIs(a, key, true);
@@ -85,6 +87,7 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
          // Present without having been announced, in the place of one that was: it can.
          dirty.isKnown = present == nullptr || (child != nullptr && child->isAnnounced()) || isSuccessor;
       }
+   dirty.isKnown = dirty.isKnown || isAsked;
    auto& keys = *flow.keys(a);
    if (bool const isGone = present == nullptr; isGone != dirty.isGone) {
       isGone ? ++keys.gone : --keys.gone;

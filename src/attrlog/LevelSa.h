@@ -268,7 +268,7 @@ private:
    /// Runs the handler of `A`. Apart: it stands in the code of every attribute.
    template <class A> [[gnu::noinline]] void fire(A) { A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this)); }
    template <class A, class... Key> void mark(A, Key const&... key);
-   template <class A> void markKey(A, typename A::Key const& key);
+   template <class A> void markKey(A, typename A::Key const& key, bool isAsked = false);
    template <class A, class... Key> void writeNow(A, Key const&... key);
    template <class A> bool writeKeyNow(A, typename A::Key const& key);
    template <class A> void unparked(A a, typename A::Key const& key);

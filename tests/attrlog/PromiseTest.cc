@@ -172,6 +172,19 @@ TEST_F(Promise, NoCollectionWaitsForAnEntryThatWaitsNoMore) {
    }
 }
 
+TEST_F(Promise, ANameThatThePeerAskedForIsAnsweredAlsoWhereItGoesWhileItWaits) {
+   statuses->phyStatusIs("name", left.mount<Cl10010Config>("waits"), nullptr);
+   settle();
+   EXPECT_THROW(statusesThere->phyStatusIs("name", nullptr, nullptr), ReadOnlyException);
+   settle();
+   stall();
+   statuses->phyStatusNotify("name");
+   statuses->phyStatusDel("name");
+   resume();
+   expectSame();
+   EXPECT_EQ(right.footprint().stream.untold, 0u);
+}
+
 TEST_F(Promise, WhatIsTooLongForThePeerIsCountedAndToldOnceAndTheRestGoesOn) {
    Name const longName(std::string(600, 'x'));
    struct Case {
