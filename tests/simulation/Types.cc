@@ -370,7 +370,14 @@ struct Recorder : History {
       Cell const cell = cellOf(A::id, key...);
       std::string const text = textIn(now.cells, cell);
       auto const before = told.cells.find(cell);
-      world.told(entity, cell, before == told.cells.end() ? nullptr : &before->second, text);
+      auto const* const mirror = Entity::MoxNboAttrLogSa::mirrorAdapterOf(entity);
+      bool isOwed = mirror != nullptr && mirror->hasUntold();
+      if (isOwed) {
+         auto const& untold = mirror->notes()->untold;
+         auto const note = untold.find(NboAttrLog::Mark(A::id, key...));
+         isOwed = note != untold.end() && !note->second.isTold;
+      }
+      world.told(entity, cell, before == told.cells.end() ? nullptr : &before->second, text, isOwed);
       told.cells[cell] = text;
       for (auto const& [where, target] : now.entities)
          world.seen(*target, A::ownsMembers);

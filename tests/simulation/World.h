@@ -391,10 +391,14 @@ public:
       if (isRunning_)
          surroundings_.nested(*this, role, word, entity, member);
    }
-   /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`.
-   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now) {
+   /// `entity` notified `cell`, which it had told to be `before` (null for never) and now is `now`. `isOwed` where the mirror still
+   /// owes word of a refused write: a reactor wrote in the pass that has come here, and the owner's answer is told behind it.
+   void told(Entity const& entity, Cell const& cell, std::string const* before, std::string const& now, bool isOwed) {
       wrote(1);
-      bool const wasRefused = refused_.erase({&entity, cell}) != 0;
+      auto const refused = refused_.find({&entity, cell});
+      bool const wasRefused = refused != refused_.end();
+      if (wasRefused && !isOwed)
+         refused_.erase(refused);
       // What is no mirror any more may be told by its new owner whatever that likes.
       if (auto const* const sa = Sa::mirrorAdapterOf(entity); sa == nullptr || sa->hasFlag(Sa::letGo))
          return;
