@@ -8,8 +8,6 @@
 #include "core/Exceptions.h"
 #include "notify/Mutators.h"
 
-#include <exception>
-
 // From a record to the change of one level's attributes.
 
 namespace Mox::NboAttrLog {
@@ -177,33 +175,23 @@ template <class X> template <class A> void LevelSa<X>::readTarget(A a, In& in, b
       A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), name);
       return;
    }
+   unmark(a, name);
    apply(
-      a,
-      [&, &entity = object()] {
-         A::put(entity, target);
-         if (auto* const entry = A::cell(entity).find(name))
-            entry->moxMarkedForDeletionIs(false);
-      },
-      name);
+      a, [&] { A::put(object(), target); }, name);
 }
 
 template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
    if constexpr (wireClass<A> == WireClass::entry) {
       if (!isRemoval) {
+         if (!isLocal)
+            unmark(a, key); // first: a value that this side can't hold leaves the last good one
          auto const value = Wire<typename A::Value>::read(in);
-         if (isLocal) {
+         if (isLocal)
             A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
-            return;
-         }
-         apply(
-            a,
-            [&, &entity = object()] {
-               A::put(entity, key, value); // whose reactors may unmount the mirror: no `object()` behind it
-               if (auto* const entry = A::cell(entity).find(key))
-                  entry->moxMarkedForDeletionIs(false);
-            },
-            key);
+         else
+            apply(
+               a, [&] { A::put(object(), key, value); }, key);
          return;
       }
    }
@@ -213,6 +201,12 @@ template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRem
       dropHere(a, key);
 }
 
+/// The owner has told the entry: the end of the resend leaves it. Said before the entry is changed, since a reactor may throw.
+template <class X> template <class A> void LevelSa<X>::unmark(A, typename A::Key const& key) {
+   if (auto* const entry = A::cell(object()).find(key))
+      entry->moxMarkedForDeletionIs(false);
+}
+
 template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A::Key const& key) {
    if constexpr (A::ownsMembers) {
       if (this->demuxer_ == nullptr)
@@ -220,10 +214,14 @@ template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A:
       Ptr<Entity> const member(A::cell(object()).find(key));
       Demuxer& demuxer = *this->demuxer_;
       this->retiredTaken(Mark(A::id, key));
-      apply(
-         a, [&] { A::drop(object(), key); }, key);
+      FirstException failures;
+      failures.run([&] {
+         apply(
+            a, [&] { A::drop(object(), key); }, key);
+      });
       if (member)
          demuxer.isNoMember(*member);
+      failures.rethrow();
    } else {
       apply(
          a, [&] { A::drop(object(), key); }, key);
@@ -249,38 +247,64 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
                               " others; deeper ones are not taken");
    auto& cell = A::cell(object());
    bool const wasRetired = this->retiredTaken(Mark(A::id, name));
+   // What a reactor throws on the way must not leave the identifier without its member. Without memory the owner is asked again.
+   FirstException failures;
+   auto const inAnyCase = [&](auto step) {
+      try {
+         step();
+      } catch (std::bad_alloc const&) {
+         throw;
+      } catch (...) {
+         failures.keep();
+      }
+   };
    if (auto* const present = cell.find(name))
       if (wasRetired || demuxer.isOfAnother(*present, id)) {
          // The name was announced under another identifier on this connection: this is another entity.
          ++demuxer.counters().renamedMembers;
-         dropHere(a, name);
+         inAnyCase([&] { dropHere(a, name); });
       }
    Ptr<Entity> const before = demuxer.mirrorOf(id);
    typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id, *this, name);
+   // Whether one of other constructor parameters is in the place. A mutator that finds a member runs no reactor: what it throws then
+   // says just that.
+   bool isTaken = false;
    // Under an identifier that is known already nothing is answered: the owner was asked for another.
    auto const instantiate = [&] {
       applyAs(
-         a, !before, [&] { std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters); }, name);
+         a, !before,
+         [&] {
+            isTaken = cell.find(name) != nullptr;
+            std::apply([&](auto const&... p) { A::put(object(), name, p...); }, parameters);
+            isTaken = false;
+         },
+         name);
    };
    {
       Expect const scope(NameInUseException::kind);
-      try {
-         instantiate();
-      } catch (NameInUseException const&) {
-         dropHere(a, name);
+      inAnyCase([&] {
          try {
             instantiate();
          } catch (NameInUseException const&) {
-            // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again. It may have
-            // left the collection there by now, and be referred to: until the identifier is retired, it stands for one beside.
-            if (this->demuxer_ == nullptr)
+            if (!isTaken)
                throw;
+         }
+      });
+      if (isTaken) {
+         inAnyCase([&] { dropHere(a, name); });
+         inAnyCase(instantiate);
+      }
+      if (isTaken) {
+         // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again. It may have
+         // left the collection there by now, and be referred to: until the identifier is retired, it stands for one beside.
+         if (this->demuxer_ != nullptr) {
             this->askOwner(Mark(A::id, name));
             if (!before)
                demuxer.bindInRecord(
                   id, *std::apply([&](auto const&... p) { return make<typename A::Entry>(name, p...); }, parameters));
-            throw;
          }
+         failures.rethrow();
+         return;
       }
    }
    if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {
@@ -295,6 +319,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       if (isReplaced)
          demuxer.askedAnewIs(id);
    }
+   failures.rethrow();
 }
 
 template <class X> int LevelSa<X>::handleAttrTransaction(AttributeId aid, AttrTransactionType type, unsigned count) {
@@ -363,7 +388,7 @@ template <class X> template <class A> void LevelSa<X>::marksIs(A, bool marked) {
 }
 
 template <class X> template <class A> void LevelSa<X>::sweep(A a) {
-   std::exception_ptr first;
+   FirstException failures;
    auto& cell = A::cell(object());
    bool again = true;
    // Without a stream a reactor has unmounted the mirror: what is left of it stays.
@@ -377,12 +402,7 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
          typename A::Key const key = it.entry()->fwkKey();
          ++this->demuxer_->counters().sweptEntries;
          auto const version = cell.version();
-         try {
-            dropHere(a, key);
-         } catch (...) {
-            if (!first)
-               first = std::current_exception();
-         }
+         failures.run([&] { dropHere(a, key); });
          again = again || cell.version() != version + 1;
       }
    }
@@ -396,11 +416,10 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
       for (Mark const& m : marks) {
          typename A::Key const key = m.template as<typename A::Key>();
          if (this->demuxer_ != nullptr && this->isUntold(m) && cell.find(key) == nullptr)
-            dropHere(a, key);
+            failures.run([&] { dropHere(a, key); });
       }
    }
-   if (first)
-      std::rethrow_exception(first);
+   failures.rethrow();
 }
 
 template <class X> void LevelSa<X>::writeKey(Mark const& m, std::vector<std::uint8_t>& bytes) const {

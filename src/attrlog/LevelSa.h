@@ -287,6 +287,7 @@ private:
    template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readTarget(A, In& in, bool isLocal);
    template <class A> void readMember(A, In& in, bool isLocal);
+   template <class A> void unmark(A, typename A::Key const& key);
    template <class A> void dropHere(A, typename A::Key const& key);
    template <class A, class Put, class... Key> void apply(A, Put put, Key const&... key);
    template <class A, class Put, class... Key> void applyAs(A, bool isAnswer, Put put, Key const&... key);

@@ -91,6 +91,33 @@ public:
 [[noreturn]] void throwNameInUseException(std::string_view text);
 [[noreturn]] void throwInternalException(std::string_view text);
 
+/// Keeps the first exception of several steps that have to be made whatever the others throw.
+/// *Cost*: nothing where nothing is thrown.
+class FirstException {
+public:
+   /// Makes the step, and keeps what it throws where it is the first.
+   template <class Step> void run(Step&& step) {
+      try {
+         std::forward<Step>(step)();
+      } catch (...) {
+         keep();
+      }
+   }
+   /// Keeps the exception that is being handled.
+   void keep() noexcept {
+      if (!first_)
+         first_ = std::current_exception();
+   }
+   /// To be called behind the last step. \throws the first exception, if there was one
+   void rethrow() const {
+      if (first_) [[unlikely]]
+         std::rethrow_exception(first_);
+   }
+
+private:
+   std::exception_ptr first_;
+};
+
 /// Says that exceptions of kind `id` are expected until the scope ends, so that nobody reports them as failures.
 /// Identifier 0 expects nothing, and the delivery pass therefore opens no scope around each reactor.
 class Expect {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "core/Exceptions.h"
 #include "mox/Entity.h"
 #include "mox/MoxType.h"
 #include "notify/Delivery.h"
@@ -10,7 +11,6 @@
 #include "values/Print.h"
 
 #include <array>
-#include <exception>
 #include <sstream>
 #include <string_view>
 
@@ -35,31 +35,19 @@ template <class X, class Visitor> void forEachOwned(Visitor&& visit) {
 }
 
 template <class X> void membersDelAll(Entity& entity) {
-   std::exception_ptr first;
+   FirstException failures;
    forEachOwned<X>([&](auto a) {
       using A = decltype(a);
       auto& owner = static_cast<X&>(entity);
       auto& cell = A::cell(owner);
-      for (typename A::Container::Iterator it(cell); it; it.advance()) {
-         try {
-            memberDel<A>(owner, it);
-         } catch (...) {
-            if (!first)
-               first = std::current_exception();
-         }
-      }
+      for (typename A::Container::Iterator it(cell); it; it.advance())
+         failures.run([&] { memberDel<A>(owner, it); });
       // Reactors may have added members at places that the iterator has passed: those must not keep a parent that is
       // gone.
       while (auto* const left = cell.first())
-         try {
-            cell.remove(*left)->parentIs(nullptr);
-         } catch (...) {
-            if (!first)
-               first = std::current_exception();
-         }
+         failures.run([&] { cell.remove(*left)->parentIs(nullptr); });
    });
-   if (first)
-      std::rethrow_exception(first);
+   failures.rethrow();
 }
 
 template <class X> void visitMembers(Entity& entity, void* context, void (*visit)(void*, AttributeId, Entity&)) {

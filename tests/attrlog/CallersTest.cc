@@ -2,12 +2,14 @@
 // What a caller may do to an end at an unlucky moment: without memory, or from within what the end calls.
 
 #include "Directories.h"
+#include "core/Exceptions.h"
 #include "mox/Swallowed.h"
 #include "support/Allocations.h"
 
 #include <functional>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <vector>
 
 namespace Mox::NboAttrLog {
@@ -64,6 +66,81 @@ TEST(Callers, FindACallThatHadNoMemoryUndoneOrDone) {
          w.expectSame();
          EXPECT_THROW(w.theirs->phyConfig("port")->refClockIs(77), ReadOnlyException);
       }
+}
+
+/// Throws whatever it is told, and lets that pass.
+template <class X, class Failure>
+struct Thrower final : X::template MoxForwarder<typename X::Notifiee, Thrower<X, Failure>> {
+   std::size_t told = 0;
+   template <class A, class... Key> void forward(A, Key const&...) {
+      ++told;
+      throw Failure("a reactor's");
+   }
+   void onNotificationException(AttributeId) override { throw; }
+};
+
+template <class Failure> void throwThroughEverything() {
+   struct Case {
+      char const* what;
+      std::function<void(World&)> change;
+   };
+   constexpr auto channel = Xcvr::CfpxHostChannel::channel1;
+   auto const remake = [](World& w) {
+      w.ours->phyConfigDel("port");
+      w.port = w.ours->phyConfigIs("port");
+      w.port->refClockIs(77);
+   };
+   for (Case const& each : std::vector<Case>{
+           {"an entry",
+            [](World& w) {
+               w.port->calibrationIs(channel, {2, 2, 2});
+            }},
+           {"a member", [](World& w) { w.ours->phyConfigIs("fresh")->refClockIs(3); }},
+           {"a reference", [](World& w) { w.refs->phyConfigIs(w.ours->phyConfigIs("fresh")); }},
+           {"a member in another's place", remake},
+           {"a reference to it", [&](World& w) { remake(w), w.refs->phyConfigIs(w.port); }},
+           {"deletions", [](World& w) { w.refs->phyConfigDel("port"), w.ours->phyConfigDel("port"); }},
+           {"answers to what was refused",
+            [](World& w) {
+               for (char const* name : {"here", "here as well"})
+                  EXPECT_ANY_THROW(w.theirs->phyConfigIs(name));
+               EXPECT_ANY_THROW(w.theirs->phyConfigDel("port"));
+            }},
+        })
+      for (bool const isCut : {false, true}) {
+         SCOPED_TRACE(each.what + std::string(isCut ? ", told in a resend" : ", told as a backlog"));
+         World w;
+         w.port->calibrationIs(channel, {1, 1, 1});
+         w.settle();
+         auto const ofConfig = listening<Thrower<Cl10010ConfigDir, Failure>>(w.theirs, true);
+         auto const ofRefs = listening<Thrower<Cl10010ConfigPtrDir, Failure>>(w.refsThere, true);
+         auto const ofMirror = listening<Thrower<Cl10010Config, Failure>>(w.mirror, true);
+         isCut ? w.cut() : w.stall();
+         each.change(w);
+         isCut ? w.reconnect() : w.resume();
+         w.settle();
+         EXPECT_NE(ofConfig->told + ofRefs->told + ofMirror->told, 0u);
+         EXPECT_EQ(w.left.auditErrors() + w.right.auditErrors(), 0u);
+         w.expectSame();
+         EXPECT_TRUE(w.right.isConnected());
+      }
+}
+
+TEST(Callers, MayThrowThroughWhateverIsApplied) {
+   throwThroughEverything<std::runtime_error>();
+   throwThroughEverything<NameInUseException>(); // which the log throws too
+}
+
+TEST(Callers, AreToldOfEachRefusedWriteWhereTheyThrow) {
+   World w;
+   std::size_t told = 0;
+   auto const thrower = listening<Thrower<Cl10010ConfigDir, std::runtime_error>>(w.theirs, true);
+   w.left.demuxer().out()->markIs(1);
+   for (char const* name : {"a", "b", "c"})
+      EXPECT_ANY_THROW(w.theirs->phyConfigIs(name));
+   told = thrower->told;
+   w.right.unmount("config");
+   EXPECT_EQ(thrower->told, told + 3);
 }
 
 TEST(Callers, MayReplaceAFunctionFromWithinItself) {

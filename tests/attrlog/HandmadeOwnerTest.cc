@@ -59,6 +59,13 @@ TEST_F(HandmadeOwner, LiveIsToldBehindTheLastOfWhatItTells) {
    marks(member, 389, AttrTransactionType::abort);
    EXPECT_TRUE(peer->tell());
    EXPECT_EQ(dir->phyConfig("port")->calibration().size(), 1u) << "nothing is swept";
+   // A value that can't be read leaves the last good one.
+   marks(member, 389, begin);
+   peer->record(member, 389, 1u);
+   marks(member, 389, stop);
+   EXPECT_TRUE(peer->tell()) << end.failure();
+   EXPECT_EQ(end.counters().badValues, 1u);
+   EXPECT_EQ(dir->phyConfig("port")->calibration().size(), 1u) << "the owner has told it";
 }
 
 TEST_F(HandmadeOwner, MayAnswerForItsRootsInTurn) {

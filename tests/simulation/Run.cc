@@ -153,7 +153,7 @@ void Run::nested(World& world, int role, U64 word, Entity& entity, Entity* membe
       change(Ptr<Entity>(member != nullptr ? member : &entity), words, world);
    } else if (role < 80) {
       count("throwing reactor");
-      throw std::runtime_error("a reactor that throws");
+      throw ReactorFailure("a reactor that throws");
    } else if (role < 90) {
       words.chance(50) ? world.addReactor(words) : world.dropReactor(words);
    } else if (role < 96) {

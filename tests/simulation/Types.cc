@@ -89,6 +89,8 @@ template <class Call> void write(Entity& entity, Cell const& cell, World& world,
       world.refused(entity, cell);
    } catch (NameInUseException const&) {
       // a member that exists with other parameters: nothing has changed
+   } catch (ReactorFailure const&) {
+      // changed, and told to those before the reactor
    }
 }
 
@@ -132,9 +134,9 @@ template <class A> void deleteAll(typename A::Owner& e, World& world) {
 }
 /// An entry was made that nobody was told of.
 template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, World& world) {
-   world.madeSilently([owner = Ptr<typename A::Owner>(&e), key] {
+   world.madeSilently([owner = Ptr<typename A::Owner>(&e), key, &world] {
       if (isOurs(*owner))
-         keyNotify<A>(*owner, key);
+         write(*owner, cellOf(A::id, key), world, [&] { keyNotify<A>(*owner, key); });
    });
 }
 
@@ -248,7 +250,7 @@ template <class A> void changeMembers(typename A::Owner& e, Words& words, World&
    } else if (isOurs(e)) {
       createSilently<A>(e, name, words, world, [&](Entity& made) { world.created(made); });
       if (words.chance(50))
-         keyNotify<A>(e, name);
+         write(e, cellOf(A::id, name), world, [&] { keyNotify<A>(e, name); });
       else
          tellLater<A>(e, name, world);
    }
@@ -341,6 +343,10 @@ public:
             this->hear(*entity, a, key...);
       }
    }
+   void onNotificationException(AttributeId) override {
+      if (Ptr<X> const entity = this->notifier(); entity && this->letsPass(*entity))
+         throw;
+   }
 };
 
 /// Calls the world whenever it is notified.
@@ -348,6 +354,7 @@ struct Caller {
    int role;
    U64 word;
    unsigned budget;
+   bool wasRecorded;
    World& world;
 
    template <class X, class A, class... Key> void hear(X& entity, A, Key const&... key) {
@@ -358,6 +365,8 @@ struct Caller {
          member = A::cell(entity).find(key...);
       world.reacts(role, Words(word + budget--).next(), entity, member.get());
    }
+   /// Whether what it throws reaches whoever changed the entity, the log included. Not past a recorder that came later.
+   bool letsPass(Entity const& entity) const { return word % 2 == 0 && (wasRecorded || historyOf(entity) == nullptr); }
 };
 
 struct Recorder : History {
@@ -382,6 +391,7 @@ struct Recorder : History {
       for (auto const& [where, target] : now.entities)
          world.seen(*target, A::ownsMembers);
    }
+   bool letsPass(Entity const&) const { return false; }
 };
 
 template <class Listener> Reactor attach(Entity& entity, Listener const& listener) {
@@ -467,7 +477,7 @@ std::string identityOf(Entity const* entity) {
 }
 
 Reactor react(Entity& entity, int role, U64 word, unsigned budget, World& world) {
-   return attach(entity, Caller{role, word, budget, world});
+   return attach(entity, Caller{role, word, budget, historyOf(entity) != nullptr, world});
 }
 
 Reactor record(Entity& entity, World& world) {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,11 @@ using Entities = std::vector<Ptr<Entity>>;
 using Reactor = Ptr<Mox::PtrInterface::NotifieeConst>;
 
 class World;
+
+/// What a reactor throws.
+struct ReactorFailure final : std::runtime_error {
+   using std::runtime_error::runtime_error;
+};
 
 /// One place for a value: an attribute, or one key of a keyed attribute.
 struct Cell {
