@@ -282,17 +282,18 @@ void LinkEnd::settleControl() {
 /// applied every record and owe nothing else would stand still for ever. So an end says when it comes to such a standstill, and
 /// where the peer has come to the same one, the mirrors that it waits for are released.
 void LinkEnd::settleWaits() {
-   if (!demuxer_.isWaiting())
-      return;
-   Standstill const now{demuxer_.applied(), demuxer_.out()->recordsWritten()};
-   if (peers_ == now && demuxer_.waitsBroken()) {
-      demuxer_.drain();
+   while (demuxer_.isWaiting()) {
+      Standstill const now{demuxer_.applied(), demuxer_.out()->recordsWritten()};
+      if (peers_ == now && demuxer_.waitsBroken()) {
+         demuxer_.drain(); // which may write nothing but come upon the next mirror that it waits for
+         continue;
+      }
+      if (told_ != now && !demuxer_.out()->hasPending()) {
+         demuxer_.out()->control(Waiting{now.applied});
+         told_ = now;
+      }
       return;
    }
-   if (told_ == now || demuxer_.out()->hasPending())
-      return;
-   demuxer_.out()->control(Waiting{now.applied});
-   told_ = now;
 }
 
 bool LinkEnd::quiet() const noexcept {

@@ -2,6 +2,8 @@
 // What a process may rely on, one sentence each: order, slow peers, what `live` means, and peers that take less than is there.
 
 #include "Directories.h"
+#include "entities/Cl10010StatusPtrDir.h"
+#include "siblings/EthPhyIntfStatus.h"
 
 #include <random>
 
@@ -143,6 +145,43 @@ TEST_F(Promise, AnEndIsNotQuietWhileThePeerHoldsWhatHasGone) {
    EXPECT_FALSE(left.quiet());
    settle();
    expectSame();
+}
+
+TEST(Standstill, EndsAlsoWhereTheFirstToGiveUpAMirrorComesUponTheNext) {
+   for (bool const isLeftFirst : {false, true}) {
+      SCOPED_TRACE(isLeftFirst);
+      LinkEnd left{"left", 1}, right{"right", 2};
+      LinkEnd &first = isLeftFirst ? left : right, &second = isLeftFirst ? right : left;
+      auto const mine = make<Cl10010StatusDir>("mine"), mineThere = second.mount<Cl10010StatusDir>("mine");
+      auto const refs = make<Cl10010StatusPtrDir>("refs"), refsThere = second.mount<Cl10010StatusPtrDir>("refs");
+      auto const yours = make<Cl10010StatusDir>("yours"), yoursHere = first.mount<Cl10010StatusDir>("yours");
+      first.exportRoot(mine);
+      first.exportRoot(refs);
+      second.exportRoot(yours);
+      auto const connect = [&] {
+         left.connected();
+         right.connected();
+         settleEnds(left, right);
+      };
+      connect();
+      mine->phyStatusIs("goes", nullptr, make<Interface::EthPhyIntfStatus>("of mine"));
+      yours->phyStatusIs("goes", nullptr, make<Interface::EthPhyIntfStatus>("of yours"));
+      settleEnds(left, right);
+      refs->phyStatusIs(yoursHere->phyStatus("goes")); // which is made with a mirror itself
+      yours->phyStatusIs("stays", nullptr, mineThere->phyStatus("goes")->ethIntfStatus());
+      settleEnds(left, right);
+      left.peerGone("cut");
+      right.peerGone("cut");
+      mine->phyStatusDel("goes");
+      yours->phyStatusDel("goes");
+      connect();
+      expectEqual(*mine, *mineThere);
+      expectEqual(*refs, *refsThere);
+      expectEqual(*yours, *yoursHere);
+      EXPECT_EQ(first.state("yours"), State::live);
+      EXPECT_EQ(second.state("refs"), State::live);
+      EXPECT_NE(left.counters().brokenWaits + right.counters().brokenWaits, 0u);
+   }
 }
 
 TEST_F(Promise, NoCollectionWaitsForAnEntryThatWaitsNoMore) {
