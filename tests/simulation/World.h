@@ -75,6 +75,7 @@ struct Port {
    std::size_t mark = Mox::NboAttrLog::Out::defaultMark;
    std::size_t dirtyKeys = 0; ///< when it was last audited
    U64 restarts = 0;          ///< of collections, by then
+   U64 refreshes = 0;         ///< answered by then
 
    Mox::NboAttrLog::Demuxer& stream() const { return end->demuxer(); }
    void markIs(std::size_t bytes) {
@@ -148,7 +149,7 @@ public:
    void start(U64 incarnation) {
       for (Port& port : ports_) {
          port.end = std::make_unique<LinkEnd>(std::string(1, side_), incarnation);
-         port.restarts = 0;
+         port.restarts = port.refreshes = 0;
          port.end->onReport([this](std::string const& text) {
             EnoughMemory const here;
             report_ = std::string("   ") + side_ + ": " + text + "\n";
@@ -469,9 +470,10 @@ private:
          diverges("the buffer has held " + std::to_string(most) + " bytes");
       if (f.retirements > f.slots)
          diverges(std::to_string(f.retirements) + " are to be retired");
-      // A collection is sent again only where more of its names are gone than that would take.
+      // A collection is sent again only where more of its names are gone than that would take: deleted, or asked for in vain.
       U64 const restarts = std::exchange(port.restarts, stream.counters().collectionRestarts);
-      std::size_t const keys = std::exchange(port.dirtyKeys, f.dirtyKeys) + writes_;
+      U64 const asked = std::exchange(port.refreshes, stream.counters().refreshesAnswered);
+      std::size_t const keys = std::exchange(port.dirtyKeys, f.dirtyKeys) + writes_ + (port.refreshes - asked);
       if (restarts != port.restarts && keys <= 64)
          diverges("a collection is sent again for " + std::to_string(keys) + " changes");
       if (std::string const fault = stream.audit(); !fault.empty())
