@@ -8,7 +8,7 @@
 
 #include "Leaves.h"
 
-#include "core/Exceptions.h"
+#include "kestrel/core/Exceptions.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 
 #include "Paired.h"
 
-#include "entities/Cl10010Status.h"
+#include "kestrel/entities/Cl10010Status.h"
 
 #include <array>
 #include <cstdint>

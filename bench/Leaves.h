@@ -3,7 +3,7 @@
 
 #include "bench/LeafReactor.h"
 
-#include "attrlog/LocalLink.h"
+#include "kestrel/attrlog/LocalLink.h"
 
 #include <cstddef>
 #include <string>

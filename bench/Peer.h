@@ -3,7 +3,7 @@
 
 #include "Paired.h"
 
-#include "attrlog/LinkEnd.h"
+#include "kestrel/attrlog/LinkEnd.h"
 
 #include <array>
 #include <cerrno>

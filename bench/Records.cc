@@ -5,8 +5,8 @@
 #include "Paired.h"
 #include "Watchers.h"
 
-#include "attrlog/LocalLink.h"
-#include "entities/Cl10010ConfigDir.h"
+#include "kestrel/attrlog/LocalLink.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
 
 #include <cstring>
 #include <vector>

@@ -6,9 +6,9 @@
 #include "Peer.h"
 #include "Shelf.h"
 
-#include "net/UnixClient.h"
-#include "net/UnixPath.h"
-#include "net/UnixServer.h"
+#include "kestrel/net/UnixClient.h"
+#include "kestrel/net/UnixPath.h"
+#include "kestrel/net/UnixServer.h"
 
 #include <chrono>
 #include <memory>

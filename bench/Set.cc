@@ -3,7 +3,7 @@
 
 #include "Paired.h"
 
-#include "entities/Cl10010Config.h"
+#include "kestrel/entities/Cl10010Config.h"
 
 #include <array>
 #include <cstdint>

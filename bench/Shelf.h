@@ -2,7 +2,7 @@
 #pragma once
 
 #include "bench/BoardReactor.h"
-#include "notify/Observe.h"
+#include "kestrel/notify/Observe.h"
 
 #include <cstdint>
 #include <string>

@@ -4,10 +4,10 @@
 
 #include "Paired.h"
 
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigPtrDir.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusPtrDir.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010ConfigPtrDir.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusPtrDir.h"
 
 #include <array>
 #include <concepts>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -8,7 +8,6 @@
 #   share/doc/            the licence
 include(CMakePackageConfigHelpers)
 
-set(headers ${CMAKE_INSTALL_INCLUDEDIR}/kestrel)
 set(schemas ${CMAKE_INSTALL_DATADIR}/kestrel/schemas)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/Kestrel)
 
@@ -19,12 +18,12 @@ install(TARGETS ${KESTREL_LIBRARIES} moxc EXPORT KestrelTargets)
 install(EXPORT KestrelTargets NAMESPACE Kestrel:: DESTINATION ${package})
 
 # A header that shows asio is none of a user's business.
-install(DIRECTORY src/ DESTINATION ${headers} FILES_MATCHING PATTERN "*.h"
+install(DIRECTORY src/kestrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h"
         PATTERN moxc EXCLUDE PATTERN net/Carrier.h EXCLUDE)
 foreach(library ${KESTREL_LIBRARIES})
    get_target_property(generated ${library} KESTREL_GENERATED)
    foreach(folder ${generated})
-      install(DIRECTORY ${folder}/ DESTINATION ${headers} FILES_MATCHING PATTERN "*.h")
+      install(DIRECTORY ${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
    endforeach()
 endforeach()
 
@@ -37,7 +36,7 @@ foreach(word ${known})
    if(prefix STREQUAL "")
       set(prefix ${word})
    else()
-      cmake_path(RELATIVE_PATH word BASE_DIRECTORY ${PROJECT_SOURCE_DIR}/src OUTPUT_VARIABLE file)
+      cmake_path(RELATIVE_PATH word BASE_DIRECTORY ${PROJECT_SOURCE_DIR}/src/kestrel OUTPUT_VARIABLE file)
       cmake_path(GET file PARENT_PATH folder)
       install(FILES ${word} DESTINATION ${schemas}/${folder})
       string(APPEND KESTREL_SCHEMAS "\n   ${prefix} \${schemas}/${file}")

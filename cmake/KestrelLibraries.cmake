@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# A folder of src/ is a layer and makes one object library mox_<folder> (or an interface library where it is all headers).
-# The libraries that people link are joined from those.
+# A folder of src/kestrel/ is a layer and makes one object library mox_<folder> (or an interface library where it is all
+# headers). The libraries that people link are joined from those.
 
 # kestrel_folders(FOLDER...): adds each folder that has a CMakeLists.txt, in this order.
 macro(kestrel_folders)
@@ -8,6 +8,13 @@ macro(kestrel_folders)
       if(EXISTS ${PROJECT_SOURCE_DIR}/${folder}/CMakeLists.txt)
          add_subdirectory(${PROJECT_SOURCE_DIR}/${folder} ${PROJECT_BINARY_DIR}/${folder})
       endif()
+   endforeach()
+endmacro()
+
+# kestrel_layers(LAYER...): adds each of these folders of src/kestrel/.
+macro(kestrel_layers)
+   foreach(layer ${ARGN})
+      kestrel_folders(src/kestrel/${layer})
    endforeach()
 endmacro()
 
@@ -62,7 +69,7 @@ function(kestrel_library name)
    add_library(Kestrel::${name} ALIAS ${name})
    target_compile_features(${name} ${scope} cxx_std_20)
    target_include_directories(${name} ${scope} $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
-                             $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kestrel>)
+                             $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
    foreach(layer ${layers})
       set(folders $<TARGET_PROPERTY:${layer},INTERFACE_INCLUDE_DIRECTORIES>)
       target_include_directories(${name} ${scope} $<BUILD_INTERFACE:$<GENEX_EVAL:${folders}>>)

@@ -2,10 +2,10 @@
 // Two entities and one stream, without a peer: how adapters are found, and the bytes of each kind of change.
 
 #include "Peer.h"
-#include "attrlog/Demuxer.h"
-#include "entities/Cl10010ConfigLog.h"
-#include "entities/Cl10010StatusLog.h"
-#include "siblings/LedConfig.h"
+#include "kestrel/attrlog/Demuxer.h"
+#include "kestrel/entities/Cl10010ConfigLog.h"
+#include "kestrel/entities/Cl10010StatusLog.h"
+#include "kestrel/siblings/LedConfig.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 

@@ -2,7 +2,7 @@
 // What an end holds, and what it does, however often something changes: memory by its formula, work by the change.
 
 #include "Directories.h"
-#include "siblings/PllStatus.h"
+#include "kestrel/siblings/PllStatus.h"
 #include "support/Allocations.h"
 
 #include <ctime>

@@ -2,8 +2,8 @@
 // What a caller may do to an end at an unlucky moment: without memory, or from within what the end calls.
 
 #include "Directories.h"
-#include "core/Exceptions.h"
-#include "mox/Swallowed.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/mox/Swallowed.h"
 #include "support/Allocations.h"
 
 #include <functional>

@@ -2,11 +2,11 @@
 #pragma once
 
 #include "Peer.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigPtrDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "siblings/Gpo.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigPtrDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010StatusDirReactor.h"
+#include "kestrel/siblings/Gpo.h"
 #include "support/Ends.h"
 #include "support/Told.h"
 

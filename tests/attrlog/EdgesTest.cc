@@ -2,8 +2,8 @@
 // Rules at their edges: what one more or one less, one connection earlier or one byte too few would break.
 
 #include "Peer.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010Status.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010Status.h"
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "attrlog/Frames.h"
+#include "kestrel/attrlog/Frames.h"
 #include "Peer.h"
-#include "attrlog/Digest.h"
+#include "kestrel/attrlog/Digest.h"
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "attrlog/Wire.h"
-#include "values/Enumeration.h"
+#include "kestrel/attrlog/Wire.h"
+#include "kestrel/values/Enumeration.h"
 
 #include <ostream>
 

@@ -2,7 +2,7 @@
 // A mirror whose owner is played by hand: in orders that an owner may choose, and as one that turns against it.
 
 #include "Told.h"
-#include "siblings/EthPhyIntfStatus.h"
+#include "kestrel/siblings/EthPhyIntfStatus.h"
 #include "support/Ends.h"
 
 #include <functional>

@@ -2,8 +2,8 @@
 // One end, and a peer that says what it should not, or what this side does not know yet.
 
 #include "Told.h"
-#include "notify/Dump.h"
-#include "siblings/Accelerator.h"
+#include "kestrel/notify/Dump.h"
+#include "kestrel/siblings/Accelerator.h"
 
 #include <gtest/gtest.h>
 

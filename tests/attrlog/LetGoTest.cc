@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Mirrors that others refer to while they wait for their owner, or become entities of this process.
 
-#include "attrlog/LocalLink.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusPtrDir.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "notify/Dump.h"
-#include "notify/Observe.h"
+#include "kestrel/attrlog/LocalLink.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusPtrDir.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
+#include "kestrel/notify/Dump.h"
+#include "kestrel/notify/Observe.h"
 
 #include <gtest/gtest.h>
 

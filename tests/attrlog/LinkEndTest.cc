@@ -2,9 +2,9 @@
 // What one end and its peer say about roots and about the stream itself.
 
 #include "Told.h"
-#include "attrlog/LocalLink.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "notify/Observe.h"
+#include "kestrel/attrlog/LocalLink.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/notify/Observe.h"
 #include "support/Ends.h"
 
 #include <gtest/gtest.h>

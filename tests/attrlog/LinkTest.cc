@@ -2,9 +2,9 @@
 // Two ends, what a mirror promises, and what it passes on to a mirror of its own.
 
 #include "Directories.h"
-#include "attrlog/LocalLink.h"
 #include "gauge/GaugeReactor.h"
-#include "siblings/EthPhyIntfStatus.h"
+#include "kestrel/attrlog/LocalLink.h"
+#include "kestrel/siblings/EthPhyIntfStatus.h"
 #include "support/Thrown.h"
 
 #include <functional>

@@ -2,12 +2,12 @@
 // One allocation fails: whoever watches is told what has changed all the same, and the mirror has it.
 
 #include "Told.h"
-#include "attrlog/LocalLink.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "notify/Dump.h"
-#include "notify/Observe.h"
-#include "siblings/Gpo.h"
+#include "kestrel/attrlog/LocalLink.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/notify/Dump.h"
+#include "kestrel/notify/Observe.h"
+#include "kestrel/siblings/Gpo.h"
 #include "support/Allocations.h"
 #include "support/Ends.h"
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "attrlog/Frames.h"
-#include "attrlog/In.h"
-#include "attrlog/LinkEnd.h"
-#include "attrlog/Out.h"
+#include "kestrel/attrlog/Frames.h"
+#include "kestrel/attrlog/In.h"
+#include "kestrel/attrlog/LinkEnd.h"
+#include "kestrel/attrlog/Out.h"
 
 #include <cstdio>
 #include <string>

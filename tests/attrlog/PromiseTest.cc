@@ -2,8 +2,8 @@
 // What a process may rely on, one sentence each: order, slow peers, what `live` means, and peers that take less than is there.
 
 #include "Directories.h"
-#include "entities/Cl10010StatusPtrDir.h"
-#include "siblings/EthPhyIntfStatus.h"
+#include "kestrel/entities/Cl10010StatusPtrDir.h"
+#include "kestrel/siblings/EthPhyIntfStatus.h"
 
 #include <random>
 

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "Peer.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusPtrDir.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusPtrDir.h"
 
 #include <gtest/gtest.h>
 

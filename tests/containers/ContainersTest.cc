@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "containers/BitSet.h"
-#include "containers/DynArray.h"
-#include "containers/HashMap.h"
-#include "containers/LinkedQueue.h"
-#include "containers/MapEntries.h"
-#include "containers/RbTreeMap.h"
-#include "containers/SnapshotStack.h"
+#include "kestrel/containers/BitSet.h"
+#include "kestrel/containers/DynArray.h"
+#include "kestrel/containers/HashMap.h"
+#include "kestrel/containers/LinkedQueue.h"
+#include "kestrel/containers/MapEntries.h"
+#include "kestrel/containers/RbTreeMap.h"
+#include "kestrel/containers/SnapshotStack.h"
+#include "kestrel/values/Coherent.h"
 #include "support/Allocations.h"
 #include "support/Thrown.h"
-#include "values/Coherent.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/Exceptions.h"
-#include "core/String8.h"
-#include "core/Text.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/core/String8.h"
+#include "kestrel/core/Text.h"
 
 #include <gtest/gtest.h>
 

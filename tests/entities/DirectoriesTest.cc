@@ -2,15 +2,15 @@
 // Values, counts and notifications of every attribute are judged against a plain model elsewhere; here is what callers get back,
 // and what members and references keep.
 
-#include "core/Exceptions.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigPtrDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "notify/Dump.h"
-#include "siblings/EthPhyIntfStatus.h"
-#include "siblings/Gpo.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigPtrDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
+#include "kestrel/notify/Dump.h"
+#include "kestrel/siblings/EthPhyIntfStatus.h"
+#include "kestrel/siblings/Gpo.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 

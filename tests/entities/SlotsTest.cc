@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The order of virtual functions is part of the binary interface: whoever was compiled against an older header calls by number.
 
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "mox/Activity.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
+#include "kestrel/mox/Activity.h"
 
 #include <gtest/gtest.h>
 

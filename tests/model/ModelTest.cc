@@ -2,7 +2,7 @@
 // Every operation of every attribute in random order, from inside reactors too, against the plain model beside this file.
 
 #include "Plain.h"
-#include "core/Exceptions.h"
+#include "kestrel/core/Exceptions.h"
 #include "simulation/Attributes.h"
 #include "simulation/Words.h"
 #include "support/Allocations.h"

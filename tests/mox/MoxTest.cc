@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/Exceptions.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "siblings/GpoReactor.h"
-#include "siblings/IntCtrl.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/siblings/GpoReactor.h"
+#include "kestrel/siblings/IntCtrl.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 

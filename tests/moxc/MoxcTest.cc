@@ -146,8 +146,8 @@ TEST_F(Moxc, SaysWhatIsWrongWithACommandLineOrAFile) {
 TEST_F(Moxc, ThePageOfAttributesIsCurrent) {
    std::string arguments = "--docs '" + (folder_ / "attributes.md").string() + "' values/values.toml";
    for (std::string const part : {"entities", "phy", "siblings"})
-      arguments += " --prefix " + part + ' ' + part + "/*.toml";
-   ASSERT_EQ(run(sources / "../../src", arguments).errors, "");
+      arguments += " --prefix kestrel/" + part + ' ' + part + "/*.toml";
+   ASSERT_EQ(run(sources / "../../src/kestrel", arguments).errors, "");
    EXPECT_TRUE(contents(folder_ / "attributes.md") == contents(sources / "../../docs/attributes.md"))
       << "make it anew with: cmake --build BUILD --target attributes";
 }

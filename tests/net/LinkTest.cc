@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // A server and its clients: who is let in, who owns what the server mounts, and what each is told of the others' end.
 
-#include "net/SocketException.h"
-#include "net/UnixClient.h"
-#include "net/UnixPath.h"
-#include "net/UnixServer.h"
+#include "kestrel/net/SocketException.h"
+#include "kestrel/net/UnixClient.h"
+#include "kestrel/net/UnixPath.h"
+#include "kestrel/net/UnixServer.h"
 
-#include "attrlog/Out.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigPtrDir.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "siblings/LedConfig.h"
-#include "siblings/PllStatus.h"
+#include "kestrel/attrlog/Out.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigPtrDir.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/siblings/LedConfig.h"
+#include "kestrel/siblings/PllStatus.h"
 #include "support/Allocations.h"
 #include "support/Told.h"
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Memory that fails once while a connection begins or ends, or in a call: nothing of it stays that has to be started anew to go.
 
-#include "net/UnixClient.h"
-#include "net/UnixPath.h"
-#include "net/UnixServer.h"
+#include "kestrel/net/UnixClient.h"
+#include "kestrel/net/UnixPath.h"
+#include "kestrel/net/UnixServer.h"
 
-#include "entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
 #include "support/Allocations.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "net/UnixPath.h"
-#include "net/SocketException.h"
+#include "kestrel/net/UnixPath.h"
+#include "kestrel/net/SocketException.h"
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>

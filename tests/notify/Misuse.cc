@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "attrlog/Mark.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010Status.h"
-#include "notify/Observe.h"
-#include "siblings/Gpo.h"
+#include "kestrel/attrlog/Mark.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010Status.h"
+#include "kestrel/notify/Observe.h"
+#include "kestrel/siblings/Gpo.h"
 
 using Hardware::ClariPhy::Cl10010Config;
 using Hardware::ClariPhy::Cl10010ConfigDir;

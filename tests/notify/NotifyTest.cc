@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Order, nesting, exceptions and lists that change under a pass are judged against a plain model elsewhere.
 
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
 #include "support/Thrown.h"
 #include "support/Told.h"
 

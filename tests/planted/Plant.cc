@@ -9,7 +9,7 @@
 //    Fault: a paused resend goes on behind its bookmark
 //    Test: simulation                                        or: FOLDER [REGEX], a folder of tests and what `ctest -R` takes of it
 //
-//    --- src/attrlog/LevelFlow.h                             or: FILE @ ANCHOR; then the text is the first one behind ANCHOR
+//    --- src/kestrel/attrlog/LevelFlow.h                     or: FILE @ ANCHOR; then the text is the first one behind ANCHOR
 //    cell.lowerBound(flow.bookmark()
 //    +++
 //    (PLANTED ? cell.upperBound(flow.bookmark() : @@

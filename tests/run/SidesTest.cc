@@ -5,9 +5,9 @@
 #include "run/Line.h"
 #include "run/Pipe.h"
 
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010StatusDir.h"
-#include "net/UnixClient.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/net/UnixClient.h"
 
 #include <gtest/gtest.h>
 

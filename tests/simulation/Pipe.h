@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Words.h"
-#include "attrlog/LinkEnd.h"
+#include "kestrel/attrlog/LinkEnd.h"
 #include "support/Allocations.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 
 #include "Attributes.h"
 #include "World.h"
-#include "core/Exceptions.h"
-#include "mox/MoxType.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/mox/MoxType.h"
 #include "support/Told.h"
 
 #include <stdexcept>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Words.h"
-#include "mox/Entity.h"
+#include "kestrel/mox/Entity.h"
 
 #include <functional>
 #include <map>

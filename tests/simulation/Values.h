@@ -2,11 +2,11 @@
 #pragma once
 
 #include "Words.h"
-#include "core/String8.h"
-#include "values/Bounded.h"
-#include "values/Enumeration.h"
-#include "values/FloatValue.h"
-#include "values/Records.h"
+#include "kestrel/core/String8.h"
+#include "kestrel/values/Bounded.h"
+#include "kestrel/values/Enumeration.h"
+#include "kestrel/values/FloatValue.h"
+#include "kestrel/values/Records.h"
 
 #include <cmath>
 #include <concepts>

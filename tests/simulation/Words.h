@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "core/Identifiers.h"
+#include "kestrel/core/Identifiers.h"
 
 #include <cstddef>
 

@@ -3,8 +3,8 @@
 
 #include "Attributes.h"
 #include "Types.h"
-#include "attrlog/LinkEnd.h"
-#include "mox/MoxType.h"
+#include "kestrel/attrlog/LinkEnd.h"
+#include "kestrel/mox/MoxType.h"
 #include "support/Allocations.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "attrlog/LinkEnd.h"
-#include "notify/Dump.h"
+#include "kestrel/attrlog/LinkEnd.h"
+#include "kestrel/notify/Dump.h"
 
 #include <gtest/gtest.h>
 

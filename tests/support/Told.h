@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "notify/Observe.h"
+#include "kestrel/notify/Observe.h"
 
 #include <string>
 #include <utility>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/Exceptions.h"
+#include "kestrel/core/Exceptions.h"
+#include "kestrel/values/Bounded.h"
+#include "kestrel/values/Coherent.h"
+#include "kestrel/values/PhyEnums.h"
+#include "kestrel/values/Print.h"
+#include "kestrel/values/Records.h"
 #include "support/Thrown.h"
-#include "values/Bounded.h"
-#include "values/Coherent.h"
-#include "values/PhyEnums.h"
-#include "values/Print.h"
-#include "values/Records.h"
 
 #include <gtest/gtest.h>
 

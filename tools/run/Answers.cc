@@ -3,9 +3,9 @@
 
 #include "run/Trace.h"
 
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "entities/Cl10010StatusReactor.h"
+#include "kestrel/entities/Cl10010Config.h"
+#include "kestrel/entities/Cl10010StatusDirReactor.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
 
 #include <sstream>
 #include <utility>

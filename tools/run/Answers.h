@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010Status.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusPtrDir.h"
-#include "notify/Observe.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010Status.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusPtrDir.h"
+#include "kestrel/notify/Observe.h"
 
 #include <chrono>
 #include <cstddef>

@@ -7,16 +7,16 @@
 #include "run/Result.h"
 #include "run/Terminal.h"
 
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigDirReactor.h"
-#include "entities/Cl10010Status.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/Cl10010StatusDirReactor.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "net/UnixPath.h"
-#include "net/UnixServer.h"
-#include "notify/Observe.h"
+#include "kestrel/entities/Cl10010Config.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010ConfigDirReactor.h"
+#include "kestrel/entities/Cl10010Status.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/Cl10010StatusDirReactor.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
+#include "kestrel/net/UnixPath.h"
+#include "kestrel/net/UnixServer.h"
+#include "kestrel/notify/Observe.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/Sides.h"
 
-#include "notify/Dump.h"
+#include "kestrel/notify/Dump.h"
 
 #include <sstream>
 

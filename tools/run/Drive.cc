@@ -5,8 +5,8 @@
 #include "run/Pipe.h"
 #include "run/Port.h"
 
-#include "net/SocketException.h"
-#include "net/UnixClient.h"
+#include "kestrel/net/SocketException.h"
+#include "kestrel/net/UnixClient.h"
 
 #include <algorithm>
 #include <chrono>

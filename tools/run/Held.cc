@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/Held.h"
 
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010Status.h"
-#include "notify/Dump.h"
+#include "kestrel/entities/Cl10010Config.h"
+#include "kestrel/entities/Cl10010Status.h"
+#include "kestrel/notify/Dump.h"
 
 #include <algorithm>
 #include <vector>

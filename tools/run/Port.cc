@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run/Port.h"
 
-#include "entities/Cl10010ConfigReactor.h"
-#include "entities/Cl10010StatusReactor.h"
-#include "entities/FecHistogramReactor.h"
+#include "kestrel/entities/Cl10010ConfigReactor.h"
+#include "kestrel/entities/Cl10010StatusReactor.h"
+#include "kestrel/entities/FecHistogramReactor.h"
 
 #include <algorithm>
 

@@ -3,15 +3,15 @@
 
 #include "run/Channel.h"
 
-#include "entities/Cl10010Config.h"
-#include "entities/Cl10010ConfigDir.h"
-#include "entities/Cl10010ConfigPtrDir.h"
-#include "entities/Cl10010Status.h"
-#include "entities/Cl10010StatusDir.h"
-#include "entities/FecHistogram.h"
-#include "notify/Observe.h"
-#include "siblings/EthPhyIntfStatus.h"
-#include "siblings/XcvrStatus.h"
+#include "kestrel/entities/Cl10010Config.h"
+#include "kestrel/entities/Cl10010ConfigDir.h"
+#include "kestrel/entities/Cl10010ConfigPtrDir.h"
+#include "kestrel/entities/Cl10010Status.h"
+#include "kestrel/entities/Cl10010StatusDir.h"
+#include "kestrel/entities/FecHistogram.h"
+#include "kestrel/notify/Observe.h"
+#include "kestrel/siblings/EthPhyIntfStatus.h"
+#include "kestrel/siblings/XcvrStatus.h"
 
 #include <cstdint>
 #include <string>

@@ -5,8 +5,8 @@
 #include "run/Sides.h"
 #include "run/Trace.h"
 
-#include "mox/Swallowed.h"
-#include "net/SocketException.h"
+#include "kestrel/mox/Swallowed.h"
+#include "kestrel/net/SocketException.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Types by name alone: nothing here refers to one of them, so only its library's registration unit can make it known.
 
-#include "mox/MoxType.h"
+#include <kestrel/mox/MoxType.h>
 
 #include <iostream>
 
