@@ -184,15 +184,19 @@ void Demuxer::release(Mirror const& gone) noexcept {
    if (gone.sa) {
       if (!gone.sa->isDetached())
          gone.sa->release();
-      bool hasMemory = true; // without it the note of what was not told comes back
-      while (hasMemory && gone.sa->hasUntold() && gone.sa->entity() != nullptr)
+      auto const notTold = [&](char const* why) {
+         report([&] { return "stream \"" + name() + "\": not told: " + why; });
+      };
+      while (gone.sa->hasUntold() && gone.sa->entity() != nullptr)
          try {
             gone.sa->tellUntold(Mark(gone.sa->notes()->untold.begin()->first));
+         } catch (std::bad_alloc const& e) {
+            notTold(e.what());
+            break; // its note has come back, and would without end
          } catch (std::exception const& e) {
-            hasMemory = dynamic_cast<std::bad_alloc const*>(&e) == nullptr;
-            report([&] { return "stream \"" + name() + "\": not told: " + e.what(); });
+            notTold(e.what());
          } catch (...) {
-            report([&] { return "stream \"" + name() + "\": not told: an exception that is no std::exception"; });
+            notTold("an exception that is no std::exception");
          }
       gone.sa->detach();
       // Whoever still refers to it here refers to an entity of this process from now on.

@@ -135,8 +135,10 @@ template <class X> template <class A> void LevelSa<X>::read(A a, bool isRemoval,
       readValue(a, in, isLocal);
    else if constexpr (is == WireClass::element)
       readElement(a, in, isLocal);
-   else if (isRemoval || is == WireClass::entry)
-      readEntry(a, isRemoval, in, isLocal);
+   else if (isRemoval)
+      readRemoval(a, in, isLocal);
+   else if constexpr (is == WireClass::entry)
+      readElement(a, in, isLocal);
    else if constexpr (is == WireClass::member)
       readMember(a, in, isLocal);
    else if constexpr (is == WireClass::target)
@@ -156,8 +158,12 @@ template <class X> template <class A> void LevelSa<X>::readValue(A a, In& in, bo
       apply(a, [&] { A::put(object(), value); });
 }
 
+/// An element of an array, or an entry of a map.
 template <class X> template <class A> void LevelSa<X>::readElement(A a, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
+   if constexpr (A::hasEntries)
+      if (!isLocal)
+         unmark(a, key); // before the value is read: one that this side can't hold leaves the last good one
    auto const value = Wire<typename A::Value>::read(in);
    if (isLocal)
       A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
@@ -180,28 +186,16 @@ template <class X> template <class A> void LevelSa<X>::readTarget(A a, In& in, b
       a, [&] { A::put(object(), target); }, name);
 }
 
-template <class X> template <class A> void LevelSa<X>::readEntry(A a, bool isRemoval, In& in, bool isLocal) {
+template <class X> template <class A> void LevelSa<X>::readRemoval(A a, In& in, bool isLocal) {
    auto const key = Wire<typename A::Key>::read(in);
-   if constexpr (wireClass<A> == WireClass::entry) {
-      if (!isRemoval) {
-         if (!isLocal)
-            unmark(a, key); // first: a value that this side can't hold leaves the last good one
-         auto const value = Wire<typename A::Value>::read(in);
-         if (isLocal)
-            A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
-         else
-            apply(
-               a, [&] { A::put(object(), key, value); }, key);
-         return;
-      }
-   }
    if (isLocal)
       A::fire(static_cast<typename X::MoxNboAttrLogSa&>(*this), key);
    else
       dropHere(a, key);
 }
 
-/// The owner has told the entry: the end of the resend leaves it. Said before the entry is changed, since a reactor may throw.
+/// The owner has told the entry, so that the end of the resend does not delete it. To be called before the entry is changed: a reactor
+/// that throws would keep it from being called.
 template <class X> template <class A> void LevelSa<X>::unmark(A, typename A::Key const& key) {
    if (auto* const entry = A::cell(object()).find(key))
       entry->moxMarkedForDeletionIs(false);
@@ -247,9 +241,10 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
                               " others; deeper ones are not taken");
    auto& cell = A::cell(object());
    bool const wasRetired = this->retiredTaken(Mark(A::id, name));
-   // What a reactor throws on the way must not leave the identifier without its member. Without memory the owner is asked again.
+   // A reactor that throws must not leave the identifier without its member: its exception is kept until that is bound. A failed
+   // allocation ends the announcement, and the owner is asked for another.
    FirstException failures;
-   auto const inAnyCase = [&](auto step) {
+   auto const run = [&](auto step) {
       try {
          step();
       } catch (std::bad_alloc const&) {
@@ -262,12 +257,12 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       if (wasRetired || demuxer.isOfAnother(*present, id)) {
          // The name was announced under another identifier on this connection: this is another entity.
          ++demuxer.counters().renamedMembers;
-         inAnyCase([&] { dropHere(a, name); });
+         run([&] { dropHere(a, name); });
       }
    Ptr<Entity> const before = demuxer.mirrorOf(id);
    typename Demuxer::DeserializingEidAnchor const anchor(demuxer, id, *this, name);
-   // Whether one of other constructor parameters is in the place. A mutator that finds a member runs no reactor: what it throws then
-   // says just that.
+   // Whether a member of other constructor parameters is in the place. A mutator that finds a member runs no reactor, so that a
+   // NameInUseException that leaves it then is its own, and not a reactor's.
    bool isTaken = false;
    // Under an identifier that is known already nothing is answered: the owner was asked for another.
    auto const instantiate = [&] {
@@ -282,7 +277,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
    };
    {
       Expect const scope(NameInUseException::kind);
-      inAnyCase([&] {
+      run([&] {
          try {
             instantiate();
          } catch (NameInUseException const&) {
@@ -291,8 +286,8 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
          }
       });
       if (isTaken) {
-         inAnyCase([&] { dropHere(a, name); });
-         inAnyCase(instantiate);
+         run([&] { dropHere(a, name); });
+         run(instantiate);
       }
       if (isTaken) {
          // A reactor has put one of its own in the place meanwhile: the owner is asked to announce the name again. It may have
@@ -304,7 +299,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
                   id, *std::apply([&](auto const&... p) { return make<typename A::Entry>(name, p...); }, parameters));
          }
          failures.rethrow();
-         return;
+         return; // a reactor has unmounted the mirror
       }
    }
    if (auto* const member = cell.find(name); member != nullptr && this->demuxer_ != nullptr) {

@@ -73,7 +73,7 @@ template <class X> template <class A> void LevelSa<X>::markKey(A a, typename A::
    auto* const present = cell.find(key);
    auto* const before = flow.keys(a) == nullptr ? nullptr : flow.keys(a)->map.find(key);
    [[maybe_unused]] bool const isSuccessor = this->successorTaken(Mark(A::id, key));
-   // Whether the peer knew a parked key, or has asked for it, went with its mark.
+   // Parking a key drops the notes whether the peer knows it and whether it has asked for it: either may be so.
    isAsked = isAsked || (this->parkedCount() != 0 && this->notes_->parked.contains(Mark(A::id, key)));
    if (present == nullptr && before != nullptr && !before->isKnown && !isAsked) {
       flow.dirtyKeyDel(a, key);

@@ -284,7 +284,7 @@ private:
    template <class A> [[gnu::noinline]] void read(A, bool isRemoval, In& in, bool isLocal);
    template <class A> void readValue(A, In& in, bool isLocal);
    template <class A> void readElement(A, In& in, bool isLocal);
-   template <class A> void readEntry(A, bool isRemoval, In& in, bool isLocal);
+   template <class A> void readRemoval(A, In& in, bool isLocal);
    template <class A> void readTarget(A, In& in, bool isLocal);
    template <class A> void readMember(A, In& in, bool isLocal);
    template <class A> void unmark(A, typename A::Key const& key);

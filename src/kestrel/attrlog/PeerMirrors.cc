@@ -81,7 +81,8 @@ bool PeerMirrors::prepareBinding(EntityId id, Entity const& entity, In const& in
 
 void PeerMirrors::bind(EntityId id, Sa& sa, Entity& entity) noexcept {
    Slot& slot = slots_[id.slot()];
-   // What was told under the identifier while nothing here stood for it is lost, and a question that has not been written yet stays one.
+   // Records that came while nothing here stood for the identifier were dropped: the owner is asked to announce it anew. So he is where
+   // that question has not been written yet, which must not go with the slot.
    bool const isAskedAnew = slot.isUsed && (!slot.sa || slot.isAskedAnew);
    if (slot.isUsed)
       replaced_.push_back(taken(slot));
