@@ -75,9 +75,13 @@ template <class A, class Call> void withParameters(Words& words, World& world, C
    }(typename A::Entry::MoxParameters{});
 }
 
+bool isNoMirror(Entity const& e) {
+   return Entity::MoxNboAttrLogSa::mirrorAdapterOf(e) == nullptr;
+}
+
 /// Whether nobody else ever told this entity's values: a former mirror may be one again before a silent entry is told.
 bool isOurs(Entity const& e) {
-   return historyOf(e) == nullptr && Entity::MoxNboAttrLogSa::mirrorAdapterOf(e) == nullptr;
+   return historyOf(e) == nullptr && isNoMirror(e);
 }
 
 /// Runs one mutator, which may be refused because the entity is a mirror.
@@ -132,10 +136,11 @@ template <class A> void deleteAll(typename A::Owner& e, World& world) {
          dropAll<A>(e);
       });
 }
-/// An entry was made that nobody was told of.
-template <class A> void tellLater(typename A::Owner& e, typename A::Key const& key, World& world) {
-   world.madeSilently([owner = Ptr<typename A::Owner>(&e), key, &world] {
-      if (isOurs(*owner))
+/// An entry was made that nobody was told of. Told where `may` says so by then.
+template <class A>
+void tellLater(typename A::Owner& e, typename A::Key const& key, World& world, bool (*may)(Entity const&) = isOurs) {
+   world.madeSilently([owner = Ptr<typename A::Owner>(&e), key, &world, may] {
+      if (may(*owner))
          write(*owner, cellOf(A::id, key), world, [&] { keyNotify<A>(*owner, key); });
    });
 }
@@ -286,6 +291,7 @@ void contestMember(typename A::Owner& truth, typename A::Owner& copy, Words& wor
                history->told.cells[cell] = identityOf(&made);
          });
          tellLater<A>(truth, name, owner);
+         tellLater<A>(copy, name, mirror, isNoMirror); // the owner tells nothing of what is no mirror by then
       } else {
          carry();
       }
