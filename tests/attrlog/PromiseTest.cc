@@ -224,6 +224,28 @@ TEST_F(Promise, ANameThatThePeerAskedForIsAnsweredAlsoWhereItGoesWhileItWaits) {
    EXPECT_EQ(right.footprint().stream.untold, 0u);
 }
 
+TEST_F(Promise, WhatAReactorWritesInASweepIsAskedForAlsoWhereTheResendWasTheAnswer) {
+   Name const longName(std::string(70000, 'x')); // of which nobody can ask alone
+   auto const write = [&](Name const& name, bool isMade) {
+      if (isMade)
+         EXPECT_THROW(theirs->phyConfigIs(name), ReadOnlyException);
+      else
+         EXPECT_THROW(theirs->phyConfigDel(name), ReadOnlyException);
+   };
+   constexpr unsigned names = 10; // of which some are asked for before the collection, and answered with it
+   auto const again = on(theirs, Cl10010ConfigDir::Attr::phyConfig, [&](Cl10010ConfigDir& dir, Name const& name) {
+      for (unsigned i = 0; name == longName && !dir.phyConfig().contains(name) && i < names; ++i)
+         write(numbered("again ", i), true);
+   });
+   write(longName, true);
+   for (unsigned i = 0; i < names; ++i) {
+      write(numbered("again ", i), true);
+      write(numbered("again ", i), false);
+   }
+   settle();
+   expectSame();
+}
+
 TEST_F(Promise, WhatIsTooLongForThePeerIsCountedAndToldOnceAndTheRestGoesOn) {
    Name const longName(std::string(600, 'x'));
    struct Case {

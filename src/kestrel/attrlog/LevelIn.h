@@ -410,8 +410,12 @@ template <class X> template <class A> void LevelSa<X>::sweep(A a) {
             marks.push_back(mark);
       for (Mark const& m : marks) {
          typename A::Key const key = m.template as<typename A::Key>();
-         if (this->demuxer_ != nullptr && this->isUntold(m) && cell.find(key) == nullptr)
+         if (this->demuxer_ == nullptr || !this->isUntold(m))
+            continue;
+         if (cell.find(key) == nullptr)
             failures.run([&] { dropHere(a, key); });
+         else
+            this->askOwnerAgain(m); // a reactor wrote it behind what the resend said, which may have been the answer
       }
    }
    failures.rethrow();

@@ -450,6 +450,16 @@ void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
    }
 }
 
+void Sa::askOwnerAgain(NboAttrLog::Mark const& mark) noexcept {
+   try {
+      notes_->untold.find(mark)->second.isOld = false;
+      notes_->unasked.insert(mark);
+      demuxer_->untoldNoticed(*this);
+   } catch (std::bad_alloc const&) {
+      owesAllIs();
+   }
+}
+
 void Sa::Answer::markIs(NboAttrLog::Mark const& mark) noexcept {
    auto const at = sa_.notes_->untold.find(mark);
    if (at == sa_.notes_->untold.end())

@@ -422,6 +422,8 @@ protected:
    /// Has the owner asked what `mark` is there; `isTold` where the reactors know what it is here. Never throws; without memory
    /// the whole entity is asked for.
    void askOwner(NboAttrLog::Mark mark, bool isTold = false) noexcept;
+   /// As `askOwner`, for what is untold and may have been answered with all others.
+   void askOwnerAgain(NboAttrLog::Mark const& mark) noexcept;
    NboAttrLog::Notes& neededNotes() {
       if (!notes_)
          notes_ = std::make_unique<NboAttrLog::Notes>();
