@@ -30,9 +30,12 @@ constexpr std::array keywords = std::to_array<std::string_view>(
     "using",       "virtual",  "void",       "volatile",  "wchar_t",   "while",        "xor",
     "xor_eq"});
 
-// Macros of the standard headers and of the GNU dialect. They replace a name in every scope.
+// Macros of the standard headers, of <endian.h>, which they include, and of the GNU dialect. They replace a name in every scope; two
+// of <endian.h> may become the same.
 constexpr std::array macros = std::to_array<std::string_view>(
-   {"alloca", "assert", "errno", "linux", "offsetof", "setjmp", "stderr", "stdin", "stdout", "unix"});
+   {"alloca",   "assert",  "be16toh", "be32toh", "be64toh", "errno",   "htobe16", "htobe32",
+    "htobe64",  "htole16", "htole32", "htole64", "le16toh", "le32toh", "le64toh", "linux",
+    "offsetof", "setjmp",  "stderr",  "stdin",   "stdout",  "unix"});
 
 // Members of Mox::Entity and its base. Private ones are among them, because an attribute of that name would hide them
 // from code that calls them by name. tests/moxc/NamesTest.cc asks the headers whether one is missing here.
