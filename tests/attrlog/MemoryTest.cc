@@ -174,6 +174,22 @@ TEST(Memory, ThatFailsWhileARefusedDeletionIsAnsweredLosesNoWordOfIt) {
    }
 }
 
+TEST(Memory, ThatFailsForAnAnswerToThePeerMakesItWaitAndNotComeTwice) {
+   LinkEnd end("end");
+   NboAttrLog::Peer peer(end);
+   constexpr std::size_t writes = 900; // more than the buffer has room to refuse
+   for (std::size_t i = 0; i != writes; ++i)
+      peer.record(EntityId::assigned(3, 0, 1), 388, 1u);
+   ASSERT_TRUE(peer.tell());
+   {
+      NoMemory const once(true);
+      EXPECT_NO_THROW(end.bytesToSend());
+      EXPECT_TRUE(NoMemory::hasFailed());
+   }
+   EXPECT_FALSE(end.quiet());
+   EXPECT_EQ(peer.heard().size(), writes);
+}
+
 TEST(Memory, ThatFailsInAnAnnouncementLosesNothingWhereThatComesOnceMoreUnasked) {
    bool hasFailed = true;
    for (std::size_t skipped = 0; hasFailed; ++skipped) {

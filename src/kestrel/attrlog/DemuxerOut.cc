@@ -230,9 +230,15 @@ void Demuxer::writeRetirements() {
 }
 
 void Demuxer::acknowledge() {
-   for (U64 const number : refusals_)
-      out_->control(Refused{number, Reason::readOnly, {}});
-   refusals_.clear();
+   // What has been written is not owed any more, also where memory fails for the next.
+   struct Written {
+      std::vector<U64>& refusals;
+      std::size_t count = 0;
+      ~Written() { refusals.erase(refusals.begin(), refusals.begin() + static_cast<std::ptrdiff_t>(count)); }
+   };
+   if (!refusals_.empty())
+      for (Written written{refusals_}; written.count != refusals_.size(); ++written.count)
+         out_->control(Refused{refusals_[written.count], Reason::readOnly, {}});
    out_->control(Acknowledgement{applied_});
    acknowledged_ = applied_;
    acknowledgedAt_ = out_->bytesSent() + out_->pendingBytes();

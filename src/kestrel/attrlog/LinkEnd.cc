@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <new>
 #include <random>
 
 namespace Mox {
@@ -246,8 +247,12 @@ std::span<std::uint8_t const> LinkEnd::bytesToSend() {
       endIfAsked();
    if (!isConnected_)
       return {};
-   settleWaits();
-   demuxer_.acknowledgeIfSent();
+   try {
+      settleWaits();
+      demuxer_.acknowledgeIfSent();
+   } catch (std::bad_alloc const& e) {
+      demuxer_.report([&] { return "stream " + quoted(name_) + ": the next acknowledgement waits: " + e.what(); });
+   }
    return demuxer_.out()->pending();
 }
 

@@ -109,7 +109,8 @@ public:
    /// Applies what the peer has sent. Throws nothing: where the bytes break the protocol, `failure` says how, and the carrier must
    /// close the stream.
    void bytesArrived(std::span<std::uint8_t const> bytes) noexcept;
-   /// The next bytes to carry. Writes what is owed before, as far as the buffer has room. Valid until anything is written.
+   /// The next bytes to carry. Writes what is owed before, as far as the buffer has room. Valid until anything is written. Without
+   /// memory it is reported, and the rest waits for the next call.
    std::span<std::uint8_t const> bytesToSend();
    /// The carrier has taken the first `n` of those bytes.
    void bytesSent(std::size_t n);
