@@ -206,6 +206,32 @@ TEST(Roots, AreGrantedOnceToWhatTheyFit) {
    EXPECT_THROW(link.left().mountIs(former), NameInUseException) << "the peer knows it still";
 }
 
+TEST(Roots, OfTwoOneInTheOtherTheFirstIsGranted) {
+   for (bool const isMemberFirst : {false, true})
+      for (bool const isAtOnce : {false, true}) {
+         SCOPED_TRACE(std::to_string(isMemberFirst) + std::to_string(isAtOnce));
+         LocalLink link;
+         auto const dir = make<Cl10010ConfigDir>("dir");
+         auto const port = dir->phyConfigIs("port");
+         link.left().exportRoot(dir);
+         link.left().exportRoot(port);
+         Ptr<Entity> const first = isMemberFirst ? Ptr<Entity>(port) : dir,
+                           other = isMemberFirst ? Ptr<Entity>(dir) : port;
+         for (auto const& root : {first, other}) {
+            if (root == dir)
+               link.right().mount<Cl10010ConfigDir>("dir");
+            else
+               link.right().mount<Cl10010Config>("port");
+            if (!isAtOnce)
+               link.settle();
+         }
+         link.settle();
+         EXPECT_TRUE(link.right().isConnected()) << link.right().failure();
+         EXPECT_EQ(link.right().state(first->name()), State::live);
+         EXPECT_EQ(link.right().state(other->name()), State::refused);
+      }
+}
+
 /// Wherever an attribute can hold one.
 TEST(Enumerators, ANumberThatIsNoneIsNeverSentAndTheNextGoodOneIs) {
    using Hardware::Phy::PhyState;

@@ -196,8 +196,12 @@ void Exports::open(Request& request, Entity& entity) {
    auto const report = [&](Exception const& e) {
       demuxer_.report([&] { return "root " + quoted(root->moxName()) + " can't be told: " + e.what(); });
    };
+   // What is a root can't be told as a member as well, whichever comes first; what is below an open root may not be announced yet.
+   bool const isBesideItself = std::any_of(requests_.begin(), requests_.end(), [&](Request const& other) {
+      return other.root && other.root != root && (isAtOrBelow(*other.root, entity) || isAtOrBelow(entity, *other.root));
+   });
    if (Demuxer::Sa const* const sa = demuxer_.adapterOf(entity);
-       sa != nullptr && !sa->isOrphan() && !sa->isMadeInAdvance()) {
+       isBesideItself || (sa != nullptr && !sa->isOrphan() && !sa->isMadeInAdvance())) {
       // It is told on this stream already, as a member of another root or as the peer's own.
       refuse(request, Reason::limit);
       return;
