@@ -32,6 +32,7 @@ constexpr struct {
    std::size_t Footprint::*term;
 } terms[] = {{"announced", &Footprint::announced},
              {"mirrored", &Footprint::mirrored},
+             {"askedAnew", &Footprint::askedAnew},
              {"waiting", &Footprint::waiting},
              {"flows", &Footprint::flows},
              {"dirtyKeys", &Footprint::dirtyKeys},

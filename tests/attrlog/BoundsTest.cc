@@ -184,6 +184,23 @@ TEST_F(Bounds, TablesShrinkWithWhatTheyHold) {
    EXPECT_LT(footprint().slots, many / 4);
    EXPECT_LT(right.demuxer().footprint().slots, many / 4);
    EXPECT_LT(left.demuxer().out()->capacity(), 4 * Out::defaultMark);
+
+   std::size_t const bytes = liveBytes();
+   for (unsigned i = 0; i < 2000; ++i)
+      right.ask(numbered("root ", i));
+   settle();
+   for (unsigned i = 0; i < 2000; ++i)
+      right.unmount(numbered("root ", i));
+   settle();
+   EXPECT_LE(liveBytes(), bytes + 65536) << "behind the roots that were asked for";
+}
+
+/// What a mirror still has to be told takes memory whether there is a connection or not.
+TEST_F(Bounds, TheFootprintShowsWhatIsNotedForMirrorsThatWait) {
+   stall();
+   EXPECT_THROW(theirs->phyConfigDel("port"), ReadOnlyException);
+   cut();
+   EXPECT_EQ(right.demuxer().footprint().untold, 1u);
 }
 
 using Steady = Directories;

@@ -285,14 +285,14 @@ namespace {
 using Footprint = NboAttrLog::Demuxer::Footprint;
 
 std::size_t owed(Footprint const& f) {
-   return f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting;
+   return f.flows + f.dirtyKeys + f.parked + f.retirements + f.waiting + f.askedAnew;
 }
 std::string sizesOf(Footprint const& f) {
    std::string text;
    for (auto const& [n, what] :
         {std::pair(f.announced, "announced"), std::pair(f.mirrored, "mirrored"), std::pair(f.flows, "flows"),
          std::pair(f.dirtyKeys, "dirty keys"), std::pair(f.parked, "parked"), std::pair(f.retirements, "retirements"),
-         std::pair(f.waiting, "waiting"), std::pair(f.untold, "unanswered")})
+         std::pair(f.waiting, "waiting"), std::pair(f.askedAnew, "asked anew"), std::pair(f.untold, "unanswered")})
       text += " " + std::to_string(n) + " " + what;
    return text;
 }

@@ -390,6 +390,7 @@ Demuxer::Footprint Demuxer::footprint() const {
    f.announced = own_.used();
    f.mirrored = mirrors_.used();
    f.waiting = mirrors_.waiting().size();
+   f.askedAnew = mirrors_.askedAnew();
    f.reidentified = backlog_.reidentified();
    f.retirements = own_.retirements();
    f.bufferBytes = out_->pendingBytes();
@@ -412,6 +413,10 @@ Demuxer::Footprint Demuxer::footprint() const {
    for (PeerMirrors::Slot const& slot : mirrors_.slots())
       if (slot.sa)
          add(*slot.sa);
+   mirrors_.waiting().any([&](Sa const& sa) {
+      add(sa);
+      return false;
+   });
    return f;
 }
 

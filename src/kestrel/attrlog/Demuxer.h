@@ -247,6 +247,7 @@ public:
    struct Footprint {
       std::size_t announced = 0; ///< identifiers of this side in use
       std::size_t mirrored = 0;  ///< of the peer
+      std::size_t askedAnew = 0; ///< of those, the ones that the peer has still to be asked to replace
       std::size_t waiting = 0;   ///< mirrors of an earlier connection, not yet announced again
       std::size_t flows = 0;
       std::size_t dirtyKeys = 0;

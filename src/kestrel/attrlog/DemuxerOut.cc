@@ -2,6 +2,7 @@
 #include "kestrel/attrlog/Demuxer.h"
 
 #include "kestrel/attrlog/EntityTree.h"
+#include "kestrel/attrlog/Lists.h"
 #include "kestrel/core/Exceptions.h"
 #include "kestrel/mox/MoxType.h"
 
@@ -230,15 +231,11 @@ void Demuxer::writeRetirements() {
 }
 
 void Demuxer::acknowledge() {
-   // What has been written is not owed any more, also where memory fails for the next.
-   struct Written {
-      std::vector<U64>& refusals;
-      std::size_t count = 0;
-      ~Written() { refusals.erase(refusals.begin(), refusals.begin() + static_cast<std::ptrdiff_t>(count)); }
-   };
-   if (!refusals_.empty())
-      for (Written written{refusals_}; written.count != refusals_.size(); ++written.count)
-         out_->control(Refused{refusals_[written.count], Reason::readOnly, {}});
+   writeFront(
+      refusals_, [] { return true; },
+      [&](U64 number) {
+         out_->control(Refused{number, Reason::readOnly, {}});
+      });
    out_->control(Acknowledgement{applied_});
    acknowledged_ = applied_;
    acknowledgedAt_ = out_->bytesSent() + out_->pendingBytes();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kestrel/attrlog/Exports.h"
 
+#include "kestrel/attrlog/Lists.h"
 #include "kestrel/core/Exceptions.h"
 #include "kestrel/core/Text.h"
 
@@ -94,6 +95,7 @@ void Exports::withdrawn(Unmount const& unmount) {
       return;
    Ptr<Entity> const root = at->root;
    requests_.erase(at);
+   shrink(requests_, requests_.size());
    if (root) {
       auto const gone = demuxer_.unannounced(*root);
       forgetBehindLastRoot();
@@ -116,8 +118,8 @@ void Exports::retryDeferred() noexcept {
 
 void Exports::connectionEnded() noexcept {
    owesAnswers_ = false;
-   requests_.clear();
-   overLimit_.clear();
+   requests_ = {};
+   overLimit_ = {};
 }
 
 // Answers ---------------------------------------------------------------------------------------------------------------
@@ -146,10 +148,11 @@ void Exports::writeOwed() {
          }
       }
    }
-   std::size_t refused = 0;
-   for (; refused < overLimit_.size() && out.hasSufficientBuffer(); ++refused)
-      out.control(Mounted{overLimit_[refused], MountState::refused, MountMode::readOnly, Reason::limit, {}});
-   overLimit_.erase(overLimit_.begin(), overLimit_.begin() + static_cast<std::ptrdiff_t>(refused));
+   writeFront(
+      overLimit_, [&] { return out.hasSufficientBuffer(); },
+      [&](std::uint32_t handle) {
+         out.control(Mounted{handle, MountState::refused, MountMode::readOnly, Reason::limit, {}});
+      });
 }
 
 void Exports::say(Request const& request, MountState state, Reason reason, EntityId root) {

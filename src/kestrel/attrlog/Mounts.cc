@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kestrel/attrlog/Mounts.h"
 
+#include "kestrel/attrlog/Lists.h"
 #include "kestrel/core/Exceptions.h"
 #include "kestrel/core/Text.h"
 
@@ -87,6 +88,12 @@ void Mounts::reserveEntry() {
    reserve(withdrawn_, withdrawn_.size() + entries_.size() + 1);
 }
 
+/// Gives memory back behind a burst.
+void Mounts::trim() noexcept {
+   shrink(entries_, entries_.size());
+   shrink(withdrawn_, withdrawn_.size() + entries_.size());
+}
+
 /// Adds an entry for which there is room.
 void Mounts::enter(Name const& name, Ptr<Entity> const& mirror) {
    entries_.push_back(
@@ -125,6 +132,7 @@ void Mounts::remove(Name const& root) {
    withdraw(*at);
    Entry const mount = std::move(*at);
    entries_.erase(entries_.begin() + (at - entries_.data()));
+   trim();
    demuxer_.releaseAll(gone);
 }
 
@@ -168,8 +176,10 @@ void Mounts::windowIs(std::uint32_t window) noexcept {
 void Mounts::writeOwed() {
    Out& out = *demuxer_.out();
    // Withdrawals come first: a root that is mounted anew must have been given up before it is asked for again.
-   for (; !withdrawn_.empty() && out.hasSufficientBuffer(); withdrawn_.erase(withdrawn_.begin()))
-      out.control(Unmount{withdrawn_.front()});
+   writeFront(
+      withdrawn_, [&] { return out.hasSufficientBuffer(); },
+      [&](std::uint32_t handle) { out.control(Unmount{handle}); });
+   trim();
    if (!withdrawn_.empty())
       return;
    std::size_t unanswered = 0;

@@ -138,6 +138,7 @@ private:
    Entry* find(std::uint32_t handle) noexcept;
    Entry const& get(Name const& name) const;
    void reserveEntry();
+   void trim() noexcept;
    void enter(Name const& name, Ptr<Entity> const& mirror);
    void withdraw(Entry const& mount);
    void open(Entry& mount, EntityId root);

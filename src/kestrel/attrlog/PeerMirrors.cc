@@ -2,11 +2,10 @@
 #include "kestrel/attrlog/PeerMirrors.h"
 
 #include "kestrel/attrlog/Frames.h"
+#include "kestrel/attrlog/Lists.h"
 #include "kestrel/core/Exceptions.h"
 
 #include <algorithm>
-#include <iterator>
-#include <new>
 
 namespace Mox::NboAttrLog {
 
@@ -155,15 +154,7 @@ void PeerMirrors::trim() noexcept {
    if (slots_.size() - end < few)
       return;
    slots_.resize(end);
-   if (slots_.size() >= slots_.capacity() / 4)
-      return;
-   try {
-      std::vector<Slot> fewer;
-      fewer.reserve(2 * slots_.size());
-      std::move(slots_.begin(), slots_.end(), std::back_inserter(fewer));
-      slots_ = std::move(fewer);
-   } catch (std::bad_alloc const&) { // it stays as it is
-   }
+   shrink(slots_, end);
 }
 
 Mirror PeerMirrors::leave(Sa& sa) noexcept {

@@ -132,6 +132,7 @@ public:
    void writeRefreshes(Out& out, StreamCounters& counters);
 
    std::size_t used() const noexcept { return used_; }
+   std::size_t askedAnew() const noexcept { return askedAnew_; }
    std::size_t askingAdapters() const noexcept { return asking_.size(); }
    std::vector<Slot> const& slots() const noexcept { return slots_; }
    /// What is wrong with the tables; empty where all is well.

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kestrel/attrlog/WaitingMirrors.h"
 
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -42,19 +41,6 @@ Mirror WaitingMirrors::taken(Sa& sa) noexcept {
       isIndexWhole_ = true;
    }
    return mirror;
-}
-
-void WaitingMirrors::trim(std::size_t n) noexcept {
-   constexpr std::size_t few = 64;
-   if (mirrors_.capacity() < 4 * std::max(n, few))
-      return;
-   try {
-      std::vector<Mirror> fewer;
-      fewer.reserve(2 * std::max(n, few / 2));
-      std::move(mirrors_.begin(), mirrors_.end(), std::back_inserter(fewer));
-      mirrors_ = std::move(fewer);
-   } catch (std::bad_alloc const&) { // it stays as it is
-   }
 }
 
 std::string WaitingMirrors::audit() const {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "kestrel/attrlog/Lists.h"
 #include "kestrel/attrlog/StateAdapter.h"
 
 #include <algorithm>
@@ -34,7 +35,7 @@ public:
          mirrors_.reserve(std::max(n, 2 * mirrors_.capacity()));
    }
    /// Gives back most of a room that is many times as large as `n` mirrors need.
-   void trim(std::size_t n) noexcept;
+   void trim(std::size_t n) noexcept { shrink(mirrors_, n); }
    /// \throws std::bad_alloc without room; nothing has changed then
    void add(Mirror mirror);
    Sa& at(std::size_t i) const noexcept { return *mirrors_[i].sa; }
