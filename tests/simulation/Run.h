@@ -127,6 +127,7 @@ private:
    void compareEntities(Entity& truth, Entity& copy, std::string const& path);
    bool isBehind(std::string const& text, Entity* target, unsigned depth) const;
    bool isStranger(Entity const& truth, Entity const* member) const;
+   bool isHeldBack(Entity const& truth, Mox::AttributeId attribute, Entity const* target) const;
    template <class Call> void forEachPort(Call call) {
       for (World& world : worlds_)
          for (Port& port : world.ports())
