@@ -314,7 +314,7 @@ bool Demuxer::isWaiting() const noexcept {
    return isOpen_ && !owes() && mirrors_.isAwaiting();
 }
 
-bool Demuxer::waitsBroken() {
+bool Demuxer::breakDeadlock() {
    // With what is awaited goes what lies below it: whoever announces it from now on announces its members too.
    auto const isLet = [&](Sa const& waiting) {
       if (isBelowWaitingRoot(waiting.entity()))
@@ -330,7 +330,7 @@ bool Demuxer::waitsBroken() {
    return gone != 0;
 }
 
-void Demuxer::isNoMember(Entity& member) {
+void Demuxer::releaseFormerMember(Entity& member) {
    Sa const* const sa = adapterOf(member);
    if (sa == nullptr || !sa->isMirror() || sa->entityId().isAssigned())
       return;

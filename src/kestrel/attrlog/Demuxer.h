@@ -86,7 +86,7 @@ public:
    /// Writes the announcement of `entity`. A constructor parameter's target must be announced first, and no record can be written
    /// inside another: each time that `write` meets one, that is announced, and `write` begins anew.
    /// \return false where that came to no end
-   template <std::invocable Write> bool isWritten(Entity const& entity, Write write) {
+   template <std::invocable Write> bool writeAnnouncement(Entity const& entity, Write write) {
       std::size_t const mostRestarts = 1 + logOperationsOf(entity)->parameters;
       for (std::size_t restarts = 0;; ++restarts) {
          try {
@@ -133,7 +133,7 @@ public:
    void untoldNoticed(Sa& sa) { mirrors_.askFor(sa); }
    /// Marks again what refers to entities whose identifier has changed. `drain` does so too; a carrier that is not asked for bytes
    /// does it behind each batch that has arrived, so that what is noted does not grow.
-   void identifiersSettled();
+   void settleIdentifiers();
    /// Called by a record that is about to be written: what was applied is acknowledged before.
    void beforeRecord() {
       if (applied_ != acknowledged_)
@@ -176,7 +176,7 @@ public:
    void reserve(EntityId id) { mirrors_.reserve(id, *in_); }
    /// Has the peer asked to announce what `id` stands for under another identifier, and to tell again what refers to it.
    /// \throws ProtocolException as `checkAnnounced`
-   void askedAnewIs(EntityId id);
+   void askAnew(EntityId id);
    /// The identifier, as the peer wrote it, of an entity that it or this side announced; null for 0 and for what is gone.
    Ptr<Entity> entityOf(EntityId wireId);
    /// The entity that `wireId` of the peer is bound to; null for none.
@@ -192,12 +192,12 @@ public:
    void remountEnded();
    /// The peer's collection holds `member` no more. A mirror of an earlier connection waits for nothing then: who refers to it
    /// would wait for the end of the remount, which may wait for that very reference.
-   void isNoMember(Entity& member);
+   void releaseFormerMember(Entity& member);
    /// Nothing is owed but what waits for mirrors of an earlier connection that the peer has not announced again.
    bool isWaiting() const noexcept;
    /// The peer waits for this side in turn: no such mirror will be announced before what waits for it has been told. Lets them go,
    /// so that they are announced from here. \return whether there were any
-   bool waitsBroken();
+   bool breakDeadlock();
    /// Ends the mirrors below `top`; with null all of them. \throws std::bad_alloc; nothing has changed then
    void forgetMirrors(Entity* top) { releaseAll(mirrorsTaken(top)); }
    /// The same in two steps: nobody is told before the second.
@@ -237,7 +237,7 @@ public:
    void applicationStarts() noexcept { applicationStarted_ = true; }
    void parkedIs(Sa& sa) { backlog_.addParked(sa); }
    /// What parked marks wait for may be there: the next drain looks at them again.
-   void parkedMayGoOn() noexcept { backlog_.lookAgainAtParked(); }
+   void lookAgainAtParked() noexcept { backlog_.lookAgainAtParked(); }
 
    using Counters = StreamCounters;
    Counters& counters() noexcept { return reports_.counters; }

@@ -77,7 +77,7 @@ void Demuxer::applyAnnouncement(Sa& sa, In& in) {
    } catch (std::bad_alloc const&) {
       applicationFailed(sa, in);
       // A full telling of the parent would not do: it leaves out the references to the member, which read null here.
-      askedAnewIs(announcedIn(in));
+      askAnew(announcedIn(in));
    } catch (...) {
       applicationFailed(sa, in);
       reserveFailed(announcedIn(in));
@@ -97,7 +97,7 @@ void Demuxer::reserveAnnounced(In const& in) {
 
 /// What `id` was announced for does not stand here as its owner thinks: he is asked to announce it under another identifier, and to tell
 /// again what refers to it. Without memory even to note that, the connection ends: the next one tells everything.
-void Demuxer::askedAnewIs(EntityId id) {
+void Demuxer::askAnew(EntityId id) {
    if (mirrors_.hasGone(id)) {
       countStale();
       return;
@@ -290,7 +290,7 @@ void Demuxer::readOrphan(In& in) {
    } catch (std::bad_alloc const& e) {
       ++counters().applicationExceptions;
       report([&] { return in.where() + ": orphan announcement: " + e.what(); });
-      askedAnewIs(announcedIn(in));
+      askAnew(announcedIn(in));
    } catch (std::exception const& e) {
       ++counters().badValues;
       report([&] { return in.where() + ": orphan announcement: " + e.what(); });

@@ -122,7 +122,7 @@ void Demuxer::announceRoot(Sa& sa) {
 }
 
 void Demuxer::writeAnnouncement(Sa& sa) {
-   if (!isWritten(*sa.entity(), [&] { sa.doSerializeOrphan(); }))
+   if (!writeAnnouncement(*sa.entity(), [&] { sa.doSerializeOrphan(); }))
       throw AttrLogRecordException("what it was made with could not be announced before it");
 }
 
@@ -241,7 +241,7 @@ void Demuxer::acknowledge() {
    acknowledgedAt_ = out_->bytesSent() + out_->pendingBytes();
 }
 
-void Demuxer::identifiersSettled() {
+void Demuxer::settleIdentifiers() {
    try {
       while (backlog_.hasReidentified()) {
          std::unordered_set<Entity const*> const targets = backlog_.takeReidentified();
@@ -292,7 +292,7 @@ void Demuxer::drainNow() {
    } const scope(*this);
    try {
       backlog_.payOwesAll();
-      identifiersSettled();
+      settleIdentifiers();
       backlog_.wakeParked();
       mirrors_.writeRefreshes(*out_, counters());
       while (FlowOut* const flow = backlog_.next()) {
@@ -305,7 +305,7 @@ void Demuxer::drainNow() {
          if (turn != Backlog::Turn::done)
             break;
          // What was told may have given an identifier that others wait for, or have retired one that they refer to.
-         identifiersSettled();
+         settleIdentifiers();
          backlog_.wakeParked();
       }
       writeRetirements();

@@ -214,7 +214,7 @@ template <class X> template <class A> void LevelSa<X>::dropHere(A a, typename A:
             a, [&] { A::drop(object(), key); }, key);
       });
       if (member)
-         demuxer.isNoMember(*member);
+         demuxer.releaseFormerMember(*member);
       failures.rethrow();
    } else {
       apply(
@@ -312,7 +312,7 @@ template <class X> template <class A> void LevelSa<X>::readMember(A a, In& in, b
       demuxer.bindInRecord(id, *member);
       // Also where no member has the name any more: others may refer to what the identifier stands for.
       if (isReplaced)
-         demuxer.askedAnewIs(id);
+         demuxer.askAnew(id);
    }
    failures.rethrow();
 }

@@ -328,7 +328,7 @@ Ptr<Entity::MoxNboAttrLogSa> LevelSa<X>::childAdapterIs(A, Mox_BitSet flags, Ptr
       }
    } discard{isNew ? sa.get() : nullptr};
 
-   bool const isWritten = demuxer.isWritten(*child, [&] {
+   bool const isWritten = demuxer.writeAnnouncement(*child, [&] {
       if (!sa->entityId().isAssigned())
          demuxer.assign(*sa);
       demuxer.beforeRecord();

@@ -207,7 +207,7 @@ void LinkEnd::bytesArrived(std::span<std::uint8_t const> bytes) noexcept {
          demuxer_.recordsEnd();
          exports_.retryDeferred();
          mounts_.finishSync();
-         demuxer_.identifiersSettled();
+         demuxer_.settleIdentifiers();
       } while (!mustEnd_ && demuxer_.in()->isQueued());
    } catch (std::exception const& e) {
       keepReason(failure_, e.what());
@@ -289,7 +289,7 @@ void LinkEnd::settleControl() {
 void LinkEnd::settleWaits() {
    while (demuxer_.isWaiting()) {
       Standstill const now{demuxer_.applied(), demuxer_.out()->recordsWritten()};
-      if (peers_ == now && demuxer_.waitsBroken()) {
+      if (peers_ == now && demuxer_.breakDeadlock()) {
          demuxer_.drain(); // which may write nothing but come upon the next mirror that it waits for
          continue;
       }

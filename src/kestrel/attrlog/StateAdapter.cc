@@ -126,7 +126,7 @@ void Sa::relaysSettle(Entity const& entity) noexcept {
          // What was withheld for the mirror's sake may go on where it is none any more. Not where it becomes one: an adapter that is
          // made for an attempt, and goes with it, would wake that attempt again for ever.
          if (!isMirrored && sa.demuxer_ != nullptr) {
-            sa.demuxer_->parkedMayGoOn();
+            sa.demuxer_->lookAgainAtParked();
             if (std::exchange(sa.hasLeftOut_, false))
                sa.owesAllIs();
          }
@@ -138,7 +138,7 @@ void Sa::relaysSettle(Entity const& entity) noexcept {
 void Sa::relaysWake() const noexcept {
    findAdapter(*entity_, [](Sa& sa) {
       if (sa.hasFlag(relays) && sa.demuxer_ != nullptr)
-         sa.demuxer_->parkedMayGoOn();
+         sa.demuxer_->lookAgainAtParked();
       return false;
    });
 }
