@@ -89,6 +89,25 @@ TEST(Memory, ThatFailsInAPassKeepsNobodyFromWhatHasChanged) {
             }
 }
 
+TEST(Memory, ThatFailsForAQuestionHasTheWholeEntityAskedForAndNothingElse) {
+   bool hasFailed = true;
+   for (std::size_t skipped = 0; hasFailed; ++skipped) {
+      SCOPED_TRACE(skipped);
+      Watched w(0, true);
+      hasFailed = failingOnce(skipped, [&] {
+         try {
+            w.theirs->phyConfigDel("port");
+         } catch (ReadOnlyException const&) {
+         }
+      });
+      w.link.right().bytesToSend();
+      EXPECT_EQ(w.link.right().demuxer().audit(), "");
+      w.link.settle();
+      EXPECT_EQ(diff(*w.ours, *w.theirs).size(), 0u);
+      EXPECT_EQ(w.link.right().demuxer().footprint().untold, 0u);
+   }
+}
+
 /// An exchange with everything that a link end does, of which one allocation fails. \return whether it came to that
 bool exchanged(std::size_t skipped) {
    LocalLink link;

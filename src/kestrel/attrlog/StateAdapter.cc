@@ -442,8 +442,9 @@ void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
             at->second.isOld = false;
       }
       if (isOpen && isBound) {
+         demuxer_->untoldNoticed(
+            *this); // first: what is in no list would stay unasked, although the whole entity is asked for
          notes.unasked.insert(std::move(mark));
-         demuxer_->untoldNoticed(*this);
       }
    } catch (std::bad_alloc const&) {
       owesAllIs();
@@ -453,8 +454,8 @@ void Sa::askOwner(NboAttrLog::Mark mark, bool isTold) noexcept {
 void Sa::askOwnerAgain(NboAttrLog::Mark const& mark) noexcept {
    try {
       notes_->untold.find(mark)->second.isOld = false;
+      demuxer_->untoldNoticed(*this); // first, as above
       notes_->unasked.insert(mark);
-      demuxer_->untoldNoticed(*this);
    } catch (std::bad_alloc const&) {
       owesAllIs();
    }
